@@ -1,0 +1,89 @@
+// The process-wide services every part consults: the settings table, the
+// logging gate in front of the application's logger, this machine's host
+// name, and the error reply built when a message cannot be delivered.
+//
+// The library never formats log text: the logger receives the level, the
+// format and the call's argument list, under one logging lock so that it is
+// never entered by two threads at once. Settings are insert-only: the first
+// value stored for a key wins, and every key of the table holds its default
+// from the moment the singleton exists.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+
+namespace UlmarComms {
+
+class MessageItem;
+
+class Core {
+public:
+    // The application's log sink: level, printf format, the call's va_list.
+    typedef void (*Logger)(int level, const char* format, char* args);
+
+    static const int LogVerbose = 0;
+    static const int LogMessage = 1;
+    static const int LogWarning = 2;
+    static const int LogError = 3;
+    static const int LogFatal = 4;
+
+    // The singleton, made with all defaults on first call and never destroyed.
+    static Core* instance();
+
+    // Stores a number setting unless the key already holds one.
+    void addSetting(const std::string& key, int value);
+    // Stores a text setting unless the key already holds one.
+    void addSetting(const std::string& key, const std::string& value);
+    // A number setting, or 0 when absent.
+    int getNumber(const std::string& key) const;
+    // A text setting, or a shared empty text when absent.
+    const std::string& getString(const std::string& key) const;
+    // All number settings, in key order.
+    const std::map<std::string, int>& numberSettings() const { return m_numbers; }
+    // All text settings, in key order.
+    const std::map<std::string, std::string>& stringSettings() const { return m_strings; }
+
+    // Replaces a setting that already exists; only the start argument uses
+    // this, before any part of the runtime has read a setting.
+    void overrideSetting(const std::string& key, int value);
+    // Text form of overrideSetting.
+    void overrideSetting(const std::string& key, const std::string& value);
+
+    // This machine's host name, asked of the system once and cached.
+    const std::string& getHostName();
+    // Replaces the cached host name.
+    void setHostName(const std::string& name);
+
+    // Installs the application's logger; null switches logging off.
+    static int setLogger(Logger logger);
+    // Sets the lowest level passed to the logger.
+    static int setLoggingLevel(int level);
+    // The lowest level passed to the logger.
+    static int getLoggingLevel();
+    // Logs at LogMessage.
+    static void message(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    // Logs at LogVerbose.
+    static void verbose(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    // Logs at the given level.
+    static void log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+    // Builds (does not send) the error reply to an undeliverable message.
+    // Consumes `failed` when it has no "from" or no sender id; otherwise the
+    // caller keeps it.
+    MessageItem* errorOut(MessageItem* failed, int code);
+
+private:
+    Core();
+    void installDefaults();
+
+    // The logger and level are plain stores; atomics keep readers on other
+    // threads well defined without a lock.
+    std::atomic<Logger> m_logger;
+    std::atomic<int> m_loggingLevel;
+    std::string m_hostName;
+    std::map<std::string, std::string> m_strings;
+    std::map<std::string, int> m_numbers;
+};
+
+} // namespace UlmarComms

@@ -1,0 +1,142 @@
+// Recursive mutexes, the scoped locker, the wake-up condition and the
+// deliberately unimplemented read-write mutex.
+#include "platform/mutex.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <sys/time.h>
+
+// glibc's assertion handler, declared here so that the abort below happens in
+// release builds too (<cassert> hides it under NDEBUG).
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((noreturn));
+
+// The read-write mutex aborts with exactly this assertion text and file name.
+#define ULMAR_NOT_IMPLEMENTED() \
+    __assert_fail("false&&\"Not implemented!\"", "src/mutex", __LINE__, __func__)
+
+namespace UlmarCommsSystem {
+
+Mutex::Mutex()
+{
+    pthread_mutexattr_init(&m_attr);
+    pthread_mutexattr_settype(&m_attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&m_mutex, &m_attr);
+}
+
+Mutex::~Mutex()
+{
+    pthread_mutex_destroy(&m_mutex);
+    pthread_mutexattr_destroy(&m_attr);
+}
+
+int Mutex::lock() { return pthread_mutex_lock(&m_mutex); }
+
+int Mutex::release() { return pthread_mutex_unlock(&m_mutex); }
+
+bool Mutex::tryLock() { return pthread_mutex_trylock(&m_mutex) == 0; }
+
+MutexLocker::MutexLocker(Mutex* mutex) : m_pMutex(mutex)
+{
+    m_pMutex->lock();
+}
+
+MutexLocker::MutexLocker(Mutex& mutex) : m_pMutex(&mutex)
+{
+    m_pMutex->lock();
+}
+
+MutexLocker::~MutexLocker()
+{
+    m_pMutex->release();
+    m_pMutex = nullptr;
+}
+
+ConditionValue::ConditionValue() : m_valid(false)
+{
+    if (pthread_mutexattr_init(&m_attr) != 0)
+        return;
+    if (pthread_mutexattr_settype(&m_attr, PTHREAD_MUTEX_RECURSIVE) != 0)
+        return;
+    if (pthread_mutex_init(&m_mutex, &m_attr) != 0)
+        return;
+    if (pthread_cond_init(&m_cond, nullptr) != 0)
+        return;
+    m_valid = true;
+}
+
+ConditionValue::~ConditionValue()
+{
+    if (!m_valid)
+        return;
+    pthread_cond_destroy(&m_cond);
+    pthread_mutex_destroy(&m_mutex);
+    pthread_mutexattr_destroy(&m_attr);
+}
+
+bool ConditionValue::wait()
+{
+    if (!m_valid)
+        return false;
+    if (pthread_mutex_lock(&m_mutex) != 0)
+        return true; // a failed lock reports success; callers loop anyway
+    const int waited = pthread_cond_wait(&m_cond, &m_mutex);
+    if (waited != 0)
+        std::printf("pthread_cond_wait() returned %d\n", waited);
+    const int unlocked = pthread_mutex_unlock(&m_mutex);
+    return waited == 0 && unlocked == 0;
+}
+
+bool ConditionValue::timedWait(unsigned ms)
+{
+    if (!m_valid)
+        return false;
+    if (pthread_mutex_lock(&m_mutex) != 0)
+        return true;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    // No carry into the seconds: a nanosecond part of a second or more is
+    // refused by the wait (EINVAL), so only short delays really wait.
+    struct timespec deadline;
+    deadline.tv_sec = now.tv_sec;
+    deadline.tv_nsec = (static_cast<long>(ms) * 1000 + now.tv_usec) * 1000;
+    const int waited = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
+    pthread_mutex_unlock(&m_mutex);
+    return waited == 0 || waited == ETIMEDOUT;
+}
+
+bool ConditionValue::signal()
+{
+    if (!m_valid)
+        return false;
+    return pthread_cond_signal(&m_cond) == 0;
+}
+
+bool ConditionValue::broadcast()
+{
+    if (!m_valid)
+        return false;
+    return pthread_cond_broadcast(&m_cond) == 0;
+}
+
+ReadWriteMutex::ReadWriteMutex() { ULMAR_NOT_IMPLEMENTED(); }
+ReadWriteMutex::~ReadWriteMutex() { ULMAR_NOT_IMPLEMENTED(); }
+void ReadWriteMutex::lock(LockType) { ULMAR_NOT_IMPLEMENTED(); }
+void ReadWriteMutex::release() { ULMAR_NOT_IMPLEMENTED(); }
+
+ReadWriteMutexLocker::ReadWriteMutexLocker(ReadWriteMutex* mutex, ReadWriteMutex::LockType type)
+    : m_pMutex(mutex)
+{
+    m_pMutex->lock(type);
+}
+
+ReadWriteMutexLocker::ReadWriteMutexLocker(ReadWriteMutex& mutex, ReadWriteMutex::LockType type)
+    : m_pMutex(&mutex)
+{
+    m_pMutex->lock(type);
+}
+
+ReadWriteMutexLocker::~ReadWriteMutexLocker() { m_pMutex->release(); }
+
+} // namespace UlmarCommsSystem
