@@ -15,12 +15,14 @@ namespace UlmarCommsSystem {
 class Thread {
 public:
     Thread();
-    virtual ~Thread();
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
-    // The thread body.
+    // The thread body. Declared before the destructor: the virtual slots are
+    // run, destructor, start, waitToFinish, in that order.
     virtual unsigned run() = 0;
+    // Does not cancel or join the thread.
+    virtual ~Thread();
     // Creates the POSIX thread running run(); false (and logged) on failure.
     virtual bool start();
     // Joins the thread; its result is discarded.
