@@ -21,9 +21,10 @@ UlmarCommsSystem::Mutex loggingProtection;
 const std::string emptyString;
 
 // Hands one call's arguments to the application's logger under the lock.
-void deliver(Core::Logger logger, int level, const char* format, va_list args)
+void deliver(UlmarCommsSystem::Mutex* lock, Core::Logger logger, int level, const char* format,
+             va_list args)
 {
-    UlmarCommsSystem::MutexLocker locker(loggingProtection);
+    UlmarCommsSystem::MutexLocker locker(lock);
     // The logger receives the platform's va_list as char*, as applications
     // of this library expect.
     logger(level, format, reinterpret_cast<char*>(args));
@@ -31,7 +32,7 @@ void deliver(Core::Logger logger, int level, const char* format, va_list args)
 
 } // namespace
 
-Core::Core() : m_logger(nullptr), m_loggingLevel(LogWarning)
+Core::Core() : m_logger(nullptr), m_pLoggingProtection(&loggingProtection), m_loggingLevel(LogWarning)
 {
     installDefaults();
 }
@@ -146,7 +147,7 @@ void Core::message(const char* format, ...)
         return;
     va_list args;
     va_start(args, format);
-    deliver(logger, LogMessage, format, args);
+    deliver(core->m_pLoggingProtection, logger, LogMessage, format, args);
     va_end(args);
 }
 
@@ -158,7 +159,7 @@ void Core::verbose(const char* format, ...)
         return;
     va_list args;
     va_start(args, format);
-    deliver(logger, LogVerbose, format, args);
+    deliver(core->m_pLoggingProtection, logger, LogVerbose, format, args);
     va_end(args);
 }
 
@@ -170,7 +171,7 @@ void Core::log(int level, const char* format, ...)
         return;
     va_list args;
     va_start(args, format);
-    deliver(logger, level, format, args);
+    deliver(core->m_pLoggingProtection, logger, level, format, args);
     va_end(args);
 }
 

@@ -13,6 +13,10 @@
 #include <map>
 #include <string>
 
+namespace UlmarCommsSystem {
+class Mutex;
+}
+
 namespace UlmarComms {
 
 class MessageItem;
@@ -44,8 +48,9 @@ public:
     // All text settings, in key order.
     const std::map<std::string, std::string>& stringSettings() const { return m_strings; }
 
-    // Replaces a setting that already exists; only the start argument uses
-    // this, before any part of the runtime has read a setting.
+    // Replaces a setting even if it exists. Not reachable through the C
+    // interface, whose setters stay insert-only; meant for tools and tests
+    // that configure the process before any part of the runtime reads it.
     void overrideSetting(const std::string& key, int value);
     // Text form of overrideSetting.
     void overrideSetting(const std::string& key, const std::string& value);
@@ -80,6 +85,9 @@ private:
     // The logger and level are plain stores; atomics keep readers on other
     // threads well defined without a lock.
     std::atomic<Logger> m_logger;
+    // The file-scope logging lock (it lives from library load to unload,
+    // apart from the singleton); every call into the logger holds it.
+    UlmarCommsSystem::Mutex* m_pLoggingProtection;
     std::atomic<int> m_loggingLevel;
     std::string m_hostName;
     std::map<std::string, std::string> m_strings;
