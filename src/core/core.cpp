@@ -177,6 +177,8 @@ void Core::log(int level, const char* format, ...)
 
 MessageItem* Core::errorOut(MessageItem* failed, int code)
 {
+    if (failed == nullptr)
+        return nullptr;
     const char* from = failed->value(MessageItem::ArgumentKey_From);
     if (from == nullptr) {
         log(LogError, "Core::errorOut( %p, %d ) No From.\n", static_cast<void*>(failed), code);
@@ -195,12 +197,13 @@ MessageItem* Core::errorOut(MessageItem* failed, int code)
     char codeText[16];
     std::snprintf(codeText, sizeof(codeText), "%d", code);
     const char* to = failed->value(MessageItem::ArgumentKey_To);
-    // A failed message always has a "to" in practice; an absent one is sent
-    // back as empty rather than failing the whole reply.
-    const bool built = reply->add(MessageItem::ArgumentKey_To, from)
-        && reply->add(MessageItem::ArgumentKey_ResponseId, senderId)
-        && reply->add(MessageItem::ArgumentKey_From, to != nullptr ? to : "")
-        && reply->add(MessageItem::ArgumentKey_Mode, MessageItem::Mode_ErrorText)
+    bool built = reply->add(MessageItem::ArgumentKey_To, from)
+        && reply->add(MessageItem::ArgumentKey_ResponseId, senderId);
+    // A failed message without a "to" gets a reply without a "from": the
+    // pair is skipped rather than invented as an empty address.
+    if (built && to != nullptr)
+        built = reply->add(MessageItem::ArgumentKey_From, to);
+    built = built && reply->add(MessageItem::ArgumentKey_Mode, MessageItem::Mode_ErrorText)
         && reply->add(MessageItem::ArgumentKey_SenderId, "0")
         && reply->add(MessageItem::ArgumentKey_ErrorRoutingHostId, getHostName().c_str())
         && reply->add(MessageItem::ArgumentKey_Method, codeText);
