@@ -5,7 +5,14 @@
 #include "messaging/messaging.h"
 #include "platform/mutex.h"
 
+#include "core/address.h"
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
 #include <cstdarg>
+#include <cstdlib>
+#include <vector>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -43,33 +50,145 @@ Core* Core::instance()
     return s_instance;
 }
 
+namespace {
+
+// The settings table: every key with its type and default, in order.
+struct DefaultSetting {
+    const char* key;
+    bool isNumber;
+    int number;
+    const char* text;
+};
+
+const DefaultSetting kDefaultSettings[] = {
+    {"socket.selection.timeout", true, 500, nullptr},
+    {"socket.selection.noworkerthreads", true, 1, nullptr},
+    {"socket.selection.systemmode.noworkerthreads", true, 1, nullptr},
+    {"dataframehandler.inbound.size", true, 4096, nullptr},
+    {"dataframehandler.outbound.size", true, 4096, nullptr},
+    {"socketmessagerouterproxy.inbound.size", true, 4096, nullptr},
+    {"socketmessagerouterproxy.outbound.size", true, 4096, nullptr},
+    {"socketsystemrouterproxy.inbound.size", true, 4096, nullptr},
+    {"socketsystemrouterproxy.outbound.size", true, 4096, nullptr},
+    {"ulmar.systemrouter.ip4", true, 0, nullptr},
+    {"ulmar.systemrouter.ip4.port", false, 0, "13001"},
+    {"ulmar.systemrouter.ip4.addresses", false, 0, "127.0.0.1"},
+    {"ulmar.systemrouter.pipe", true, 1, nullptr},
+    {"ulmar.systemrouter.pipe.name", false, 0, "ulmarcomms"},
+    {"ulmar.networkrouter", true, 0, nullptr},
+    {"ulmar.networkrouter.discovery", true, 0, nullptr},
+    {"ulmar.networkrouter.discovery.timeout", true, 5000, nullptr},
+    {"ulmar.networkrouter.isMaster", true, 0, nullptr},
+    {"ulmar.networkrouter.isLowerOrder", true, 0, nullptr},
+    {"ulmar.networkrouter.inStelthMode", true, 0, nullptr},
+    {"ulmar.networkrouter.ip4", true, 1, nullptr},
+    {"ulmar.networkrouter.ip4.networks", false, 0, "*"},
+    {"ulmar.networkrouter.ip4.addresses", false, 0, "*"},
+    {"ulmar.networkrouter.ip4.port", false, 0, "34001"},
+    {"ulmar.networkrouter.ip6", true, 0, nullptr},
+};
+
+const DefaultSetting* findDefault(const std::string& key)
+{
+    for (const DefaultSetting& setting : kDefaultSettings) {
+        if (key == setting.key)
+            return &setting;
+    }
+    return nullptr;
+}
+
+std::string trimmed(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string::npos)
+        return std::string();
+    const size_t last = text.find_last_not_of(" \t\r\n");
+    return text.substr(first, last - first + 1);
+}
+
+// A whole decimal int, optionally signed; nothing else.
+bool parseDecimal(const std::string& text, int& value)
+{
+    if (text.empty())
+        return false;
+    errno = 0;
+    char* end = nullptr;
+    const long parsed = std::strtol(text.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || parsed < INT_MIN || parsed > INT_MAX || std::isspace(static_cast<unsigned char>(text[0])))
+        return false;
+    value = static_cast<int>(parsed);
+    return true;
+}
+
+// One parsed override.
+struct Override {
+    const DefaultSetting* setting;
+    int number;
+    std::string text;
+};
+
+// Parses one "key=value" item; an empty result with a reason on refusal.
+bool parseItem(const std::string& item, Override& out, const char*& reason)
+{
+    std::string key;
+    std::string value;
+    if (!splitOn(item, "=", key, value)) {
+        reason = "no '='";
+        return false;
+    }
+    key = trimmed(key);
+    value = trimmed(value);
+    out.setting = findDefault(key);
+    if (out.setting == nullptr) {
+        reason = "unknown setting";
+        return false;
+    }
+    if (out.setting->isNumber && !parseDecimal(value, out.number)) {
+        reason = "not a decimal number";
+        return false;
+    }
+    out.text = value;
+    return true;
+}
+
+} // namespace
+
 void Core::installDefaults()
 {
-    addSetting("socket.selection.timeout", 500);
-    addSetting("socket.selection.noworkerthreads", 1);
-    addSetting("socket.selection.systemmode.noworkerthreads", 1);
-    addSetting("dataframehandler.inbound.size", 4096);
-    addSetting("dataframehandler.outbound.size", 4096);
-    addSetting("socketmessagerouterproxy.inbound.size", 4096);
-    addSetting("socketmessagerouterproxy.outbound.size", 4096);
-    addSetting("socketsystemrouterproxy.inbound.size", 4096);
-    addSetting("socketsystemrouterproxy.outbound.size", 4096);
-    addSetting("ulmar.systemrouter.ip4", 0);
-    addSetting("ulmar.systemrouter.ip4.port", std::string("13001"));
-    addSetting("ulmar.systemrouter.ip4.addresses", std::string("127.0.0.1"));
-    addSetting("ulmar.systemrouter.pipe", 1);
-    addSetting("ulmar.systemrouter.pipe.name", std::string("ulmarcomms"));
-    addSetting("ulmar.networkrouter", 0);
-    addSetting("ulmar.networkrouter.discovery", 0);
-    addSetting("ulmar.networkrouter.discovery.timeout", 5000);
-    addSetting("ulmar.networkrouter.isMaster", 0);
-    addSetting("ulmar.networkrouter.isLowerOrder", 0);
-    addSetting("ulmar.networkrouter.inStelthMode", 0);
-    addSetting("ulmar.networkrouter.ip4", 1);
-    addSetting("ulmar.networkrouter.ip4.networks", std::string("*"));
-    addSetting("ulmar.networkrouter.ip4.addresses", std::string("*"));
-    addSetting("ulmar.networkrouter.ip4.port", std::string("34001"));
-    addSetting("ulmar.networkrouter.ip6", 0);
+    for (const DefaultSetting& setting : kDefaultSettings) {
+        if (setting.isNumber)
+            addSetting(setting.key, setting.number);
+        else
+            addSetting(setting.key, std::string(setting.text));
+    }
+}
+
+// Every item is checked before any is applied, so a refused argument changes
+// nothing. Overrides replace the value outright: they are the one exception
+// to the insert-only rule, applied before start-up reads any setting.
+bool Core::applyStartArgument(const std::string& arg)
+{
+    std::vector<std::string> items;
+    splitOn(arg, ";", items);
+    std::vector<Override> overrides;
+    for (const std::string& item : items) {
+        if (trimmed(item).empty())
+            continue;
+        Override parsed{};
+        const char* reason = "";
+        if (!parseItem(item, parsed, reason)) {
+            log(LogError, "Core::applyStartArgument() Refused start argument item '%s': %s.\n", item.c_str(), reason);
+            return false;
+        }
+        overrides.push_back(parsed);
+    }
+    for (const Override& item : overrides) {
+        if (item.setting->isNumber)
+            overrideSetting(item.setting->key, item.number);
+        else
+            overrideSetting(item.setting->key, item.text);
+    }
+    return true;
 }
 
 void Core::addSetting(const std::string& key, int value)

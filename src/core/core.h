@@ -54,6 +54,10 @@ public:
     void overrideSetting(const std::string& key, int value);
     // Text form of overrideSetting.
     void overrideSetting(const std::string& key, const std::string& value);
+    // Applies a start argument "key=value;..." of table keys (blank items
+    // ignored, blanks trimmed); false, logged and nothing changed when any
+    // item is refused.
+    bool applyStartArgument(const std::string& arg);
 
     // This machine's host name, asked of the system once and cached.
     const std::string& getHostName();
