@@ -1,0 +1,156 @@
+// The data frame every stream link carries, and the link command record.
+//
+// A frame is a 9-byte big-endian header (type, payload size, id) followed by
+// the payload: one serialised MessageItem or one command record. The same
+// class builds frames for sending (header and payload in the buffer) and
+// reassembles received frames from pieces of any size (header first, then
+// the payload from position 0 of the buffer, overwriting the header bytes).
+//
+// Frames carry no magic, version or checksum, so a peer that lies in a
+// header can make the receiver allocate whatever it announces. The receive
+// side therefore refuses a payload above MaxDataSize before allocating it
+// and then stays refused: the bytes after a refused header cannot be framed
+// again, so the only way on is to end the link.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace UlmarComms {
+
+class MessageItem;
+
+// The record a command frame carries: code (1 byte), text length L with the
+// NUL (4 bytes, big-endian), the text and its NUL. Static operations only.
+class CommandMessage {
+public:
+    // No command.
+    static constexpr unsigned char None = 0;
+    // A process router announces one of its pumps to the system router.
+    static constexpr unsigned char AddMessagePump = 1;
+    // A process router withdraws one of its pumps.
+    static constexpr unsigned char RemoveMessagePump = 2;
+    // A process router announces interface names served by one of its pumps.
+    static constexpr unsigned char AddInterfaceNamesToMessagePump = 3;
+    // Opens a network link: the connecting host tells its name.
+    static constexpr unsigned char NetworkHostName = 100;
+    // Answers NetworkHostName with the accepting host's name.
+    static constexpr unsigned char NetworkHostNameReply = 101;
+
+    // Bytes toBuffer needs for this text: strlen + 6; 1 for a null text.
+    static unsigned calcBuffer(const char* text);
+    // Writes the record; written receives its size. False for a null
+    // buffer or too little capacity.
+    static bool toBuffer(unsigned& written, unsigned char code, const char* text,
+                         unsigned char* buffer, unsigned capacity);
+    // Reads a record; the text keeps its NUL as last character. False for
+    // fewer than 5 bytes, a null buffer or a text running past size.
+    static bool fromBuffer(const unsigned char* buffer, unsigned size, unsigned char& code,
+                           std::string& text);
+};
+
+// One frame, built for sending or being reassembled from a stream.
+class DataFrame {
+public:
+    // Frame types (the first header byte).
+    static constexpr unsigned char FrameTypeNone = 0;
+    // The payload is a serialised MessageItem.
+    static constexpr unsigned char FrameTypeMessage = 1;
+    // The payload is a command record.
+    static constexpr unsigned char FrameTypeCommand = 2;
+
+    // Bytes of the header.
+    static constexpr unsigned HeaderSize = 9;
+    // Buffer every frame starts with.
+    static constexpr unsigned InitialBufferSize = 4096;
+    // Largest payload a frame is built with or accepted with. It bounds the
+    // memory one peer can make us allocate with a single header (frames are
+    // allocated whole before their payload arrives); real messages are a
+    // few kilobytes, so the bound never touches honest traffic.
+    static constexpr unsigned MaxDataSize = 64u * 1024u * 1024u;
+
+    // Why readIn refused a stream; the state is sticky.
+    enum ReadError {
+        ReadErrorNone = 0,      // the stream is usable
+        ReadErrorTooLarge = 1,  // a header announced more than MaxDataSize
+        ReadErrorNoMemory = 2,  // the payload buffer could not be allocated
+    };
+
+    // An empty frame with a fresh 4096-byte buffer.
+    DataFrame();
+    // A message frame; check frameType() for the insertion's outcome.
+    DataFrame(unsigned id, const MessageItem* item);
+    // A command frame; check frameType() for the insertion's outcome.
+    DataFrame(unsigned id, unsigned char code, const char* text);
+    // Frees the buffer.
+    ~DataFrame();
+    DataFrame(const DataFrame&) = delete;
+    DataFrame& operator=(const DataFrame&) = delete;
+
+    // reset(), then a fresh buffer of InitialBufferSize (construction only).
+    void clear();
+    // Forgets the frame (type, size, id, progress); keeps the buffer and a
+    // read rejection.
+    void reset();
+    // Ensures the buffer holds size bytes (contents not kept); buffers only
+    // grow. False when memory ran out or size exceeds a whole maximal frame.
+    bool alloc(unsigned size);
+
+    // The frame type.
+    unsigned char frameType() const { return m_frameType; }
+    // The payload size.
+    unsigned dataSize() const { return m_dataSize; }
+    // The sender's frame number.
+    unsigned id() const { return m_id; }
+    // The buffer's capacity in bytes.
+    unsigned capacity() const { return m_capacity; }
+
+    // Writes the 9-byte header.
+    static void writeHeaderToBuffer(unsigned char* buffer, unsigned char type, unsigned size,
+                                    unsigned id);
+    // Reads the 9-byte header.
+    static void readHeaderFromBuffer(const unsigned char* buffer, unsigned char& type,
+                                     unsigned& size, unsigned& id);
+
+    // Builds a message frame; false (and logged) on failure.
+    bool insertMessage(unsigned id, const MessageItem* item);
+    // Builds a command frame; a null text always fails, "" does not.
+    bool insertCommand(unsigned id, unsigned char code, const char* text);
+
+    // Copies the next unsent piece, at most max bytes, to destination;
+    // progress does not move until doneWriteOut.
+    bool writeOut(unsigned char* destination, unsigned max, unsigned& count);
+    // Records count bytes as sent; true once the whole frame is out.
+    bool doneWriteOut(unsigned count);
+
+    // Takes bytes of the stream, never beyond the end of this frame.
+    // consumed tells how many were taken, complete whether the frame is
+    // whole. False for no input, and for a rejected stream (isRejected()).
+    bool readIn(const unsigned char* data, unsigned length, bool& complete, unsigned& consumed);
+    // Whether the stream was refused; the caller must end the link.
+    bool isRejected() const { return m_readError != ReadErrorNone; }
+    // Why the stream was refused.
+    ReadError readError() const { return m_readError; }
+
+    // Parses the received payload into an empty message.
+    bool extractMessage(MessageItem& item) const;
+    // Parses the received payload as a command record.
+    bool extractCommand(unsigned char& code, std::string& text) const;
+
+private:
+    bool reject(ReadError error);
+    bool payloadReadable() const;
+
+    uint8_t m_frameType;
+    uint32_t m_dataSize;
+    uint32_t m_id;
+    unsigned char* m_buffer;
+    uint32_t m_capacity;
+    uint32_t m_progress;
+    // The header is complete and the payload is being read. Kept apart from
+    // the frame type so that a header of type 0 cannot stall the stream.
+    bool m_inPayload;
+    ReadError m_readError;
+};
+
+} // namespace UlmarComms
