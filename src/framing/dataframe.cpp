@@ -294,28 +294,53 @@ bool DataFrame::readIn(const unsigned char* data, unsigned length, bool& complet
         if (m_progress < HeaderSize)
             return true;
         readHeaderFromBuffer(m_buffer, m_frameType, m_dataSize, m_id);
-        // Checked before allocating: the announced size is the peer's word.
+        // Checked before anything is allocated: the size is the peer's word.
         if (m_dataSize > MaxDataSize)
             return reject(ReadErrorTooLarge);
-        if (!alloc(m_dataSize))
-            return reject(ReadErrorNoMemory);
         m_progress = 0;
         m_inPayload = true;
         if (consumed == length)
             return true;
     }
     const unsigned piece = std::min(m_dataSize - m_progress, length - consumed);
-    if (piece > 0)
+    if (piece > 0) {
+        if (!reserveReceived(m_progress + piece))
+            return reject(ReadErrorNoMemory);
         std::memcpy(m_buffer + m_progress, data + consumed, piece);
+    }
     consumed += piece;
     m_progress += piece;
     complete = m_progress == m_dataSize;
     return true;
 }
 
+// Grows the receive buffer to hold needed payload bytes, keeping those
+// already received. Doubling keeps the copying linear in the frame size;
+// the announced size caps the growth, the bytes received drive it.
+bool DataFrame::reserveReceived(unsigned needed)
+{
+    if (m_capacity >= needed)
+        return true;
+    const uint64_t doubled = std::max<uint64_t>(uint64_t(m_capacity) * 2, InitialBufferSize);
+    const unsigned size =
+        static_cast<unsigned>(std::max<uint64_t>(needed, std::min<uint64_t>(doubled, m_dataSize)));
+    unsigned char* fresh = new (std::nothrow) unsigned char[size];
+    if (fresh == nullptr)
+        return false;
+    if (m_progress > 0)
+        std::memcpy(fresh, m_buffer, m_progress);
+    delete[] m_buffer;
+    m_buffer = fresh;
+    m_capacity = size;
+    return true;
+}
+
+// Only a whole received payload is parsed; anything else would read bytes
+// of another frame or of the header.
 bool DataFrame::payloadReadable() const
 {
-    return !isRejected() && m_dataSize <= m_capacity && m_buffer != nullptr;
+    return !isRejected() && m_inPayload && m_progress == m_dataSize && m_dataSize <= m_capacity
+        && (m_buffer != nullptr || m_dataSize == 0);
 }
 
 bool DataFrame::extractMessage(MessageItem& item) const

@@ -6,11 +6,12 @@
 // reassembles received frames from pieces of any size (header first, then
 // the payload from position 0 of the buffer, overwriting the header bytes).
 //
-// Frames carry no magic, version or checksum, so a peer that lies in a
-// header can make the receiver allocate whatever it announces. The receive
-// side therefore refuses a payload above MaxDataSize before allocating it
-// and then stays refused: the bytes after a refused header cannot be framed
-// again, so the only way on is to end the link.
+// Frames carry no magic, version or checksum, so a peer can announce any
+// payload size. The receive side refuses a payload above MaxDataSize before
+// allocating anything and then stays refused: the bytes after a refused
+// header cannot be framed again, so the only way on is to end the link.
+// Below the bound, the buffer grows with the bytes that actually arrive, so
+// a peer cannot make us hold memory it has only announced.
 #pragma once
 
 #include <cstdint>
@@ -63,10 +64,10 @@ public:
     static constexpr unsigned HeaderSize = 9;
     // Buffer every frame starts with.
     static constexpr unsigned InitialBufferSize = 4096;
-    // Largest payload a frame is built with or accepted with. It bounds the
-    // memory one peer can make us allocate with a single header (frames are
-    // allocated whole before their payload arrives); real messages are a
-    // few kilobytes, so the bound never touches honest traffic.
+    // Largest payload a frame is built with or accepted with: it bounds the
+    // memory one peer's frame can take (the receive buffer follows the
+    // bytes received up to this size). Real messages are a few kilobytes,
+    // so the bound never touches honest traffic.
     static constexpr unsigned MaxDataSize = 64u * 1024u * 1024u;
 
     // Why readIn refused a stream; the state is sticky.
@@ -84,6 +85,7 @@ public:
     DataFrame(unsigned id, unsigned char code, const char* text);
     // Frees the buffer.
     ~DataFrame();
+    // Owns its buffer: not copyable.
     DataFrame(const DataFrame&) = delete;
     DataFrame& operator=(const DataFrame&) = delete;
 
@@ -125,20 +127,23 @@ public:
 
     // Takes bytes of the stream, never beyond the end of this frame.
     // consumed tells how many were taken, complete whether the frame is
-    // whole. False for no input, and for a rejected stream (isRejected()).
+    // whole. False for no input, and for a rejected stream (isRejected()):
+    // retrying that never succeeds, so the caller ends the link instead.
     bool readIn(const unsigned char* data, unsigned length, bool& complete, unsigned& consumed);
     // Whether the stream was refused; the caller must end the link.
     bool isRejected() const { return m_readError != ReadErrorNone; }
     // Why the stream was refused.
     ReadError readError() const { return m_readError; }
 
-    // Parses the received payload into an empty message.
+    // Parses the payload of a completely received frame into an empty
+    // message.
     bool extractMessage(MessageItem& item) const;
-    // Parses the received payload as a command record.
+    // Parses the payload of a completely received frame as a command.
     bool extractCommand(unsigned char& code, std::string& text) const;
 
 private:
     bool reject(ReadError error);
+    bool reserveReceived(unsigned needed);
     bool payloadReadable() const;
 
     uint8_t m_frameType;

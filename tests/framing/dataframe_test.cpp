@@ -553,13 +553,53 @@ TEST_F(DataFrameLogTest, OversizedHeaderIsRefusedWithoutAllocatingAndStaysRefuse
     EXPECT_FALSE(g_formats.empty()) << "the refusal is logged";
 }
 
-TEST(DataFrameReceive, APayloadAtTheLimitIsAccepted)
+TEST(DataFrameReceive, MemoryFollowsTheBytesReceivedNotTheAnnouncedSize)
 {
-    const Bytes stream = header(DataFrame::FrameTypeCommand, DataFrame::MaxDataSize, 1);
+    Bytes stream = header(DataFrame::FrameTypeCommand, DataFrame::MaxDataSize, 1);
     DataFrame frame;
     bool complete = false;
     unsigned consumed = 0;
-    ASSERT_TRUE(frame.readIn(stream.data(), 9, complete, consumed));
+    ASSERT_TRUE(frame.readIn(stream.data(), 9, complete, consumed)) << "the limit itself is accepted";
     EXPECT_FALSE(frame.isRejected());
-    EXPECT_EQ(frame.capacity(), DataFrame::MaxDataSize);
+    EXPECT_EQ(frame.capacity(), DataFrame::InitialBufferSize);
+
+    const Bytes chunk(20000, 0x5A);
+    ASSERT_TRUE(frame.readIn(chunk.data(), 20000, complete, consumed));
+    EXPECT_EQ(consumed, 20000u);
+    EXPECT_FALSE(complete);
+    EXPECT_GE(frame.capacity(), 20000u);
+    EXPECT_LE(frame.capacity(), 2u * 20000u);
+}
+
+TEST(DataFrameReceive, GrowingKeepsThePayloadReceivedSoFar)
+{
+    MessagePtr item = makeMessage({{"big", std::string(50000, 'q')}, {"tail", "end"}});
+    DataFrame sent(11, item.get());
+    const Bytes stream = wireBytes(sent);
+    std::vector<unsigned> pieces;
+    for (size_t left = stream.size(); left > 0;) {
+        const unsigned piece = static_cast<unsigned>(std::min<size_t>(left, 1500));
+        pieces.push_back(piece);
+        left -= piece;
+    }
+    const std::vector<Received> got = reassemble(stream, pieces);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].payload, messageForm(*item));
+}
+
+TEST(DataFrameReceive, AnIncompleteFrameIsNotExtracted)
+{
+    DataFrame sent(3, 7, "abcdef");
+    const Bytes stream = wireBytes(sent);
+    DataFrame frame;
+    bool complete = true;
+    unsigned consumed = 0;
+    ASSERT_TRUE(frame.readIn(stream.data(), static_cast<unsigned>(stream.size()) - 1, complete, consumed));
+    EXPECT_FALSE(complete);
+    unsigned char code = 0;
+    std::string text;
+    EXPECT_FALSE(frame.extractCommand(code, text));
+    ASSERT_TRUE(frame.readIn(&stream.back(), 1, complete, consumed));
+    EXPECT_TRUE(complete);
+    EXPECT_TRUE(frame.extractCommand(code, text));
 }
