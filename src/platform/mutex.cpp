@@ -88,22 +88,69 @@ bool ConditionValue::wait()
     return waited == 0 && unlocked == 0;
 }
 
+namespace {
+
+// No carry into the seconds: a nanosecond part of a second or more is
+// refused by the wait (EINVAL), so only short delays really wait.
+struct timespec deadlineAfter(unsigned ms)
+{
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    struct timespec deadline;
+    deadline.tv_sec = now.tv_sec;
+    deadline.tv_nsec = (static_cast<long>(ms) * 1000 + now.tv_usec) * 1000;
+    return deadline;
+}
+
+// Releases a locked mutex when the scope ends, also when a cancelled wait
+// unwinds the thread with the mutex re-acquired.
+class UnlockOnExit {
+public:
+    explicit UnlockOnExit(pthread_mutex_t* mutex) : m_mutex(mutex) {}
+    ~UnlockOnExit() { pthread_mutex_unlock(m_mutex); }
+    UnlockOnExit(const UnlockOnExit&) = delete;
+    UnlockOnExit& operator=(const UnlockOnExit&) = delete;
+
+private:
+    pthread_mutex_t* m_mutex;
+};
+
+} // namespace
+
 bool ConditionValue::timedWait(unsigned ms)
 {
     if (!m_valid)
         return false;
     if (pthread_mutex_lock(&m_mutex) != 0)
         return true;
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    // No carry into the seconds: a nanosecond part of a second or more is
-    // refused by the wait (EINVAL), so only short delays really wait.
-    struct timespec deadline;
-    deadline.tv_sec = now.tv_sec;
-    deadline.tv_nsec = (static_cast<long>(ms) * 1000 + now.tv_usec) * 1000;
+    const struct timespec deadline = deadlineAfter(ms);
     const int waited = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
     pthread_mutex_unlock(&m_mutex);
     return waited == 0 || waited == ETIMEDOUT;
+}
+
+bool ConditionValue::timedWaitUnless(unsigned ms, bool (*ready)(void* context), void* context)
+{
+    if (!m_valid)
+        return false;
+    if (pthread_mutex_lock(&m_mutex) != 0)
+        return true;
+    UnlockOnExit unlock(&m_mutex);
+    if (ready != nullptr && ready(context))
+        return true;
+    const struct timespec deadline = deadlineAfter(ms);
+    const int waited = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
+    return waited == 0 || waited == ETIMEDOUT;
+}
+
+bool ConditionValue::broadcastLocked()
+{
+    if (!m_valid)
+        return false;
+    if (pthread_mutex_lock(&m_mutex) != 0)
+        return broadcast();
+    UnlockOnExit unlock(&m_mutex);
+    return pthread_cond_broadcast(&m_cond) == 0;
 }
 
 bool ConditionValue::signal()

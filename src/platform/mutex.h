@@ -65,6 +65,14 @@ public:
     bool signal();
     // Wakes every waiter that is waiting now.
     bool broadcast();
+    // timedWait that first asks ready(context) under the condition's own mutex
+    // and returns true at once when it holds. Paired with broadcastLocked() by
+    // the waker, a wake-up cannot fall between the waiter's last check and its
+    // wait. Cancellation inside the wait leaves the mutex released.
+    bool timedWaitUnless(unsigned ms, bool (*ready)(void* context), void* context);
+    // broadcast() under the condition's mutex (the waker's half of
+    // timedWaitUnless).
+    bool broadcastLocked();
     // Whether construction fully succeeded; an invalid object never blocks.
     bool isValid() const { return m_valid; }
 
