@@ -6,10 +6,25 @@
 // is a set of reserved keys inside that list. Messages are reference counted
 // by hand and have no lock: one thread owns a message at a time, and messages
 // cross threads only through a router queue, whose lock orders the hand-over.
+//
+// Each process has one MessageRouter: a table of its pumps by address, a
+// queue and one worker thread that delivers every local message and so runs
+// every pump callback. Messages for pumps elsewhere go to the ISystemRouter
+// (the local link in an application, the system router in the service).
+// Ownership: a message handed to a post operation is the receiver's from then
+// on; a delivered message is released after the callback unless the callback
+// took a reference.
 #pragma once
 
+#include "core/address.h"
+#include "platform/mutex.h"
+#include "platform/thread.h"
+
+#include <atomic>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace UlmarComms {
 
@@ -116,6 +131,357 @@ private:
     uint32_t* m_valueLengths;
     int32_t m_count;
     std::string m_eventName;
+};
+
+class INetworkRouter;
+class IMessageRouter;
+class MessagePump;
+class MessageRouter;
+
+// Link command codes as the routers announce them; the same bytes travel in
+// command frames.
+enum LinkCommandCode : unsigned char {
+    LinkCommand_None = 0,
+    LinkCommand_AddMessagePump = 1,
+    LinkCommand_RemoveMessagePump = 2,
+    LinkCommand_AddInterfaceNamesToMessagePump = 3
+};
+
+// The per-machine router as a process router sees it.
+class ISystemRouter {
+public:
+    // Routers are deleted through this interface.
+    virtual ~ISystemRouter() = default;
+    // Starts routing.
+    virtual bool start() = 0;
+    // Stops routing.
+    virtual void finish() = 0;
+    // Registers a process router.
+    virtual bool add(IMessageRouter* router) = 0;
+    // Forgets a process router.
+    virtual bool remove(IMessageRouter* router) = 0;
+    // Takes the message when it returns true; on false the caller keeps it.
+    virtual bool post(MessageItem* message) = 0;
+    // A link command from a process router (codes: LinkCommandCode).
+    virtual void handleCommand(IMessageRouter* from, unsigned char command, const char* text) = 0;
+    // Attaches the router to other hosts; only the system router uses it.
+    virtual void setNetworkRouter(INetworkRouter*) {}
+};
+
+// A process router as the system router sees it.
+class IMessageRouter {
+public:
+    // Routers are deleted through this interface.
+    virtual ~IMessageRouter() = default;
+    // Attaches the system router; false for null.
+    virtual bool setSystemRouter(ISystemRouter* systemRouter) = 0;
+    // Routes one message (see MessageRouter::post for ownership).
+    virtual bool post(MessageItem* message) = 0;
+    // A link command from the system router.
+    virtual void commandHandler(unsigned char command, const char* text) = 0;
+    // Announces the router's pumps again; the base has nothing to announce.
+    virtual bool sendRoutingTableToSystemRouter() { return true; }
+};
+
+// Intrusive FIFO of messages linked through MessageItem::m_pNext. It has no
+// lock of its own: its owner's queue lock guards it. Queued messages belong
+// to the queue.
+class MessageQueue {
+public:
+    MessageQueue();
+    // Releases messages still queued: nobody else can reach them any more.
+    ~MessageQueue();
+    MessageQueue(const MessageQueue&) = delete;
+    MessageQueue& operator=(const MessageQueue&) = delete;
+
+    // Appends; false (message untouched) when closed or null.
+    bool push(MessageItem* message);
+    // Unlinks the oldest message; null when closed or empty.
+    MessageItem* pop();
+    // Messages queued.
+    uint32_t count() const { return m_count; }
+    // Closes the queue for good: push and pop refuse from then on.
+    void lock() { m_closed = true; }
+
+private:
+    MessageItem* m_pHead;
+    MessageItem* m_pTail;
+    uint32_t m_count;
+    bool m_closed;
+};
+
+// The router's delivery thread ("router worker"): pops the queue and hands
+// each message to MessageRouter::processMessage.
+class MessageRouterWorker : public UlmarCommsSystem::Thread {
+public:
+    explicit MessageRouterWorker(MessageRouter* router);
+
+    // The delivery loop; returns true (1) when shut down.
+    unsigned run() override;
+    // Sets running and starts the thread; false without a router.
+    bool start() override;
+    // Wakes the worker: a message was queued.
+    void kick();
+    // Stops the loop and joins the thread.
+    void shutdown();
+
+private:
+    // The wait predicate: work was announced since the worker last looked.
+    static bool hasPendingWork(void* worker);
+    // One message through the router; an escaping exception is dropped.
+    void deliver(MessageItem* message);
+
+    MessageRouter* m_pRouter;
+    std::atomic<bool> m_running;
+    UlmarCommsSystem::ConditionValue m_condition;
+    // Set by kick(), cleared by the worker just before its last look at the
+    // queue; checked under the condition's mutex so a kick is never lost.
+    std::atomic<bool> m_pending;
+};
+
+// One entry of a router's table: a pump and its parsed address.
+struct MessageRouterEntry {
+    // The pump's address as parsed when it joined.
+    Address address;
+    // The pump (not owned).
+    MessagePump* pump;
+};
+
+// The per-process router: table of pumps, queue and worker.
+//
+// Threads: application threads call add, remove, changeInterfaceNames and
+// post; link threads call post and sendRoutingTableToSystemRouter; the
+// worker calls processMessage and so runs every pump callback.
+class MessageRouter : public IMessageRouter {
+public:
+    MessageRouter();
+    // Kills a worker still running, releases queued messages, frees the table.
+    ~MessageRouter() override;
+    MessageRouter(const MessageRouter&) = delete;
+    MessageRouter& operator=(const MessageRouter&) = delete;
+
+    // Stores a non-null system router and registers with it (its add result).
+    bool setSystemRouter(ISystemRouter* systemRouter) override;
+    // The system router, or null.
+    ISystemRouter* systemRouter() const { return m_pSystemRouter; }
+    // Starts the worker; false without a system router or when it fails.
+    bool start();
+    // Stops and joins the worker; false when not started or called from a
+    // callback (the worker cannot join itself).
+    bool finish();
+    // Whether a worker exists.
+    bool isStarted();
+
+    // Appends the pump to the table and announces it (with its interfaces).
+    bool add(MessagePump* pump);
+    // Announces the removal and drops the pump's entry (the last entry takes
+    // its slot). Once it returns, the worker no longer touches the pump.
+    bool remove(MessagePump* pump);
+    // Announces the pump's interface list; false without a system router.
+    bool changeInterfaceNames(MessagePump* pump, const char* names);
+    // The best local pump for an address, or null (other host, no match).
+    MessagePump* findTargetMessagePump(const char* to);
+    // Pumps in the table.
+    unsigned numberOfPumps();
+
+    // Routes one message: local pumps through the queue, others to the system
+    // router. False and released when not started; false and NOT released
+    // when the system router refused it (the caller still owns it).
+    bool post(MessageItem* message) override;
+    // post() that also says whether the message was taken (queued, forwarded
+    // or released); when consumed is false the caller still owns it.
+    bool post(MessageItem* message, bool& consumed);
+    // Delivers one message to its pump (worker thread); always consumes it.
+    bool processMessage(MessageItem* message);
+    // Commands from the system router mean nothing to a process router.
+    void commandHandler(unsigned char command, const char* text) override;
+    // Announces every pump but the first in the table again (the first is
+    // deliberately skipped) with its interfaces.
+    bool sendRoutingTableToSystemRouter() override;
+
+    // A new message with "_t", "_f", "_m"; null on a null text or no memory.
+    static MessageItem* create(const char* to, const char* from, const char* method);
+    // MessageItem::add on the message.
+    static bool addKeyValuePair(MessageItem* message, const char* key, const char* value);
+    // Releases one reference.
+    static void destroy(MessageItem* message);
+
+    // A router some callers treat as the process's main one; only the
+    // destructor of the router it names writes it.
+    static MessageRouter* s_pMaster;
+
+private:
+    friend class MessageRouterWorker;
+
+    // The next queued message, under the queue lock; null when none.
+    MessageItem* nextMessage();
+    // Best entry for target; caller holds the table lock.
+    MessagePump* findLocked(const Address& target);
+    // The text of an interface announcement: address ":" interface list.
+    static std::string interfaceText(MessagePump* pump);
+    // Sends one command when a system router is set.
+    void announce(unsigned char command, const std::string& text);
+    // Waits until the worker is not delivering to pump (unless we are it).
+    void waitForDeliveryToEnd(MessagePump* pump);
+    // Whether the calling thread is this router's worker inside a delivery.
+    bool onWorkerThread() const;
+
+    std::atomic<ISystemRouter*> m_pSystemRouter;
+    // Guarded by the queue lock; posts test it where they push.
+    MessageRouterWorker* m_pWorker;
+    UlmarCommsSystem::Mutex m_tableLock;
+    MessageRouterEntry** m_entries;
+    unsigned m_count;
+    unsigned m_capacity;
+    UlmarCommsSystem::Mutex m_queueLock;
+    MessageQueue m_queue;
+    // Serialises announcements so the system router hears them in table
+    // order, without holding the table lock while calling out: in the
+    // service the system router calls post() under its own table lock, so
+    // holding ours across handleCommand could deadlock the two.
+    UlmarCommsSystem::Mutex m_announceLock;
+    // The pump the worker is delivering to (set under the table lock), so
+    // that remove() can wait until the pump is no longer in use.
+    std::atomic<MessagePump*> m_pDelivering;
+    // remove() calls waiting on m_deliveryDone; the worker signals only then.
+    std::atomic<int> m_removeWaiters;
+    UlmarCommsSystem::ConditionValue m_deliveryDone;
+};
+
+// A named endpoint: builds, posts and receives messages for the application.
+// Its callbacks run on the router's worker thread, one message at a time.
+class MessagePump {
+public:
+    // A request: the message, its target and method (texts valid during the
+    // call only).
+    typedef void (*MessageCallback)(void* context, MessageItem* message, const char* to, const char* method);
+    // A reply to the request whose sender id is responseId.
+    typedef void (*ResponseCallback)(void* context, unsigned responseId, MessageItem* message);
+    // An error reply to the request whose sender id is responseId.
+    typedef void (*ErrorCallback)(void* context, unsigned responseId, int errorCode);
+
+    // A listener of one event.
+    struct EventEntry {
+        // The listener's address ("_t" of each event copy).
+        std::string address;
+        // The method the listener asked for ("_m" of each event copy).
+        std::string returnMethod;
+    };
+
+    // Results of post and sendErrorMessage.
+    static const int Result_Ok = 0;
+    static const int Result_NoMemory = 2;
+    static const int Result_Null = 4;
+    static const int Result_NotARequest = 5;
+    static const int Result_NoRouter = 6;
+    static const int Result_NoSuchEvent = 1003;
+
+    // Listener entries one event keeps at most: peers register them, so the
+    // table is bounded.
+    static const size_t s_maxListenersPerEvent = 1024;
+
+    // Parses name into the pump's address (host filled in); does not join.
+    MessagePump(const char* name, MessageRouter* router);
+    // Frees the pump's texts and events; does not leave the router.
+    virtual ~MessagePump();
+    MessagePump(const MessagePump&) = delete;
+    MessagePump& operator=(const MessagePump&) = delete;
+
+    // Answers a built-in request ("#IsHas", "#IsList", "#EsList", "#reg");
+    // true when it did (then the message callback does not see it).
+    virtual bool onBuiltInMessage(MessageItem* message, const char* to, const char* method);
+    // Lets a subclass consume a reply; the base never does.
+    virtual bool onBuiltInMessageResponse(MessageItem* message, unsigned responseId);
+
+    // Stores the callbacks and joins the router (its add result).
+    bool setCallbacks(void* context, MessageCallback messageCallback, ResponseCallback responseCallback,
+                      ErrorCallback errorCallback);
+    // The printed address.
+    const char* address() const { return m_address.c_str(); }
+    // The interface list, or null when empty; valid until the list changes.
+    const char* getInterfaceNames() const;
+    // A copy of the interface list (empty when none), safe on any thread.
+    std::string interfaceNames();
+    // Replaces the interface list; an empty or null text is refused (false).
+    bool setInterfaceNames(const char* names);
+    // The router (not owned).
+    MessageRouter* router() const { return m_pRouter; }
+
+    // Adds "_s" with the next sender id (1, 2, 3, ...).
+    void setSenderId(MessageItem* message);
+    // The message's "_s" as a number; all ones without "_s".
+    unsigned handler(MessageItem* message);
+
+    // "#HsList" to "/system".
+    MessageItem* createSystemListHostsMessage();
+    // "#IsList" to `to`; null for an empty target.
+    MessageItem* createListInterfacesMessage(const char* to);
+    // "#EsList" to `to`; null for an empty target.
+    MessageItem* createListEventsMessage(const char* to);
+    // "#IsHas" with "inters"; null for an empty target or list.
+    MessageItem* createHasInterfacesMessage(const char* to, const char* interfaces);
+    // "NetHostSupportInterfaces" to "/system" with "inters" and "match".
+    MessageItem* createListHostsSupportingInterfaces(const char* interfaces, bool match);
+    // "#AdsSupIs" to host "@/system" (or "/system") with "inters".
+    MessageItem* createSystemGetAddressesSupportingInterfacesMessage(const char* host, const char* interfaces);
+    // "#reg" with "rname", "retm" and, to register, "reg" = "t".
+    MessageItem* createEventRegistrationMessage(const char* returnMethod, const char* to,
+                                                const char* remoteEventName, bool reg);
+    // A plain request; null for a null target or method.
+    MessageItem* createMessage(const char* to, const char* method);
+    // A reply to request; null unless the request has "_f" and "_s".
+    MessageItem* createReplyMessage(MessageItem* request, const char* response);
+    // An event message of a created event, for post(); null otherwise.
+    MessageItem* createEventMessage(const char* eventName);
+
+    // Builds and posts an error reply; the request stays the caller's.
+    int sendErrorMessage(int errorCode, MessageItem* request);
+    // Posts (event messages fan out to the listeners). Always takes the
+    // message, whatever the result.
+    int post(MessageItem* message);
+    // Delivery (worker thread): error, reply or request; always consumes.
+    void handleMessage(MessageItem* message);
+
+    // Creates an event (an existing one keeps its listeners); true.
+    bool eventCreate(const std::string& name);
+    // Drops an event and its listeners; true.
+    bool eventDestroy(const std::string& name);
+    // The listeners of an event, in order (empty for an unknown event).
+    std::vector<EventEntry> eventListeners(const std::string& name);
+
+private:
+    // A new message with "_t", "_f", "_m"; null on failure.
+    MessageItem* createBase(const char* to, const char* method);
+    // Releases message and gives null when ok is false.
+    static MessageItem* finishBuild(MessageItem* message, bool ok);
+    // Sends a reply built from request; silently nothing when none can be built.
+    void reply(MessageItem* request, const char* response);
+    // The built-in "#IsHas" (silent on a pump without interfaces).
+    void answerHasInterfaces(MessageItem* request);
+    // The built-in "#EsList".
+    void answerListEvents(MessageItem* request);
+    // The built-in "#reg".
+    void answerRegistration(MessageItem* request);
+    // Fans an event message out to its listeners.
+    int postEvent(MessageItem* message);
+    // Hands an ordinary message to the router.
+    int postToRouter(MessageItem* message);
+
+    std::string m_address;
+    std::string m_interfaceNames;
+    // Atomic so that ids stay unique when a pump builds on two threads (its
+    // callbacks answer built-in requests on the worker thread).
+    std::atomic<uint32_t> m_senderId;
+    MessageRouter* m_pRouter;
+    void* m_pContext;
+    MessageCallback m_messageCallback;
+    ErrorCallback m_errorCallback;
+    ResponseCallback m_responseCallback;
+    // Guards the interface list and the events table: built-in requests read
+    // and "#reg" changes them on the worker thread while the application
+    // sets interfaces, creates events and posts them.
+    UlmarCommsSystem::Mutex m_lock;
+    std::map<std::string, std::vector<EventEntry>> m_events;
 };
 
 } // namespace UlmarComms
