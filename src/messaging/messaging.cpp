@@ -519,11 +519,11 @@ void MessageRouterWorker::deliver(MessageItem* message)
         if (!m_pRouter->processMessage(message))
             Core::log(Core::LogError, "MessageRouterWorker::run() this=%p Failed to process message %p\n ",
                       static_cast<void*>(this), static_cast<void*>(message));
-    } catch (abi::__forced_unwind&) {
-        throw;
     } catch (...) {
-        // processMessage consumes the message on every path; nothing escapes
-        // the worker.
+        // A thread cancellation (foreign, typeless) must run on; anything
+        // else is dropped: processMessage consumed the message already.
+        if (abi::__cxa_current_exception_type() == nullptr)
+            throw;
     }
 }
 
@@ -1322,10 +1322,11 @@ void MessagePump::handleMessage(MessageItem* message)
         MessageCallback callback = m_messageCallback;
         if (callback != nullptr)
             callback(context, message, to, method);
-    } catch (abi::__forced_unwind&) {
-        throw;
     } catch (...) {
-        // An application's exception ends its delivery, never the worker.
+        // An application's exception ends its delivery, never the worker; a
+        // thread cancellation (foreign, typeless) must run on.
+        if (abi::__cxa_current_exception_type() == nullptr)
+            throw;
     }
 }
 

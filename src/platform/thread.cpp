@@ -74,11 +74,14 @@ void* Thread::runnerPThreads(void* object)
         Core::message("Thread::RunnerPThreads() Stopping Thread=%d return=%d\n", threadId(), result);
         self->m_running = false;
         return reinterpret_cast<void*>(static_cast<unsigned long>(result));
-    } catch (abi::__forced_unwind&) {
-        // kill() cancels the thread by unwinding it; that must run to the end.
-        self->m_running = false;
-        throw;
     } catch (...) {
+        // kill() cancels the thread by a forced unwind: a foreign exception
+        // with no C++ type (UBSan rejects binding it to a reference of
+        // abi::__forced_unwind). It must run to the end.
+        if (abi::__cxa_current_exception_type() == nullptr) {
+            self->m_running = false;
+            throw;
+        }
         Core::log(Core::LogError,
                   "Thread::RunnerPThreads() Unhandled exception raided in run() function of Thread=%d\n",
                   threadId());
