@@ -14,6 +14,7 @@
 #include "messaging/messaging.h"
 
 #include "core/core.h"
+#include "framing/dataframe.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -655,9 +656,9 @@ bool MessageRouter::add(MessagePump* pump)
             m_entries[m_count] = new MessageRouterEntry{Address(pump->address()), pump};
             ++m_count;
         }
-        announce(LinkCommand_AddMessagePump, pump->address());
+        announce(CommandMessage::AddMessagePump, pump->address());
         if (!pump->interfaceNames().empty())
-            announce(LinkCommand_AddInterfaceNamesToMessagePump, interfaceText(pump));
+            announce(CommandMessage::AddInterfaceNamesToMessagePump, interfaceText(pump));
         return true;
     } catch (...) {
         return false;
@@ -671,7 +672,7 @@ bool MessageRouter::remove(MessagePump* pump)
     bool found = false;
     {
         UlmarCommsSystem::MutexLocker announcing(m_announceLock);
-        announce(LinkCommand_RemoveMessagePump, pump->address());
+        announce(CommandMessage::RemoveMessagePump, pump->address());
         UlmarCommsSystem::MutexLocker table(m_tableLock);
         for (unsigned i = 0; i < m_count; ++i) {
             if (m_entries[i]->pump != pump)
@@ -723,7 +724,7 @@ bool MessageRouter::changeInterfaceNames(MessagePump* pump, const char* names)
                       pump->address(), names != nullptr ? names : "");
             return false;
         }
-        announce(LinkCommand_AddInterfaceNamesToMessagePump, interfaceText(pump));
+        announce(CommandMessage::AddInterfaceNamesToMessagePump, interfaceText(pump));
         return true;
     } catch (...) {
         return false;
@@ -880,11 +881,11 @@ bool MessageRouter::sendRoutingTableToSystemRouter()
         }
         for (const auto& entry : pumps) {
             Core::message("Telling Real System router about message Pump '%s'\n", entry.first.c_str());
-            announce(LinkCommand_AddMessagePump, entry.first);
+            announce(CommandMessage::AddMessagePump, entry.first);
             if (entry.second.empty())
                 continue;
             Core::message("Telling Real System router about message Pump interfaces '%s'\n", entry.second.c_str());
-            announce(LinkCommand_AddInterfaceNamesToMessagePump, entry.second);
+            announce(CommandMessage::AddInterfaceNamesToMessagePump, entry.second);
         }
     } catch (...) {
     }

@@ -138,15 +138,6 @@ class IMessageRouter;
 class MessagePump;
 class MessageRouter;
 
-// Link command codes as the routers announce them; the same bytes travel in
-// command frames.
-enum LinkCommandCode : unsigned char {
-    LinkCommand_None = 0,
-    LinkCommand_AddMessagePump = 1,
-    LinkCommand_RemoveMessagePump = 2,
-    LinkCommand_AddInterfaceNamesToMessagePump = 3
-};
-
 // The per-machine router as a process router sees it.
 class ISystemRouter {
 public:
@@ -162,7 +153,7 @@ public:
     virtual bool remove(IMessageRouter* router) = 0;
     // Takes the message when it returns true; on false the caller keeps it.
     virtual bool post(MessageItem* message) = 0;
-    // A link command from a process router (codes: LinkCommandCode).
+    // A link command from a process router (codes: CommandMessage).
     virtual void handleCommand(IMessageRouter* from, unsigned char command, const char* text) = 0;
     // Attaches the router to other hosts; only the system router uses it.
     virtual void setNetworkRouter(INetworkRouter*) {}
@@ -369,16 +360,16 @@ public:
     };
 
     // Results of post and sendErrorMessage.
-    static const int Result_Ok = 0;
-    static const int Result_NoMemory = 2;
-    static const int Result_Null = 4;
-    static const int Result_NotARequest = 5;
-    static const int Result_NoRouter = 6;
-    static const int Result_NoSuchEvent = 1003;
+    static constexpr int Result_Ok = 0;
+    static constexpr int Result_NoMemory = 2;
+    static constexpr int Result_Null = 4;
+    static constexpr int Result_NotARequest = 5;
+    static constexpr int Result_NoRouter = 6;
+    static constexpr int Result_NoSuchEvent = 1003;
 
     // Listener entries one event keeps at most: peers register them, so the
     // table is bounded.
-    static const size_t s_maxListenersPerEvent = 1024;
+    static constexpr size_t s_maxListenersPerEvent = 1024;
 
     // Parses name into the pump's address (host filled in); does not join.
     MessagePump(const char* name, MessageRouter* router);

@@ -8,9 +8,6 @@
 #include <memory>
 
 using namespace MessagingTest;
-using UlmarComms::LinkCommand_AddInterfaceNamesToMessagePump;
-using UlmarComms::LinkCommand_AddMessagePump;
-using UlmarComms::LinkCommand_RemoveMessagePump;
 using UlmarComms::MessageQueue;
 
 namespace {
