@@ -26,11 +26,11 @@ public:
     // The application's log sink: level, printf format, the call's va_list.
     typedef void (*Logger)(int level, const char* format, char* args);
 
-    static const int LogVerbose = 0;
-    static const int LogMessage = 1;
-    static const int LogWarning = 2;
-    static const int LogError = 3;
-    static const int LogFatal = 4;
+    static constexpr int LogVerbose = 0;
+    static constexpr int LogMessage = 1;
+    static constexpr int LogWarning = 2;
+    static constexpr int LogError = 3;
+    static constexpr int LogFatal = 4;
 
     // The singleton, made with all defaults on first call and never destroyed.
     static Core* instance();

@@ -30,7 +30,7 @@ namespace UlmarComms {
 
 class MessageItem {
 public:
-    static const int s_maxNumberArguments = 25;
+    static constexpr int s_maxNumberArguments = 25;
 
     // Reserved header keys.
     static const char* const ArgumentKey_To;
@@ -43,17 +43,17 @@ public:
     static const char* const ArgumentKey_ErrorRoutingHostId;
 
     // Mode codes (the first character of "_M").
-    static const char Mode_Normal = 'N';
-    static const char Mode_Error = 'E';
+    static constexpr char Mode_Normal = 'N';
+    static constexpr char Mode_Error = 'E';
     // The same codes as texts, for adding as values.
     static const char* const Mode_NormalText;
     static const char* const Mode_ErrorText;
 
     // Byte constants of the packet form; the command pair is declared only.
-    static const unsigned char DataPacket_MessageHead = 0xA4;
-    static const unsigned char DataPacket_MessageEnd = 0x8B;
-    static const unsigned char DataPacket_CommandHead = 0xB4;
-    static const unsigned char DataPacket_CommandEnd = 0x4B;
+    static constexpr unsigned char DataPacket_MessageHead = 0xA4;
+    static constexpr unsigned char DataPacket_MessageEnd = 0x8B;
+    static constexpr unsigned char DataPacket_CommandHead = 0xB4;
+    static constexpr unsigned char DataPacket_CommandEnd = 0x4B;
 
     // A new empty message with count 1, or null when memory ran out.
     static MessageItem* create();
