@@ -1,0 +1,406 @@
+// Core: the settings table and its insert-only rule, the logging gate, the
+// host name cache and the error reply.
+#include "core/core.h"
+
+#include "messaging/messaging.h"
+#include "platform/thread.h"
+
+#include "support/logcapture.h"
+#include "support/scopedhostname.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+using UlmarComms::Core;
+using UlmarComms::MessageItem;
+using UlmarCommsTest::LogCapture;
+using UlmarCommsTest::ScopedHostName;
+
+namespace {
+
+Core* core() { return Core::instance(); }
+
+std::vector<std::pair<std::string, std::string>> pairsOf(const MessageItem* item)
+{
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (int i = 0; i < item->numberOfArguments(); ++i)
+        pairs.emplace_back(item->key(i), item->value(i));
+    return pairs;
+}
+
+std::string pointerText(const void* pointer)
+{
+    char buffer[64];
+    std::snprintf(buffer, sizeof(buffer), "%p", pointer);
+    return buffer;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- settings
+
+TEST(CoreSettings, TableHoldsTheTwentyFiveDefaults)
+{
+    const std::vector<std::pair<const char*, int>> numbers = {
+        {"socket.selection.timeout", 500},
+        {"socket.selection.noworkerthreads", 1},
+        {"socket.selection.systemmode.noworkerthreads", 1},
+        {"dataframehandler.inbound.size", 4096},
+        {"dataframehandler.outbound.size", 4096},
+        {"socketmessagerouterproxy.inbound.size", 4096},
+        {"socketmessagerouterproxy.outbound.size", 4096},
+        {"socketsystemrouterproxy.inbound.size", 4096},
+        {"socketsystemrouterproxy.outbound.size", 4096},
+        {"ulmar.systemrouter.ip4", 0},
+        {"ulmar.systemrouter.pipe", 1},
+        {"ulmar.networkrouter", 0},
+        {"ulmar.networkrouter.discovery", 0},
+        {"ulmar.networkrouter.discovery.timeout", 5000},
+        {"ulmar.networkrouter.isMaster", 0},
+        {"ulmar.networkrouter.isLowerOrder", 0},
+        {"ulmar.networkrouter.inStelthMode", 0},
+        {"ulmar.networkrouter.ip4", 1},
+        {"ulmar.networkrouter.ip6", 0},
+    };
+    const std::vector<std::pair<const char*, const char*>> texts = {
+        {"ulmar.systemrouter.ip4.port", "13001"},
+        {"ulmar.systemrouter.ip4.addresses", "127.0.0.1"},
+        {"ulmar.systemrouter.pipe.name", "ulmarcomms"},
+        {"ulmar.networkrouter.ip4.networks", "*"},
+        {"ulmar.networkrouter.ip4.addresses", "*"},
+        {"ulmar.networkrouter.ip4.port", "34001"},
+    };
+    ASSERT_EQ(numbers.size() + texts.size(), 25u);
+    for (const auto& [key, value] : numbers) {
+        SCOPED_TRACE(key);
+        // Present in the number map (a zero default must be a stored entry).
+        ASSERT_EQ(core()->numberSettings().count(key), 1u);
+        EXPECT_EQ(core()->getNumber(key), value);
+        EXPECT_EQ(core()->stringSettings().count(key), 0u) << "a number key is not also a text";
+    }
+    for (const auto& [key, value] : texts) {
+        SCOPED_TRACE(key);
+        ASSERT_EQ(core()->stringSettings().count(key), 1u);
+        EXPECT_EQ(core()->getString(key), value);
+        EXPECT_EQ(core()->numberSettings().count(key), 0u) << "ports and addresses are texts";
+    }
+    // The misspelling is the key; the corrected spelling is not one.
+    EXPECT_EQ(core()->numberSettings().count("ulmar.networkrouter.inStealthMode"), 0u);
+}
+
+TEST(CoreSettings, TableKeysAreInsertOnly)
+{
+    core()->addSetting("ulmar.networkrouter", 1);
+    EXPECT_EQ(core()->getNumber("ulmar.networkrouter"), 0);
+    core()->addSetting("ulmar.systemrouter.pipe", 0);
+    EXPECT_EQ(core()->getNumber("ulmar.systemrouter.pipe"), 1);
+    core()->addSetting("ulmar.systemrouter.pipe.name", std::string("elsewhere"));
+    EXPECT_EQ(core()->getString("ulmar.systemrouter.pipe.name"), "ulmarcomms");
+}
+
+TEST(CoreSettings, NewKeyIsAddedAndItsFirstValueWins)
+{
+    core()->addSetting("coretest.insertonly.number", 7);
+    EXPECT_EQ(core()->getNumber("coretest.insertonly.number"), 7);
+    core()->addSetting("coretest.insertonly.number", 9);
+    EXPECT_EQ(core()->getNumber("coretest.insertonly.number"), 7);
+
+    core()->addSetting("coretest.insertonly.text", std::string("first"));
+    EXPECT_EQ(core()->getString("coretest.insertonly.text"), "first");
+    core()->addSetting("coretest.insertonly.text", std::string("second"));
+    EXPECT_EQ(core()->getString("coretest.insertonly.text"), "first");
+}
+
+TEST(CoreSettings, NumberAndTextMapsAreSeparate)
+{
+    core()->addSetting("coretest.separate.numberonly", 3);
+    EXPECT_EQ(core()->getString("coretest.separate.numberonly"), "");
+    core()->addSetting("coretest.separate.textonly", std::string("12"));
+    EXPECT_EQ(core()->getNumber("coretest.separate.textonly"), 0) << "text is never parsed as a number";
+
+    // One key may live in both maps with unrelated values.
+    core()->addSetting("coretest.separate.both", 5);
+    core()->addSetting("coretest.separate.both", std::string("five"));
+    EXPECT_EQ(core()->getNumber("coretest.separate.both"), 5);
+    EXPECT_EQ(core()->getString("coretest.separate.both"), "five");
+}
+
+TEST(CoreSettings, AbsentKeysGiveZeroAndOneSharedEmptyText)
+{
+    EXPECT_EQ(core()->getNumber("coretest.absent"), 0);
+    const std::string& first = core()->getString("coretest.absent.one");
+    const std::string& second = core()->getString("coretest.absent.two");
+    EXPECT_TRUE(first.empty());
+    EXPECT_EQ(&first, &second);
+    EXPECT_EQ(core()->numberSettings().count("coretest.absent"), 0u) << "a lookup stores nothing";
+}
+
+// ----------------------------------------------------------------- logging
+
+TEST(CoreLogging, DefaultLevelIsWarning)
+{
+    EXPECT_EQ(Core::getLoggingLevel(), Core::LogWarning);
+    LogCapture capture(Core::LogWarning);
+    Core::verbose("CoreTest::verbose()\n");
+    Core::message("CoreTest::message()\n");
+    Core::log(Core::LogWarning, "CoreTest::warning()\n");
+    Core::log(Core::LogError, "CoreTest::error()\n");
+    Core::log(Core::LogFatal, "CoreTest::fatal()\n");
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].text, "CoreTest::warning()\n");
+    EXPECT_EQ(lines[1].text, "CoreTest::error()\n");
+    EXPECT_EQ(lines[2].text, "CoreTest::fatal()\n");
+}
+
+TEST(CoreLogging, NoLoggerLogsNothingAtAnyLevel)
+{
+    LogCapture capture(Core::LogVerbose);
+    Core::setLogger(nullptr); // the level stays at verbose
+    Core::verbose("CoreTest::verbose()\n");
+    Core::message("CoreTest::message()\n");
+    for (int level = Core::LogVerbose; level <= Core::LogFatal; ++level)
+        Core::log(level, "CoreTest::log( %d )\n", level);
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST(CoreLogging, LevelThreeDropsWarningsAndPassesErrors)
+{
+    LogCapture capture(Core::LogError);
+    Core::verbose("v\n");
+    Core::message("m\n");
+    Core::log(Core::LogWarning, "w\n");
+    Core::log(Core::LogError, "e\n");
+    Core::log(Core::LogFatal, "f\n");
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].level, Core::LogError);
+    EXPECT_EQ(lines[0].text, "e\n");
+    EXPECT_EQ(lines[1].level, Core::LogFatal);
+    EXPECT_EQ(lines[1].text, "f\n");
+}
+
+TEST(CoreLogging, MessageLevelPassesMessagesButNotVerbose)
+{
+    LogCapture capture(Core::LogMessage);
+    Core::verbose("v\n");
+    Core::message("m\n");
+    Core::log(Core::LogVerbose, "lv\n");
+    Core::log(Core::LogMessage, "lm\n");
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].level, Core::LogMessage);
+    EXPECT_EQ(lines[0].text, "m\n");
+    EXPECT_EQ(lines[1].level, Core::LogMessage);
+    EXPECT_EQ(lines[1].text, "lm\n");
+}
+
+TEST(CoreLogging, VerboseLevelPassesEverythingWithItsOwnLevel)
+{
+    LogCapture capture(Core::LogVerbose);
+    Core::verbose("v\n");
+    Core::message("m\n");
+    Core::log(Core::LogWarning, "w\n");
+    Core::log(7, "custom\n"); // any level at or above the threshold passes
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0].level, Core::LogVerbose);
+    EXPECT_EQ(lines[1].level, Core::LogMessage);
+    EXPECT_EQ(lines[2].level, Core::LogWarning);
+    EXPECT_EQ(lines[3].level, 7);
+}
+
+TEST(CoreLogging, LoggerGetsTheFormatUnchangedAndTheArguments)
+{
+    LogCapture capture(Core::LogVerbose);
+    static const char format[] = "CoreTest::args( %p ) n=%d u=%u s='%s' c=%c d=%.3f big=%lld\n";
+    int object = 0;
+    Core::log(Core::LogWarning, format, static_cast<void*>(&object), -12, 4000000000u, "text", 'x', 2.5,
+              -9000000000LL);
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].format, format) << "the very format pointer, not a copy or a formatted text";
+    EXPECT_EQ(lines[0].text, "CoreTest::args( " + pointerText(&object)
+                                 + " ) n=-12 u=4000000000 s='text' c=x d=2.500 big=-9000000000\n");
+}
+
+namespace {
+
+std::atomic<int> g_inside{0};
+std::atomic<int> g_mostInside{0};
+long g_calls = 0; // deliberately unsynchronised: only the logging lock guards it
+
+void countingLogger(int, const char*, char*)
+{
+    const int now = ++g_inside;
+    if (now > g_mostInside)
+        g_mostInside = now;
+    ++g_calls;
+    UlmarCommsSystem::Thread::yieldTime();
+    --g_inside;
+}
+
+} // namespace
+
+TEST(CoreLogging, LoggerIsNeverEnteredByTwoThreadsAtOnce)
+{
+    g_inside = 0;
+    g_mostInside = 0;
+    g_calls = 0;
+    const int previousLevel = Core::getLoggingLevel();
+    Core::setLoggingLevel(Core::LogVerbose);
+    Core::setLogger(&countingLogger);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 200; ++i) {
+                Core::message("CoreTest::message( %d )\n", i);
+                Core::log(Core::LogError, "CoreTest::error( %d )\n", i);
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    Core::setLogger(nullptr);
+    Core::setLoggingLevel(previousLevel);
+    EXPECT_EQ(g_mostInside.load(), 1);
+    EXPECT_EQ(g_calls, 4 * 200 * 2);
+}
+
+// --------------------------------------------------------------- host name
+
+TEST(CoreHostName, ComesFromTheSystemAndIsCached)
+{
+    ScopedHostName restore("placeholder");
+    core()->setHostName(""); // an empty cache is asked of the system again
+    char expected[256] = {};
+    ASSERT_EQ(gethostname(expected, 255), 0);
+    const std::string& first = core()->getHostName();
+    EXPECT_EQ(first, expected);
+    EXPECT_EQ(&core()->getHostName(), &first);
+}
+
+TEST(CoreHostName, SetHostNameReplacesTheCache)
+{
+    ScopedHostName name("alpha");
+    EXPECT_EQ(core()->getHostName(), "alpha");
+    core()->setHostName("beta");
+    EXPECT_EQ(core()->getHostName(), "beta");
+}
+
+// ------------------------------------------------------------ error replies
+
+namespace {
+
+MessageItem* failedMessage(bool withTo, bool withFrom, bool withSenderId)
+{
+    MessageItem* item = MessageItem::create();
+    if (withTo)
+        item->add(MessageItem::ArgumentKey_To, "beta@service/echo");
+    item->add("payload", "kept out of the reply");
+    if (withFrom)
+        item->add(MessageItem::ArgumentKey_From, "alpha@app/client");
+    item->add(MessageItem::ArgumentKey_Method, "ping");
+    if (withSenderId)
+        item->add(MessageItem::ArgumentKey_SenderId, "17");
+    return item;
+}
+
+} // namespace
+
+TEST(CoreErrorOut, BuildsTheReplyPairsInOrder)
+{
+    ScopedHostName host("gamma");
+    MessageItem* failed = failedMessage(true, true, true);
+    MessageItem* reply = core()->errorOut(failed, 400);
+    ASSERT_NE(reply, nullptr);
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"_t", "alpha@app/client"}, {"_R", "17"}, {"_f", "beta@service/echo"}, {"_M", "E"},
+        {"_s", "0"},                {"_h", "gamma"}, {"_m", "400"},
+    };
+    EXPECT_EQ(pairsOf(reply), expected);
+    EXPECT_EQ(reply->count(), 1);
+    // The failed message is the caller's still: untouched and not released.
+    EXPECT_EQ(failed->count(), 1);
+    EXPECT_EQ(failed->numberOfArguments(), 5);
+    MessageItem::release(reply);
+    MessageItem::release(failed);
+}
+
+TEST(CoreErrorOut, CodeIsPrintedInDecimal)
+{
+    for (const auto& [code, text] : std::vector<std::pair<int, std::string>>{
+             {1002, "1002"}, {0, "0"}, {-5, "-5"}, {INT_MIN, "-2147483648"}, {INT_MAX, "2147483647"}}) {
+        MessageItem* failed = failedMessage(true, true, true);
+        MessageItem* reply = core()->errorOut(failed, code);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_STREQ(reply->value(MessageItem::ArgumentKey_Method), text.c_str());
+        MessageItem::release(reply);
+        MessageItem::release(failed);
+    }
+}
+
+TEST(CoreErrorOut, WithoutFromReturnsNullConsumesAndLogs)
+{
+    LogCapture capture(Core::LogWarning);
+    MessageItem* failed = failedMessage(true, false, true);
+    failed->incrementCount(); // keep one reference to observe the consumed one
+    EXPECT_EQ(core()->errorOut(failed, 400), nullptr);
+    EXPECT_EQ(failed->count(), 1) << "errorOut must release the message it refuses";
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, Core::LogError);
+    EXPECT_STREQ(lines[0].format, "Core::errorOut( %p, %d ) No From.\n");
+    EXPECT_EQ(lines[0].text, "Core::errorOut( " + pointerText(failed) + ", 400 ) No From.\n");
+    MessageItem::release(failed);
+}
+
+TEST(CoreErrorOut, WithoutSenderIdReturnsNullConsumesAndLogs)
+{
+    LogCapture capture(Core::LogWarning);
+    MessageItem* failed = failedMessage(true, true, false);
+    failed->incrementCount();
+    EXPECT_EQ(core()->errorOut(failed, 1002), nullptr);
+    EXPECT_EQ(failed->count(), 1);
+    const auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, Core::LogError);
+    EXPECT_STREQ(lines[0].format, "Core::errorOut( %p, %d ) No SenderId.\n");
+    EXPECT_EQ(lines[0].text, "Core::errorOut( " + pointerText(failed) + ", 1002 ) No SenderId.\n");
+    MessageItem::release(failed);
+}
+
+TEST(CoreErrorOut, WithoutFromAndSenderIdOnlyTheFromIsReported)
+{
+    LogCapture capture(Core::LogWarning);
+    MessageItem* failed = failedMessage(true, false, false);
+    EXPECT_EQ(core()->errorOut(failed, 400), nullptr); // consumed: the leak check sees it freed
+    ASSERT_EQ(capture.lines().size(), 1u);
+    EXPECT_EQ(capture.count("No From."), 1u);
+}
+
+TEST(CoreErrorOut, WithoutToTheReplyHasNoFrom)
+{
+    ScopedHostName host("gamma");
+    MessageItem* failed = failedMessage(false, true, true);
+    MessageItem* reply = core()->errorOut(failed, 400);
+    ASSERT_NE(reply, nullptr);
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"_t", "alpha@app/client"}, {"_R", "17"}, {"_M", "E"}, {"_s", "0"}, {"_h", "gamma"}, {"_m", "400"},
+    };
+    EXPECT_EQ(pairsOf(reply), expected);
+    MessageItem::release(reply);
+    MessageItem::release(failed);
+}
+
+TEST(CoreErrorOut, NullMessageGivesNull)
+{
+    EXPECT_EQ(core()->errorOut(nullptr, 400), nullptr);
+}
