@@ -1,0 +1,716 @@
+// The message record: building, the "localhost" rule, lookups and the header
+// scan, comparison, copies and reference counts, and the packet form with
+// its round trips and the malformed packets a peer might send.
+#include "messaging/messaging.h"
+
+#include "support/scopedhostname.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+using UlmarComms::MessageItem;
+using UlmarCommsTest::ScopedHostName;
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+struct Releaser {
+    void operator()(MessageItem* item) const { MessageItem::release(item); }
+};
+// Owns one reference; the leak check then proves every path frees.
+using Message = std::unique_ptr<MessageItem, Releaser>;
+
+Message create()
+{
+    Message item(MessageItem::create());
+    EXPECT_NE(item, nullptr);
+    return item;
+}
+
+Message build(const Pairs& pairs)
+{
+    Message item = create();
+    for (const auto& [key, value] : pairs)
+        EXPECT_TRUE(item->add(key.c_str(), value.c_str()));
+    return item;
+}
+
+Pairs pairsOf(const MessageItem& item)
+{
+    Pairs pairs;
+    for (int i = 0; i < item.numberOfArguments(); ++i)
+        pairs.emplace_back(item.key(i), item.value(i));
+    return pairs;
+}
+
+Bytes serialise(const MessageItem& item)
+{
+    unsigned size = 0;
+    EXPECT_FALSE(item.toBuffer(size, nullptr, 0));
+    Bytes bytes(size);
+    unsigned written = 0;
+    EXPECT_TRUE(item.toBuffer(written, bytes.data(), size));
+    EXPECT_EQ(written, size);
+    return bytes;
+}
+
+// Parses from a heap block of exactly the given bytes, so any read past the
+// end is caught by the address sanitizer.
+bool parse(const Bytes& bytes, MessageItem& into)
+{
+    std::unique_ptr<unsigned char[]> exact(new unsigned char[bytes.size() > 0 ? bytes.size() : 1]);
+    if (!bytes.empty())
+        std::memcpy(exact.get(), bytes.data(), bytes.size());
+    return into.fromBuffer(exact.get(), static_cast<unsigned>(bytes.size()));
+}
+
+void putU32(Bytes& bytes, size_t offset, uint32_t value)
+{
+    bytes[offset] = static_cast<unsigned char>(value >> 24);
+    bytes[offset + 1] = static_cast<unsigned char>(value >> 16);
+    bytes[offset + 2] = static_cast<unsigned char>(value >> 8);
+    bytes[offset + 3] = static_cast<unsigned char>(value);
+}
+
+// A message on a host named myhost, for the "localhost" rule.
+class MessageItemTest : public ::testing::Test {
+protected:
+    ScopedHostName m_host{"myhost"};
+};
+
+} // namespace
+
+// ---------------------------------------------------------------- building
+
+TEST_F(MessageItemTest, CreateGivesAnEmptyMessageWithOneReference)
+{
+    Message item = create();
+    EXPECT_EQ(item->numberOfArguments(), 0);
+    EXPECT_EQ(item->count(), 1);
+    EXPECT_EQ(item->m_pNext, nullptr);
+    EXPECT_TRUE(item->eventName().empty());
+}
+
+TEST_F(MessageItemTest, TwentySixthAddFailsAndLeavesTwentyFive)
+{
+    Message item = create();
+    for (int i = 0; i < MessageItem::s_maxNumberArguments; ++i)
+        ASSERT_TRUE(item->add(("k" + std::to_string(i)).c_str(), std::to_string(i * 3).c_str()));
+    EXPECT_FALSE(item->add("k25", "x"));
+    EXPECT_EQ(item->numberOfArguments(), 25);
+    EXPECT_STREQ(item->key(24), "k24");
+    EXPECT_STREQ(item->value(24), "72");
+    EXPECT_EQ(item->value("k25"), nullptr);
+}
+
+TEST_F(MessageItemTest, AddRefusesNullTexts)
+{
+    Message item = create();
+    EXPECT_FALSE(item->add(nullptr, "v"));
+    EXPECT_FALSE(item->add("k", nullptr));
+    EXPECT_EQ(item->numberOfArguments(), 0);
+    EXPECT_TRUE(item->add("", "")) << "empty texts are texts";
+    EXPECT_EQ(item->numberOfArguments(), 1);
+}
+
+TEST_F(MessageItemTest, StoredLengthsIncludeTheNul)
+{
+    Message item = build({{"key", "value!"}});
+    unsigned length = 999;
+    EXPECT_STREQ(item->key(0, length), "key");
+    EXPECT_EQ(length, 4u);
+    EXPECT_STREQ(item->value(0, length), "value!");
+    EXPECT_EQ(length, 7u);
+}
+
+TEST_F(MessageItemTest, BadIndexGivesNullAndLeavesTheLength)
+{
+    Message item = build({{"a", "b"}});
+    for (int index : {-1, 1, 25, -100}) {
+        SCOPED_TRACE(index);
+        unsigned length = 999;
+        EXPECT_EQ(item->key(index), nullptr);
+        EXPECT_EQ(item->value(index), nullptr);
+        EXPECT_EQ(item->key(index, length), nullptr);
+        EXPECT_EQ(item->value(index, length), nullptr);
+        EXPECT_EQ(length, 999u);
+    }
+}
+
+TEST_F(MessageItemTest, DuplicateKeysAreKeptAndLookupsSeeTheFirst)
+{
+    Message item = build({{"k", "first"}, {"k", "second"}});
+    EXPECT_EQ(item->numberOfArguments(), 2);
+    EXPECT_STREQ(item->value("k"), "first");
+}
+
+// -------------------------------------------------------- "localhost" rule
+
+TEST_F(MessageItemTest, LocalhostAtTheStartOfAnAddressIsTheHostName)
+{
+    Message item = build({
+        {"_t", "localhost"},
+        {"_f", "localhost/echo"},
+        {"_t", "localhostess"},   // not anchored to a separator, deliberately
+        {"_tail", "localhost@x"}, // any key beginning with _t or _f
+        {"_from", "localhost"},
+    });
+    EXPECT_EQ(pairsOf(*item), (Pairs{{"_t", "myhost"},
+                                     {"_f", "myhost/echo"},
+                                     {"_t", "myhostess"},
+                                     {"_tail", "myhost@x"},
+                                     {"_from", "myhost"}}));
+    unsigned length = 0;
+    item->value(1, length);
+    EXPECT_EQ(length, std::strlen("myhost/echo") + 1) << "the length is that of the stored text";
+}
+
+TEST_F(MessageItemTest, OtherTextsAreStoredUnchanged)
+{
+    const Pairs unchanged = {
+        {"_x", "localhost"},  {"_t", "LocalHost"},     {"_t", "xlocalhost"}, {"_t", "localhos"},
+        {"t", "localhost"},   {"_T", "localhost"},     {"_m", "localhost"},  {"ft", "localhost"},
+        {"_", "localhost"},   {"", "localhost"},
+    };
+    Message item = build(unchanged);
+    EXPECT_EQ(pairsOf(*item), unchanged);
+}
+
+TEST_F(MessageItemTest, SubstitutionFollowsTheCurrentHostName)
+{
+    Message item = create();
+    ASSERT_TRUE(item->add("_t", "localhost/a"));
+    {
+        ScopedHostName other("other");
+        ASSERT_TRUE(item->add("_t", "localhost/b"));
+    }
+    EXPECT_STREQ(item->value(0), "myhost/a");
+    EXPECT_STREQ(item->value(1), "other/b");
+}
+
+// ------------------------------------------------------------ header forms
+
+TEST_F(MessageItemTest, SetAddsTheFourRoutingKeysInOrder)
+{
+    Message item = create();
+    ASSERT_TRUE(item->set("beta@svc", "alpha@app", "ping", "5"));
+    EXPECT_EQ(pairsOf(*item), (Pairs{{"_t", "beta@svc"}, {"_f", "alpha@app"}, {"_m", "ping"}, {"_s", "5"}}));
+}
+
+TEST_F(MessageItemTest, SetWithANullArgumentAddsNothing)
+{
+    Message item = create();
+    EXPECT_FALSE(item->set("t", "f", "m", nullptr));
+    EXPECT_FALSE(item->set(nullptr, "f", "m", "s"));
+    EXPECT_EQ(item->numberOfArguments(), 0);
+}
+
+TEST_F(MessageItemTest, SetStopsAtTheFirstFailure)
+{
+    Message item = create();
+    for (int i = 0; i < 23; ++i)
+        ASSERT_TRUE(item->add("p", "v"));
+    EXPECT_FALSE(item->set("t", "f", "m", "s"));
+    EXPECT_EQ(item->numberOfArguments(), 25);
+    EXPECT_STREQ(item->value("_t"), "t");
+    EXPECT_STREQ(item->value("_f"), "f");
+    EXPECT_FALSE(item->hasKey("_m"));
+}
+
+TEST_F(MessageItemTest, SetResponseAddsResponseThenResponseId)
+{
+    Message item = create();
+    ASSERT_TRUE(item->setResponse("pong", "5"));
+    EXPECT_EQ(pairsOf(*item), (Pairs{{"_r", "pong"}, {"_R", "5"}}));
+    Message refused = create();
+    EXPECT_FALSE(refused->setResponse(nullptr, "5"));
+    EXPECT_EQ(refused->numberOfArguments(), 0);
+}
+
+// ----------------------------------------------------------------- lookups
+
+TEST_F(MessageItemTest, HasKeyComparesWholeKeys)
+{
+    Message empty = create();
+    EXPECT_FALSE(empty->hasKey("_t"));
+    Message item = build({{"_tail", "a"}, {"k", "v"}});
+    EXPECT_FALSE(item->hasKey(nullptr));
+    EXPECT_FALSE(item->hasKey("_t")) << "a prefix is not the key";
+    EXPECT_FALSE(item->hasKey("_taily"));
+    EXPECT_TRUE(item->hasKey("_tail"));
+    EXPECT_TRUE(item->hasKey("k"));
+    EXPECT_EQ(item->value(static_cast<const char*>(nullptr)), nullptr);
+    EXPECT_EQ(empty->value("k"), nullptr);
+}
+
+TEST_F(MessageItemTest, TailReportsItsValueAsTheTarget)
+{
+    Message item = build({{"_tail", "a"}});
+    char* to = nullptr;
+    char* from = nullptr;
+    char* mode = nullptr;
+    char* senderId = nullptr;
+    char* responseId = nullptr;
+    char* response = nullptr;
+    char* method = nullptr;
+    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
+    ASSERT_NE(to, nullptr);
+    EXPECT_STREQ(to, "a");
+    EXPECT_EQ(from, nullptr);
+}
+
+TEST_F(MessageItemTest, ValueSeesTheFirstAndTheHeaderScanTheLast)
+{
+    Message item = build({{"_m", "first"}, {"_t", "t1"}, {"_m", "second"}, {"_t", "t2"}});
+    EXPECT_STREQ(item->value("_m"), "first");
+    char* to = nullptr;
+    char* from = nullptr;
+    char* mode = nullptr;
+    char* senderId = nullptr;
+    char* responseId = nullptr;
+    char* response = nullptr;
+    char* method = nullptr;
+    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
+    EXPECT_STREQ(method, "second");
+    EXPECT_STREQ(to, "t2");
+    char* routingTo = nullptr;
+    char* routingFrom = nullptr;
+    item->getMandatoryRoutingFields(&routingTo, &routingFrom);
+    EXPECT_STREQ(routingTo, "t2");
+}
+
+TEST_F(MessageItemTest, HeaderScanFillsEachFieldBySecondCharacter)
+{
+    Message item = build({{"_to", "T"}, {"_fx", "F"}, {"_Mode", "E"}, {"_method", "M"}, {"_resp", "r"},
+                          {"_sid", "S"}, {"_Rid", "R"}, {"_h", "H"}, {"x_t", "no"}, {"_z", "no"}});
+    char* to = nullptr;
+    char* from = nullptr;
+    char* mode = nullptr;
+    char* senderId = nullptr;
+    char* responseId = nullptr;
+    char* response = nullptr;
+    char* method = nullptr;
+    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
+    EXPECT_STREQ(to, "T");
+    EXPECT_STREQ(from, "F");
+    EXPECT_STREQ(mode, "E");
+    EXPECT_STREQ(method, "M");
+    EXPECT_STREQ(response, "r");
+    EXPECT_STREQ(senderId, "S");
+    EXPECT_STREQ(responseId, "R");
+}
+
+TEST_F(MessageItemTest, HeaderScanLeavesAbsentOutputsButRoutingScanClearsThem)
+{
+    char sentinelText[] = "sentinel";
+    char* const sentinel = sentinelText;
+    Message item = build({{"_m", "only"}, {"k", "v"}});
+    char* to = sentinel;
+    char* from = sentinel;
+    char* mode = sentinel;
+    char* senderId = sentinel;
+    char* responseId = sentinel;
+    char* response = sentinel;
+    char* method = sentinel;
+    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
+    EXPECT_STREQ(method, "only");
+    for (char* untouched : {to, from, mode, senderId, responseId, response})
+        EXPECT_EQ(untouched, sentinel);
+
+    char* routingTo = sentinel;
+    char* routingFrom = sentinel;
+    item->getMandatoryRoutingFields(&routingTo, &routingFrom);
+    EXPECT_EQ(routingTo, nullptr);
+    EXPECT_EQ(routingFrom, nullptr);
+}
+
+TEST_F(MessageItemTest, RoutingScanLooksOnlyAtTargetAndSender)
+{
+    Message item = build({{"_m", "x"}, {"_f", "F"}, {"_s", "1"}, {"_to", "T"}});
+    char* to = nullptr;
+    char* from = nullptr;
+    item->getMandatoryRoutingFields(&to, &from);
+    EXPECT_STREQ(to, "T");
+    EXPECT_STREQ(from, "F");
+}
+
+// -------------------------------------------------------------- comparison
+
+TEST_F(MessageItemTest, CompareIgnoresOrderAndEventName)
+{
+    Message one = build({{"a", "1"}, {"b", "2"}, {"c", "3"}});
+    Message two = build({{"c", "3"}, {"a", "1"}, {"b", "2"}});
+    one->setEventName("first");
+    two->setEventName("second");
+    EXPECT_TRUE(one->compare(two.get()));
+    EXPECT_TRUE(two->compare(one.get()));
+    EXPECT_TRUE(*one == *two);
+}
+
+TEST_F(MessageItemTest, CompareNeedsTheSameKeysValuesAndCount)
+{
+    Message base = build({{"a", "1"}, {"b", "2"}});
+    EXPECT_FALSE(base->compare(nullptr));
+    EXPECT_FALSE(base->compare(build({{"a", "1"}}).get()));
+    EXPECT_FALSE(base->compare(build({{"a", "1"}, {"b", "2"}, {"c", "3"}}).get()));
+    EXPECT_FALSE(base->compare(build({{"a", "1"}, {"b", "20"}}).get()));
+    EXPECT_FALSE(base->compare(build({{"a", "1"}, {"B", "2"}}).get()));
+    EXPECT_FALSE(*base == *build({{"a", "1"}, {"c", "2"}}));
+    Message emptyOne = create();
+    Message emptyTwo = create();
+    EXPECT_TRUE(emptyOne->compare(emptyTwo.get()));
+}
+
+// ------------------------------------------------------ copies and counts
+
+TEST_F(MessageItemTest, CreateAndCopyCopiesEveryPairButNotTheEventName)
+{
+    EXPECT_EQ(MessageItem::createAndCopy(nullptr), nullptr);
+    Message source = build({{"_t", "beta@x"}, {"k", "v"}, {"k", "w"}});
+    source->setEventName("changed");
+    source->incrementCount();
+    Message copy(MessageItem::createAndCopy(source.get()));
+    ASSERT_NE(copy, nullptr);
+    EXPECT_NE(copy.get(), source.get());
+    EXPECT_EQ(copy->count(), 1);
+    EXPECT_TRUE(copy->eventName().empty());
+    EXPECT_EQ(pairsOf(*copy), pairsOf(*source));
+    MessageItem::release(source.get()); // the extra reference
+    source.reset();
+    EXPECT_STREQ(copy->value("k"), "v") << "the copy owns its own texts";
+}
+
+TEST_F(MessageItemTest, CreateAndCopyAppliesTheLocalhostRuleAgain)
+{
+    // A parsed packet stores texts as they arrived; copying adds them anew.
+    // Build "_u" = "localhost/x" (not substituted) and rename the key in the
+    // packet to "_t".
+    Bytes bytes = serialise(*build({{"_u", "localhost/x"}}));
+    ASSERT_EQ(bytes[12], 'u');
+    bytes[12] = 't';
+    Message parsed = create();
+    ASSERT_TRUE(parse(bytes, *parsed));
+    EXPECT_STREQ(parsed->value("_t"), "localhost/x") << "parsing does not substitute";
+    Message copy(MessageItem::createAndCopy(parsed.get()));
+    EXPECT_STREQ(copy->value("_t"), "myhost/x");
+}
+
+TEST_F(MessageItemTest, ReferenceCountKeepsTheMessageUntilTheLastRelease)
+{
+    MessageItem* item = MessageItem::create();
+    ASSERT_NE(item, nullptr);
+    item->add("k", "v");
+    item->incrementCount();
+    item->incrementCount();
+    EXPECT_EQ(item->count(), 3);
+    MessageItem::release(item);
+    MessageItem::release(item);
+    EXPECT_EQ(item->count(), 1);
+    EXPECT_STREQ(item->value("k"), "v"); // still alive: the sanitizer would object otherwise
+    MessageItem::release(item);          // the last one frees it (the leak check sees that)
+    MessageItem::release(nullptr);       // accepted, does nothing
+}
+
+// ------------------------------------------------------------- packet form
+
+TEST_F(MessageItemTest, EmptyMessageSerialisesToSevenBytesThatDoNotParseBack)
+{
+    Message item = create();
+    EXPECT_EQ(item->memSize(), 7u);
+    EXPECT_EQ(MessageItem::memSize(item.get()), 7u);
+    EXPECT_EQ(MessageItem::memSize(nullptr), 0u);
+    const Bytes expected = {0xA4, 0x00, 0x00, 0x00, 0x07, 0x00, 0x8B};
+    EXPECT_EQ(serialise(*item), expected);
+    Message parsed = create();
+    EXPECT_FALSE(parse(expected, *parsed));
+    EXPECT_EQ(parsed->numberOfArguments(), 0);
+}
+
+TEST_F(MessageItemTest, OnePairPacketIsByteExact)
+{
+    Message item = build({{"a", "bc"}});
+    EXPECT_EQ(item->memSize(), 17u);
+    const Bytes expected = {0xA4, 0x00, 0x00, 0x00, 0x11, 0x01, 0x02, 0x00, 0x00,
+                            0x00, 0x03, 0x61, 0x00, 0x62, 0x63, 0x00, 0x8B};
+    EXPECT_EQ(serialise(*item), expected);
+    Message parsed = create();
+    ASSERT_TRUE(parse(expected, *parsed));
+    EXPECT_EQ(pairsOf(*parsed), (Pairs{{"a", "bc"}}));
+    unsigned length = 0;
+    parsed->key(0, length);
+    EXPECT_EQ(length, 2u);
+    parsed->value(0, length);
+    EXPECT_EQ(length, 3u);
+}
+
+TEST_F(MessageItemTest, LengthsAreFourByteBigEndian)
+{
+    const std::string big(70000, 'v'); // 70001 with its NUL: 0x00011171
+    Message item = build({{"k", big}});
+    const Bytes bytes = serialise(*item);
+    ASSERT_EQ(bytes.size(), 6u + 5u + 2u + 70001u + 1u); // 70015: 0x0001117F
+    EXPECT_EQ(Bytes(bytes.begin() + 1, bytes.begin() + 5), (Bytes{0x00, 0x01, 0x11, 0x7F}));
+    EXPECT_EQ(Bytes(bytes.begin() + 7, bytes.begin() + 11), (Bytes{0x00, 0x01, 0x11, 0x71}));
+    Message parsed = create();
+    ASSERT_TRUE(parse(bytes, *parsed));
+    EXPECT_EQ(parsed->value("k"), big);
+}
+
+TEST_F(MessageItemTest, ToBufferOneByteShortFailsButReportsTheSize)
+{
+    Message item = build({{"a", "bc"}, {"_m", "x"}});
+    const unsigned needed = item->memSize();
+    Bytes buffer(needed, 0xEE);
+    unsigned size = 0;
+    EXPECT_FALSE(item->toBuffer(size, buffer.data(), needed - 1));
+    EXPECT_EQ(size, needed);
+    EXPECT_EQ(buffer, Bytes(needed, 0xEE)) << "nothing written on failure";
+    size = 0;
+    EXPECT_FALSE(item->toBuffer(size, nullptr, 1000));
+    EXPECT_EQ(size, needed);
+    EXPECT_TRUE(item->toBuffer(size, buffer.data(), needed));
+    EXPECT_EQ(size, needed);
+    EXPECT_EQ(buffer.back(), 0x8B);
+}
+
+TEST_F(MessageItemTest, WrongEndByteParsesThePairsButFails)
+{
+    Bytes bytes = serialise(*build({{"a", "bc"}, {"d", "e"}}));
+    bytes.back() = 0x8C;
+    Message parsed = create();
+    EXPECT_FALSE(parse(bytes, *parsed));
+    EXPECT_EQ(pairsOf(*parsed), (Pairs{{"a", "bc"}, {"d", "e"}}));
+}
+
+TEST_F(MessageItemTest, APacketAtTheStartOfALongerBufferParses)
+{
+    Bytes bytes = serialise(*build({{"a", "bc"}}));
+    bytes.insert(bytes.end(), {0x00, 0x11, 0x22});
+    Message parsed = create();
+    EXPECT_TRUE(parse(bytes, *parsed));
+    EXPECT_EQ(pairsOf(*parsed), (Pairs{{"a", "bc"}}));
+}
+
+// ------------------------------------------------------------- round trips
+
+namespace {
+
+Message randomMessage(std::mt19937& random)
+{
+    static const std::string keyCharacters =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.#";
+    Message item = create();
+    const int count = std::uniform_int_distribution<int>(1, 25)(random);
+    for (int i = 0; i < count; ++i) {
+        std::string key(std::uniform_int_distribution<size_t>(0, 12)(random), 'k');
+        for (char& c : key)
+            c = keyCharacters[std::uniform_int_distribution<size_t>(0, keyCharacters.size() - 1)(random)];
+        const size_t valueLength = std::uniform_int_distribution<int>(0, 9)(random) == 0
+                                       ? std::uniform_int_distribution<size_t>(256, 2000)(random)
+                                       : std::uniform_int_distribution<size_t>(0, 40)(random);
+        std::string value(valueLength, 'v');
+        for (char& c : value)
+            c = static_cast<char>(std::uniform_int_distribution<int>(1, 255)(random)); // any byte but NUL
+        EXPECT_TRUE(item->add(key.c_str(), value.c_str()));
+    }
+    return item;
+}
+
+} // namespace
+
+TEST_F(MessageItemTest, RandomMessagesSurviveTheRoundTripExactly)
+{
+    std::mt19937 random(20240611);
+    for (int round = 0; round < 300; ++round) {
+        SCOPED_TRACE(round);
+        Message original = randomMessage(random);
+        const Bytes bytes = serialise(*original);
+        ASSERT_EQ(bytes.size(), original->memSize());
+        Message parsed = create();
+        ASSERT_TRUE(parse(bytes, *parsed));
+        ASSERT_EQ(parsed->numberOfArguments(), original->numberOfArguments());
+        for (int i = 0; i < original->numberOfArguments(); ++i) {
+            unsigned originalLength = 0;
+            unsigned parsedLength = 0;
+            EXPECT_STREQ(parsed->key(i, parsedLength), original->key(i, originalLength));
+            EXPECT_EQ(parsedLength, originalLength);
+            EXPECT_STREQ(parsed->value(i, parsedLength), original->value(i, originalLength));
+            EXPECT_EQ(parsedLength, originalLength);
+        }
+        EXPECT_TRUE(parsed->compare(original.get()));
+        EXPECT_EQ(serialise(*parsed), bytes);
+    }
+}
+
+// -------------------------------------------------------- malformed packets
+
+namespace {
+
+// Offsets of the three records of threePairPacket().
+constexpr size_t kFirstRecord = 6;   // "_t" = "b@x"
+constexpr size_t kSecondRecord = 18; // "k" = "value"
+constexpr size_t kThirdRecord = 31;  // "m" = ""
+
+Bytes threePairPacket()
+{
+    Message item = create();
+    item->add("_t", "b@x");
+    item->add("k", "value");
+    item->add("m", "");
+    return serialise(*item);
+}
+
+bool parsesAlone(const Bytes& bytes)
+{
+    Message parsed = create();
+    return parse(bytes, *parsed);
+}
+
+} // namespace
+
+TEST_F(MessageItemTest, ThreePairFixtureHasTheExpectedLayout)
+{
+    const Bytes bytes = threePairPacket();
+    ASSERT_EQ(bytes.size(), 6u + (5 + 3 + 4) + (5 + 2 + 6) + (5 + 2 + 1) + 1u);
+    EXPECT_EQ(bytes[kFirstRecord], 3);
+    EXPECT_EQ(bytes[kSecondRecord], 2);
+    EXPECT_EQ(bytes[kSecondRecord + 5], 'k');
+    EXPECT_EQ(bytes[kThirdRecord], 2);
+    EXPECT_EQ(bytes[kThirdRecord + 5], 'm');
+    EXPECT_TRUE(parsesAlone(bytes));
+}
+
+TEST_F(MessageItemTest, HeaderFaultsAreRejected)
+{
+    const Bytes good = threePairPacket();
+    Message target = create();
+    EXPECT_FALSE(target->fromBuffer(nullptr, 40));
+    EXPECT_FALSE(target->fromBuffer(good.data(), 0));
+
+    Bytes wrongHead = good;
+    wrongHead[0] = 0xB4;
+    EXPECT_FALSE(parsesAlone(wrongHead));
+
+    Bytes sizeTooLarge = good;
+    putU32(sizeTooLarge, 1, static_cast<uint32_t>(good.size() + 1));
+    EXPECT_FALSE(parsesAlone(sizeTooLarge));
+
+    Bytes countZero = good;
+    countZero[5] = 0;
+    EXPECT_FALSE(parsesAlone(countZero));
+
+    Bytes countTwentySix = good;
+    countTwentySix[5] = 26;
+    EXPECT_FALSE(parsesAlone(countTwentySix));
+}
+
+TEST_F(MessageItemTest, TruncatedPacketsAreRejected)
+{
+    const Bytes good = threePairPacket();
+    for (size_t cut = 0; cut < good.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        const Bytes truncated(good.begin(), good.begin() + static_cast<long>(cut));
+        EXPECT_FALSE(parsesAlone(truncated));
+        // The same cut with a size field that claims to fit: the records
+        // themselves must be bounded by the buffer.
+        if (cut >= 5) {
+            Bytes lying = truncated;
+            putU32(lying, 1, static_cast<uint32_t>(cut));
+            EXPECT_FALSE(parsesAlone(lying));
+        }
+    }
+}
+
+TEST_F(MessageItemTest, OverrunningRecordsAreRejected)
+{
+    const Bytes good = threePairPacket();
+    for (uint32_t valueLength : {0xFFFFFFFFu, 0x80000000u, 0x00010000u, 100u, 23u}) {
+        SCOPED_TRACE(valueLength);
+        Bytes bytes = good;
+        putU32(bytes, kSecondRecord + 1, valueLength);
+        EXPECT_FALSE(parsesAlone(bytes));
+    }
+    Bytes longKey = good;
+    longKey[kThirdRecord] = 0xFF; // beyond the end
+    EXPECT_FALSE(parsesAlone(longKey));
+
+    Bytes moreRecordsThanPresent = good;
+    moreRecordsThanPresent[5] = 4;
+    EXPECT_FALSE(parsesAlone(moreRecordsThanPresent));
+}
+
+TEST_F(MessageItemTest, RecordsWithoutTheirNulAreRejected)
+{
+    const Bytes good = threePairPacket();
+    Bytes keyWithoutNul = good;
+    keyWithoutNul[kSecondRecord + 5 + 1] = 'X'; // the NUL of "k"
+    EXPECT_FALSE(parsesAlone(keyWithoutNul));
+
+    Bytes valueWithoutNul = good;
+    valueWithoutNul[kSecondRecord + 5 + 2 + 5] = 'X'; // the NUL of "value"
+    EXPECT_FALSE(parsesAlone(valueWithoutNul));
+
+    Bytes zeroKeyLength = good;
+    zeroKeyLength[kFirstRecord] = 0;
+    EXPECT_FALSE(parsesAlone(zeroKeyLength));
+
+    Bytes zeroValueLength = good;
+    putU32(zeroValueLength, kFirstRecord + 1, 0);
+    EXPECT_FALSE(parsesAlone(zeroValueLength));
+}
+
+TEST_F(MessageItemTest, PacketWithoutItsEndByteIsRejected)
+{
+    Bytes bytes = threePairPacket();
+    bytes.pop_back();
+    putU32(bytes, 1, static_cast<uint32_t>(bytes.size()));
+    Message parsed = create();
+    EXPECT_FALSE(parse(bytes, *parsed));
+    EXPECT_EQ(parsed->numberOfArguments(), 3) << "the pairs were read; the caller releases them";
+}
+
+TEST_F(MessageItemTest, ParsingIntoAMessageThatHoldsPairsIsRefused)
+{
+    Message item = build({{"own", "pair"}});
+    EXPECT_FALSE(parse(threePairPacket(), *item));
+    EXPECT_EQ(pairsOf(*item), (Pairs{{"own", "pair"}}));
+}
+
+TEST_F(MessageItemTest, MutatedPacketsParseOnlyIntoWhatTheyEncode)
+{
+    std::mt19937 random(77);
+    for (int round = 0; round < 3000; ++round) {
+        SCOPED_TRACE(round);
+        Message source = randomMessage(random);
+        Bytes bytes = serialise(*source);
+        const int flips = std::uniform_int_distribution<int>(1, 3)(random);
+        for (int f = 0; f < flips; ++f) {
+            // Mostly the structural bytes near the start, sometimes anywhere.
+            const size_t limit = std::uniform_int_distribution<int>(0, 1)(random) == 0
+                                     ? std::min<size_t>(bytes.size(), 16)
+                                     : bytes.size();
+            bytes[std::uniform_int_distribution<size_t>(0, limit - 1)(random)] =
+                static_cast<unsigned char>(std::uniform_int_distribution<int>(0, 255)(random));
+        }
+        if (std::uniform_int_distribution<int>(0, 3)(random) == 0)
+            bytes.resize(std::uniform_int_distribution<size_t>(0, bytes.size())(random));
+        Message parsed = create();
+        if (!parse(bytes, *parsed))
+            continue;
+        // Accepted: writing it again reproduces the input (all but the size
+        // field, which only has to fit the buffer).
+        const Bytes again = serialise(*parsed);
+        ASSERT_LE(again.size(), bytes.size());
+        EXPECT_EQ(again[0], bytes[0]);
+        EXPECT_TRUE(std::equal(again.begin() + 5, again.end(), bytes.begin() + 5));
+    }
+}
