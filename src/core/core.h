@@ -48,9 +48,9 @@ public:
     // All text settings, in key order.
     const std::map<std::string, std::string>& stringSettings() const { return m_strings; }
 
-    // Replaces a setting even if it exists. Not reachable through the C
-    // interface, whose setters stay insert-only; meant for tools and tests
-    // that configure the process before any part of the runtime reads it.
+    // Replaces a setting even if it exists: the one exception to the
+    // insert-only rule, used by applyStartArgument before start-up reads any
+    // setting. The C interface's option setters stay insert-only.
     void overrideSetting(const std::string& key, int value);
     // Text form of overrideSetting.
     void overrideSetting(const std::string& key, const std::string& value);
