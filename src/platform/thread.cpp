@@ -64,9 +64,11 @@ unsigned Thread::tick()
     return static_cast<unsigned>(now.tv_sec) * 1000u;
 }
 
-// The C++ runtime binds the caught cancellation unwind to a null object; the
-// null-reference check of the undefined-behaviour sanitizer would abort every
-// kill() on that binding, so it is off for this one function.
+// kill() cancels by a forced unwind, caught as abi::__forced_unwind and
+// rethrown. The runtime binds that catch to a null object, which the
+// sanitizer's null-reference check would report on every kill(), so the check
+// is off here. __cxa_current_exception_type() cannot spot the unwind: for a
+// foreign exception it reads memory before the unwind header.
 __attribute__((no_sanitize("null")))
 void* Thread::runnerPThreads(void* object)
 {
@@ -78,14 +80,10 @@ void* Thread::runnerPThreads(void* object)
         Core::message("Thread::RunnerPThreads() Stopping Thread=%d return=%d\n", threadId(), result);
         self->m_running = false;
         return reinterpret_cast<void*>(static_cast<unsigned long>(result));
+    } catch (abi::__forced_unwind&) {
+        self->m_running = false;
+        throw;
     } catch (...) {
-        // kill() cancels the thread by a forced unwind: a foreign exception
-        // with no C++ type (UBSan rejects binding it to a reference of
-        // abi::__forced_unwind). It must run to the end.
-        if (abi::__cxa_current_exception_type() == nullptr) {
-            self->m_running = false;
-            throw;
-        }
         Core::log(Core::LogError,
                   "Thread::RunnerPThreads() Unhandled exception raided in run() function of Thread=%d\n",
                   threadId());
