@@ -1,0 +1,402 @@
+// The system router: routing table, link commands, the routing decision and
+// the interface queries. See systemrouter.h for the locking rules.
+#include "service/systemrouter.h"
+
+#include "core/core.h"
+#include "framing/dataframe.h"
+#include "network/networkrouter.h"
+
+#include <algorithm>
+
+using UlmarComms::Address;
+using UlmarComms::CommandMessage;
+using UlmarComms::Core;
+using UlmarComms::IMessageRouter;
+using UlmarComms::MessageItem;
+using UlmarCommsSystem::MutexLocker;
+
+namespace UlmarCommsService {
+
+namespace {
+
+// The first value of a header key, or "" so that log lines never see null.
+const char* textOrEmpty(const char* text)
+{
+    return text != nullptr ? text : "";
+}
+
+// Hands a message to a process router. A router that refuses leaves the
+// message with us, so it is released here exactly once.
+bool postToRouter(IMessageRouter* router, MessageItem* message)
+{
+    return router->post(message);
+}
+
+} // namespace
+
+SystemRouter::SystemRouter()
+    : m_pSystemRouterMessagePump(nullptr), m_pNetworkRouter(nullptr), m_running(false)
+{
+}
+
+SystemRouter::~SystemRouter()
+{
+    Core::message("SystemRouter::~SystemRouter() >>> \n");
+    {
+        MutexLocker locker(m_tableLock);
+        Core::message("SystemRouter::~SystemRouter() 1 \n");
+        Core::message("SystemRouter::~SystemRouter() 2 \n");
+        Core::message("SystemRouter::~SystemRouter() Q >> \n");
+        for (RoutingEntry* entry : m_routingTable)
+            delete entry;
+        m_routingTable.clear();
+        Core::message("SystemRouter::~SystemRouter() Q << \n");
+        Core::message("SystemRouter::~SystemRouter() 3 \n");
+        Core::message("SystemRouter::~SystemRouter() 4 \n");
+    }
+    Core::message("SystemRouter::~SystemRouter() <<< ");
+}
+
+bool SystemRouter::start()
+{
+    // A link server that cannot listen does not stop the router: the service
+    // works for its own process and reports the listener's failure in its log.
+    for (UlmarComms::IRealSystemRouterLinkServer* server : m_linkServers)
+        server->start();
+    m_running = true;
+    if (!Thread::start()) {
+        m_running = false;
+        return false;
+    }
+    return true;
+}
+
+void SystemRouter::finish()
+{
+    const bool wasRunning = m_running.exchange(false);
+    for (UlmarComms::IRealSystemRouterLinkServer* server : m_linkServers)
+        server->finish();
+    m_wakeUp.broadcast();
+    if (wasRunning && isStarted())
+        waitToFinish();
+}
+
+bool SystemRouter::add(IMessageRouter* router)
+{
+    MutexLocker locker(m_tableLock);
+    m_routers.push_back(router);
+    return true;
+}
+
+bool SystemRouter::add(IMessageRouter* router, const char* address)
+{
+    Address parsed(address);
+    MutexLocker locker(m_tableLock);
+    // Prefix matching means a pump whose leading names equal an existing entry
+    // updates that entry instead of adding one.
+    RoutingEntry* entry = find(parsed);
+    if (entry != nullptr) {
+        entry->router = router;
+        return true;
+    }
+    RoutingEntry* added = new RoutingEntry;
+    added->address = parsed;
+    added->router = router;
+    m_routingTable.push_back(added);
+    return true;
+}
+
+bool SystemRouter::remove(IMessageRouter* router)
+{
+    MutexLocker locker(m_tableLock);
+    auto listed = std::find(m_routers.begin(), m_routers.end(), router);
+    if (listed != m_routers.end())
+        m_routers.erase(listed);
+    for (auto it = m_routingTable.begin(); it != m_routingTable.end();) {
+        if ((*it)->router == router) {
+            delete *it;
+            it = m_routingTable.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return true;
+}
+
+bool SystemRouter::remove(IMessageRouter*, const char* address)
+{
+    Address parsed(address);
+    MutexLocker locker(m_tableLock);
+    for (auto it = m_routingTable.begin(); it != m_routingTable.end(); ++it) {
+        if ((*it)->address == parsed) {
+            delete *it;
+            m_routingTable.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+void SystemRouter::addLinkServer(UlmarComms::IRealSystemRouterLinkServer* server)
+{
+    m_linkServers.push_back(server);
+}
+
+void SystemRouter::setNetworkRouter(UlmarComms::INetworkRouter* networkRouter)
+{
+    MutexLocker locker(m_queueLock);
+    m_pNetworkRouter = networkRouter;
+}
+
+void SystemRouter::handleCommand(IMessageRouter* from, unsigned char command, const char* text)
+{
+    if (text == nullptr)
+        return;
+    switch (command) {
+    case CommandMessage::AddMessagePump:
+        add(from, text);
+        break;
+    case CommandMessage::RemoveMessagePump:
+        remove(from, text);
+        break;
+    case CommandMessage::AddInterfaceNamesToMessagePump:
+        replaceInterfaces(text);
+        break;
+    default:
+        break;
+    }
+}
+
+// "address:name,name": replaces that entry's interface list. The list is
+// changed under the table lock: readers of the table hold it too.
+void SystemRouter::replaceInterfaces(const char* text)
+{
+    std::string addressText;
+    std::string namesText;
+    if (!UlmarComms::splitOn(text, ":", addressText, namesText) || namesText.empty())
+        return;
+    std::vector<std::string> names;
+    UlmarComms::splitOn(namesText, ",", names);
+    Address parsed(addressText);
+    MutexLocker locker(m_tableLock);
+    RoutingEntry* entry = find(parsed);
+    if (entry != nullptr)
+        entry->interfaces = names;
+}
+
+RoutingEntry* SystemRouter::find(const Address& address)
+{
+    if (!address.host().empty() && address.host() != Core::instance()->getHostName())
+        return nullptr;
+    RoutingEntry* best = nullptr;
+    int bestScore = -1;
+    for (RoutingEntry* entry : m_routingTable) {
+        int score = -1;
+        if (entry->address.match(address, score) && score > bestScore) {
+            best = entry;
+            bestScore = score;
+        }
+    }
+    return best;
+}
+
+bool SystemRouter::post(MessageItem* message)
+{
+    char* to = nullptr;
+    char* from = nullptr;
+    message->getMandatoryRoutingFields(&to, &from);
+    Core::message("SystemRouter::post( %p ) to='%s' from='%s'\n", static_cast<void*>(message), textOrEmpty(to),
+                  textOrEmpty(from));
+    {
+        Address target(textOrEmpty(to));
+        MutexLocker locker(m_tableLock);
+        RoutingEntry* entry = find(target);
+        if (entry != nullptr && entry->router != nullptr) {
+            Core::message("SystemRouter::post( %p ) Posting to message router\n", static_cast<void*>(message));
+            // The result is not looked at; a router that refused left the
+            // message with us, and nothing else will free it.
+            if (!postToRouter(entry->router, message))
+                MessageItem::release(message);
+            return true;
+        }
+    }
+    Core::message("SystemRouter::post( %p ) Adding to message queue.\n", static_cast<void*>(message));
+    {
+        MutexLocker locker(m_queueLock);
+        m_queue.push(message);
+    }
+    m_wakeUp.signal();
+    return true;
+}
+
+unsigned SystemRouter::run()
+{
+    while (m_running) {
+        MessageItem* message = nullptr;
+        {
+            MutexLocker locker(m_queueLock);
+            message = m_queue.pop();
+        }
+        if (message == nullptr) {
+            m_wakeUp.timedWait(5);
+            continue;
+        }
+        Core::message("SystemRouter::Run()\n");
+        processMessage(message);
+    }
+    return 0;
+}
+
+void SystemRouter::processMessage(MessageItem* message)
+{
+    Core::message("SystemRouter::ProcessMessage( %p )\n", static_cast<void*>(message));
+    char* to = nullptr;
+    char* from = nullptr;
+    message->getMandatoryRoutingFields(&to, &from);
+    Address target(textOrEmpty(to));
+    const std::string& host = target.host();
+    if (host != "localhost" && host != Core::instance()->getHostName()) {
+        MutexLocker locker(m_queueLock);
+        if (m_pNetworkRouter != nullptr) {
+            Core::verbose("SystemRouter::ProcessMessage( %p ) Passing onto network router\n",
+                          static_cast<void*>(message));
+            if (!m_pNetworkRouter->post(host, message)) {
+                Core::log(Core::LogError,
+                          "SystemRouter::ProcessMessage( %p ) Failed to post onto the network router.\n",
+                          static_cast<void*>(message));
+                MessageItem::release(message);
+            }
+            return;
+        }
+    } else if (deliverLocally(message, target)) {
+        return;
+    }
+    rejectMessage(message, to, from);
+}
+
+bool SystemRouter::deliverLocally(MessageItem* message, const Address& target)
+{
+    MutexLocker locker(m_tableLock);
+    RoutingEntry* entry = find(target);
+    if (entry == nullptr)
+        return false;
+    if (entry->router == nullptr) {
+        Core::log(Core::LogError, "RoutingEntry::Post( [message] %p ) No message router object running.\n",
+                  static_cast<void*>(message));
+        return false;
+    }
+    if (postToRouter(entry->router, message))
+        return true;
+    Core::log(Core::LogError, "RoutingEntry::Post( [message] %p ) Post on message router object failed.\n",
+              static_cast<void*>(message));
+    return false;
+}
+
+// No path: answer with error 400 unless the message is itself an error (so
+// errors never bounce). The test on the sender's entry is the inverse of what
+// its log line suggests; other builds behave so and peers rely on it.
+void SystemRouter::rejectMessage(MessageItem* message, const char* to, const char* from)
+{
+    Core::log(Core::LogWarning, "SystemRouter::ProcessMessage( %p ) rejecting message as no path was found to '%s'\n",
+              static_cast<void*>(message), textOrEmpty(to));
+    Address sender(textOrEmpty(from));
+    const char* mode = message->value(MessageItem::ArgumentKey_Mode);
+    if (mode != nullptr && mode[0] == MessageItem::Mode_Error) {
+        Core::message("SystemRouter::ProcessMessage( %p ) Got an error off an error message.\n",
+                      static_cast<void*>(message));
+        MessageItem::release(message);
+        return;
+    }
+    bool senderKnown = false;
+    {
+        MutexLocker locker(m_tableLock);
+        senderKnown = find(sender) != nullptr;
+    }
+    if (senderKnown) {
+        Core::message("SystemRouter::ProcessMessage( %p ) Unable to send back an error message as return address no longer exists.\n",
+                      static_cast<void*>(message));
+        MessageItem::release(message);
+        return;
+    }
+    // errorOut consumes a message that lacks "from" or a sender id; only the
+    // others are still ours to release afterwards.
+    const bool consumedByErrorOut = !message->hasKey(MessageItem::ArgumentKey_From)
+        || !message->hasKey(MessageItem::ArgumentKey_SenderId);
+    MessageItem* reply = Core::instance()->errorOut(message, 400);
+    if (reply == nullptr) {
+        Core::log(Core::LogError, "SystemRouter::ProcessMessage( %p ) Unable to create return error message.\n",
+                  static_cast<void*>(message));
+    } else if (!post(reply)) {
+        Core::log(Core::LogError, "SystemRouter::ProcessMessage( %p ) Unable to post error message.\n",
+                  static_cast<void*>(message));
+        MessageItem::release(reply);
+    }
+    if (!consumedByErrorOut)
+        MessageItem::release(message);
+}
+
+bool SystemRouter::interfaceDoesAddressSupport(const Address& address, const std::string& interface)
+{
+    MutexLocker locker(m_tableLock);
+    RoutingEntry* entry = find(address);
+    if (entry == nullptr)
+        return false;
+    return std::find(entry->interfaces.begin(), entry->interfaces.end(), interface) != entry->interfaces.end();
+}
+
+void SystemRouter::interfaceGetAddressSupporting(const std::string& interface, std::vector<Address>& out)
+{
+    MutexLocker locker(m_tableLock);
+    for (RoutingEntry* entry : m_routingTable) {
+        if (std::find(entry->interfaces.begin(), entry->interfaces.end(), interface) != entry->interfaces.end())
+            out.push_back(entry->address);
+    }
+}
+
+// With all false an entry is selected at its first equal pair; with all true
+// the equal pairs are counted and must equal the number of requested names,
+// so an empty request selects everything and a name listed twice counts twice.
+std::string SystemRouter::getAddressesSupportingInterfaces(std::vector<std::string>& interfaces, bool all)
+{
+    std::string result;
+    MutexLocker locker(m_tableLock);
+    for (RoutingEntry* entry : m_routingTable) {
+        size_t equalPairs = 0;
+        bool selected = false;
+        for (const std::string& name : entry->interfaces) {
+            for (const std::string& wanted : interfaces) {
+                if (name == wanted)
+                    ++equalPairs;
+            }
+            if (!all && equalPairs > 0) {
+                selected = true;
+                break;
+            }
+        }
+        if (all)
+            selected = equalPairs == interfaces.size();
+        if (!selected)
+            continue;
+        if (!result.empty())
+            result += ',';
+        result += entry->address.toString();
+    }
+    return result;
+}
+
+void SystemRouter::dumpSystemRouterTable(std::ostringstream& out)
+{
+    out << "# System Routing Table " << '\n' << "Address,Interfaces" << '\n';
+    MutexLocker locker(m_tableLock);
+    for (RoutingEntry* entry : m_routingTable) {
+        out << entry->address.toString() << ',';
+        for (size_t i = 0; i < entry->interfaces.size(); ++i) {
+            if (i != 0)
+                out << '-';
+            out << entry->interfaces[i];
+        }
+        out << '\n';
+    }
+}
+
+} // namespace UlmarCommsService

@@ -1,0 +1,119 @@
+// The machine's system router: the table of every message pump address known
+// on this machine, each with the process router that delivers to it and the
+// interfaces the pump supports. Process routers reach it directly (the
+// service's own router) or through the service side of a local link, which
+// presents each remote process as one more IMessageRouter.
+//
+// Two locks, never nested by this class: the table lock (routers and routing
+// table) and the queue lock (queue and the hand-off to the network router).
+// Messages that cannot be delivered at once are queued for the router's own
+// thread ("system router" thread), which makes the full routing decision and
+// answers undeliverable requests with error 400.
+#pragma once
+
+#include "core/address.h"
+#include "messaging/messaging.h"
+#include "platform/mutex.h"
+#include "platform/thread.h"
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace UlmarComms {
+class INetworkRouter;
+class SystemRouterMessagePump;
+
+// The abstract face of a link server attached to the real system router.
+class IRealSystemRouterLinkServer {
+public:
+    // Remembers the router the server serves (not owned).
+    explicit IRealSystemRouterLinkServer(ISystemRouter* router) : m_pSystemRouter(router) {}
+    // Forgets the router.
+    virtual ~IRealSystemRouterLinkServer() { m_pSystemRouter = nullptr; }
+    // Starts listening.
+    virtual bool start() = 0;
+    // Stops listening.
+    virtual void finish() = 0;
+
+protected:
+    ISystemRouter* m_pSystemRouter;
+};
+} // namespace UlmarComms
+
+namespace UlmarCommsService {
+
+// One known pump address.
+struct RoutingEntry {
+    // The pump's address as registered.
+    UlmarComms::Address address;
+    // The router that delivers to it (not owned; may be null).
+    UlmarComms::IMessageRouter* router = nullptr;
+    // Interface names the pump supports, as last announced.
+    std::vector<std::string> interfaces;
+};
+
+class SystemRouter : public UlmarComms::ISystemRouter, public UlmarCommsSystem::Thread {
+public:
+    SystemRouter();
+    ~SystemRouter() override;
+
+    // Starts the link servers, then the system router thread.
+    bool start() override;
+    // Stops the link servers and joins the thread.
+    void finish() override;
+    // Adds a process router to the routers list.
+    bool add(UlmarComms::IMessageRouter* router) override;
+    // Registers a pump address delivered by router.
+    bool add(UlmarComms::IMessageRouter* router, const char* address);
+    // Forgets a router and every entry it delivers to.
+    bool remove(UlmarComms::IMessageRouter* router) override;
+    // Removes the entry whose path equals address (any router may).
+    bool remove(UlmarComms::IMessageRouter* router, const char* address);
+    // Attaches a link server; called before start.
+    void addLinkServer(UlmarComms::IRealSystemRouterLinkServer* server);
+    // Attaches (or with null detaches) the network router.
+    void setNetworkRouter(UlmarComms::INetworkRouter* networkRouter) override;
+    // The attached network router, or null.
+    UlmarComms::INetworkRouter* networkRouter() const { return m_pNetworkRouter; }
+    // Remembers the system endpoint (informational).
+    void setSystemRouterMessagePump(UlmarComms::SystemRouterMessagePump* pump) { m_pSystemRouterMessagePump = pump; }
+    // Takes ownership of message and routes it; always true.
+    bool post(UlmarComms::MessageItem* message) override;
+    // Acts on a link command from a process router.
+    void handleCommand(UlmarComms::IMessageRouter* from, unsigned char command, const char* text) override;
+
+    // The best local entry for address; the caller holds the table lock.
+    RoutingEntry* find(const UlmarComms::Address& address);
+    // Whether the best entry for address lists exactly this interface.
+    bool interfaceDoesAddressSupport(const UlmarComms::Address& address, const std::string& interface);
+    // Appends the address of every entry listing the interface.
+    void interfaceGetAddressSupporting(const std::string& interface, std::vector<UlmarComms::Address>& out);
+    // Comma-separated addresses of entries supporting any (or all) names.
+    std::string getAddressesSupportingInterfaces(std::vector<std::string>& interfaces, bool all);
+    // Writes the routing table as text.
+    void dumpSystemRouterTable(std::ostringstream& out);
+
+protected:
+    // The system router thread: drains the queue.
+    unsigned run() override;
+
+private:
+    void processMessage(UlmarComms::MessageItem* message);
+    bool deliverLocally(UlmarComms::MessageItem* message, const UlmarComms::Address& target);
+    void rejectMessage(UlmarComms::MessageItem* message, const char* to, const char* from);
+    void replaceInterfaces(const char* text);
+
+    UlmarCommsSystem::Mutex m_tableLock;
+    std::vector<UlmarComms::IMessageRouter*> m_routers;
+    std::vector<RoutingEntry*> m_routingTable;
+    UlmarCommsSystem::Mutex m_queueLock;
+    UlmarComms::MessageQueue m_queue;
+    UlmarComms::SystemRouterMessagePump* m_pSystemRouterMessagePump;
+    std::vector<UlmarComms::IRealSystemRouterLinkServer*> m_linkServers;
+    UlmarComms::INetworkRouter* m_pNetworkRouter;
+    std::atomic<bool> m_running;
+    UlmarCommsSystem::ConditionValue m_wakeUp;
+};
+
+} // namespace UlmarCommsService
