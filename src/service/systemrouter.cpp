@@ -25,12 +25,29 @@ const char* textOrEmpty(const char* text)
     return text != nullptr ? text : "";
 }
 
-// Hands a message to a process router. A router that refuses leaves the
-// message with us, so it is released here exactly once.
-bool postToRouter(IMessageRouter* router, MessageItem* message)
+// Hands a message to a process router. On false, consumed says whether the
+// router took the message anyway (the process router releases what it cannot
+// queue; a link proxy that refuses leaves the message with the caller).
+bool postToRouter(IMessageRouter* router, MessageItem* message, bool& consumed)
 {
-    return router->post(message);
+    if (auto* local = dynamic_cast<UlmarComms::MessageRouter*>(router))
+        return local->post(message, consumed);
+    consumed = router->post(message);
+    return consumed;
 }
+
+// Depth of post() calls on this thread: a process router that cannot deliver
+// what it was handed passes it back here, and a second pass means the table
+// and that router disagree (a pump matching as a prefix registered over
+// another's entry). Such a message has no path; without this it would bounce
+// between the two until the stack ran out.
+thread_local int t_postDepth = 0;
+
+// Counts one post() on this thread for the lifetime of the guard.
+struct PostDepthGuard {
+    PostDepthGuard() { ++t_postDepth; }
+    ~PostDepthGuard() { --t_postDepth; }
+};
 
 } // namespace
 
@@ -76,7 +93,7 @@ void SystemRouter::finish()
     const bool wasRunning = m_running.exchange(false);
     for (UlmarComms::IRealSystemRouterLinkServer* server : m_linkServers)
         server->finish();
-    m_wakeUp.broadcast();
+    m_wakeUp.broadcastLocked();
     if (wasRunning && isStarted())
         waitToFinish();
 }
@@ -207,7 +224,12 @@ bool SystemRouter::post(MessageItem* message)
     message->getMandatoryRoutingFields(&to, &from);
     Core::message("SystemRouter::post( %p ) to='%s' from='%s'\n", static_cast<void*>(message), textOrEmpty(to),
                   textOrEmpty(from));
+    if (t_postDepth > 0) {
+        rejectMessage(message, to, from);
+        return true;
+    }
     {
+        PostDepthGuard depth;
         Address target(textOrEmpty(to));
         MutexLocker locker(m_tableLock);
         RoutingEntry* entry = find(target);
@@ -215,17 +237,23 @@ bool SystemRouter::post(MessageItem* message)
             Core::message("SystemRouter::post( %p ) Posting to message router\n", static_cast<void*>(message));
             // The result is not looked at; a router that refused left the
             // message with us, and nothing else will free it.
-            if (!postToRouter(entry->router, message))
+            bool consumed = false;
+            if (!postToRouter(entry->router, message, consumed) && !consumed)
                 MessageItem::release(message);
             return true;
         }
     }
     Core::message("SystemRouter::post( %p ) Adding to message queue.\n", static_cast<void*>(message));
+    bool queued = false;
     {
         MutexLocker locker(m_queueLock);
-        m_queue.push(message);
+        queued = m_queue.push(message);
     }
-    m_wakeUp.signal();
+    if (!queued) {
+        MessageItem::release(message);
+        return true;
+    }
+    m_wakeUp.broadcastLocked();
     return true;
 }
 
@@ -238,13 +266,22 @@ unsigned SystemRouter::run()
             message = m_queue.pop();
         }
         if (message == nullptr) {
-            m_wakeUp.timedWait(5);
+            // The queue is checked again under the condition's own mutex, so
+            // a post between the pop above and this wait is not slept through.
+            m_wakeUp.timedWaitUnless(5, &SystemRouter::hasQueuedMessages, this);
             continue;
         }
         Core::message("SystemRouter::Run()\n");
         processMessage(message);
     }
     return 0;
+}
+
+bool SystemRouter::hasQueuedMessages(void* router)
+{
+    SystemRouter* self = static_cast<SystemRouter*>(router);
+    MutexLocker locker(self->m_queueLock);
+    return self->m_queue.count() > 0 || !self->m_running;
 }
 
 void SystemRouter::processMessage(MessageItem* message)
@@ -285,10 +322,15 @@ bool SystemRouter::deliverLocally(MessageItem* message, const Address& target)
                   static_cast<void*>(message));
         return false;
     }
-    if (postToRouter(entry->router, message))
+    bool consumed = false;
+    if (postToRouter(entry->router, message, consumed))
         return true;
     Core::log(Core::LogError, "RoutingEntry::Post( [message] %p ) Post on message router object failed.\n",
               static_cast<void*>(message));
+    if (consumed) {
+        // The router released it; nothing is left to answer for.
+        return true;
+    }
     return false;
 }
 

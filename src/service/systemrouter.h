@@ -99,6 +99,7 @@ protected:
     unsigned run() override;
 
 private:
+    static bool hasQueuedMessages(void* router);
     void processMessage(UlmarComms::MessageItem* message);
     bool deliverLocally(UlmarComms::MessageItem* message, const UlmarComms::Address& target);
     void rejectMessage(UlmarComms::MessageItem* message, const char* to, const char* from);

@@ -1,0 +1,322 @@
+// The system router: table, link commands, routing decision, queries.
+#include "service/systemrouter.h"
+
+#include "core/core.h"
+#include "framing/dataframe.h"
+#include "network/networkrouter.h"
+#include "support/scopedhostname.h"
+#include "support/wait.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+using UlmarComms::Address;
+using UlmarComms::CommandMessage;
+using UlmarComms::IMessageRouter;
+using UlmarComms::ISystemRouter;
+using UlmarComms::MessageItem;
+using UlmarCommsService::SystemRouter;
+using UlmarCommsTest::ScopedHostName;
+using UlmarCommsTest::waitUntil;
+
+namespace {
+
+// Stands for a process router: keeps what it is handed (or refuses it).
+class RecordingRouter : public IMessageRouter {
+public:
+    ~RecordingRouter() override
+    {
+        for (MessageItem* message : m_messages)
+            MessageItem::release(message);
+    }
+    bool setSystemRouter(ISystemRouter*) override { return true; }
+    bool post(MessageItem* message) override
+    {
+        if (m_refuse)
+            return false;
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_messages.push_back(message);
+        return true;
+    }
+    void commandHandler(unsigned char, const char*) override {}
+
+    size_t count()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_messages.size();
+    }
+    MessageItem* at(size_t i)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_messages.at(i);
+    }
+    std::atomic<bool> m_refuse{false};
+
+private:
+    std::mutex m_lock;
+    std::vector<MessageItem*> m_messages;
+};
+
+MessageItem* request(const char* to, const char* from, const char* senderId = "7")
+{
+    MessageItem* message = MessageItem::create();
+    message->add(MessageItem::ArgumentKey_To, to);
+    if (from != nullptr)
+        message->add(MessageItem::ArgumentKey_From, from);
+    message->add(MessageItem::ArgumentKey_Method, "doIt");
+    if (senderId != nullptr)
+        message->add(MessageItem::ArgumentKey_SenderId, senderId);
+    return message;
+}
+
+class SystemRouterTest : public ::testing::Test {
+protected:
+    SystemRouterTest() : m_host("alpha") {}
+    ~SystemRouterTest() override
+    {
+        m_router.finish();
+    }
+    std::string dump()
+    {
+        std::ostringstream out;
+        m_router.dumpSystemRouterTable(out);
+        return out.str();
+    }
+
+    ScopedHostName m_host;
+    SystemRouter m_router;
+    RecordingRouter m_appA;
+    RecordingRouter m_appB;
+};
+
+TEST_F(SystemRouterTest, LinkCommandsBuildTheTable)
+{
+    m_router.handleCommand(&m_appA, CommandMessage::AddMessagePump, "alpha@echo");
+    m_router.handleCommand(&m_appB, CommandMessage::AddMessagePump, "alpha@clock/tick");
+    m_router.handleCommand(&m_appB, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@clock/tick:time,alarm");
+    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@echo");   // no ':'
+    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@echo:"); // no names
+    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@nobody:x");
+    m_router.handleCommand(&m_appA, 9, "alpha@ignored");
+    m_router.handleCommand(&m_appA, CommandMessage::AddMessagePump, nullptr);
+    EXPECT_EQ(dump(), "# System Routing Table \nAddress,Interfaces\nalpha@echo,\nalpha@clock/tick,time-alarm\n");
+
+    // Removal by name ignores hosts and the router that asks.
+    m_router.handleCommand(&m_appB, CommandMessage::RemoveMessagePump, "beta@echo");
+    EXPECT_EQ(dump(), "# System Routing Table \nAddress,Interfaces\nalpha@clock/tick,time-alarm\n");
+    EXPECT_FALSE(m_router.remove(&m_appA, "alpha@echo"));
+}
+
+TEST_F(SystemRouterTest, PrefixRegistrationUpdatesTheExistingEntry)
+{
+    m_router.add(&m_appA, "alpha@a/b");
+    m_router.add(&m_appB, "alpha@a");
+    EXPECT_EQ(dump(), "# System Routing Table \nAddress,Interfaces\nalpha@a/b,\n");
+    m_router.post(request("alpha@a/b", "alpha@x"));
+    EXPECT_EQ(m_appB.count(), 1u);
+    EXPECT_EQ(m_appA.count(), 0u);
+}
+
+TEST_F(SystemRouterTest, RemovingARouterDropsAllItsEntries)
+{
+    m_router.add(&m_appA);
+    m_router.add(&m_appA, "alpha@one");
+    m_router.add(&m_appB, "alpha@two");
+    m_router.add(&m_appA, "alpha@three");
+    EXPECT_TRUE(m_router.remove(&m_appA));
+    EXPECT_EQ(dump(), "# System Routing Table \nAddress,Interfaces\nalpha@two,\n");
+}
+
+TEST_F(SystemRouterTest, BestScoreWinsAndTiesGoToTheEarlierEntry)
+{
+    m_router.add(&m_appA, "alpha@x");
+    m_router.add(&m_appB, "alpha@y");
+    // "x/deep/er" matches entry "x" as a prefix, so it only changes its router.
+    m_router.add(&m_appB, "alpha@x/deep/er");
+    EXPECT_EQ(dump(), "# System Routing Table \nAddress,Interfaces\nalpha@x,\nalpha@y,\n");
+    m_router.post(request("alpha@Y/z", "alpha@s"));
+    EXPECT_EQ(m_appB.count(), 1u);
+    // An address without names matches every entry with score 0: the first.
+    m_router.post(request("alpha@", "alpha@s"));
+    EXPECT_EQ(m_appB.count(), 2u); // entry x now belongs to B
+}
+
+TEST_F(SystemRouterTest, LocalhostIsNotThisHostWhenFinding)
+{
+    m_router.add(&m_appA, "alpha@echo");
+    ASSERT_TRUE(m_router.find(Address("alpha@echo")) != nullptr);
+    EXPECT_EQ(m_router.find(Address("localhost@echo")), nullptr);
+    EXPECT_EQ(m_router.find(Address("beta@echo")), nullptr);
+}
+
+// Stands for the network router: keeps what is handed to it per host.
+class RecordingNetworkRouter : public UlmarComms::INetworkRouter {
+public:
+    ~RecordingNetworkRouter() override
+    {
+        for (auto& sent : m_sent)
+            MessageItem::release(sent.second);
+    }
+    bool post(const std::string& host, MessageItem* item) override
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_sent.emplace_back(host, item);
+        return true;
+    }
+    bool post(const std::string&, unsigned char, const char*) override { return true; }
+    bool getHostsSupportingInterfaces(const char*, const char*, const char*, const char*) override { return false; }
+    bool start() override { return true; }
+    void stop() override {}
+    bool add(ISystemRouter*) override { return true; }
+    bool routingTableNewConnection(const std::string&, UlmarComms::NetworkRouterInterface*,
+                                   UlmarComms::NetworkRouterConnection*) override
+    {
+        return true;
+    }
+    std::string getKnownHosts(bool) override { return std::string(); }
+    std::string getHostInfo(const std::string&) override { return std::string(); }
+    void infoAboutHost(const std::string&, const UlmarCommsSystem::SocketAddress&,
+                       UlmarComms::NetworkRouterInterface*) override
+    {
+    }
+
+    size_t count()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_sent.size();
+    }
+    std::pair<std::string, MessageItem*> at(size_t i)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_sent.at(i);
+    }
+
+private:
+    std::mutex m_lock;
+    std::vector<std::pair<std::string, MessageItem*>> m_sent;
+};
+
+TEST_F(SystemRouterTest, MessagesForOtherHostsGoToTheNetworkRouter)
+{
+    RecordingNetworkRouter network;
+    m_router.setNetworkRouter(&network);
+    ASSERT_TRUE(m_router.start());
+    m_router.add(&m_appA, "alpha@far"); // a local pump of the same name is never used
+    m_router.post(request("beta@far", "alpha@asker"));
+    ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
+    EXPECT_EQ(network.at(0).first, "beta");
+    EXPECT_STREQ(network.at(0).second->value("_t"), "beta@far");
+    EXPECT_EQ(m_appA.count(), 0u);
+    m_router.finish();
+    m_router.setNetworkRouter(nullptr);
+}
+
+TEST_F(SystemRouterTest, NoPathAnswersARemoteSenderWithError400)
+{
+    RecordingNetworkRouter network;
+    m_router.setNetworkRouter(&network);
+    ASSERT_TRUE(m_router.start());
+    // The sender has no entry here (it is on beta), so it is told.
+    m_router.post(request("alpha@missing", "beta@asker", "12"));
+    ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
+    MessageItem* reply = network.at(0).second;
+    EXPECT_EQ(network.at(0).first, "beta");
+    EXPECT_STREQ(reply->value("_t"), "beta@asker");
+    EXPECT_STREQ(reply->value("_R"), "12");
+    EXPECT_STREQ(reply->value("_f"), "alpha@missing");
+    EXPECT_STREQ(reply->value("_M"), "E");
+    EXPECT_STREQ(reply->value("_s"), "0");
+    EXPECT_STREQ(reply->value("_h"), "alpha");
+    EXPECT_STREQ(reply->value("_m"), "400");
+    m_router.finish();
+    m_router.setNetworkRouter(nullptr);
+}
+
+TEST_F(SystemRouterTest, NoPathStaysSilentForKnownSendersErrorsAndSenderless)
+{
+    RecordingNetworkRouter network;
+    m_router.setNetworkRouter(&network);
+    ASSERT_TRUE(m_router.start());
+    m_router.add(&m_appA, "alpha@asker");
+    // The sender has an entry: no reply (the inverted test is kept).
+    m_router.post(request("alpha@missing", "alpha@asker"));
+    // An error that cannot be delivered is dropped, never bounced.
+    MessageItem* error = request("alpha@missing", "beta@asker");
+    error->add("_M", "E");
+    m_router.post(error);
+    // Without a sender id no reply can be built (and nothing is freed twice).
+    m_router.post(request("alpha@missing", "beta@asker", nullptr));
+    // A probe that is answered proves the three before it were processed.
+    m_router.post(request("alpha@missing", "beta@probe"));
+    ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
+    EXPECT_STREQ(network.at(0).second->value("_t"), "beta@probe");
+    EXPECT_EQ(m_appA.count(), 0u);
+    m_router.finish();
+    m_router.setNetworkRouter(nullptr);
+}
+
+TEST_F(SystemRouterTest, RefusingRouterDoesNotLeakTheMessage)
+{
+    m_appA.m_refuse = true;
+    m_router.add(&m_appA, "alpha@refuser");
+    EXPECT_TRUE(m_router.post(request("alpha@refuser", "alpha@x")));
+    EXPECT_EQ(m_appA.count(), 0u); // released by the system router (ASan checks)
+}
+
+TEST_F(SystemRouterTest, InterfaceQueries)
+{
+    m_router.add(&m_appA, "alpha@one");
+    m_router.add(&m_appA, "alpha@two");
+    m_router.add(&m_appA, "alpha@three");
+    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@one:a,b");
+    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@two:b,b");
+    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@three:c");
+
+    EXPECT_TRUE(m_router.interfaceDoesAddressSupport(Address("alpha@one"), "a"));
+    EXPECT_FALSE(m_router.interfaceDoesAddressSupport(Address("alpha@one"), "a,b"));
+    EXPECT_FALSE(m_router.interfaceDoesAddressSupport(Address("alpha@nobody"), "a"));
+
+    std::vector<Address> supporting{Address("alpha@kept")};
+    m_router.interfaceGetAddressSupporting("b", supporting);
+    ASSERT_EQ(supporting.size(), 3u); // appended, not cleared
+    EXPECT_EQ(supporting[1].toString(), "alpha@one");
+    EXPECT_EQ(supporting[2].toString(), "alpha@two");
+
+    std::vector<std::string> wanted{"b"};
+    EXPECT_EQ(m_router.getAddressesSupportingInterfaces(wanted, false), "alpha@one,alpha@two");
+    // all: equal pairs are counted, so a name listed twice counts twice.
+    EXPECT_EQ(m_router.getAddressesSupportingInterfaces(wanted, true), "alpha@one");
+    // "b,b" asked of [a,b] gives two equal pairs; of [b,b], four.
+    wanted = {"b", "b"};
+    EXPECT_EQ(m_router.getAddressesSupportingInterfaces(wanted, true), "alpha@one");
+    // [b,b] asked for "a,b" also counts two pairs and is selected.
+    wanted = {"a", "b"};
+    EXPECT_EQ(m_router.getAddressesSupportingInterfaces(wanted, true), "alpha@one,alpha@two");
+    wanted.clear();
+    EXPECT_EQ(m_router.getAddressesSupportingInterfaces(wanted, true), "alpha@one,alpha@two,alpha@three");
+    EXPECT_EQ(m_router.getAddressesSupportingInterfaces(wanted, false), "");
+}
+
+TEST_F(SystemRouterTest, RouterThatPassesAMessageBackEndsItInsteadOfLooping)
+{
+    // A process router whose pump matches an entry only as a longer prefix:
+    // the entry "a" is updated to point at it by "a/y", yet it cannot deliver
+    // "a/z" and hands it straight back.
+    UlmarComms::MessageRouter process;
+    ASSERT_TRUE(process.setSystemRouter(&m_router));
+    ASSERT_TRUE(process.start());
+    m_router.add(&m_appA, "alpha@a");
+    UlmarComms::MessagePump pump("a/y", &process);
+    ASSERT_TRUE(pump.setCallbacks(nullptr, nullptr, nullptr, nullptr));
+    EXPECT_TRUE(m_router.post(request("alpha@a/z", "alpha@s")));
+    EXPECT_EQ(m_appA.count(), 0u);
+    process.remove(&pump);
+    process.finish();
+    m_router.remove(&process);
+}
+
+} // namespace
