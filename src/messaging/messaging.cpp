@@ -573,6 +573,11 @@ bool MessageRouter::setSystemRouter(ISystemRouter* systemRouter)
     return systemRouter->add(this);
 }
 
+void MessageRouter::detachSystemRouter(ISystemRouter* systemRouter)
+{
+    m_pSystemRouter.compare_exchange_strong(systemRouter, nullptr);
+}
+
 bool MessageRouter::start()
 {
     if (m_pSystemRouter.load() == nullptr)

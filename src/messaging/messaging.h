@@ -255,6 +255,9 @@ public:
     bool setSystemRouter(ISystemRouter* systemRouter) override;
     // The system router, or null.
     ISystemRouter* systemRouter() const { return m_pSystemRouter; }
+    // Forgets systemRouter (if it is the one set) without telling it: for an
+    // owner about to delete a system router that never started.
+    void detachSystemRouter(ISystemRouter* systemRouter);
     // Starts the worker; false without a system router or when it fails.
     bool start();
     // Stops and joins the worker; false when not started or called from a
