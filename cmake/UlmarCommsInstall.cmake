@@ -9,6 +9,9 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(ULMARCOMMS_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/UlmarComms)
+# Programs defined after this file (the daemon and the client) find the
+# library beside them in whatever prefix they are installed to.
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 # Relative to the prefix; distributions that keep units elsewhere override it.
 set(ULMARCOMMS_SYSTEMD_UNITDIR lib/systemd/system CACHE STRING
     "Where the ulmarcommsd unit is installed (relative to the prefix, or absolute)")
