@@ -200,6 +200,8 @@ public:
     // has stopped, the library refuses to build it again.
     static Result<Runtime> startService(std::string_view arg = {}) { return acquire(Role::Service, arg); }
 
+    // An empty holder, for a later move-assignment.
+    Runtime() noexcept = default;
     // Takes over another holder.
     Runtime(Runtime&& other) noexcept : m_held(std::exchange(other.m_held, false)) {}
     // Gives up the current hold, then takes over another.
@@ -241,7 +243,8 @@ private:
         return state;
     }
 
-    Runtime() noexcept : m_held(true) {}
+    struct Held {};
+    explicit Runtime(Held) noexcept : m_held(true) {}
 
     static Result<Runtime> acquire(Role role, std::string_view arg)
     {
@@ -252,7 +255,7 @@ private:
             if (s.role != role)
                 return Error(ULMARCOMMS_BAD_ARGUMENT);
             ++s.holders;
-            return Runtime();
+            return Runtime(Held{});
         }
         const std::string text(arg);
         const int code = role == Role::Service ? UlmarCommsSystemStartUp(text.c_str()) : UlmarCommsStart(text.c_str());
@@ -265,7 +268,7 @@ private:
         }
         s.holders = 1;
         s.role = role;
-        return Runtime();
+        return Runtime(Held{});
     }
 
     static Error release() noexcept
