@@ -1,0 +1,381 @@
+// The socket layer: TCP, UNIX-domain stream and UDP sockets whose transfers
+// are asynchronous, one request at a time per direction, completed by the
+// selector's worker threads (socketselector.h) through plain callbacks.
+//
+// Each socket keeps two descriptors for the same connection: the main one,
+// registered with the selector for reading, and a dup()ed "write handle",
+// registered only while a send is outstanding. The kernel keeps the two
+// registrations apart, so a read and a write can be outstanding together and
+// complete on different workers at the same time.
+//
+// Threads. Every callback (sent, received, error, disconnected, client
+// connected/disconnected) runs on a selector worker thread; the connected
+// callback runs on the thread that called connect(). A socket's read and write
+// completions may run at the same time on two workers, so owners lock their
+// own state.
+//
+// Ownership and deletion. Whoever creates a socket owns it; an accepted socket
+// belongs to whoever takes it in the listener's client-connect callback (with
+// no such callback it is closed and deleted at once). A socket may be deleted
+//  - from any thread that is not using it through another call at the time;
+//  - from inside any of its own callbacks (the worker notices and never
+//    touches it again);
+//  - while a worker is running one of its callbacks on another thread: the
+//    delete then waits until that callback has returned. So never delete a
+//    socket while holding a lock its callbacks take, and never let two
+//    threads delete the same socket.
+// Deleting also closes a descriptor that is still open: a deleted socket
+// must never stay registered with the selector. Every event carries the
+// socket's record id, not a pointer, so an event that outlives its socket is
+// dropped. Socket::deinit() must not run on a worker thread, and sockets
+// should be closed before it.
+//
+// The socket layer logs through its own logger, gated like the core logger.
+#pragma once
+
+#include "platform/mutex.h"
+#include "platform/socketaddress.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace UlmarCommsSystem {
+
+class Socket;
+class SocketSelector;
+class SocketSelectorWorker;
+class BSDSocketServiceMode;
+
+// Adds O_NONBLOCK to a descriptor; false when either fcntl call fails.
+bool SetNonBlocking(int descriptor);
+
+// The platform record of a socket: the write handle, both requests and the
+// lock that serialises every descriptor operation of the socket. It is shared
+// so that a worker holding an event for the socket keeps it valid while the
+// socket itself may be going away.
+struct BSDSocketPlatformData {
+    // One outstanding transfer.
+    struct Request {
+        unsigned char* buffer = nullptr;
+        unsigned size = 0;
+        SocketAddress address;
+        bool pending = false;
+    };
+
+    // A record with a fresh, never reused id for its owner.
+    explicit BSDSocketPlatformData(Socket* owner);
+
+    // Identifies the socket in selector registrations.
+    const uint64_t id;
+    // Guards the descriptors, requests, callbacks and flags of the socket.
+    Mutex lock;
+    // The dup()ed descriptor registered for writing, -1 when none.
+    int writeHandle = -1;
+    // The outstanding write: buffer, size, destination (datagrams).
+    Request writeRequest;
+    // The outstanding read: buffer, size, source (datagrams).
+    Request readRequest;
+    // Set once the connection has been reported ended; cleared by set().
+    bool ended = false;
+    // The socket, null once it is being deleted (changed under the registry lock).
+    std::atomic<Socket*> owner;
+    // Threads currently working on the socket (under the registry lock).
+    unsigned holds = 0;
+};
+
+// Keeps a socket from finishing its deletion while a worker works on it.
+class SocketHold {
+public:
+    // Holds the socket whose record has this id; empty if it is gone.
+    static SocketHold byId(uint64_t id);
+    // Holds a socket the caller knows to be alive; empty for null.
+    explicit SocketHold(Socket* socket);
+    // An empty hold.
+    SocketHold() = default;
+    ~SocketHold();
+    SocketHold(SocketHold&& other) noexcept;
+    SocketHold& operator=(SocketHold&& other) = delete;
+    SocketHold(const SocketHold&) = delete;
+    SocketHold& operator=(const SocketHold&) = delete;
+
+    // The socket, or null when it has been deleted (possibly by a callback).
+    Socket* socket() const;
+    // The record (valid as long as the hold lives), or null.
+    BSDSocketPlatformData* record() const { return m_record.get(); }
+
+private:
+    friend class Socket;
+    // Adopts a hold already counted under the registry lock.
+    explicit SocketHold(std::shared_ptr<BSDSocketPlatformData> record);
+    void release();
+
+    std::shared_ptr<BSDSocketPlatformData> m_record;
+};
+
+// An asynchronous socket; see the file comment for threads and ownership.
+class Socket {
+public:
+    // Connected / disconnected: (socket, user).
+    typedef void (*ConnectionCallback)(Socket* socket, void* user);
+    // Stream received / sent: (socket, buffer, count done, size asked, user, error).
+    typedef void (*StreamCallback)(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, void* user,
+                                   unsigned char error);
+    // Datagram received / sent: (socket, peer, buffer, count, size, user, error).
+    typedef void (*DatagramCallback)(Socket* socket, const SocketAddress& peer, unsigned char* buffer, unsigned count,
+                                     unsigned size, void* user, unsigned char error);
+    // Error: (socket, error code, user).
+    typedef void (*ErrorCallback)(Socket* socket, unsigned char error, void* user);
+    // Listener, client connected: (listener, peer, accepted, user).
+    typedef void (*ClientConnectCallback)(Socket* listener, const SocketAddress& peer, Socket* accepted, void* user);
+    // Listener, client disconnected: (listener, accepted, user).
+    typedef void (*ClientDisconnectCallback)(Socket* listener, Socket* accepted, void* user);
+    // Timer entry: (data).
+    typedef void (*TimerCallback)(void* data);
+    // The application's log sink: level, printf format, the call's va_list.
+    typedef void (*Logger)(int level, const char* format, char* args);
+
+    // Socket error codes.
+    static constexpr unsigned char NoSocketError = 0;
+    static constexpr unsigned char UnknownError = 1;
+    static constexpr unsigned char SocketAlreadlyCreated = 2;
+    static constexpr unsigned char SocketNotCreated = 3;
+    static constexpr unsigned char SocketNotOpen = 4;
+    static constexpr unsigned char PermissionDenied = 5;
+    static constexpr unsigned char AddressAlreadyUsed = 6;
+    static constexpr unsigned char CantAssignAddress = 7;
+    static constexpr unsigned char ConnectionAbort = 8;
+    static constexpr unsigned char ConnectionRefused = 9;
+    static constexpr unsigned char ConnectionResetByPeer = 10;
+    static constexpr unsigned char BadAddress = 11;
+    static constexpr unsigned char HostIsDown = 12;
+    static constexpr unsigned char NoRouteToHost = 13;
+    static constexpr unsigned char SocketConnected = 14;
+    static constexpr unsigned char TooManyOpenFiles = 15;
+    static constexpr unsigned char MessageTooLong = 16;
+    static constexpr unsigned char NetworkDown = 17;
+    static constexpr unsigned char NetworkDownOnReset = 18;
+    static constexpr unsigned char NetworkUnreachable = 19;
+    static constexpr unsigned char SocketNotConnected = 20;
+    static constexpr unsigned char CannotSendAfterSocketShutdown = 21;
+    static constexpr unsigned char TimeOut = 22;
+    static constexpr unsigned char HostNotFound = 23;
+    static constexpr unsigned char NoNetwork = 24;
+    static constexpr unsigned char FunctionNotSupported = 25;
+    static constexpr unsigned char SelectIsFull = 26;
+    static constexpr unsigned char CallingAsyncFunctionOnNoneAsyncObject = 27;
+    static constexpr unsigned char ActionNotAllowed = 28;
+    static constexpr unsigned char InvalidFunctionOnSocketType = 29;
+    static constexpr unsigned char UnableToSchedualAsyncJob = 30;
+
+    // The descriptor value of a socket that is not created.
+    static constexpr int BadSocketValue = -1;
+    // The listen() backlog.
+    static constexpr int ListenBacklog = 256;
+    // Live accepted sockets one listener keeps at most; later clients are
+    // accepted and dropped at once.
+    static constexpr unsigned MaxAcceptedSockets = 1024;
+
+    // The server-mode record a listening socket carries.
+    class ServerMode {
+    public:
+        virtual ~ServerMode();
+    };
+
+    // Frees the records; closes a descriptor still open (see file comment).
+    virtual ~Socket();
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+
+    // Adopts a descriptor (non-blocking for stream transfers) and registers
+    // it; on failure the caller keeps the descriptor.
+    virtual unsigned char set(int handle);
+    // A new, not created socket of the same class.
+    virtual Socket* createOfType() = 0;
+    // The connected peer's address.
+    virtual unsigned char getRemoteAddress(SocketAddress& address);
+    // AF_INET or AF_UNIX.
+    virtual int getFamily() const = 0;
+    // 6, 0 or 17.
+    virtual int getProtocol() const = 0;
+    // SOCK_STREAM or SOCK_DGRAM.
+    virtual int getType() const = 0;
+    // Posts one send of size bytes (stream sockets).
+    virtual unsigned char send(unsigned char* buffer, unsigned size);
+    // Posts one receive into buffer (stream sockets).
+    virtual unsigned char recv(unsigned char* buffer, unsigned size);
+    // Posts one datagram to address (datagram sockets).
+    virtual unsigned char sendTo(const SocketAddress& address, unsigned char* buffer, unsigned size);
+    // Posts one datagram receive into buffer (datagram sockets).
+    virtual unsigned char recvFrom(unsigned char* buffer, unsigned size);
+    // Makes the descriptor of this family, type and protocol and registers it.
+    virtual unsigned char create();
+    // Binds the descriptor (UNIX names with the full address size).
+    virtual unsigned char bind(const SocketAddress& address);
+    // Listens (backlog 256) and accepts on the workers, calling these.
+    virtual unsigned char listen(ClientConnectCallback clientConnect, ClientDisconnectCallback clientDisconnect,
+                                 void* user);
+    // Blocking connect, then non-blocking; calls connected on this thread.
+    virtual unsigned char connect(const SocketAddress& address, ConnectionCallback connected,
+                                  ConnectionCallback disconnected, void* user);
+    // Deregisters and closes both descriptors; drops the server mode.
+    virtual unsigned char close();
+    // Sets SO_BROADCAST.
+    virtual unsigned char setBroadcastMode(bool on);
+    // Accepts one client (run by a worker when the listener is readable).
+    virtual unsigned char doAccept();
+
+    // The socket's own address (getsockname).
+    unsigned char getLocalAddress(SocketAddress& address);
+    // The main descriptor, -1 when not created.
+    int getHandle() const;
+    // Whether listen() has given the socket its server mode.
+    bool isListening() const;
+    // The listener this socket was accepted on, or null.
+    Socket* getParent() const;
+    // Links the socket to a listening socket (anything else unlinks it).
+    void setParent(Socket* listener);
+    // The sockets accepted on this listener and still alive.
+    std::vector<Socket*> getAcceptedSockets() const;
+
+    // Installs the stream sent/received callbacks and their user data.
+    void setStreamCallbacks(StreamCallback sent, StreamCallback received, void* user);
+    // Installs the datagram sent/received callbacks and their user data.
+    void setDatagramCallbacks(DatagramCallback sent, DatagramCallback received, void* user);
+    // Installs the error callback.
+    void setErrorCallback(ErrorCallback callback, void* user);
+    // Installs the connected/disconnected callbacks.
+    void setConnectionCallback(ConnectionCallback connected, ConnectionCallback disconnected, void* user);
+    // Stores a pointer for the owner.
+    void setUserData(void* data);
+    // The owner's pointer.
+    void* getUserData() const;
+    // Forgets every callback, user pointer and the listener link.
+    void clear();
+
+    // Calls the connected callback.
+    void onConnectedAction();
+    // Calls the listener's client-disconnect, then the disconnected callback.
+    void onDisconnectAction(unsigned char code);
+    // Calls the error callback.
+    void errored(unsigned char code);
+
+    // Starts the selector with count workers (0 means 1); once only.
+    static bool init(unsigned count);
+    // Stops and destroys the selector (never from a worker thread).
+    static void deinit();
+    // The running selector, or null.
+    static SocketSelector* getSelector();
+    // A TCP socket for an IPv4 address, a UNIX one for a UNIX address, else null.
+    static Socket* createByAddressType(const SocketAddress& address);
+    // Adds a timer entry (see SocketTimeout).
+    static bool addToTimer(TimerCallback callback, void* data, unsigned ms, bool once);
+    // Removes timer entries (see SocketTimeout).
+    static bool removeFromTimer(TimerCallback callback, void* data);
+
+    // Maps a system error number to a socket error code.
+    static unsigned char BSDSocketsErrorCode(int error);
+    // NoSocketError for result >= 0, else the mapping of errno.
+    static unsigned char goodAPICall(int result);
+
+    // Installs the socket layer's logger; null switches it off.
+    static int setLogger(Logger logger);
+    // Sets the lowest level passed on.
+    static int setLoggingLevel(int level);
+    // The lowest level passed on.
+    static int getLoggingLevel();
+    // Logs at LogMessage.
+    static void message(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    // Logs at LogVerbose.
+    static void verbose(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    // Logs at the given level.
+    static void log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+protected:
+    Socket();
+    // Waits out workers still using the socket and unregisters it; every
+    // concrete destructor calls it first, while its overrides still apply.
+    void retire();
+
+private:
+    friend class SocketSelectorWorker;
+    friend class SocketHold;
+
+    // The selector registration data: record id and direction.
+    uint64_t token(bool write) const;
+    // Points the main handle's registration at the read request (locked).
+    bool armRead(uint32_t events);
+    // Re-arms a listener for the next client.
+    unsigned char rearmListener();
+    // Builds the server-mode record (locked).
+    void buildServerMode(ClientConnectCallback clientConnect, ClientDisconnectCallback clientDisconnect, void* user);
+    // Drops the server-mode record and unlinks its accepted sockets (locked).
+    void destroyServerMode();
+    // Accepts and drops a client beyond the limit.
+    void refuseClient(int handle);
+
+    Socket* m_pParent;
+    int m_handle;
+    ErrorCallback m_errorCallback;
+    void* m_pErrorUser;
+    StreamCallback m_streamSent;
+    StreamCallback m_streamReceived;
+    DatagramCallback m_datagramSent;
+    DatagramCallback m_datagramReceived;
+    void* m_pTransferUser;
+    ConnectionCallback m_connected;
+    ConnectionCallback m_disconnected;
+    void* m_pConnectionUser;
+    std::shared_ptr<BSDSocketPlatformData> m_platform;
+    BSDSocketServiceMode* m_pServerMode;
+    void* m_pUserData;
+};
+
+// The server mode of a BSD listener: its accepted sockets and callbacks.
+class BSDSocketServiceMode : public Socket::ServerMode {
+public:
+    // Sockets accepted here and still alive (under the registry lock).
+    std::vector<Socket*> accepted;
+    // Called for each accepted client.
+    Socket::ClientConnectCallback clientConnect = nullptr;
+    // Called when an accepted client's connection ends.
+    Socket::ClientDisconnectCallback clientDisconnect = nullptr;
+    // Their user data.
+    void* user = nullptr;
+};
+
+// TCP over IPv4.
+class SocketTCPIP : public Socket {
+public:
+    SocketTCPIP();
+    ~SocketTCPIP() override;
+    Socket* createOfType() override;
+    int getFamily() const override;
+    int getProtocol() const override;
+    int getType() const override;
+};
+
+// Stream sockets in the UNIX domain (abstract namespace).
+class SocketUNIX : public Socket {
+public:
+    SocketUNIX();
+    ~SocketUNIX() override;
+    Socket* createOfType() override;
+    int getFamily() const override;
+    int getProtocol() const override;
+    int getType() const override;
+};
+
+// UDP over IPv4.
+class SocketUDP : public Socket {
+public:
+    SocketUDP();
+    ~SocketUDP() override;
+    Socket* createOfType() override;
+    int getFamily() const override;
+    int getProtocol() const override;
+    int getType() const override;
+};
+
+} // namespace UlmarCommsSystem

@@ -1,0 +1,452 @@
+// The selector workers' loop and the completion of each socket request.
+//
+// A completion first consumes the request's pending flag under the socket's
+// lock; an event for a request that is not pending (an edge reported twice,
+// or one that arrived after close) is dropped. The system call of the
+// completion runs under that lock too, so close() on another thread can never
+// pull the descriptor away mid-call; callbacks always run without it.
+//
+// Every callback may delete the socket. After each one the worker asks its
+// hold whether the socket still exists before it goes on.
+#include "platform/socketselector.h"
+
+#include "core/core.h"
+#include "platform/socket.h"
+#include "platform/sockettimeout.h"
+
+#include <cerrno>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using UlmarComms::Core;
+
+namespace UlmarCommsSystem {
+
+namespace {
+
+const uint64_t WriteBit = 1;
+
+bool wouldBlock(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Selector
+
+SocketSelector::SocketSelector() : m_handle(-1), m_maxEvents(40), m_timeout(500), m_wakeHandle(-1) {}
+
+SocketSelector::~SocketSelector()
+{
+    if (!m_workers.empty() || m_handle != -1)
+        stop();
+}
+
+bool SocketSelector::start(unsigned n)
+{
+    Socket::message("SocketSelector::Start( %d )\n", n);
+    Socket::message("SocketSelector::Start() Using EPOLL\n");
+    if (m_handle != -1 || !m_workers.empty())
+        return false;
+    const int handle = epoll_create(m_maxEvents);
+    if (handle < 0) {
+        Socket::log(Core::LogFatal, "SocketSelector::Start() Unable to create epoll error:%d\n", errno);
+        return false;
+    }
+    // Level-triggered and never read: once written it wakes every waiter.
+    m_wakeHandle = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (m_wakeHandle >= 0) {
+        epoll_event wake{};
+        wake.events = EPOLLIN;
+        wake.data.u64 = WakeToken;
+        epoll_ctl(handle, EPOLL_CTL_ADD, m_wakeHandle, &wake);
+    }
+    m_handle = handle;
+    for (unsigned i = 0; i < n; ++i) {
+        SocketSelectorWorker* worker = new SocketSelectorWorker(this, handle);
+        if (!worker->start()) {
+            delete worker;
+            continue;
+        }
+        m_workers.push_back(worker);
+    }
+    Socket::message("SocketSelector::Start() Done\n");
+    return true;
+}
+
+void SocketSelector::stop()
+{
+    Socket::message("SocketSelector::Stop()\n");
+    // New registrations fail from here on.
+    const int handle = m_handle.exchange(-1);
+    for (SocketSelectorWorker* worker : m_workers)
+        worker->stop();
+    if (m_wakeHandle >= 0) {
+        const uint64_t one = 1;
+        if (write(m_wakeHandle, &one, sizeof(one)) < 0)
+            Socket::log(Core::LogError, "SocketSelector::Stop() Unable to wake the workers errno=%d\n", errno);
+    }
+    // Without the wake-up the workers still leave within one wait time-out.
+    for (SocketSelectorWorker* worker : m_workers) {
+        worker->waitToFinish();
+        delete worker;
+    }
+    m_workers.clear();
+    if (handle >= 0)
+        ::close(handle);
+    if (m_wakeHandle >= 0)
+        ::close(m_wakeHandle);
+    m_wakeHandle = -1;
+    Socket::message("SocketSelector::Stop() Done\n");
+}
+
+// ---------------------------------------------------------------------------
+// Worker loop
+
+SocketSelectorWorker::SocketSelectorWorker(SocketSelector* selector, int handle)
+    : m_pSelector(selector), m_running(false), m_handle(handle)
+{
+}
+
+SocketSelectorWorker::~SocketSelectorWorker() = default;
+
+bool SocketSelectorWorker::start()
+{
+    m_running = true;
+    if (Thread::start())
+        return true;
+    m_running = false;
+    return false;
+}
+
+void SocketSelectorWorker::stop()
+{
+    m_running = false;
+}
+
+unsigned SocketSelectorWorker::run()
+{
+    const int maxEvents = m_pSelector->getMaxEvents();
+    const int timeout = m_pSelector->getTimeout() == 0 ? 100 : m_pSelector->getTimeout();
+    SocketTimeout* timers = SocketTimeout::instance();
+    const bool captured = timers->capture();
+    if (captured)
+        Socket::message("SocketSelectorWorker() this=%p Get to capture the timer object.\n", static_cast<void*>(this));
+    else
+        Socket::message("SocketSelectorWorker() this=%p Didn't get to capture the timer object.\n",
+                        static_cast<void*>(this));
+    Socket::message("SocketSelectorWorker() this=%p Using EPOLL Thread=%d Timeout=%d MaxNoEvents=%d\n",
+                    static_cast<void*>(this), threadId(), timeout, maxEvents);
+    unsigned result = 0;
+    try {
+        loop(maxEvents, timeout, captured);
+    } catch (...) {
+        Socket::log(Core::LogFatal, "Unhandled Exception in SocketSelectorWorker::Run(), exiting thread.\n");
+        result = 1;
+    }
+    // Hand the timers back, so that a selector started later runs them again.
+    if (captured)
+        timers->releaseCapture();
+    Socket::message("Stopped SocketSelectorWorker on Thread %d", threadId());
+    return result;
+}
+
+void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
+{
+    std::vector<epoll_event> events(static_cast<size_t>(maxEvents));
+    while (m_running) {
+        const int count = epoll_wait(m_handle, events.data(), maxEvents, timeout);
+        if (count < 0) {
+            const int error = errno;
+            if (error == EBADF || error == EINVAL)
+                Socket::log(Core::LogError,
+                            "SocketSelectorWorker::Run() Got a EBADF or EINTVAL in select worker thread.\n");
+            else if (error == EINTR)
+                Socket::log(Core::LogError,
+                            "SocketSelectorWorker::Run() Got EINTR while doing something in select worker thread.\n");
+            else
+                Socket::log(Core::LogError, "SocketSelectorWorker::Run() Unknown error errno:%d.\n", error);
+        }
+        for (int i = 0; i < count; ++i) {
+            if (events[i].data.u64 == SocketSelector::WakeToken)
+                continue;
+            try {
+                if (!processEvent(&events[i]))
+                    Socket::log(Core::LogError, "SocketSelectorWorker::Run() ProcessEvent failed.\n");
+            } catch (...) {
+                Socket::log(Core::LogError,
+                            "SocketSelectorWorker::Run() Got an unhandled exception while processing an event.\n");
+            }
+        }
+        if (timers)
+            SocketTimeout::instance()->handle();
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Completions
+
+bool SocketSelectorWorker::processEvent(epoll_event* event)
+{
+    const uint64_t data = event->data.u64;
+    SocketHold hold = SocketHold::byId(data >> 1);
+    if (hold.socket() == nullptr) {
+        Socket::log(Core::LogError,
+                    "SocketSelectorWorker::ProcessEvent() Unable to get plantform data object. Bugging out!\n");
+        return false;
+    }
+    if ((data & WriteBit) != 0)
+        processWrite(hold, event->events);
+    else
+        processRead(hold, event->events);
+    return true;
+}
+
+void SocketSelectorWorker::endConnection(SocketHold& hold, unsigned char code)
+{
+    Socket* socket = hold.socket();
+    if (socket == nullptr)
+        return;
+    {
+        // A read and a write failing together must not report the end twice:
+        // owners delete the socket when they hear of it.
+        MutexLocker locker(hold.record()->lock);
+        if (hold.record()->ended)
+            return;
+        hold.record()->ended = true;
+    }
+    socket->onDisconnectAction(code);
+    if (hold.socket() == nullptr)
+        return;
+    socket->errored(code);
+}
+
+void SocketSelectorWorker::processAccept(SocketHold& hold)
+{
+    Socket::message("SocketSelectorWorker::ProcessEvent() this=%p Socket in listening mode so doing connect\n",
+                    static_cast<void*>(this));
+    const unsigned char code = hold.socket()->doAccept();
+    if (code == Socket::NoSocketError)
+        return;
+    Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent( epoll ) this=%p pTheSocket->doAccept() Failed error:%d.\n",
+                static_cast<void*>(this), code);
+    endConnection(hold, code);
+}
+
+void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
+{
+    Socket* socket = hold.socket();
+    BSDSocketPlatformData* record = hold.record();
+    if ((events & EPOLLIN) == 0) {
+        if ((events & EPOLLHUP) != 0) {
+            Socket::message("SocketSelectorWorker::ProcessEvent() Have other states for read socket EPOLLHUP\n");
+        } else if ((events & EPOLLERR) != 0) {
+            Socket::message("SocketSelectorWorker::ProcessEvent() Have other states for read socket EPOLLERR\n");
+        } else {
+            Socket::message("SocketSelectorWorker::ProcessEvent() Have other states for read socket Unknown error: %d\n",
+                            static_cast<int>(events));
+            endConnection(hold, Socket::UnknownError);
+        }
+        return;
+    }
+    if (socket->isListening()) {
+        processAccept(hold);
+        return;
+    }
+
+    const bool datagram = socket->getType() == SOCK_DGRAM;
+    Socket::StreamCallback streamReceived = nullptr;
+    Socket::DatagramCallback datagramReceived = nullptr;
+    void* user = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned size = 0;
+    ssize_t count = 0;
+    int error = 0;
+    int disarmError = 0;
+    SocketAddress source;
+    {
+        MutexLocker locker(record->lock);
+        BSDSocketPlatformData::Request& request = record->readRequest;
+        if (!request.pending || socket->m_handle == Socket::BadSocketValue)
+            return;
+        request.pending = false;
+        // Disarm: one completion per recv(). The read request stays the
+        // registration's data, so an error event in between finds a record.
+        epoll_event disarm{};
+        disarm.events = EPOLLERR | EPOLLET;
+        disarm.data.u64 = socket->token(false);
+        if (epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &disarm) != 0) {
+            disarmError = errno;
+        } else {
+            streamReceived = socket->m_streamReceived;
+            datagramReceived = socket->m_datagramReceived;
+            user = socket->m_pTransferUser;
+            buffer = request.buffer;
+            size = request.size;
+            if ((datagram ? datagramReceived == nullptr : streamReceived == nullptr))
+                return;
+            if (datagram) {
+                sockaddr_un from{};
+                socklen_t length = sizeof(from);
+                count = ::recvfrom(socket->m_handle, buffer, size, 0, reinterpret_cast<sockaddr*>(&from), &length);
+                error = errno;
+                if (count >= 0) {
+                    request.address.setAddressByFamily(reinterpret_cast<const sockaddr*>(&from), from.sun_family);
+                    source = request.address;
+                }
+            } else {
+                count = ::recv(socket->m_handle, buffer, size, 0);
+                error = errno;
+            }
+            // A readiness report that finds nothing to read is not the end
+            // of anything: put the request back and wait for the next one.
+            if (count < 0 && wouldBlock(error)) {
+                request.pending = true;
+                epoll_event rearm{};
+                rearm.events = datagram ? (EPOLLIN | EPOLLERR) : (EPOLLIN | EPOLLERR | EPOLLET);
+                rearm.data.u64 = socket->token(false);
+                if (epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &rearm) == 0)
+                    return;
+                request.pending = false;
+            }
+        }
+    }
+    if (disarmError != 0) {
+        Socket::log(Core::LogError,
+                    "SocketSelectorWorker::ProcessEvent() this=%p  Updating the EPOLL failed. error=%d errno=%d\n",
+                    static_cast<void*>(this), Socket::BSDSocketsErrorCode(disarmError), disarmError);
+        endConnection(hold, Socket::BSDSocketsErrorCode(disarmError));
+        return;
+    }
+    if (datagram) {
+        if (count < 0) {
+            const unsigned char code = Socket::BSDSocketsErrorCode(error);
+            Socket::log(Core::LogError,
+                        "SocketSelectorWorker::ProcessEvent() Call in selector for recvfrom() which errored with %d [ %d ]\n",
+                        code, error);
+            socket->errored(code);
+            return;
+        }
+        datagramReceived(socket, source, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
+        return;
+    }
+    if (count < 0) {
+        const unsigned char code = Socket::BSDSocketsErrorCode(error);
+        Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent() this=%p recv errored error=%d errno=%d\n",
+                    static_cast<void*>(this), code, error);
+        endConnection(hold, code);
+        return;
+    }
+    if (count == 0) {
+        Socket::message("SocketSelectorWorker::ProcessEvent() this = %p recv other end shutdown socket = %p .\n",
+                        static_cast<void*>(this), static_cast<void*>(socket));
+        endConnection(hold, Socket::NoSocketError);
+        return;
+    }
+    streamReceived(socket, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
+}
+
+void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
+{
+    Socket* socket = hold.socket();
+    BSDSocketPlatformData* record = hold.record();
+    if ((events & EPOLLOUT) == 0) {
+        if ((events & EPOLLERR) == 0) {
+            Socket::log(Core::LogWarning, "SocketSelectorWorker::ProcessEvent() Have other operations on write handle.\n");
+            return;
+        }
+        {
+            MutexLocker locker(record->lock);
+            if (!record->writeRequest.pending)
+                return;
+            record->writeRequest.pending = false;
+            epoll_ctl(m_handle, EPOLL_CTL_DEL, record->writeHandle, nullptr);
+        }
+        Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent() Got an error in the epoll processing!\n");
+        endConnection(hold, Socket::UnknownError);
+        return;
+    }
+
+    const bool datagram = socket->getType() == SOCK_DGRAM;
+    Socket::StreamCallback streamSent = nullptr;
+    Socket::DatagramCallback datagramSent = nullptr;
+    void* user = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned size = 0;
+    ssize_t count = 0;
+    int error = 0;
+    int removeError = 0;
+    SocketAddress destination;
+    {
+        MutexLocker locker(record->lock);
+        BSDSocketPlatformData::Request& request = record->writeRequest;
+        if (!request.pending || socket->m_handle == Socket::BadSocketValue)
+            return;
+        request.pending = false;
+        // One completion per send(): the write handle leaves the set.
+        if (epoll_ctl(m_handle, EPOLL_CTL_DEL, record->writeHandle, nullptr) != 0) {
+            removeError = errno;
+        } else {
+            streamSent = socket->m_streamSent;
+            datagramSent = socket->m_datagramSent;
+            user = socket->m_pTransferUser;
+            buffer = request.buffer;
+            size = request.size;
+            destination = request.address;
+            if ((datagram ? datagramSent == nullptr : streamSent == nullptr))
+                return;
+            // MSG_NOSIGNAL: a peer that has gone must give an error, not a
+            // SIGPIPE that ends the process.
+            if (datagram) {
+                count = ::sendto(socket->m_handle, buffer, size, MSG_NOSIGNAL, destination.getAddress(),
+                                 destination.getAddressSize());
+            } else {
+                Socket::message("Doing send() on a socket.\n");
+                count = ::send(record->writeHandle, buffer, size, MSG_NOSIGNAL);
+            }
+            error = errno;
+            if (count < 0 && wouldBlock(error)) {
+                request.pending = true;
+                epoll_event again{};
+                again.events = EPOLLOUT | EPOLLERR | EPOLLET;
+                again.data.u64 = socket->token(true);
+                if (epoll_ctl(m_handle, EPOLL_CTL_ADD, record->writeHandle, &again) == 0)
+                    return;
+                request.pending = false;
+            }
+        }
+    }
+    if (removeError != 0) {
+        Socket::log(Core::LogError,
+                    "SocketSelectorWorker::ProcessEvent() this=%p Deleting the old write operation failed errno=%d\n",
+                    static_cast<void*>(this), removeError);
+        endConnection(hold, Socket::BSDSocketsErrorCode(removeError));
+        return;
+    }
+    if (datagram) {
+        if (count < 0) {
+            const unsigned char code = Socket::BSDSocketsErrorCode(error);
+            Socket::log(Core::LogError,
+                        "SocketSelectorWorker::ProcessEvent() Call in selector for sendto()\n->> which errored with %d [ %d ]\n",
+                        code, error);
+            datagramSent(socket, destination, buffer, static_cast<unsigned>(-1), size, user, code);
+            return;
+        }
+        datagramSent(socket, destination, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
+        return;
+    }
+    if (count < 0) {
+        const unsigned char code = Socket::BSDSocketsErrorCode(error);
+        Socket::message("SocketSelectorWorker::ProcessEvent() this=%p Socket=%p disconnecting due to error Error=%d errno=%d\n",
+                        static_cast<void*>(this), static_cast<void*>(socket), code, error);
+        endConnection(hold, code);
+        return;
+    }
+    streamSent(socket, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
+}
+
+} // namespace UlmarCommsSystem

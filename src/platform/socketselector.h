@@ -1,0 +1,92 @@
+// The process-wide selector: one epoll instance and a small pool of selector
+// worker threads that wait on it and complete the sockets' requests by
+// calling their callbacks. The first worker to start also drives the timers.
+//
+// Registrations are edge-triggered and re-armed per request, and every
+// request carries a pending flag that its completion consumes under the
+// socket's lock, so each request completes on exactly one worker even when
+// an edge is reported twice. A read and a write of the same socket are
+// separate requests and may complete at the same time on two workers.
+//
+// Stopping wakes the workers through an eventfd in the same epoll set and
+// closes the epoll descriptor only after every worker has been joined, so no
+// worker ever waits on a descriptor number that may have been reused.
+#pragma once
+
+#include "platform/thread.h"
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+struct epoll_event;
+
+namespace UlmarCommsSystem {
+
+class SocketHold;
+class SocketSelector;
+
+// One thread waiting on the selector's epoll instance.
+class SocketSelectorWorker : public Thread {
+public:
+    // A worker of selector, waiting on its epoll descriptor handle.
+    SocketSelectorWorker(SocketSelector* selector, int handle);
+    ~SocketSelectorWorker() override;
+
+    // Sets the running flag and starts the thread.
+    bool start() override;
+    // Clears the running flag; the loop ends at its next turn.
+    void stop();
+    // The thread body: wait, complete, drive the timers if captured.
+    unsigned run() override;
+    // Completes one event; false when it names no live socket.
+    bool processEvent(epoll_event* event);
+
+private:
+    void processRead(SocketHold& hold, uint32_t events);
+    void processWrite(SocketHold& hold, uint32_t events);
+    void processAccept(SocketHold& hold);
+    // Ends the connection once: disconnect actions, then the error callback.
+    void endConnection(SocketHold& hold, unsigned char code);
+    void loop(int maxEvents, int timeout, bool timers);
+
+    SocketSelector* m_pSelector;
+    std::atomic<bool> m_running;
+    int m_handle;
+};
+
+// The epoll instance and its workers.
+class SocketSelector {
+public:
+    // The registration data that only wakes the workers.
+    static constexpr uint64_t WakeToken = 0;
+
+    SocketSelector();
+    // Stops the workers if that has not been done.
+    ~SocketSelector();
+    SocketSelector(const SocketSelector&) = delete;
+    SocketSelector& operator=(const SocketSelector&) = delete;
+
+    // Creates the epoll instance and starts n workers.
+    bool start(unsigned n);
+    // Stops, joins and destroys every worker and closes the epoll instance.
+    void stop();
+
+    // The epoll descriptor, -1 when stopped.
+    int getHandle() const { return m_handle; }
+    // Events taken per wait (40).
+    int getMaxEvents() const { return m_maxEvents; }
+    // The wait time-out in milliseconds (500).
+    int getTimeout() const { return m_timeout; }
+    // Workers whose thread started.
+    unsigned workerCount() const { return static_cast<unsigned>(m_workers.size()); }
+
+private:
+    std::atomic<int> m_handle;
+    int m_maxEvents;
+    int m_timeout;
+    std::vector<SocketSelectorWorker*> m_workers;
+    int m_wakeHandle;
+};
+
+} // namespace UlmarCommsSystem

@@ -1,0 +1,1009 @@
+// Sockets through real links: socketpairs, TCP on 127.0.0.1, UDP on
+// loopback and abstract UNIX names unique to each test, driven by the real
+// selector workers.
+#include "platform/socket.h"
+#include "platform/socketaddress.h"
+#include "platform/socketselector.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stddef.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <type_traits>
+#include <unistd.h>
+#include <vector>
+
+using namespace UlmarCommsSystem;
+
+namespace {
+
+// Polls a condition until it holds or the deadline passes.
+bool eventually(const std::function<bool()>& condition, int seconds = 10)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return condition();
+}
+
+// An abstract name no other test (or run) uses.
+std::string uniqueName(const char* what)
+{
+    static std::atomic<int> counter{0};
+    return std::string("sockettest_") + what + "_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
+}
+
+SocketAddress loopback(unsigned short port)
+{
+    SocketAddress address;
+    address.setIP4Address("127.0.0.1", std::to_string(port));
+    return address;
+}
+
+// The test's owner of one stream socket: collects what arrives (re-posting
+// recv each time), writes queued data one send at a time resuming partial
+// sends, and records connection events in order.
+struct Endpoint {
+    std::mutex lock;
+    Socket* socket = nullptr;
+    std::vector<unsigned char> inbound = std::vector<unsigned char>(64 * 1024);
+    std::string received;
+    std::string outbox;
+    std::vector<unsigned char> inFlight;
+    bool sending = false;
+    size_t bytesSent = 0;
+    int partialSends = 0;
+    std::vector<unsigned char> errors;
+    std::vector<std::string> events;
+    bool echo = false;
+    bool deleteOnError = false;
+    bool deleted = false;
+    void* expectedUser = nullptr;
+    bool wrongUser = false;
+
+    void attach(Socket* s)
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        socket = s;
+        s->setStreamCallbacks(&Endpoint::onSent, &Endpoint::onReceived, this);
+        s->setErrorCallback(&Endpoint::onError, this);
+        s->setConnectionCallback(nullptr, &Endpoint::onDisconnected, this);
+    }
+
+    unsigned char startReceiving()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return socket->recv(inbound.data(), static_cast<unsigned>(inbound.size()));
+    }
+
+    void write(const std::string& data)
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        outbox += data;
+        if (!sending)
+            sendNextLocked();
+    }
+
+    void sendNextLocked()
+    {
+        if (outbox.empty() || socket == nullptr) {
+            sending = false;
+            return;
+        }
+        inFlight.assign(outbox.begin(), outbox.end());
+        outbox.clear();
+        sending = socket->send(inFlight.data(), static_cast<unsigned>(inFlight.size())) == Socket::NoSocketError;
+    }
+
+    template <typename T> T read(T Endpoint::*field)
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return this->*field;
+    }
+
+    static void onSent(Socket* s, unsigned char* buffer, unsigned count, unsigned size, void* user,
+                       unsigned char error)
+    {
+        Endpoint* self = static_cast<Endpoint*>(user);
+        std::lock_guard<std::mutex> guard(self->lock);
+        EXPECT_EQ(error, Socket::NoSocketError);
+        EXPECT_EQ(buffer, self->inFlight.data());
+        EXPECT_LE(count, size);
+        self->bytesSent += count;
+        if (self->socket != s)
+            return;
+        if (count < size) {
+            ++self->partialSends;
+            self->inFlight.erase(self->inFlight.begin(), self->inFlight.begin() + count);
+            self->sending = s->send(self->inFlight.data(), static_cast<unsigned>(self->inFlight.size()))
+                == Socket::NoSocketError;
+            return;
+        }
+        self->sendNextLocked();
+    }
+
+    static void onReceived(Socket* s, unsigned char* buffer, unsigned count, unsigned size, void* user,
+                           unsigned char error)
+    {
+        Endpoint* self = static_cast<Endpoint*>(user);
+        std::lock_guard<std::mutex> guard(self->lock);
+        EXPECT_EQ(error, Socket::NoSocketError);
+        EXPECT_EQ(buffer, self->inbound.data());
+        EXPECT_EQ(size, self->inbound.size());
+        EXPECT_GT(count, 0u);
+        self->received.append(reinterpret_cast<char*>(buffer), count);
+        if (self->socket != s)
+            return;
+        if (self->echo) {
+            self->outbox.append(reinterpret_cast<char*>(buffer), count);
+            if (!self->sending)
+                self->sendNextLocked();
+        }
+        s->recv(self->inbound.data(), static_cast<unsigned>(self->inbound.size()));
+    }
+
+    static void onError(Socket* s, unsigned char error, void* user)
+    {
+        Endpoint* self = static_cast<Endpoint*>(user);
+        bool remove = false;
+        {
+            std::lock_guard<std::mutex> guard(self->lock);
+            self->errors.push_back(error);
+            self->events.push_back("error");
+            remove = self->deleteOnError && self->socket == s;
+            if (remove)
+                self->socket = nullptr;
+        }
+        // Deleted without our lock held: the delete waits for this socket's
+        // other callbacks, which take that lock.
+        if (remove) {
+            s->close();
+            delete s;
+            std::lock_guard<std::mutex> guard(self->lock);
+            self->deleted = true;
+        }
+    }
+
+    static void onDisconnected(Socket*, void* user)
+    {
+        Endpoint* self = static_cast<Endpoint*>(user);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->events.push_back("disconnected");
+    }
+};
+
+// The test's owner of a listener: takes every accepted socket into an
+// Endpoint and records the listener callbacks.
+struct Server {
+    std::mutex lock;
+    Socket* listener = nullptr;
+    std::vector<std::unique_ptr<Endpoint>> endpoints;
+    std::vector<SocketAddress> peers;
+    std::vector<Socket*> parents;
+    std::vector<Socket*> clientDisconnects;
+    std::vector<std::string>* sharedEvents = nullptr;
+    bool echo = false;
+    bool deleteOnError = false;
+
+    ~Server()
+    {
+        if (listener != nullptr) {
+            listener->close();
+            delete listener;
+        }
+        for (auto& endpoint : endpoints) {
+            Socket* s = nullptr;
+            {
+                std::lock_guard<std::mutex> guard(endpoint->lock);
+                s = endpoint->socket;
+                endpoint->socket = nullptr;
+            }
+            if (s != nullptr) {
+                s->close();
+                delete s;
+            }
+        }
+    }
+
+    unsigned char listen(Socket* socket, const SocketAddress& address)
+    {
+        listener = socket;
+        EXPECT_EQ(socket->create(), Socket::NoSocketError);
+        const unsigned char code = socket->bind(address);
+        if (code != Socket::NoSocketError)
+            return code;
+        return socket->listen(&Server::onClientConnect, &Server::onClientDisconnect, this);
+    }
+
+    size_t accepted()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return endpoints.size();
+    }
+
+    Endpoint* endpoint(size_t i)
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return endpoints.at(i).get();
+    }
+
+    static void onClientConnect(Socket* listener, const SocketAddress& peer, Socket* accepted, void* user)
+    {
+        Server* self = static_cast<Server*>(user);
+        EXPECT_EQ(listener, self->listener);
+        auto endpoint = std::make_unique<Endpoint>();
+        endpoint->echo = self->echo;
+        endpoint->deleteOnError = self->deleteOnError;
+        endpoint->attach(accepted);
+        EXPECT_EQ(endpoint->startReceiving(), Socket::NoSocketError);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->peers.push_back(peer);
+        self->parents.push_back(accepted->getParent());
+        self->endpoints.push_back(std::move(endpoint));
+    }
+
+    static void onClientDisconnect(Socket* listener, Socket* accepted, void* user)
+    {
+        Server* self = static_cast<Server*>(user);
+        EXPECT_EQ(listener, self->listener);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->clientDisconnects.push_back(accepted);
+        for (auto& endpoint : self->endpoints) {
+            std::lock_guard<std::mutex> inner(endpoint->lock);
+            if (endpoint->socket == accepted)
+                endpoint->events.push_back("client-disconnect");
+        }
+    }
+};
+
+void onConnected(Socket*, void* user)
+{
+    static_cast<std::atomic<int>*>(user)->fetch_add(1);
+}
+
+class SocketTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(Socket::init(2)); }
+    void TearDown() override { Socket::deinit(); }
+
+    // A listening TCP server on 127.0.0.1 with a free port.
+    SocketAddress listenOnLoopback(Server& server)
+    {
+        EXPECT_EQ(server.listen(new SocketTCPIP(), loopback(0)), Socket::NoSocketError);
+        SocketAddress bound;
+        EXPECT_EQ(server.listener->getLocalAddress(bound), Socket::NoSocketError);
+        return bound;
+    }
+
+    // Two connected UNIX stream sockets, non-blocking, adopted by set().
+    void makePair(Socket*& first, Socket*& second)
+    {
+        int fds[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        ASSERT_TRUE(SetNonBlocking(fds[0]));
+        ASSERT_TRUE(SetNonBlocking(fds[1]));
+        first = new SocketUNIX();
+        second = new SocketUNIX();
+        ASSERT_EQ(first->set(fds[0]), Socket::NoSocketError);
+        ASSERT_EQ(second->set(fds[1]), Socket::NoSocketError);
+    }
+
+    static void destroy(Endpoint& endpoint)
+    {
+        Socket* s = nullptr;
+        {
+            std::lock_guard<std::mutex> guard(endpoint.lock);
+            s = endpoint.socket;
+            endpoint.socket = nullptr;
+        }
+        if (s != nullptr) {
+            s->close();
+            delete s;
+        }
+    }
+};
+
+// A plain POSIX client, not built on this library.
+int rawConnect(const sockaddr* address, socklen_t length, int family)
+{
+    const int fd = socket(family, SOCK_STREAM, 0);
+    if (fd < 0)
+        return -1;
+    if (connect(fd, address, length) != 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+int rawConnectTCP(const SocketAddress& address)
+{
+    return rawConnect(address.getAddress(), sizeof(sockaddr_in), AF_INET);
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Error codes
+
+TEST(SocketErrors, SystemErrorsMapToSocketCodes)
+{
+    const std::vector<std::pair<int, unsigned char>> table{
+        {EACCES, Socket::PermissionDenied},       {EFAULT, Socket::BadAddress},
+        {EMFILE, Socket::TooManyOpenFiles},       {ENONET, Socket::NoNetwork},
+        {76, Socket::AddressAlreadyUsed},         {EADDRINUSE, Socket::AddressAlreadyUsed},
+        {EMSGSIZE, Socket::MessageTooLong},       {EADDRNOTAVAIL, Socket::CantAssignAddress},
+        {ENETDOWN, Socket::NetworkDown},          {ENETUNREACH, Socket::NetworkUnreachable},
+        {ENETRESET, Socket::NetworkDownOnReset},  {ECONNABORTED, Socket::ConnectionAbort},
+        {ECONNRESET, Socket::ConnectionResetByPeer}, {EISCONN, Socket::SocketConnected},
+        {ESHUTDOWN, Socket::CannotSendAfterSocketShutdown}, {ETIMEDOUT, Socket::TimeOut},
+        {ECONNREFUSED, Socket::ConnectionRefused}, {EHOSTDOWN, Socket::HostIsDown},
+        {EHOSTUNREACH, Socket::NoRouteToHost},    {EPIPE, Socket::UnknownError},
+        {EAGAIN, Socket::UnknownError},           {0, Socket::UnknownError},
+    };
+    for (const auto& [error, code] : table)
+        EXPECT_EQ(Socket::BSDSocketsErrorCode(error), code) << "errno " << error;
+    // The numbers other builds of this system use.
+    EXPECT_EQ(Socket::AddressAlreadyUsed, 6);
+    EXPECT_EQ(Socket::ConnectionResetByPeer, 10);
+    EXPECT_EQ(Socket::InvalidFunctionOnSocketType, 29);
+    EXPECT_EQ(Socket::UnableToSchedualAsyncJob, 30);
+
+    EXPECT_EQ(Socket::goodAPICall(0), Socket::NoSocketError);
+    errno = ECONNREFUSED;
+    EXPECT_EQ(Socket::goodAPICall(-1), Socket::ConnectionRefused);
+}
+
+TEST(SocketErrors, NothingCanBeCreatedWithoutASelector)
+{
+    Socket::deinit();
+    SocketTCPIP socket;
+    EXPECT_EQ(socket.create(), Socket::SocketNotCreated);
+    EXPECT_EQ(socket.getHandle(), Socket::BadSocketValue);
+}
+
+TEST_F(SocketTest, OperationsOnTheWrongKindOfSocketAreRefused)
+{
+    unsigned char byte = 0;
+    SocketUDP udp;
+    ASSERT_EQ(udp.create(), Socket::NoSocketError);
+    EXPECT_EQ(udp.recv(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    EXPECT_EQ(udp.send(&byte, 1), Socket::InvalidFunctionOnSocketType);
+
+    SocketTCPIP tcp;
+    ASSERT_EQ(tcp.create(), Socket::NoSocketError);
+    EXPECT_EQ(tcp.recvFrom(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    EXPECT_EQ(tcp.sendTo(loopback(9), &byte, 1), Socket::InvalidFunctionOnSocketType);
+
+    EXPECT_EQ(tcp.create(), Socket::SocketAlreadlyCreated);
+    EXPECT_EQ(tcp.close(), Socket::NoSocketError);
+    EXPECT_EQ(tcp.close(), Socket::SocketNotCreated);
+    EXPECT_EQ(udp.close(), Socket::NoSocketError);
+}
+
+TEST_F(SocketTest, OperationsBeforeCreateReportNotCreated)
+{
+    unsigned char byte = 0;
+    SocketTCPIP tcp;
+    SocketAddress peer;
+    EXPECT_EQ(tcp.recv(&byte, 1), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp.send(&byte, 1), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp.bind(loopback(0)), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp.listen(nullptr, nullptr, nullptr), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp.getRemoteAddress(peer), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp.set(Socket::BadSocketValue), Socket::SocketNotCreated);
+    SocketUDP udp;
+    EXPECT_EQ(udp.recvFrom(&byte, 1), Socket::SocketNotCreated);
+}
+
+TEST_F(SocketTest, BindAndConnectFailuresCarryTheirCodes)
+{
+    SocketTCPIP tcp;
+    ASSERT_EQ(tcp.create(), Socket::NoSocketError);
+    EXPECT_EQ(tcp.bind(SocketAddress()), Socket::BadAddress);
+
+    // A bound port without a listener refuses connections.
+    const int holder = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(holder, 0);
+    SocketAddress any = loopback(0);
+    ASSERT_EQ(::bind(holder, any.getAddress(), any.getAddressSize()), 0);
+    sockaddr_in bound{};
+    socklen_t length = sizeof(bound);
+    ASSERT_EQ(getsockname(holder, reinterpret_cast<sockaddr*>(&bound), &length), 0);
+    std::atomic<int> connected{0};
+    EXPECT_EQ(tcp.connect(loopback(ntohs(bound.sin_port)), &onConnected, nullptr, &connected),
+              Socket::ConnectionRefused);
+    EXPECT_EQ(connected.load(), 0);
+    close(holder);
+
+    // A port with a listener cannot be bound again.
+    Server server;
+    const SocketAddress address = listenOnLoopback(server);
+    SocketTCPIP second;
+    ASSERT_EQ(second.create(), Socket::NoSocketError);
+    EXPECT_EQ(second.bind(address), Socket::AddressAlreadyUsed);
+}
+
+// ---------------------------------------------------------------------------
+// Transfers
+
+TEST_F(SocketTest, StreamRequestsCompleteThroughCallbacks)
+{
+    Socket* a = nullptr;
+    Socket* b = nullptr;
+    makePair(a, b);
+    Endpoint left, right;
+    left.attach(a);
+    right.attach(b);
+    right.echo = true;
+    ASSERT_EQ(left.startReceiving(), Socket::NoSocketError);
+    ASSERT_EQ(right.startReceiving(), Socket::NoSocketError);
+
+    left.write("hello, ");
+    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "hello, "; }));
+    left.write("world");
+    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "hello, world"; }));
+    EXPECT_EQ(right.read(&Endpoint::received), "hello, world");
+    EXPECT_EQ(left.read(&Endpoint::bytesSent), 12u);
+    EXPECT_TRUE(left.read(&Endpoint::errors).empty());
+    destroy(left);
+    destroy(right);
+}
+
+TEST_F(SocketTest, SecondSendBeforeCompletionIsRefusedAndTheFirstSurvives)
+{
+    Socket* a = nullptr;
+    Socket* b = nullptr;
+    makePair(a, b);
+    Endpoint left, right;
+    left.attach(a);
+    right.attach(b);
+    // Fill the link so that the first send cannot complete yet.
+    std::string filler;
+    char chunk[4096];
+    std::memset(chunk, 'f', sizeof(chunk));
+    for (;;) {
+        const ssize_t written = ::send(a->getHandle(), chunk, sizeof(chunk), MSG_DONTWAIT);
+        if (written <= 0)
+            break;
+        filler.append(chunk, static_cast<size_t>(written));
+    }
+    ASSERT_FALSE(filler.empty());
+    unsigned char second[] = "second";
+    {
+        std::lock_guard<std::mutex> guard(left.lock);
+        left.inFlight.assign({'f', 'i', 'r', 's', 't'});
+        ASSERT_EQ(a->send(left.inFlight.data(), 5), Socket::NoSocketError);
+    }
+    EXPECT_EQ(a->send(second, 6), Socket::UnknownError);
+    ASSERT_EQ(right.startReceiving(), Socket::NoSocketError);
+    ASSERT_TRUE(eventually([&] { return right.read(&Endpoint::received).size() >= filler.size() + 5; }));
+    EXPECT_EQ(left.read(&Endpoint::bytesSent), 5u);
+    EXPECT_TRUE(right.read(&Endpoint::received) == filler + "first") << "the refused send must not leak out";
+    destroy(left);
+    destroy(right);
+}
+
+TEST_F(SocketTest, LargeTransfersResumeAfterPartialSends)
+{
+    Socket* a = nullptr;
+    Socket* b = nullptr;
+    makePair(a, b);
+    Endpoint sender, receiver;
+    sender.attach(a);
+    receiver.attach(b);
+    ASSERT_EQ(receiver.startReceiving(), Socket::NoSocketError);
+
+    std::string payload(4 * 1024 * 1024, '\0');
+    for (size_t i = 0; i < payload.size(); ++i)
+        payload[i] = static_cast<char>((i * 131 + i / 4096) & 0xFF);
+    sender.write(payload);
+    ASSERT_TRUE(eventually([&] { return receiver.read(&Endpoint::received).size() >= payload.size(); }, 60));
+    EXPECT_TRUE(receiver.read(&Endpoint::received) == payload) << "bytes lost, reordered or duplicated";
+    EXPECT_EQ(sender.read(&Endpoint::bytesSent), payload.size());
+    // 4 MiB never fits a socket buffer in one go.
+    EXPECT_GT(sender.read(&Endpoint::partialSends), 0);
+    destroy(sender);
+    destroy(receiver);
+}
+
+TEST_F(SocketTest, DatagramsTravelOverLoopback)
+{
+    struct Datagrams {
+        std::mutex lock;
+        std::vector<std::pair<std::string, SocketAddress>> received;
+        std::vector<std::pair<unsigned, SocketAddress>> sent;
+        unsigned char buffer[256];
+        Socket* socket = nullptr;
+        static void onSent(Socket*, const SocketAddress& peer, unsigned char*, unsigned count, unsigned,
+                           void* user, unsigned char error)
+        {
+            Datagrams* self = static_cast<Datagrams*>(user);
+            EXPECT_EQ(error, Socket::NoSocketError);
+            std::lock_guard<std::mutex> guard(self->lock);
+            self->sent.emplace_back(count, peer);
+        }
+        static void onReceived(Socket* s, const SocketAddress& peer, unsigned char* buffer, unsigned count,
+                               unsigned size, void* user, unsigned char error)
+        {
+            Datagrams* self = static_cast<Datagrams*>(user);
+            EXPECT_EQ(error, Socket::NoSocketError);
+            EXPECT_EQ(size, sizeof(self->buffer));
+            std::lock_guard<std::mutex> guard(self->lock);
+            self->received.emplace_back(std::string(reinterpret_cast<char*>(buffer), count), peer);
+            s->recvFrom(self->buffer, sizeof(self->buffer));
+        }
+    } senderSide, receiverSide;
+
+    SocketUDP sender, receiver;
+    ASSERT_EQ(sender.create(), Socket::NoSocketError);
+    ASSERT_EQ(receiver.create(), Socket::NoSocketError);
+    ASSERT_EQ(sender.bind(loopback(0)), Socket::NoSocketError);
+    ASSERT_EQ(receiver.bind(loopback(0)), Socket::NoSocketError);
+    EXPECT_EQ(sender.setBroadcastMode(true), Socket::NoSocketError);
+    SocketAddress from, to;
+    ASSERT_EQ(sender.getLocalAddress(from), Socket::NoSocketError);
+    ASSERT_EQ(receiver.getLocalAddress(to), Socket::NoSocketError);
+    sender.setDatagramCallbacks(&Datagrams::onSent, &Datagrams::onReceived, &senderSide);
+    receiver.setDatagramCallbacks(&Datagrams::onSent, &Datagrams::onReceived, &receiverSide);
+    {
+        std::lock_guard<std::mutex> guard(receiverSide.lock);
+        ASSERT_EQ(receiver.recvFrom(receiverSide.buffer, sizeof(receiverSide.buffer)), Socket::NoSocketError);
+    }
+
+    const std::vector<std::string> messages{"one", "two two", "three three three"};
+    for (const std::string& text : messages) {
+        std::vector<unsigned char> bytes(text.begin(), text.end());
+        const size_t before = senderSide.sent.size();
+        ASSERT_EQ(sender.sendTo(to, bytes.data(), static_cast<unsigned>(bytes.size())), Socket::NoSocketError);
+        ASSERT_TRUE(eventually([&] {
+            std::lock_guard<std::mutex> guard(senderSide.lock);
+            return senderSide.sent.size() > before;
+        }));
+    }
+    ASSERT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> guard(receiverSide.lock);
+        return receiverSide.received.size() == messages.size();
+    }));
+    std::lock_guard<std::mutex> guard(receiverSide.lock);
+    for (size_t i = 0; i < messages.size(); ++i) {
+        EXPECT_EQ(receiverSide.received[i].first, messages[i]);
+        EXPECT_TRUE(receiverSide.received[i].second.match(from, true)) << receiverSide.received[i].second.asString();
+        EXPECT_EQ(senderSide.sent[i].first, messages[i].size());
+        EXPECT_TRUE(senderSide.sent[i].second.match(to, true));
+    }
+    sender.close();
+    receiver.close();
+}
+
+// ---------------------------------------------------------------------------
+// Listening, accepting and the end of connections
+
+TEST_F(SocketTest, AcceptedClientsReachTheListenerAndItsCallbacks)
+{
+    Server server;
+    server.echo = true;
+    const SocketAddress address = listenOnLoopback(server);
+    EXPECT_TRUE(server.listener->isListening());
+
+    SocketTCPIP* client = new SocketTCPIP();
+    Endpoint clientSide;
+    ASSERT_EQ(client->create(), Socket::NoSocketError);
+    clientSide.attach(client);
+    std::atomic<int> connected{0};
+    ASSERT_EQ(client->connect(address, &onConnected, nullptr, &connected), Socket::NoSocketError);
+    EXPECT_EQ(connected.load(), 1) << "the connected callback runs inside connect()";
+    client->setConnectionCallback(nullptr, &Endpoint::onDisconnected, &clientSide);
+    ASSERT_EQ(clientSide.startReceiving(), Socket::NoSocketError);
+
+    ASSERT_TRUE(eventually([&] { return server.accepted() == 1; }));
+    SocketAddress clientAddress;
+    ASSERT_EQ(client->getLocalAddress(clientAddress), Socket::NoSocketError);
+    {
+        std::lock_guard<std::mutex> guard(server.lock);
+        EXPECT_TRUE(server.peers[0].match(clientAddress, true)) << server.peers[0].asString();
+        EXPECT_EQ(server.parents[0], server.listener) << "accepted sockets are linked to their listener";
+    }
+    EXPECT_EQ(server.listener->getAcceptedSockets().size(), 1u);
+    SocketAddress remote;
+    ASSERT_EQ(client->getRemoteAddress(remote), Socket::NoSocketError);
+    EXPECT_TRUE(remote.match(address, true));
+
+    clientSide.write("ping");
+    ASSERT_TRUE(eventually([&] { return clientSide.read(&Endpoint::received) == "ping"; }));
+
+    // An orderly close: listener first, then the socket's own callbacks.
+    Endpoint* accepted = server.endpoint(0);
+    destroy(clientSide);
+    ASSERT_TRUE(eventually([&] { return accepted->read(&Endpoint::errors).size() == 1; }));
+    EXPECT_EQ(accepted->read(&Endpoint::errors)[0], Socket::NoSocketError);
+    EXPECT_EQ(accepted->read(&Endpoint::events),
+              (std::vector<std::string>{"client-disconnect", "disconnected", "error"}));
+    std::lock_guard<std::mutex> guard(server.lock);
+    ASSERT_EQ(server.clientDisconnects.size(), 1u);
+}
+
+TEST_F(SocketTest, GarbageThenResetEndsWithConnectionResetByPeer)
+{
+    Server server;
+    const SocketAddress address = listenOnLoopback(server);
+    const int raw = rawConnectTCP(address);
+    ASSERT_GE(raw, 0);
+    ASSERT_TRUE(eventually([&] { return server.accepted() == 1; }));
+    unsigned char garbage[4096];
+    for (size_t i = 0; i < sizeof(garbage); ++i)
+        garbage[i] = static_cast<unsigned char>(i * 7 + 3);
+    ASSERT_EQ(::send(raw, garbage, sizeof(garbage), 0), static_cast<ssize_t>(sizeof(garbage)));
+    linger hard{1, 0};
+    ASSERT_EQ(setsockopt(raw, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard)), 0);
+    close(raw);
+
+    Endpoint* accepted = server.endpoint(0);
+    ASSERT_TRUE(eventually([&] { return !accepted->read(&Endpoint::errors).empty(); }));
+    EXPECT_EQ(accepted->read(&Endpoint::errors), std::vector<unsigned char>{Socket::ConnectionResetByPeer});
+    EXPECT_EQ(accepted->read(&Endpoint::events),
+              (std::vector<std::string>{"client-disconnect", "disconnected", "error"}));
+}
+
+TEST_F(SocketTest, ManyClientsAreServedAndCleanedUpFromCallbacks)
+{
+    const int clients = 48;
+    Server server;
+    server.echo = true;
+    server.deleteOnError = true; // as the links do: close and delete in the error callback
+    const SocketAddress address = listenOnLoopback(server);
+
+    std::vector<std::unique_ptr<Endpoint>> ends;
+    for (int i = 0; i < clients; ++i) {
+        auto end = std::make_unique<Endpoint>();
+        SocketTCPIP* client = new SocketTCPIP();
+        ASSERT_EQ(client->create(), Socket::NoSocketError);
+        end->attach(client);
+        ASSERT_EQ(client->connect(address, nullptr, nullptr, nullptr), Socket::NoSocketError);
+        ASSERT_EQ(end->startReceiving(), Socket::NoSocketError);
+        end->write("client " + std::to_string(i) + ";");
+        ends.push_back(std::move(end));
+    }
+    for (int i = 0; i < clients; ++i) {
+        const std::string expected = "client " + std::to_string(i) + ";";
+        ASSERT_TRUE(eventually([&] { return ends[i]->read(&Endpoint::received) == expected; })) << i;
+    }
+    EXPECT_EQ(server.accepted(), static_cast<size_t>(clients));
+    EXPECT_EQ(server.listener->getAcceptedSockets().size(), static_cast<size_t>(clients));
+
+    for (auto& end : ends)
+        destroy(*end);
+    ASSERT_TRUE(eventually([&] { return server.listener->getAcceptedSockets().empty(); }))
+        << "deleted sockets leave their listener's list";
+    for (int i = 0; i < clients; ++i) {
+        Endpoint* accepted = server.endpoint(i);
+        ASSERT_TRUE(eventually([&] { return accepted->read(&Endpoint::deleted); }));
+        EXPECT_EQ(accepted->read(&Endpoint::errors).size(), 1u);
+    }
+    std::lock_guard<std::mutex> guard(server.lock);
+    EXPECT_EQ(server.clientDisconnects.size(), static_cast<size_t>(clients));
+}
+
+TEST_F(SocketTest, AcceptedSocketsOutliveTheirListenerSafely)
+{
+    auto server = std::make_unique<Server>();
+    const SocketAddress address = listenOnLoopback(*server);
+    const int raw = rawConnectTCP(address);
+    ASSERT_GE(raw, 0);
+    ASSERT_TRUE(eventually([&] { return server->accepted() == 1; }));
+
+    // Take the accepted socket away from the server, then drop the listener.
+    Endpoint* accepted = server->endpoint(0);
+    std::unique_ptr<Endpoint> kept;
+    {
+        std::lock_guard<std::mutex> guard(server->lock);
+        kept = std::move(server->endpoints[0]);
+        server->endpoints.clear();
+    }
+    Socket* acceptedSocket = accepted->read(&Endpoint::socket);
+    server->listener->close();
+    delete server->listener;
+    server->listener = nullptr;
+    EXPECT_EQ(acceptedSocket->getParent(), nullptr);
+
+    close(raw);
+    ASSERT_TRUE(eventually([&] { return !accepted->read(&Endpoint::errors).empty(); }));
+    EXPECT_EQ(accepted->read(&Endpoint::events), (std::vector<std::string>{"disconnected", "error"}));
+    destroy(*kept);
+}
+
+// ---------------------------------------------------------------------------
+// The abstract UNIX name as other programs see it
+
+TEST_F(SocketTest, PaddedAbstractNameIsReachedByForeignClients)
+{
+    const std::string name = uniqueName("pipe");
+    SocketAddress address;
+    address.setUNIXAddress(name);
+    Server server;
+    server.echo = true;
+    ASSERT_EQ(server.listen(new SocketUNIX(), address), Socket::NoSocketError);
+
+    // The name the world sees: NUL, "__name.sock", NULs to the end of the path.
+    sockaddr_un padded{};
+    padded.sun_family = AF_UNIX;
+    std::snprintf(padded.sun_path + 1, sizeof(padded.sun_path) - 1, "__%s.sock", name.c_str());
+    const int raw = rawConnect(reinterpret_cast<sockaddr*>(&padded), sizeof(padded), AF_UNIX);
+    ASSERT_GE(raw, 0) << "padded name not reachable: " << std::strerror(errno);
+    ASSERT_EQ(::send(raw, "raw", 3, 0), 3);
+    char reply[3];
+    ASSERT_EQ(::recv(raw, reply, sizeof(reply), MSG_WAITALL), 3);
+    EXPECT_EQ(std::string(reply, 3), "raw");
+    close(raw);
+
+    // The short form of the same characters is a different abstract name.
+    const socklen_t shortLength =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + std::strlen(padded.sun_path + 1));
+    EXPECT_LT(rawConnect(reinterpret_cast<sockaddr*>(&padded), shortLength, AF_UNIX), 0);
+    EXPECT_EQ(errno, ECONNREFUSED);
+
+    if (std::system("command -v python3 >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "python3 not installed";
+    const std::string script = "import socket; s=socket.socket(socket.AF_UNIX); "
+                               "s.connect(b'\\0' + b'__" + name + ".sock'.ljust(107, b'\\0')); "
+                               "s.sendall(b'from python'); "
+                               "import sys; sys.stdout.write(s.makefile('rb').read(11).decode())";
+    FILE* child = popen(("python3 -c \"" + script + "\"").c_str(), "r");
+    ASSERT_NE(child, nullptr);
+    char output[128] = {0};
+    const size_t got = std::fread(output, 1, sizeof(output) - 1, child);
+    EXPECT_EQ(pclose(child), 0);
+    EXPECT_EQ(std::string(output, got), "from python");
+}
+
+TEST_F(SocketTest, UNIXClientsConnectWithTheLibrary)
+{
+    SocketAddress address;
+    address.setUNIXAddress(uniqueName("lib"));
+    Server server;
+    server.echo = true;
+    ASSERT_EQ(server.listen(Socket::createByAddressType(address), address), Socket::NoSocketError);
+
+    Socket* client = Socket::createByAddressType(address);
+    ASSERT_NE(dynamic_cast<SocketUNIX*>(client), nullptr);
+    Endpoint end;
+    ASSERT_EQ(client->create(), Socket::NoSocketError);
+    end.attach(client);
+    ASSERT_EQ(client->connect(address, nullptr, nullptr, nullptr), Socket::NoSocketError);
+    ASSERT_EQ(end.startReceiving(), Socket::NoSocketError);
+    end.write("over the pipe");
+    ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::received) == "over the pipe"; }));
+    EXPECT_EQ(Socket::createByAddressType(SocketAddress()), nullptr);
+    destroy(end);
+}
+
+// ---------------------------------------------------------------------------
+// Deletion while workers run
+
+TEST_F(SocketTest, ReadAndWriteFailingTogetherReportTheEndOnce)
+{
+    for (int round = 0; round < 20; ++round) {
+        int fds[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        ASSERT_TRUE(SetNonBlocking(fds[0]));
+        int small = 4096;
+        setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        Socket* socket = new SocketUNIX();
+        ASSERT_EQ(socket->set(fds[0]), Socket::NoSocketError);
+        Endpoint end;
+        end.deleteOnError = true;
+        end.attach(socket);
+        ASSERT_EQ(end.startReceiving(), Socket::NoSocketError);
+        end.write(std::string(1024 * 1024, 'x')); // leaves a send outstanding
+        ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::partialSends) > 0; }));
+        close(fds[1]);
+        ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::deleted); })) << "round " << round;
+        EXPECT_EQ(end.read(&Endpoint::errors).size(), 1u) << "round " << round;
+    }
+}
+
+namespace {
+
+std::mutex shutdownLinesLock;
+int shutdownLines = 0;
+
+void countShutdownLines(int, const char* format, char*)
+{
+    // The peer went with our data unread: its end shows as a reset or a close.
+    if (std::strstr(format, "recv other end shutdown") == nullptr && std::strstr(format, "recv errored") == nullptr)
+        return;
+    std::lock_guard<std::mutex> guard(shutdownLinesLock);
+    ++shutdownLines;
+}
+
+} // namespace
+
+TEST_F(SocketTest, AFailedWriteAndALaterFailedReadEndTheConnectionOnce)
+{
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    ASSERT_TRUE(SetNonBlocking(fds[0]));
+    Socket* socket = new SocketUNIX();
+    ASSERT_EQ(socket->set(fds[0]), Socket::NoSocketError);
+    Endpoint end;
+    end.attach(socket);
+    end.write(std::string(1024 * 1024, 'x'));
+    ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::partialSends) > 0; }));
+    close(fds[1]);
+    ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::errors).size() == 1; }));
+    EXPECT_NE(end.read(&Endpoint::errors)[0], Socket::NoSocketError);
+
+    {
+        std::lock_guard<std::mutex> guard(shutdownLinesLock);
+        shutdownLines = 0;
+    }
+    Socket::setLogger(&countShutdownLines);
+    Socket::setLoggingLevel(1);
+    ASSERT_EQ(end.startReceiving(), Socket::NoSocketError);
+    const bool readCompleted = eventually([&] {
+        std::lock_guard<std::mutex> guard(shutdownLinesLock);
+        return shutdownLines == 1;
+    });
+    Socket::setLogger(nullptr);
+    Socket::setLoggingLevel(2);
+    ASSERT_TRUE(readCompleted);
+    EXPECT_EQ(end.read(&Endpoint::errors).size(), 1u) << "the end was reported twice";
+    EXPECT_EQ(end.read(&Endpoint::events), (std::vector<std::string>{"disconnected", "error"}));
+    destroy(end);
+}
+
+TEST_F(SocketTest, DeletingFromAnotherThreadWaitsForARunningCallback)
+{
+    struct Blocking {
+        std::atomic<bool> inCallback{false};
+        std::atomic<bool> deleting{false};
+        std::atomic<bool> deleteReturned{false};
+        std::atomic<bool> returnedEarly{false};
+        unsigned char buffer[16];
+        static void onReceived(Socket* s, unsigned char*, unsigned, unsigned, void* user, unsigned char)
+        {
+            Blocking* self = static_cast<Blocking*>(user);
+            self->inCallback = true;
+            eventually([&] { return self->deleting.load(); });
+            // Give the delete every chance to return too early.
+            eventually([&] { return self->deleteReturned.load(); }, 1);
+            self->returnedEarly = self->deleteReturned.load();
+            s->getUserData(); // still a live object
+        }
+    } blocking;
+    Socket* a = nullptr;
+    Socket* b = nullptr;
+    makePair(a, b);
+    a->setStreamCallbacks(nullptr, &Blocking::onReceived, &blocking);
+    ASSERT_EQ(a->recv(blocking.buffer, sizeof(blocking.buffer)), Socket::NoSocketError);
+    ASSERT_EQ(::send(b->getHandle(), "x", 1, 0), 1);
+    ASSERT_TRUE(eventually([&] { return blocking.inCallback.load(); }));
+    std::thread deleter([&] {
+        blocking.deleting = true;
+        a->close();
+        delete a;
+        blocking.deleteReturned = true;
+    });
+    deleter.join();
+    EXPECT_FALSE(blocking.returnedEarly.load()) << "delete returned while a callback still ran";
+    b->close();
+    delete b;
+}
+
+TEST_F(SocketTest, ACallbackMayDeleteItsOwnSocketWithRequestsOutstanding)
+{
+    struct SelfDeleting {
+        std::atomic<bool> done{false};
+        unsigned char buffer[16];
+        static void onReceived(Socket* s, unsigned char*, unsigned, unsigned, void* user, unsigned char)
+        {
+            s->close();
+            delete s;
+            static_cast<SelfDeleting*>(user)->done = true;
+        }
+    } owner;
+    Socket* a = nullptr;
+    Socket* b = nullptr;
+    makePair(a, b);
+    a->setStreamCallbacks(nullptr, &SelfDeleting::onReceived, &owner);
+    ASSERT_EQ(a->recv(owner.buffer, sizeof(owner.buffer)), Socket::NoSocketError);
+    ASSERT_EQ(::send(b->getHandle(), "bye", 3, 0), 3);
+    ASSERT_TRUE(eventually([&] { return owner.done.load(); }));
+    b->close();
+    delete b;
+}
+
+// ---------------------------------------------------------------------------
+// The socket layer's logger and selector start-up
+
+namespace {
+
+struct LogCapture {
+    std::mutex lock;
+    std::vector<std::pair<int, std::string>> lines;
+};
+LogCapture* capture = nullptr;
+
+void captureLogger(int level, const char* format, char* args)
+{
+    char text[512];
+#if defined(__x86_64__)
+    std::vsnprintf(text, sizeof(text), format, reinterpret_cast<std::decay_t<va_list>>(args));
+#else
+    (void)args;
+    std::snprintf(text, sizeof(text), "%s", format);
+#endif
+    std::lock_guard<std::mutex> guard(capture->lock);
+    capture->lines.emplace_back(level, text);
+}
+
+} // namespace
+
+TEST(SocketLogging, GateFollowsLevelAndLogger)
+{
+    LogCapture lines;
+    capture = &lines;
+    Socket::BSDSocketsErrorCode(EPIPE); // no logger: nothing to see
+    Socket::setLogger(&captureLogger);
+    EXPECT_EQ(Socket::getLoggingLevel(), 2);
+    Socket::BSDSocketsErrorCode(EPIPE);
+    Socket::verbose("not shown %d\n", 1);
+    Socket::message("not shown either\n");
+    Socket::setLoggingLevel(0);
+    Socket::verbose("shown %d\n", 7);
+    Socket::setLoggingLevel(4);
+    Socket::log(3, "below the level\n");
+    Socket::setLogger(nullptr);
+    Socket::setLoggingLevel(2);
+    Socket::log(4, "no logger\n");
+    capture = nullptr;
+
+    ASSERT_EQ(lines.lines.size(), 2u);
+    EXPECT_EQ(lines.lines[0].first, 2);
+    EXPECT_EQ(lines.lines[1].first, 0);
+#if defined(__x86_64__)
+    EXPECT_EQ(lines.lines[0].second, "Call to BSDSocketsErrorCode( 32 )\n");
+    EXPECT_EQ(lines.lines[1].second, "shown 7\n");
+#endif
+}
+
+TEST(SocketSelectorStart, InitStartsOnceAndDeinitJoins)
+{
+    Socket::deinit();
+    ASSERT_TRUE(Socket::init(0));
+    SocketSelector* selector = Socket::getSelector();
+    ASSERT_NE(selector, nullptr);
+    EXPECT_EQ(selector->workerCount(), 1u) << "0 workers means 1";
+    EXPECT_GE(selector->getHandle(), 0);
+    EXPECT_EQ(selector->getMaxEvents(), 40);
+    EXPECT_EQ(selector->getTimeout(), 500);
+    ASSERT_TRUE(Socket::init(5));
+    EXPECT_EQ(Socket::getSelector(), selector);
+    EXPECT_EQ(selector->workerCount(), 1u) << "a second init starts nothing";
+    Socket::deinit();
+    EXPECT_EQ(Socket::getSelector(), nullptr);
+    Socket::deinit(); // harmless twice
+
+    ASSERT_TRUE(Socket::init(3));
+    EXPECT_EQ(Socket::getSelector()->workerCount(), 3u);
+    Socket::deinit();
+}
