@@ -207,7 +207,8 @@ void Socket::retire()
 
 uint64_t Socket::token(bool write) const
 {
-    return (m_platform->id << 1) | (write ? 1u : 0u);
+    // The record id and the request: 1 the read, 2 the write.
+    return (m_platform->id << 2) | (write ? 2u : 1u);
 }
 
 // ---------------------------------------------------------------------------

@@ -26,7 +26,10 @@ namespace UlmarCommsSystem {
 
 namespace {
 
-const uint64_t WriteBit = 1;
+// The direction bits of a registration's data (the rest is the record id).
+const uint64_t DirectionMask = 3;
+const uint64_t ReadDirection = 1;
+const uint64_t WriteDirection = 2;
 
 bool wouldBlock(int error)
 {
@@ -193,16 +196,19 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
 bool SocketSelectorWorker::processEvent(epoll_event* event)
 {
     const uint64_t data = event->data.u64;
-    SocketHold hold = SocketHold::byId(data >> 1);
+    SocketHold hold = SocketHold::byId(data >> 2);
     if (hold.socket() == nullptr) {
         Socket::log(Core::LogError,
                     "SocketSelectorWorker::ProcessEvent() Unable to get plantform data object. Bugging out!\n");
         return false;
     }
-    if ((data & WriteBit) != 0)
+    if ((data & DirectionMask) == WriteDirection)
         processWrite(hold, event->events);
-    else
+    else if ((data & DirectionMask) == ReadDirection)
         processRead(hold, event->events);
+    else
+        Socket::log(Core::LogWarning,
+                    "SocketSelectorWorker::ProcessEvent() We don't have a known handle to play with!!\n");
     return true;
 }
 
@@ -292,18 +298,21 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
             if (datagram) {
                 sockaddr_un from{};
                 socklen_t length = sizeof(from);
-                count = ::recvfrom(socket->m_handle, buffer, size, 0, reinterpret_cast<sockaddr*>(&from), &length);
+                count = ::recvfrom(socket->m_handle, buffer, size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from),
+                                   &length);
                 error = errno;
                 if (count >= 0) {
                     request.address.setAddressByFamily(reinterpret_cast<const sockaddr*>(&from), from.sun_family);
                     source = request.address;
                 }
             } else {
-                count = ::recv(socket->m_handle, buffer, size, 0);
+                count = ::recv(socket->m_handle, buffer, size, MSG_DONTWAIT);
                 error = errno;
             }
-            // A readiness report that finds nothing to read is not the end
-            // of anything: put the request back and wait for the next one.
+            // MSG_DONTWAIT above: a worker never blocks (a datagram dropped
+            // for its checksum after readiness was reported would otherwise
+            // hang it). A readiness report that finds nothing to read is not
+            // the end of anything: put the request back and wait again.
             if (count < 0 && wouldBlock(error)) {
                 request.pending = true;
                 epoll_event rearm{};
@@ -400,13 +409,14 @@ void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
             if ((datagram ? datagramSent == nullptr : streamSent == nullptr))
                 return;
             // MSG_NOSIGNAL: a peer that has gone must give an error, not a
-            // SIGPIPE that ends the process.
+            // SIGPIPE that ends the process. MSG_DONTWAIT: a worker never
+            // blocks, whatever mode the descriptor is in.
             if (datagram) {
-                count = ::sendto(socket->m_handle, buffer, size, MSG_NOSIGNAL, destination.getAddress(),
+                count = ::sendto(socket->m_handle, buffer, size, MSG_NOSIGNAL | MSG_DONTWAIT, destination.getAddress(),
                                  destination.getAddressSize());
             } else {
                 Socket::message("Doing send() on a socket.\n");
-                count = ::send(record->writeHandle, buffer, size, MSG_NOSIGNAL);
+                count = ::send(record->writeHandle, buffer, size, MSG_NOSIGNAL | MSG_DONTWAIT);
             }
             error = errno;
             if (count < 0 && wouldBlock(error)) {

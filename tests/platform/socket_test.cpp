@@ -526,6 +526,29 @@ TEST_F(SocketTest, LargeTransfersResumeAfterPartialSends)
     destroy(receiver);
 }
 
+TEST_F(SocketTest, BlockingDescriptorsNeverBlockTheOnlyWorker)
+{
+    // One worker: a send that blocked it would leave nobody to receive.
+    Socket::deinit();
+    ASSERT_TRUE(Socket::init(1));
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    Socket* a = new SocketUNIX();
+    Socket* b = new SocketUNIX();
+    ASSERT_EQ(a->set(fds[0]), Socket::NoSocketError);
+    ASSERT_EQ(b->set(fds[1]), Socket::NoSocketError);
+    Endpoint sender, receiver;
+    sender.attach(a);
+    receiver.attach(b);
+    ASSERT_EQ(receiver.startReceiving(), Socket::NoSocketError);
+    const std::string payload(2 * 1024 * 1024, 'b');
+    sender.write(payload);
+    ASSERT_TRUE(eventually([&] { return receiver.read(&Endpoint::received).size() == payload.size(); }, 30));
+    EXPECT_GT(sender.read(&Endpoint::partialSends), 0);
+    destroy(sender);
+    destroy(receiver);
+}
+
 TEST_F(SocketTest, DatagramsTravelOverLoopback)
 {
     struct Datagrams {
