@@ -58,9 +58,13 @@ bool SetNonBlocking(int descriptor);
 struct BSDSocketPlatformData {
     // One outstanding transfer.
     struct Request {
+        // The owner's buffer (not owned).
         unsigned char* buffer = nullptr;
+        // Bytes to send, or room to receive into.
         unsigned size = 0;
+        // Datagram destination or source.
         SocketAddress address;
+        // Posted and not yet completed.
         bool pending = false;
     };
 

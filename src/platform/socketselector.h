@@ -43,15 +43,20 @@ public:
     bool processEvent(epoll_event* event);
 
 private:
+    // Completes the read request (or accepts, on a listener).
     void processRead(SocketHold& hold, uint32_t events);
+    // Completes the write request.
     void processWrite(SocketHold& hold, uint32_t events);
+    // Accepts one client and reports a failure as the listener's end.
     void processAccept(SocketHold& hold);
     // Ends the connection once: disconnect actions, then the error callback.
     void endConnection(SocketHold& hold, unsigned char code);
+    // Waits and completes until stopped; runs the timers when captured.
     void loop(int maxEvents, int timeout, bool timers);
 
     SocketSelector* m_pSelector;
     std::atomic<bool> m_running;
+    // The epoll descriptor, fixed for the worker's life.
     int m_handle;
 };
 
@@ -86,6 +91,7 @@ private:
     int m_maxEvents;
     int m_timeout;
     std::vector<SocketSelectorWorker*> m_workers;
+    // The eventfd that wakes every worker at stop.
     int m_wakeHandle;
 };
 

@@ -27,11 +27,17 @@ public:
 
     // One timer entry.
     struct TimeoutAction {
+        // The next entry of the list this one is on.
         TimeoutAction* next;
+        // Milliseconds between firings.
         unsigned interval;
+        // Fires once and leaves the list.
         bool once;
+        // Fires at the first check strictly after this tick.
         unsigned due;
+        // What to call.
         Callback callback;
+        // Its argument.
         void* data;
         // Removed during a check; swept to the free list when it ends.
         bool removed;
