@@ -1,0 +1,819 @@
+// Frame handler: outbound queues and the one frame in flight, inbound
+// reassembly and dispatch, the socket trampolines; and the frame server.
+//
+// The log texts are the ones operators know from other builds of the system,
+// older spellings included. Pointers that those texts print with %d are
+// passed as numbers, so the logger never sees a mismatched argument.
+#include "framing/dataframehandler.h"
+
+#include "core/core.h"
+#include "messaging/messaging.h"
+#include "platform/thread.h"
+
+#include <algorithm>
+#include <new>
+#include <sys/socket.h>
+#include <vector>
+
+namespace UlmarComms {
+
+using UlmarCommsSystem::MutexLocker;
+using UlmarCommsSystem::Socket;
+using UlmarCommsSystem::SocketAddress;
+
+namespace {
+
+// Handlers whose callbacks this thread is running, innermost last: a handler
+// waiting for its callbacks to end must not wait for its own thread.
+thread_local std::vector<const DataFrameHandler*> t_callbacksOfThisThread;
+
+int asNumber(const void* pointer)
+{
+    return static_cast<int>(reinterpret_cast<intptr_t>(pointer));
+}
+
+const char* printable(const char* text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+uint64_t wireSize(const DataFrame* frame)
+{
+    return uint64_t(frame->dataSize()) + DataFrame::HeaderSize;
+}
+
+} // namespace
+
+// Counts one callback of a handler for the lifetime of the scope. The
+// decrement is the scope's last touch of the handler, so a waiter that sees
+// the count drop may destroy it at once.
+class DataFrameHandler::CallbackScope {
+public:
+    explicit CallbackScope(DataFrameHandler* handler) : m_pHandler(handler)
+    {
+        m_pHandler->m_callbacksRunning.fetch_add(1);
+        t_callbacksOfThisThread.push_back(handler);
+    }
+    ~CallbackScope()
+    {
+        auto mine = std::find(t_callbacksOfThisThread.rbegin(), t_callbacksOfThisThread.rend(), m_pHandler);
+        if (mine != t_callbacksOfThisThread.rend())
+            t_callbacksOfThisThread.erase(std::next(mine).base());
+        m_pHandler->m_callbacksRunning.fetch_sub(1);
+    }
+    CallbackScope(const CallbackScope&) = delete;
+    CallbackScope& operator=(const CallbackScope&) = delete;
+
+private:
+    DataFrameHandler* m_pHandler;
+};
+
+// ---------------------------------------------------------------- lifetime
+
+DataFrameHandler::DataFrameHandler()
+    : m_pInboundBuffer(nullptr), m_inboundSize(0), m_pInboundCurrentFrame(nullptr), m_linkEnding(false),
+      m_sending(false), m_lastId(0), m_pOutboundBuffer(nullptr), m_outboundSize(0),
+      m_pOutboundCurrentFrame(nullptr), m_outboundInFlight(false), m_currentSent(0), m_queuedBytes(0),
+      m_outboundHeld(false), m_probe(0), m_pSocket(nullptr), m_callbacksRunning(0)
+{
+    Core::verbose("DataFrameHandler::DataFrameHandler() this=%p\n", static_cast<void*>(this));
+}
+
+DataFrameHandler::~DataFrameHandler()
+{
+    Core::verbose("DataFrameHandler::~DataFrameHandler() this=%p\n", static_cast<void*>(this));
+    // The socket stays open (it is the owner's), but it must not call into
+    // a handler that is gone.
+    Socket* socket = takeSocket();
+    if (socket != nullptr) {
+        socket->setStreamCallbacks(nullptr, nullptr, nullptr);
+        socket->setErrorCallback(nullptr, nullptr);
+        socket->setConnectionCallback(nullptr, nullptr, nullptr);
+    }
+    waitForCallbacksToEnd();
+    {
+        MutexLocker locker(m_outboundLock);
+        releaseOutboundFrames();
+    }
+    {
+        MutexLocker locker(m_inboundLock);
+        release(m_pInboundCurrentFrame);
+        m_pInboundCurrentFrame = nullptr;
+    }
+    delete[] m_pInboundBuffer;
+    delete[] m_pOutboundBuffer;
+}
+
+bool DataFrameHandler::createBuffers(unsigned inbound, unsigned outbound)
+{
+    if (inbound == 0)
+        inbound = static_cast<unsigned>(std::max(0, Core::instance()->getNumber("dataframehandler.inbound.size")));
+    if (outbound == 0)
+        outbound = static_cast<unsigned>(std::max(0, Core::instance()->getNumber("dataframehandler.outbound.size")));
+    // A buffer of no bytes could never move a frame.
+    inbound = std::max(inbound, 1u);
+    outbound = std::max(outbound, 1u);
+    unsigned char* in = new (std::nothrow) unsigned char[inbound];
+    unsigned char* out = new (std::nothrow) unsigned char[outbound];
+    if (in == nullptr || out == nullptr) {
+        delete[] in;
+        delete[] out;
+        Core::log(Core::LogError, "DataFrameHandler::createBuffers( %u, %u ) this=%p Allocation failed.\n", inbound,
+                  outbound, static_cast<void*>(this));
+        return false;
+    }
+    {
+        MutexLocker locker(m_inboundLock);
+        delete[] m_pInboundBuffer;
+        m_pInboundBuffer = in;
+        m_inboundSize = inbound;
+    }
+    MutexLocker locker(m_outboundLock);
+    delete[] m_pOutboundBuffer;
+    m_pOutboundBuffer = out;
+    m_outboundSize = outbound;
+    return true;
+}
+
+DataFrame* DataFrameHandler::create()
+{
+    DataFrame* frame = new (std::nothrow) DataFrame();
+    if (frame == nullptr || frame->capacity() == 0) {
+        delete frame;
+        Core::verbose("DataFrameHandler::create() this=%p unable to create dataframe.\n", static_cast<void*>(this));
+        return nullptr;
+    }
+    Core::verbose("DataFrameHandler::create() this=%p Created=%p.\n", static_cast<void*>(this),
+                  static_cast<void*>(frame));
+    return frame;
+}
+
+void DataFrameHandler::release(DataFrame* frame)
+{
+    if (frame == nullptr)
+        return;
+    Core::verbose("DataFrameHandler::release( %p ) this=%p\n", static_cast<void*>(frame), static_cast<void*>(this));
+    delete frame;
+}
+
+void DataFrameHandler::waitForCallbacksToEnd()
+{
+    const int own = static_cast<int>(
+        std::count(t_callbacksOfThisThread.begin(), t_callbacksOfThisThread.end(), this));
+    // Only teardown waits here, and callbacks are short: polling is enough.
+    while (m_callbacksRunning.load() > own)
+        UlmarCommsSystem::Thread::sleep(1);
+}
+
+// ------------------------------------------------------------------ socket
+
+void DataFrameHandler::setSocket(Socket* socket)
+{
+    if (socket == nullptr)
+        return;
+    // Callbacks first: a frame written as soon as the socket is published
+    // must find its completion callback in place.
+    socket->setStreamCallbacks(onSentFunction, onRecvedFunction, this);
+    socket->setErrorCallback(onErrorFunction, this);
+    socket->setConnectionCallback(onConnectedFunction, onDisconnectFunction, this);
+    {
+        MutexLocker inbound(m_inboundLock);
+        MutexLocker outbound(m_outboundLock);
+        if (m_pSocket.load() != socket) {
+            detachLocked();
+            m_pSocket = socket;
+        }
+    }
+    Core::verbose("DataFrameHandler::setSocket( %p ) m_pSocket = %p\n", static_cast<void*>(socket),
+                  static_cast<void*>(socket));
+}
+
+Socket* DataFrameHandler::takeSocket()
+{
+    MutexLocker inbound(m_inboundLock);
+    MutexLocker outbound(m_outboundLock);
+    return detachLocked();
+}
+
+Socket* DataFrameHandler::takeSocketIf(Socket* expected)
+{
+    MutexLocker inbound(m_inboundLock);
+    MutexLocker outbound(m_outboundLock);
+    if (expected == nullptr || m_pSocket.load() != expected)
+        return nullptr;
+    return detachLocked();
+}
+
+Socket* DataFrameHandler::detachLocked()
+{
+    Socket* old = m_pSocket.exchange(nullptr);
+    // A new stream starts with a new frame: the bytes of a half-read frame,
+    // and a refusal of the old peer's stream, belong to the old connection.
+    release(m_pInboundCurrentFrame);
+    m_pInboundCurrentFrame = nullptr;
+    m_linkEnding = false;
+    // A frame handed to the old socket may have reached the old peer in full
+    // or in part; sending it again could deliver it twice or corrupt the new
+    // stream, so it goes. A frame the socket never took is kept for the next.
+    if (m_pOutboundCurrentFrame != nullptr && (m_outboundInFlight || m_currentSent > 0)) {
+        Core::log(Core::LogWarning,
+                  "DataFrameHandler::takeSocket() this=%p Dropping frame %u, handed to a link that has gone.\n",
+                  static_cast<void*>(this), m_pOutboundCurrentFrame->id());
+        m_queuedBytes -= wireSize(m_pOutboundCurrentFrame);
+        release(m_pOutboundCurrentFrame);
+        m_pOutboundCurrentFrame = nullptr;
+    }
+    m_outboundInFlight = false;
+    m_currentSent = 0;
+    return old;
+}
+
+void DataFrameHandler::holdOutbound()
+{
+    MutexLocker locker(m_outboundLock);
+    m_outboundHeld = true;
+}
+
+void DataFrameHandler::releaseOutbound()
+{
+    MutexLocker locker(m_outboundLock);
+    m_outboundHeld = false;
+    if (mayWrite())
+        sendOutbound();
+}
+
+unsigned DataFrameHandler::queuedFrames()
+{
+    MutexLocker locker(m_outboundLock);
+    return static_cast<unsigned>(m_messageQueue.size() + m_commandQueue.size())
+        + (m_pOutboundCurrentFrame != nullptr ? 1u : 0u);
+}
+
+bool DataFrameHandler::isLinkEnding()
+{
+    MutexLocker locker(m_inboundLock);
+    return m_linkEnding;
+}
+
+bool DataFrameHandler::mayWrite() const
+{
+    return m_pSocket.load() != nullptr && !m_outboundHeld;
+}
+
+// ---------------------------------------------------------------- outbound
+
+bool DataFrameHandler::addToOutbound(MessageItem* message)
+{
+    MutexLocker locker(m_outboundLock);
+    Core::verbose("DataFrameHandler::addToOutbound( [MessageItem] %p ) this=%p\n", static_cast<void*>(message),
+                  static_cast<void*>(this));
+    DataFrame* frame = nullptr;
+    try {
+        frame = create();
+        if (frame == nullptr || !frame->insertMessage(m_lastId + 1, message)) {
+            release(frame);
+            Core::log(Core::LogError, "DataFrameHandler::addToOutbound( %p ) this=%p Frame set failed.\n",
+                      static_cast<void*>(message), static_cast<void*>(this));
+            return false;
+        }
+    } catch (...) {
+        release(frame);
+        Core::log(Core::LogError,
+                  "DataFrameHandler::addToOutbound( %p ) this=%p Unhandled exception while trying to create "
+                  "dataframe from message.\n",
+                  static_cast<void*>(message), static_cast<void*>(this));
+        return false;
+    }
+    return enqueue(frame, false);
+}
+
+bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
+{
+    MutexLocker locker(m_outboundLock);
+    const char* shown = printable(text);
+    Core::verbose("DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p\n", code, shown,
+                  static_cast<void*>(this));
+    DataFrame* frame = nullptr;
+    try {
+        frame = create();
+        if (frame == nullptr) {
+            Core::log(Core::LogError,
+                      "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Failed to create DataFrame.\n",
+                      code, shown, static_cast<void*>(this));
+            return false;
+        }
+        if (!frame->insertCommand(m_lastId + 1, code, text)) {
+            release(frame);
+            Core::log(Core::LogError,
+                      "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Failed to set DataFrame.\n",
+                      code, shown, static_cast<void*>(this));
+            return false;
+        }
+    } catch (...) {
+        release(frame);
+        Core::log(Core::LogError, "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Unhandled exception.\n",
+                  code, shown, static_cast<void*>(this));
+        return false;
+    }
+    return enqueue(frame, true);
+}
+
+bool DataFrameHandler::enqueue(DataFrame* frame, bool command)
+{
+    const uint64_t size = wireSize(frame);
+    // A peer that stops reading must not make us hold unbounded memory.
+    if (m_queuedBytes > 0 && m_queuedBytes + size > MaxQueuedBytes) {
+        Core::log(Core::LogError,
+                  "DataFrameHandler::addToOutbound() this=%p Outbound queue full (%llu bytes waiting), frame "
+                  "refused.\n",
+                  static_cast<void*>(this), static_cast<unsigned long long>(m_queuedBytes));
+        release(frame);
+        return false;
+    }
+    try {
+        (command ? m_commandQueue : m_messageQueue).push_back(frame);
+    } catch (...) {
+        release(frame);
+        Core::log(Core::LogError, "DataFrameHandler::addToOutbound() this=%p Unable to queue the frame.\n",
+                  static_cast<void*>(this));
+        return false;
+    }
+    m_lastId = frame->id();
+    m_queuedBytes += size;
+    if (mayWrite() && !m_sending) {
+        Core::verbose("DataFrameHandler::addToOutbound() sendOutbound()\n");
+        sendOutbound();
+    }
+    return true;
+}
+
+void DataFrameHandler::sendOutbound()
+{
+    if (m_pOutboundCurrentFrame != nullptr) {
+        // Still being written; or kept from a link that went before the
+        // socket took any of it, which starts it again.
+        if (!m_outboundInFlight)
+            doSendOutboundData();
+        return;
+    }
+    Core::verbose("DataFrameHandler::sendOutbound() no current outbound.\n");
+    if (!m_commandQueue.empty()) {
+        Core::verbose("DataFrameHandler::sendOutbound() Sending Command.\n");
+        m_pOutboundCurrentFrame = m_commandQueue.front();
+        m_commandQueue.pop_front();
+    } else if (!m_messageQueue.empty()) {
+        Core::verbose("DataFrameHandler::sendOutbound() Sending message.\n");
+        m_pOutboundCurrentFrame = m_messageQueue.front();
+        m_messageQueue.pop_front();
+    } else {
+        m_sending = false;
+        Core::verbose("DataFrameHandler::sendOutbound() Not Sending At all.\n");
+        return;
+    }
+    m_currentSent = 0;
+    m_outboundInFlight = false;
+    doSendOutboundData();
+}
+
+void DataFrameHandler::doSendOutboundData()
+{
+    if (m_pOutboundCurrentFrame == nullptr) {
+        Core::log(Core::LogError, "DataFrameHandler::doSendOutboundData() this=%p No current outbound frame.\n",
+                  static_cast<void*>(this));
+        return;
+    }
+    Socket* socket = m_pSocket.load();
+    if (socket == nullptr || m_outboundHeld)
+        return; // the frame waits for the next socket
+    unsigned count = 0;
+    if (!m_pOutboundCurrentFrame->writeOut(m_pOutboundBuffer, m_outboundSize, count)) {
+        Core::log(Core::LogError, "DataFrameHandler::doSendOutboundData() this=%p writeOut on current frame failed.\n",
+                  static_cast<void*>(this));
+        return;
+    }
+    const unsigned char error = socket->send(m_pOutboundBuffer, count);
+    if (error != Socket::NoSocketError) {
+        // Left current: the link ends through the error callback, or the
+        // next frame queued tries it again.
+        Core::log(Core::LogError,
+                  "DataFrameHandler::doSendOutboundData() this=%p socket=%p Failed to send data error:%d.\n",
+                  static_cast<void*>(this), static_cast<void*>(socket), error);
+        return;
+    }
+    m_outboundInFlight = true;
+    Core::verbose("DataFrameHandler::doSendOutboundData() this=%p Sent Bytes=%d \n", static_cast<void*>(this), count);
+}
+
+void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
+                              unsigned char error)
+{
+    MutexLocker locker(m_outboundLock);
+    if (buffer == &m_probe)
+        return; // the probe of a link being ended carries no frame
+    if (socket == nullptr || socket != m_pSocket.load()) {
+        Core::log(Core::LogError, "DataFrameHandler::onSent( %p, , %d, %d, %d ) this=%p Socket missmatch.\n",
+                  static_cast<void*>(socket), count, size, error, static_cast<void*>(this));
+        return;
+    }
+    if (m_pOutboundCurrentFrame == nullptr) {
+        Core::log(Core::LogWarning, "DataFrameHandler::onSent() m_pOutboundCurrentFrame == NULL\n");
+        return;
+    }
+    m_outboundInFlight = false;
+    m_currentSent += count;
+    if (m_pOutboundCurrentFrame->doneWriteOut(count)) {
+        m_queuedBytes -= wireSize(m_pOutboundCurrentFrame);
+        release(m_pOutboundCurrentFrame);
+        m_pOutboundCurrentFrame = nullptr;
+        m_currentSent = 0;
+        Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Finished with the frame.\n",
+                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, error,
+                      static_cast<void*>(this));
+        sendOutbound();
+        return;
+    }
+    Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Carry on with frame.\n",
+                  static_cast<void*>(socket), static_cast<void*>(buffer), count, size, error,
+                  static_cast<void*>(this));
+    doSendOutboundData();
+}
+
+void DataFrameHandler::releaseOutboundFrames()
+{
+    for (DataFrame* frame : m_commandQueue)
+        release(frame);
+    for (DataFrame* frame : m_messageQueue)
+        release(frame);
+    m_commandQueue.clear();
+    m_messageQueue.clear();
+    release(m_pOutboundCurrentFrame);
+    m_pOutboundCurrentFrame = nullptr;
+    m_outboundInFlight = false;
+    m_currentSent = 0;
+    m_queuedBytes = 0;
+}
+
+// ----------------------------------------------------------------- inbound
+
+bool DataFrameHandler::recvData()
+{
+    return postRecv(m_pSocket.load());
+}
+
+bool DataFrameHandler::postRecv(Socket* socket)
+{
+    if (socket == nullptr) {
+        Core::log(Core::LogError, "DataFrameHandler::recvData() No Sockte handle.\n");
+        return false;
+    }
+    if (m_pInboundBuffer == nullptr) {
+        Core::log(Core::LogError, "DataFrameHandler::recvData() this=%p No inbound buffer.\n",
+                  static_cast<void*>(this));
+        return false;
+    }
+    const unsigned char error = socket->recv(m_pInboundBuffer, m_inboundSize);
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "DataFrameHandler::recvData() Socket failed to do recv() and returned error:%d.\n",
+                  error);
+        return false;
+    }
+    return true;
+}
+
+void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned count, unsigned,
+                                unsigned char)
+{
+    MutexLocker locker(m_inboundLock);
+    if (socket == nullptr || socket != m_pSocket.load()) {
+        Core::log(Core::LogError, "DataFrameHandler::onRecved() this=%p Has no socket object.\n",
+                  static_cast<void*>(this));
+        return;
+    }
+    if (m_linkEnding) {
+        // Whatever the peer still sends is dropped until the end arrives.
+        postRecv(socket);
+        return;
+    }
+    if (m_pInboundCurrentFrame == nullptr) {
+        m_pInboundCurrentFrame = create();
+        if (m_pInboundCurrentFrame == nullptr) {
+            Core::log(Core::LogError, "DataFrameHandler::onRecved() this=%p Unable to create new inbound dataframe.\n",
+                      static_cast<void*>(this));
+            return;
+        }
+    }
+    unsigned offset = 0;
+    while (offset < count) {
+        bool complete = false;
+        unsigned consumed = 0;
+        if (!m_pInboundCurrentFrame->readIn(buffer + offset, count - offset, complete, consumed)) {
+            Core::log(Core::LogError, "DataFrameHandler::onRecved() m_pInboundCurrentFrame->readIn() Failed\n");
+            // Only a refused stream fails with input left; retrying would
+            // never get past it, so the link ends.
+            endLink(socket, "the peer announced a frame above the size limit");
+            return;
+        }
+        if (complete) {
+            Core::verbose("DataFrameHandler::onRecved() this=%p Processing inbound current frame.\n",
+                          static_cast<void*>(this));
+            const bool wellFormed = processInboundCurrentFrame();
+            m_pInboundCurrentFrame->reset();
+            if (!wellFormed) {
+                endLink(socket, "the peer sent a frame whose payload contradicts its record");
+                return;
+            }
+        }
+        offset += consumed;
+    }
+    Core::verbose("DataFrameHandler::onRecved() this=%p Finished.\n", static_cast<void*>(this));
+    postRecv(socket);
+}
+
+bool DataFrameHandler::processInboundCurrentFrame()
+{
+    DataFrame* frame = m_pInboundCurrentFrame;
+    switch (frame->frameType()) {
+    case DataFrame::FrameTypeMessage: {
+        MessageItem* message = MessageItem::create();
+        if (message == nullptr) {
+            // Our memory, not the peer's fault: the frame is dropped, the link stays.
+            Core::log(Core::LogError, "DataFrameHandler::processInboundCurrentFrame() this=%p failed create message.!\n",
+                      static_cast<void*>(this));
+            return true;
+        }
+        if (!frame->extractMessage(*message)) {
+            MessageItem::release(message);
+            Core::log(Core::LogError, "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get.!\n",
+                      static_cast<void*>(this));
+            return false;
+        }
+        try {
+            doHandleMessage(message); // the subclass owns it now
+        } catch (...) {
+            Core::log(Core::LogError,
+                      "DataFrameHandler::processInboundCurrentFrame() this=%p doHandleMessage threw; frame %u "
+                      "dropped.\n",
+                      static_cast<void*>(this), frame->id());
+        }
+        return true;
+    }
+    case DataFrame::FrameTypeCommand: {
+        unsigned char code = 0;
+        std::string text;
+        if (!frame->extractCommand(code, text)) {
+            Core::log(Core::LogError,
+                      "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get for command.!\n",
+                      static_cast<void*>(this));
+            return false;
+        }
+        try {
+            doHandleCommand(code, text);
+        } catch (...) {
+            Core::log(Core::LogError,
+                      "DataFrameHandler::processInboundCurrentFrame() this=%p doHandleCommand threw; frame %u "
+                      "dropped.\n",
+                      static_cast<void*>(this), frame->id());
+        }
+        return true;
+    }
+    default:
+        // Framing is intact, so a type we do not know (a newer peer) is skipped.
+        Core::log(Core::LogWarning, "DataFrameHandler::processInboundCurrentFrame() this=%p frame is Unknown!\n",
+                  static_cast<void*>(this));
+        return true;
+    }
+}
+
+void DataFrameHandler::endLink(Socket* socket, const char* reason)
+{
+    m_linkEnding = true;
+    Core::log(Core::LogError, "DataFrameHandler::onRecved() this=%p Ending the link on socket %p: %s.\n",
+              static_cast<void*>(this), static_cast<void*>(socket), reason);
+    // Shut down rather than closed: the socket layer then reports the end on
+    // a worker, outside this callback, through the same path as any drop
+    // (listener's client-disconnect, disconnected, error), exactly once. The
+    // socket's own lock keeps a close() elsewhere from recycling the handle.
+    {
+        UlmarCommsSystem::SocketHold hold(socket);
+        if (hold.record() != nullptr) {
+            MutexLocker locker(hold.record()->lock);
+            const int handle = socket->getHandle();
+            if (handle != Socket::BadSocketValue)
+                ::shutdown(handle, SHUT_RDWR);
+        }
+    }
+    // The end shows as an empty read; a write fails too, which ends the link
+    // even if the peer keeps the read side busy.
+    postRecv(socket);
+    MutexLocker locker(m_outboundLock);
+    if (!m_outboundInFlight)
+        socket->send(&m_probe, 1);
+}
+
+// ------------------------------------------------------------- defaults
+
+void DataFrameHandler::onError(Socket* socket, unsigned char error)
+{
+    Core::verbose("DataFrameHandler::onError( %p, %d ) this=%d Calling default.\n", static_cast<void*>(socket), error,
+                  asNumber(this));
+}
+
+void DataFrameHandler::onConnected(Socket* socket)
+{
+    Core::verbose("DataFrameHandler::onConnected( %p ) this=%d Calling default.\n", static_cast<void*>(socket),
+                  asNumber(this));
+}
+
+void DataFrameHandler::onDisconnect(Socket* socket)
+{
+    Core::verbose("DataFrameHandler::onDisconnect( %p ) this=%d Calling default.\n", static_cast<void*>(socket),
+                  asNumber(this));
+}
+
+// ------------------------------------------------------------ trampolines
+
+void DataFrameHandler::onSentFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
+                                      void* user, unsigned char error)
+{
+    DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
+    if (handler == nullptr)
+        return;
+    CallbackScope scope(handler);
+    try {
+        handler->onSent(socket, buffer, count, size, error);
+    } catch (...) {
+        Core::log(Core::LogFatal,
+                  "DataFrameHandler::onSentFunction( %p, %p, %d, %d, %p, %d ) OnSend callback handing an unhandled "
+                  "exception.\n",
+                  static_cast<void*>(socket), static_cast<void*>(buffer), count, size, user, error);
+    }
+}
+
+void DataFrameHandler::onRecvedFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
+                                        void* user, unsigned char error)
+{
+    DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
+    if (handler == nullptr)
+        return;
+    CallbackScope scope(handler);
+    try {
+        handler->onRecved(socket, buffer, count, size, error);
+    } catch (...) {
+        Core::log(Core::LogFatal,
+                  "DataFrameHandler::onRecvedFunction( %p, %p, %d, %d, %p, %d ) OnSend callback handing an unhandled "
+                  "exception.\n",
+                  static_cast<void*>(socket), static_cast<void*>(buffer), count, size, user, error);
+    }
+}
+
+void DataFrameHandler::onErrorFunction(Socket* socket, unsigned char error, void* user)
+{
+    Core::log(Core::LogError, "DataFrameHandler::onErrorFunction( %p, %d, %p ) Got an error\n",
+              static_cast<void*>(socket), error, user);
+    DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
+    if (handler == nullptr)
+        return;
+    CallbackScope scope(handler);
+    try {
+        handler->onError(socket, error);
+    } catch (...) {
+        Core::log(Core::LogFatal,
+                  "DataFrameHandler::onErrorFunction( %p, %d, %p ) onError callback handing an unhandled exception.\n",
+                  static_cast<void*>(socket), error, user);
+    }
+}
+
+void DataFrameHandler::onConnectedFunction(Socket* socket, void* user)
+{
+    DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
+    if (handler == nullptr)
+        return;
+    CallbackScope scope(handler);
+    try {
+        handler->onConnected(socket);
+    } catch (...) {
+        Core::log(Core::LogFatal,
+                  "DataFrameHandler::onConnectedFunction( %p, %p ) OnConnection() callback handing an unhandled "
+                  "exception.\n",
+                  static_cast<void*>(socket), user);
+    }
+}
+
+void DataFrameHandler::onDisconnectFunction(Socket* socket, void* user)
+{
+    DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
+    if (handler == nullptr)
+        return;
+    CallbackScope scope(handler);
+    try {
+        handler->onDisconnect(socket);
+    } catch (...) {
+        Core::log(Core::LogFatal,
+                  "DataFrameHandler::onDisconnectFunction( %p, %p ) OnConnection() callback handing an unhandled "
+                  "exception.\n",
+                  static_cast<void*>(socket), user);
+    }
+}
+
+// ================================================================= server
+
+DataFrameServer::DataFrameServer(const SocketAddress& address) : m_scratch(0), m_address(address), m_pSocket(nullptr)
+{
+}
+
+DataFrameServer::~DataFrameServer()
+{
+    dropListener();
+}
+
+void DataFrameServer::dropListener()
+{
+    // Deleting waits for the listener's callbacks still running elsewhere.
+    Socket* listener = m_pSocket.exchange(nullptr);
+    if (listener == nullptr)
+        return;
+    listener->close();
+    delete listener;
+}
+
+bool DataFrameServer::start()
+{
+    if (!m_address.isValid()) {
+        Core::log(Core::LogError, "The address passed to DataFrameServer object is not valid.\n");
+        return false;
+    }
+    dropListener();
+    Socket* listener = nullptr;
+    if (m_address.isIP4Address())
+        listener = new (std::nothrow) UlmarCommsSystem::SocketTCPIP();
+    else if (m_address.isUNIXAddress())
+        listener = new (std::nothrow) UlmarCommsSystem::SocketUNIX();
+    if (listener == nullptr) {
+        Core::log(Core::LogError, "DataFrameServer::start() Failed to create Socket Object.\n");
+        return false;
+    }
+    unsigned char error = listener->create();
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "DataFrameServer::start() Failed to create socket. Error: %d\n", error);
+        delete listener;
+        return false;
+    }
+    error = listener->bind(m_address);
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "DataFrameServer::start() Failed to bind socket. Error: %d\n", error);
+        delete listener;
+        return false;
+    }
+    listener->setUserData(this);
+    // Published before listening: the first client may arrive at once, and
+    // the subclass checks that it came through this listener.
+    m_pSocket = listener;
+    error = listener->listen(onClientConnectFunction, onClientDisconnectFunction, this);
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "DataFrameServer::start() Failed to listen on socket. Error: %d\n", error);
+        dropListener();
+        return false;
+    }
+    return true;
+}
+
+void DataFrameServer::finish()
+{
+    dropListener();
+}
+
+void DataFrameServer::onClientConnectFunction(Socket* listener, const SocketAddress& peer, Socket* accepted,
+                                              void* user)
+{
+    DataFrameServer* server = static_cast<DataFrameServer*>(user);
+    if (server == nullptr)
+        return;
+    try {
+        server->onClientConnect(listener, peer, accepted);
+    } catch (...) {
+        Core::log(Core::LogFatal, "DataFrameServer::onClientConnectFunction( %p, %p, %p ) Unhandled exception.\n",
+                  static_cast<void*>(listener), static_cast<void*>(accepted), user);
+    }
+}
+
+void DataFrameServer::onClientDisconnectFunction(Socket* listener, Socket* accepted, void* user)
+{
+    DataFrameServer* server = static_cast<DataFrameServer*>(user);
+    if (server == nullptr)
+        return;
+    try {
+        server->onClientDisconnect(listener, accepted);
+    } catch (...) {
+        Core::log(Core::LogFatal, "DataFrameServer::onClientDisconnectFunction( %p, %p, %p ) Unhandled exception.\n",
+                  static_cast<void*>(listener), static_cast<void*>(accepted), user);
+    }
+    if (listener == nullptr)
+        return;
+    const unsigned char error = listener->recv(&server->m_scratch, 1);
+    if (error != Socket::NoSocketError)
+        Core::log(Core::LogError,
+                  "DataFrameServer::onClientDisconnectFunction() Failed to do the disconnect recv() with error: %d",
+                  error);
+}
+
+} // namespace UlmarComms

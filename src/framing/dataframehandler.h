@@ -1,0 +1,226 @@
+// Frames over one stream socket, and the listener that hands out such sockets.
+//
+// DataFrameHandler queues outbound messages and link commands as frames and
+// writes them one frame at a time through the socket's asynchronous send
+// (commands overtake queued messages; a partial send is resumed where the
+// socket stopped). It reassembles inbound frames from whatever blocks recv
+// delivers and hands each complete frame to the subclass. DataFrameServer owns
+// a listening socket and hands every accepted connection to its subclass.
+//
+// Threads. onSent, onRecved, onError, onDisconnect and the subclass's
+// doHandleMessage/doHandleCommand run on selector worker threads; onConnected
+// runs on the thread that called Socket::connect. addToOutbound is called from
+// any thread. The inbound lock serialises the receive path (and is held while
+// frames are dispatched); the outbound lock guards the queues, the frame being
+// written and the socket pointer. Lock order: inbound before outbound.
+//
+// Ownership. The socket is the owner's (the subclass or whoever set it); the
+// handler never deletes it. An owner detaches the socket (takeSocket) before
+// deleting it, and deletes it without holding any lock that the handler's
+// callbacks take. A message given to addToOutbound stays the caller's: the
+// frame holds a serialised copy. A message handed to doHandleMessage belongs
+// to the subclass.
+//
+// A peer that breaks the framing (a header announcing more than
+// DataFrame::MaxDataSize, a payload that contradicts its own record) ends its
+// link: nothing of the announced size is allocated, the connection is shut
+// down and the socket layer then reports its end like any other drop, so each
+// owner's one clean-up path runs, outside the handler's own frames.
+#pragma once
+
+#include "framing/dataframe.h"
+#include "platform/mutex.h"
+#include "platform/socket.h"
+#include "platform/socketaddress.h"
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <string>
+
+namespace UlmarComms {
+
+class MessageItem;
+
+// Moves frames over one connected stream socket; subclasses consume them.
+class DataFrameHandler {
+public:
+    typedef UlmarCommsSystem::Socket Socket;
+
+    // Bytes of frames one handler keeps queued at most; one frame is always
+    // accepted into an empty queue, so no single frame is ever refused here.
+    static constexpr uint64_t MaxQueuedBytes = 32u * 1024u * 1024u;
+
+    // Empty queues, no socket, no buffers.
+    DataFrameHandler();
+
+    // A send completed (count of size bytes went out): the next piece or frame.
+    virtual void onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, unsigned char error);
+    // A block arrived: reassembles and dispatches frames, then receives again.
+    virtual void onRecved(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
+                          unsigned char error);
+    // The connection ended or failed; the default only logs.
+    virtual void onError(Socket* socket, unsigned char error);
+    // A connect completed; the default only logs.
+    virtual void onConnected(Socket* socket);
+    // The connection ended (reported before onError); the default only logs.
+    virtual void onDisconnect(Socket* socket);
+    // One inbound command (its text keeps the NUL as last character).
+    virtual void doHandleCommand(unsigned char code, const std::string& text) = 0;
+    // One inbound message; the subclass owns it from here.
+    virtual void doHandleMessage(MessageItem* message) = 0;
+    // Releases queued frames and buffers; does not close or delete the socket.
+    virtual ~DataFrameHandler();
+    // Installs the callbacks on the socket and uses it from now on.
+    virtual void setSocket(Socket* socket);
+
+    DataFrameHandler(const DataFrameHandler&) = delete;
+    DataFrameHandler& operator=(const DataFrameHandler&) = delete;
+
+    // Allocates the transfer buffers; 0 takes the "dataframehandler.*" setting.
+    bool createBuffers(unsigned inbound, unsigned outbound);
+    // Posts one receive of the whole inbound buffer on the socket.
+    bool recvData();
+    // Queues a message frame (the message stays the caller's).
+    bool addToOutbound(MessageItem* message);
+    // Queues a command frame.
+    bool addToOutbound(unsigned char code, const char* text);
+
+    // A new empty frame, or null.
+    DataFrame* create();
+    // Destroys a frame.
+    void release(DataFrame* frame);
+
+    // The socket in use, or null.
+    Socket* socket() const { return m_pSocket.load(); }
+    // Forgets the socket and returns it (null if none) for the caller to
+    // delete; from now on no frame is written to it.
+    Socket* takeSocket();
+    // takeSocket(), but only while expected is the socket in use.
+    Socket* takeSocketIf(Socket* expected);
+    // Frames queue but none is written until releaseOutbound(): for a socket
+    // whose connection is still being made.
+    void holdOutbound();
+    // Lets queued frames go out again, starting at once.
+    void releaseOutbound();
+    // Frames waiting to be written, the one being written included.
+    unsigned queuedFrames();
+    // Whether the peer broke the framing and the link is being ended.
+    bool isLinkEnding();
+
+    // Socket trampolines: user data is the handler; every exception is caught.
+    static void onSentFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, void* user,
+                               unsigned char error);
+    // Received-block trampoline.
+    static void onRecvedFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, void* user,
+                                 unsigned char error);
+    // Error trampoline.
+    static void onErrorFunction(Socket* socket, unsigned char error, void* user);
+    // Connected trampoline.
+    static void onConnectedFunction(Socket* socket, void* user);
+    // Disconnected trampoline.
+    static void onDisconnectFunction(Socket* socket, void* user);
+
+protected:
+    // Waits until no callback of this handler runs on another thread. Owners
+    // call it before destroying state that callbacks use: a callback that
+    // took the socket (onError) no longer keeps its deletion waiting.
+    void waitForCallbacksToEnd();
+
+private:
+    // Counts a callback in progress for waitForCallbacksToEnd.
+    class CallbackScope;
+
+    // Picks the next frame when none is being written (outbound lock held).
+    void sendOutbound();
+    // Writes the next piece of the current frame (outbound lock held).
+    void doSendOutboundData();
+    // Appends a built frame, or refuses it when the queue is full (outbound lock held).
+    bool enqueue(DataFrame* frame, bool command);
+    // Whether frames may be written now (outbound lock held).
+    bool mayWrite() const;
+    // Forgets the socket; the frame in flight is kept only if nothing of it left.
+    Socket* detachLocked();
+    // Posts a receive on socket.
+    bool postRecv(Socket* socket);
+    // Dispatches the complete inbound frame; false when the peer broke the framing.
+    bool processInboundCurrentFrame();
+    // Shuts the connection down so the socket layer reports its end.
+    void endLink(Socket* socket, const char* reason);
+    // Releases every frame queued or in flight.
+    void releaseOutboundFrames();
+
+    UlmarCommsSystem::Mutex m_inboundLock;
+    unsigned char* m_pInboundBuffer;
+    unsigned m_inboundSize;
+    std::deque<DataFrame*> m_messageQueue;
+    std::deque<DataFrame*> m_commandQueue;
+    DataFrame* m_pInboundCurrentFrame;
+    // The peer broke the framing; inbound bytes are dropped until a new socket.
+    bool m_linkEnding;
+    UlmarCommsSystem::Mutex m_outboundLock;
+    // Tested before sending, cleared when nothing is left; never set.
+    bool m_sending;
+    uint32_t m_lastId;
+    unsigned char* m_pOutboundBuffer;
+    unsigned m_outboundSize;
+    DataFrame* m_pOutboundCurrentFrame;
+    // A send of the current frame is posted and not yet completed.
+    bool m_outboundInFlight;
+    // Bytes of the current frame the socket has taken.
+    uint64_t m_currentSent;
+    // Bytes of every queued frame and the current one.
+    uint64_t m_queuedBytes;
+    bool m_outboundHeld;
+    // One byte written after a shutdown to make the socket report its end.
+    unsigned char m_probe;
+    // Written under both locks, so either lock gives a stable view.
+    std::atomic<Socket*> m_pSocket;
+    // Callbacks running now, and whether someone waits for them to end.
+    std::atomic<int> m_callbacksRunning;
+    UlmarCommsSystem::ConditionValue m_callbacksDone;
+};
+
+// A listening stream socket whose accepted connections go to the subclass.
+class DataFrameServer {
+public:
+    typedef UlmarCommsSystem::Socket Socket;
+    typedef UlmarCommsSystem::SocketAddress SocketAddress;
+
+    // A server for this address; start() listens.
+    explicit DataFrameServer(const SocketAddress& address);
+
+    // A client was accepted on listener; the subclass owns accepted from here.
+    virtual void onClientConnect(Socket* listener, const SocketAddress& peer, Socket* accepted) = 0;
+    // An accepted client's connection ended (reported before its own callbacks).
+    virtual void onClientDisconnect(Socket* listener, Socket* accepted) = 0;
+    // Closes and deletes the listening socket.
+    virtual ~DataFrameServer();
+    // Creates, binds and listens (replacing an earlier listener); false on failure.
+    virtual bool start();
+    // Closes and deletes the listening socket.
+    virtual void finish();
+
+    DataFrameServer(const DataFrameServer&) = delete;
+    DataFrameServer& operator=(const DataFrameServer&) = delete;
+
+    // The listening socket, or null.
+    Socket* listeningSocket() const { return m_pSocket.load(); }
+    // The address listened on.
+    const SocketAddress& address() const { return m_address; }
+
+    // Client-connect trampoline: user data is the server.
+    static void onClientConnectFunction(Socket* listener, const SocketAddress& peer, Socket* accepted, void* user);
+    // Client-disconnect trampoline; re-arms the listener afterwards.
+    static void onClientDisconnectFunction(Socket* listener, Socket* accepted, void* user);
+
+private:
+    // Closes and deletes the listening socket, if any.
+    void dropListener();
+
+    unsigned char m_scratch;
+    SocketAddress m_address;
+    std::atomic<Socket*> m_pSocket;
+};
+
+} // namespace UlmarComms

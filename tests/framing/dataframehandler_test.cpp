@@ -1,0 +1,868 @@
+// Frame handler and frame server over real sockets: UNIX sockets in the
+// abstract namespace (a name unique to each test) and TCP on 127.0.0.1.
+//
+// Handlers on both ends record what they receive; a plain POSIX peer stands
+// in where the test needs to see or craft the exact bytes on the wire (slow
+// readers, ids and order, hostile input). Everything waits with deadlines.
+#include "framing/dataframehandler.h"
+
+#include "core/core.h"
+#include "messaging/messaging.h"
+#include "platform/socket.h"
+#include "support/logcapture.h"
+#include "support/wait.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+using UlmarComms::CommandMessage;
+using UlmarComms::DataFrame;
+using UlmarComms::DataFrameHandler;
+using UlmarComms::DataFrameServer;
+using UlmarComms::MessageItem;
+using UlmarCommsSystem::Socket;
+using UlmarCommsSystem::SocketAddress;
+using UlmarCommsTest::LogCapture;
+using UlmarCommsTest::waitUntil;
+
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+typedef std::vector<std::pair<std::string, std::string>> Pairs;
+
+const std::chrono::milliseconds kDeadline(10000);
+
+Pairs pairsOf(const MessageItem* message)
+{
+    Pairs pairs;
+    for (int i = 0; i < message->numberOfArguments(); ++i)
+        pairs.emplace_back(message->key(i), message->value(i));
+    return pairs;
+}
+
+// A message tagged in "_m", padded with a value of padding bytes.
+MessageItem* makeMessage(const std::string& tag, size_t padding)
+{
+    MessageItem* message = MessageItem::create();
+    message->add(MessageItem::ArgumentKey_To, "peer@sink");
+    message->add(MessageItem::ArgumentKey_Method, tag.c_str());
+    message->add("pad", std::string(padding, static_cast<char>('a' + padding % 26)).c_str());
+    return message;
+}
+
+// Queues a message on a handler; the handler copies it, so it is released here.
+bool queueMessage(DataFrameHandler& handler, const std::string& tag, size_t padding)
+{
+    MessageItem* message = makeMessage(tag, padding);
+    const bool queued = handler.addToOutbound(message);
+    MessageItem::release(message);
+    return queued;
+}
+
+Pairs expectedPairs(const std::string& tag, size_t padding)
+{
+    MessageItem* message = makeMessage(tag, padding);
+    Pairs pairs = pairsOf(message);
+    MessageItem::release(message);
+    return pairs;
+}
+
+// The bytes a frame of this message or command puts on the wire.
+Bytes wireOf(DataFrame& frame)
+{
+    Bytes bytes(frame.dataSize() + DataFrame::HeaderSize);
+    unsigned count = 0;
+    EXPECT_TRUE(frame.writeOut(bytes.data(), static_cast<unsigned>(bytes.size()), count));
+    bytes.resize(count);
+    return bytes;
+}
+
+Bytes messageFrame(unsigned id, const MessageItem* message)
+{
+    DataFrame frame(id, message);
+    return wireOf(frame);
+}
+
+Bytes commandFrame(unsigned id, unsigned char code, const char* text)
+{
+    DataFrame frame(id, code, text);
+    return wireOf(frame);
+}
+
+Bytes rawFrame(unsigned char type, uint32_t size, uint32_t id, const Bytes& payload)
+{
+    Bytes bytes(DataFrame::HeaderSize);
+    DataFrame::writeHeaderToBuffer(bytes.data(), type, size, id);
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
+
+Bytes operator+(Bytes left, const Bytes& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// An address unique to the test (and process).
+SocketAddress uniqueUnixAddress()
+{
+    const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string("dfh_") + info->test_suite_name() + "_" + info->name() + "_"
+        + std::to_string(getpid());
+    for (char& c : name)
+        if (c == '/')
+            c = '_';
+    SocketAddress address;
+    EXPECT_TRUE(address.setUNIXAddress(name));
+    return address;
+}
+
+SocketAddress loopbackAnyPort()
+{
+    SocketAddress address;
+    EXPECT_TRUE(address.setIP4Address("127.0.0.1", "0"));
+    return address;
+}
+
+// Ordered record of what happened, shared by a server and its handlers.
+class Journal {
+public:
+    void add(const std::string& event)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_events.push_back(event);
+    }
+    std::vector<std::string> events()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_events;
+    }
+    size_t count(const std::string& event)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        size_t n = 0;
+        for (const std::string& e : m_events)
+            n += e == event ? 1 : 0;
+        return n;
+    }
+    // Position of the first event equal to event, or -1.
+    int indexOf(const std::string& event)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (size_t i = 0; i < m_events.size(); ++i)
+            if (m_events[i] == event)
+                return static_cast<int>(i);
+        return -1;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_events;
+};
+
+// A handler that records what arrives. It owns its socket: the error
+// callback closes and deletes it, as every owner of a link does.
+class Recorder : public DataFrameHandler {
+public:
+    Recorder(unsigned inbound = 0, unsigned outbound = 0, Journal* journal = nullptr) : m_pJournal(journal)
+    {
+        createBuffers(inbound, outbound);
+    }
+    ~Recorder() override
+    {
+        dropSocket();
+        waitForCallbacksToEnd();
+    }
+
+    void dropSocket()
+    {
+        Socket* socket = takeSocket();
+        if (socket != nullptr) {
+            socket->close();
+            delete socket;
+        }
+    }
+
+    void doHandleMessage(MessageItem* message) override
+    {
+        const Pairs pairs = pairsOf(message);
+        if (echo)
+            addToOutbound(message);
+        MessageItem::release(message);
+        std::string tag = "?";
+        for (const auto& pair : pairs)
+            if (pair.first == MessageItem::ArgumentKey_Method)
+                tag = pair.second;
+        record("message:" + tag, [&] { m_messages.push_back(pairs); });
+        if (throwOnNextMessage.exchange(false))
+            throw std::runtime_error("subclass failure");
+    }
+    void doHandleCommand(unsigned char code, const std::string& text) override
+    {
+        record("command:" + std::string(text.c_str()), [&] { m_commands.emplace_back(code, text); });
+    }
+    void onConnected(Socket*) override { record("connected", [] {}); }
+    void onDisconnect(Socket*) override { record("disconnect", [] {}); }
+    void onError(Socket* socket, unsigned char error) override
+    {
+        record("error", [&] { m_errors.push_back(error); });
+        Socket* mine = takeSocketIf(socket);
+        if (mine != nullptr) {
+            mine->close();
+            delete mine;
+        }
+        if (throwInOnError)
+            throw std::runtime_error("owner failure");
+    }
+    void onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, unsigned char error) override
+    {
+        if (count < size)
+            ++partialSends;
+        DataFrameHandler::onSent(socket, buffer, count, size, error);
+    }
+
+    std::vector<Pairs> messages()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_messages;
+    }
+    size_t messageCount()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_messages.size();
+    }
+    std::vector<std::pair<unsigned char, std::string>> commands()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_commands;
+    }
+    size_t commandCount()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_commands.size();
+    }
+    std::vector<unsigned char> errors()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_errors;
+    }
+    std::vector<std::string> events()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_events;
+    }
+
+    bool echo = false;
+    bool throwInOnError = false;
+    std::atomic<bool> throwOnNextMessage{false};
+    std::atomic<int> partialSends{0};
+
+private:
+    template <typename Change> void record(const std::string& event, Change change)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        change();
+        m_events.push_back(event);
+        if (m_pJournal != nullptr)
+            m_pJournal->add(event);
+    }
+
+    Journal* m_pJournal;
+    std::mutex m_mutex;
+    std::vector<Pairs> m_messages;
+    std::vector<std::pair<unsigned char, std::string>> m_commands;
+    std::vector<unsigned char> m_errors;
+    std::vector<std::string> m_events;
+};
+
+// A server whose accepted links are Recorders (owned by the server).
+class RecordingServer : public DataFrameServer {
+public:
+    RecordingServer(const SocketAddress& address, unsigned inbound = 0, unsigned outbound = 0)
+        : DataFrameServer(address), m_inbound(inbound), m_outbound(outbound)
+    {
+    }
+    ~RecordingServer() override
+    {
+        finish();
+        for (Recorder* handler : handlers())
+            delete handler;
+    }
+
+    void onClientConnect(Socket*, const SocketAddress&, Socket* accepted) override
+    {
+        Recorder* handler = new Recorder(m_inbound, m_outbound, &journal);
+        handler->echo = echo;
+        handler->setSocket(accepted);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_handlers.push_back(handler);
+        }
+        journal.add("client-connect");
+        handler->recvData();
+    }
+    void onClientDisconnect(Socket*, Socket*) override { journal.add("client-disconnect"); }
+
+    std::vector<Recorder*> handlers()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_handlers;
+    }
+    Recorder* handler(size_t i)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return i < m_handlers.size() ? m_handlers[i] : nullptr;
+    }
+    bool waitForClients(size_t n)
+    {
+        return waitUntil([&] { return handlers().size() >= n; }, kDeadline);
+    }
+    // The address clients connect to (with the port the system chose).
+    SocketAddress boundAddress()
+    {
+        SocketAddress bound = address();
+        if (bound.isIP4Address()) {
+            EXPECT_EQ(listeningSocket()->getLocalAddress(bound), Socket::NoSocketError);
+        }
+        return bound;
+    }
+
+    Journal journal;
+    bool echo = false;
+
+private:
+    unsigned m_inbound;
+    unsigned m_outbound;
+    std::mutex m_mutex;
+    std::vector<Recorder*> m_handlers;
+};
+
+// A connected client handler built on the library's sockets.
+std::unique_ptr<Recorder> connectRecorder(const SocketAddress& address, unsigned inbound = 0, unsigned outbound = 0)
+{
+    auto client = std::make_unique<Recorder>(inbound, outbound);
+    Socket* socket = Socket::createByAddressType(address);
+    EXPECT_NE(socket, nullptr);
+    EXPECT_EQ(socket->create(), Socket::NoSocketError);
+    client->setSocket(socket);
+    EXPECT_EQ(socket->connect(address, DataFrameHandler::onConnectedFunction, DataFrameHandler::onDisconnectFunction,
+                              static_cast<DataFrameHandler*>(client.get())),
+              Socket::NoSocketError);
+    EXPECT_TRUE(client->recvData());
+    return client;
+}
+
+// A plain POSIX stream peer, not built on this library.
+class RawPeer {
+public:
+    ~RawPeer() { closeNow(); }
+
+    bool connectTo(const SocketAddress& address)
+    {
+        m_fd = ::socket(address.isUNIXAddress() ? AF_UNIX : AF_INET, SOCK_STREAM, 0);
+        return m_fd >= 0 && ::connect(m_fd, address.getAddress(), address.getAddressSize()) == 0;
+    }
+    bool sendAll(const Bytes& bytes)
+    {
+        size_t done = 0;
+        while (done < bytes.size()) {
+            const ssize_t n = ::send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+            if (n <= 0)
+                return false;
+            done += static_cast<size_t>(n);
+        }
+        return true;
+    }
+    // Reads exactly n bytes unless the deadline passes or the stream ends.
+    bool readExactly(size_t n, Bytes& out)
+    {
+        out.resize(n);
+        size_t done = 0;
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        while (done < n) {
+            if (!waitReadable(deadline))
+                return false;
+            const ssize_t got = ::recv(m_fd, out.data() + done, n - done, 0);
+            if (got <= 0)
+                return false;
+            done += static_cast<size_t>(got);
+        }
+        return true;
+    }
+    // Reads one frame: header fields and payload.
+    bool readFrame(unsigned char& type, uint32_t& id, Bytes& payload)
+    {
+        Bytes header;
+        if (!readExactly(DataFrame::HeaderSize, header))
+            return false;
+        unsigned size = 0;
+        unsigned frameId = 0;
+        DataFrame::readHeaderFromBuffer(header.data(), type, size, frameId);
+        id = frameId;
+        return readExactly(size, payload);
+    }
+    // True once the other side has ended the stream (bytes before the end
+    // are skipped).
+    bool waitForEnd()
+    {
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        unsigned char scratch[4096];
+        for (;;) {
+            if (!waitReadable(deadline))
+                return false;
+            const ssize_t got = ::recv(m_fd, scratch, sizeof(scratch), 0);
+            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR))
+                return true;
+        }
+    }
+    // Closes with a reset instead of an orderly end.
+    void resetNow()
+    {
+        linger option{1, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &option, sizeof(option));
+        closeNow();
+    }
+    void closeNow()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = -1;
+    }
+
+private:
+    bool waitReadable(std::chrono::steady_clock::time_point deadline)
+    {
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline
+                                                                                     - std::chrono::steady_clock::now());
+            if (left.count() <= 0)
+                return false;
+            pollfd entry{m_fd, POLLIN, 0};
+            const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
+            if (ready > 0)
+                return true;
+            if (ready < 0 && errno != EINTR)
+                return false;
+        }
+    }
+
+    int m_fd = -1;
+};
+
+class FrameLinkTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(Socket::init(3)); }
+    void TearDown() override { Socket::deinit(); }
+
+    // A started server on a unique UNIX name.
+    std::unique_ptr<RecordingServer> unixServer(unsigned inbound = 0, unsigned outbound = 0)
+    {
+        auto server = std::make_unique<RecordingServer>(uniqueUnixAddress(), inbound, outbound);
+        EXPECT_TRUE(server->start());
+        return server;
+    }
+    // A started server on 127.0.0.1 with a port the system chose.
+    std::unique_ptr<RecordingServer> tcpServer(unsigned inbound = 0, unsigned outbound = 0)
+    {
+        auto server = std::make_unique<RecordingServer>(loopbackAnyPort(), inbound, outbound);
+        EXPECT_TRUE(server->start());
+        return server;
+    }
+};
+
+// Sends, from one handler to another, a command with every text length and a
+// message with every padding in [0, limit), interleaved, and checks that each
+// kind arrives complete and in its own order.
+void exchangeEverySize(Recorder& from, Recorder& to, size_t limit)
+{
+    for (size_t n = 0; n < limit; ++n) {
+        ASSERT_TRUE(queueMessage(from, "m" + std::to_string(n), n));
+        const std::string text(n, static_cast<char>('A' + n % 26));
+        ASSERT_TRUE(from.addToOutbound(static_cast<unsigned char>(n % 250 + 1), text.c_str()));
+    }
+    ASSERT_TRUE(waitUntil([&] { return to.messageCount() == limit && to.commandCount() == limit; }, kDeadline))
+        << to.messageCount() << " messages, " << to.commandCount() << " commands";
+    const std::vector<Pairs> messages = to.messages();
+    const auto commands = to.commands();
+    for (size_t n = 0; n < limit; ++n) {
+        EXPECT_EQ(messages[n], expectedPairs("m" + std::to_string(n), n)) << "message " << n;
+        EXPECT_EQ(commands[n].first, n % 250 + 1) << "command " << n;
+        EXPECT_EQ(commands[n].second, std::string(n, static_cast<char>('A' + n % 26)) + '\0') << "command " << n;
+    }
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Frames of every size, both ways
+
+TEST_F(FrameLinkTest, EveryFrameSizeCrossesSmallBuffersBothWays)
+{
+    // 64-byte buffers: frames from 6 to several hundred bytes start and end
+    // at every offset of a transfer.
+    auto server = unixServer(64, 64);
+    auto client = connectRecorder(server->address(), 64, 64);
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    exchangeEverySize(*client, *accepted, 330);
+    exchangeEverySize(*accepted, *client, 330);
+    EXPECT_EQ(client->queuedFrames(), 0u);
+    EXPECT_EQ(accepted->queuedFrames(), 0u);
+}
+
+TEST_F(FrameLinkTest, LargeFramesAtTheDefaultBuffersOverTcp)
+{
+    auto server = tcpServer();
+    auto client = connectRecorder(server->boundAddress());
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    // Around the 4096-byte transfer size and far beyond it.
+    const std::vector<size_t> sizes{4000, 4050, 4060, 4096, 8192, 12288 + 7, 1u << 20, 3u << 20};
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        ASSERT_TRUE(queueMessage(*client, "c" + std::to_string(i), sizes[i]));
+        ASSERT_TRUE(queueMessage(*accepted, "s" + std::to_string(i), sizes[i]));
+    }
+    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == sizes.size(); }, kDeadline));
+    ASSERT_TRUE(waitUntil([&] { return client->messageCount() == sizes.size(); }, kDeadline));
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        EXPECT_EQ(accepted->messages()[i], expectedPairs("c" + std::to_string(i), sizes[i]));
+        EXPECT_EQ(client->messages()[i], expectedPairs("s" + std::to_string(i), sizes[i]));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The outbound side, seen byte by byte by a plain peer
+
+TEST_F(FrameLinkTest, SlowReaderGetsEveryByteThroughPartialSends)
+{
+    auto server = unixServer(0, 1u << 20);
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    MessageItem* big = makeMessage("big", 4u << 20);
+    const Bytes expected = messageFrame(1, big) + commandFrame(2, 5, "after");
+    ASSERT_TRUE(accepted->addToOutbound(big));
+    ASSERT_TRUE(accepted->addToOutbound(5, "after"));
+    MessageItem::release(big);
+
+    // The peer has read nothing: the socket can only have taken part of the
+    // first megabyte, so the handler is resuming a partial send.
+    ASSERT_TRUE(waitUntil([&] { return accepted->partialSends.load() > 0; }, kDeadline));
+    Bytes received;
+    ASSERT_TRUE(peer.readExactly(expected.size(), received));
+    EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
+    ASSERT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
+}
+
+TEST_F(FrameLinkTest, CommandsOvertakeQueuedMessagesAndIdsRunAcrossBothKinds)
+{
+    auto server = unixServer();
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    // The first message is too large to leave while the peer does not read,
+    // so everything after it queues behind it.
+    MessageItem* first = makeMessage("first", 2u << 20);
+    MessageItem* second = makeMessage("second", 10);
+    MessageItem* third = makeMessage("third", 20);
+    ASSERT_TRUE(accepted->addToOutbound(first));
+    ASSERT_TRUE(accepted->addToOutbound(second));
+    ASSERT_TRUE(accepted->addToOutbound(third));
+    EXPECT_FALSE(accepted->addToOutbound(7, nullptr)) << "a null command text cannot be framed";
+    ASSERT_TRUE(accepted->addToOutbound(7, "urgent"));
+
+    struct Seen {
+        unsigned char type;
+        uint32_t id;
+        Bytes payload;
+    };
+    std::vector<Seen> seen(4);
+    for (Seen& frame : seen)
+        ASSERT_TRUE(peer.readFrame(frame.type, frame.id, frame.payload));
+    // Ids in queueing order (the refused command took none); the command
+    // goes right after the frame that was being written.
+    EXPECT_EQ(seen[0].id, 1u);
+    EXPECT_EQ(seen[1].id, 4u);
+    EXPECT_EQ(seen[1].type, DataFrame::FrameTypeCommand);
+    EXPECT_EQ(seen[2].id, 2u);
+    EXPECT_EQ(seen[3].id, 3u);
+    const Bytes secondWire = messageFrame(2, second);
+    EXPECT_TRUE(Bytes(secondWire.begin() + DataFrame::HeaderSize, secondWire.end()) == seen[2].payload);
+    const Bytes commandWire = commandFrame(4, 7, "urgent");
+    EXPECT_TRUE(Bytes(commandWire.begin() + DataFrame::HeaderSize, commandWire.end()) == seen[1].payload);
+    MessageItem::release(first);
+    MessageItem::release(second);
+    MessageItem::release(third);
+}
+
+TEST_F(FrameLinkTest, FramesQueuedBeforeTheLinkLeaveOnceReleasedCommandsFirst)
+{
+    auto server = unixServer();
+    Recorder client;
+    ASSERT_TRUE(queueMessage(client, "early", 3));
+    ASSERT_TRUE(client.addToOutbound(1, "announce"));
+    EXPECT_EQ(client.queuedFrames(), 2u) << "without a socket, frames wait";
+
+    client.holdOutbound();
+    Socket* socket = Socket::createByAddressType(server->address());
+    ASSERT_EQ(socket->create(), Socket::NoSocketError);
+    client.setSocket(socket);
+    ASSERT_EQ(socket->connect(server->address(), DataFrameHandler::onConnectedFunction,
+                              DataFrameHandler::onDisconnectFunction, static_cast<DataFrameHandler*>(&client)),
+              Socket::NoSocketError);
+    ASSERT_TRUE(client.recvData());
+    ASSERT_TRUE(server->waitForClients(1));
+    EXPECT_EQ(client.queuedFrames(), 2u) << "held frames stay queued";
+
+    client.releaseOutbound();
+    Recorder* accepted = server->handler(0);
+    ASSERT_TRUE(waitUntil([&] { return accepted->events().size() == 2; }, kDeadline));
+    EXPECT_EQ(accepted->events(), (std::vector<std::string>{"command:announce", "message:early"}));
+}
+
+// ---------------------------------------------------------------------------
+// The inbound side, fed by a plain peer
+
+TEST_F(FrameLinkTest, TwoAndAHalfFramesInOneBlock)
+{
+    auto server = unixServer();
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    MessageItem* one = makeMessage("one", 100);
+    MessageItem* two = makeMessage("two", 200);
+    MessageItem* three = makeMessage("three", 300);
+    const Bytes thirdWire = messageFrame(3, three);
+    const size_t half = thirdWire.size() / 2;
+    ASSERT_TRUE(peer.sendAll(messageFrame(1, one) + messageFrame(2, two) + Bytes(thirdWire.begin(), thirdWire.begin() + half)));
+
+    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() >= 2; }, kDeadline));
+    EXPECT_EQ(accepted->messageCount(), 2u) << "half a frame is not a frame";
+    ASSERT_TRUE(peer.sendAll(Bytes(thirdWire.begin() + half, thirdWire.end())));
+    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 3; }, kDeadline));
+    EXPECT_EQ(accepted->messages(), (std::vector<Pairs>{pairsOf(one), pairsOf(two), pairsOf(three)}));
+    MessageItem::release(one);
+    MessageItem::release(two);
+    MessageItem::release(three);
+}
+
+TEST_F(FrameLinkTest, FramesOfUnknownTypeAreSkippedAndTheLinkGoesOn)
+{
+    LogCapture log(UlmarComms::Core::LogWarning);
+    auto server = unixServer();
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    MessageItem* after = makeMessage("after", 5);
+    ASSERT_TRUE(peer.sendAll(rawFrame(7, 3, 1, {1, 2, 3}) + rawFrame(9, 0, 2, {}) + messageFrame(3, after)));
+    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 1; }, kDeadline));
+    EXPECT_EQ(accepted->messages()[0], pairsOf(after));
+    EXPECT_EQ(log.count("frame is Unknown!"), 2u);
+    EXPECT_FALSE(accepted->isLinkEnding());
+    EXPECT_TRUE(accepted->errors().empty());
+    MessageItem::release(after);
+}
+
+TEST_F(FrameLinkTest, AnExceptionFromTheSubclassCostsOneFrameNotTheLink)
+{
+    auto server = unixServer();
+    auto client = connectRecorder(server->address());
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    accepted->throwOnNextMessage = true;
+    ASSERT_TRUE(queueMessage(*client, "first", 1));
+    ASSERT_TRUE(queueMessage(*client, "second", 2));
+    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 2; }, kDeadline));
+    EXPECT_TRUE(accepted->errors().empty());
+}
+
+// ---------------------------------------------------------------------------
+// Ends of links
+
+TEST_F(FrameLinkTest, PeerCloseReachesTheListenerThenDisconnectThenError)
+{
+    auto server = unixServer();
+    auto client = connectRecorder(server->address());
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    client->dropSocket();
+    ASSERT_TRUE(waitUntil([&] { return accepted->errors().size() == 1; }, kDeadline));
+    EXPECT_EQ(accepted->errors()[0], Socket::NoSocketError) << "an orderly close";
+    const int listener = server->journal.indexOf("client-disconnect");
+    const int disconnect = server->journal.indexOf("disconnect");
+    const int error = server->journal.indexOf("error");
+    EXPECT_GE(listener, 0);
+    EXPECT_LT(listener, disconnect);
+    EXPECT_LT(disconnect, error);
+    EXPECT_EQ(accepted->socket(), nullptr) << "the owner's error callback took the socket";
+}
+
+TEST_F(FrameLinkTest, ResetReachesTheErrorCallbackWithItsCode)
+{
+    auto server = tcpServer();
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->boundAddress()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    peer.resetNow();
+    ASSERT_TRUE(waitUntil([&] { return accepted->errors().size() == 1; }, kDeadline));
+    EXPECT_EQ(accepted->errors()[0], Socket::ConnectionResetByPeer);
+    EXPECT_EQ(server->journal.count("client-disconnect"), 1u);
+}
+
+TEST_F(FrameLinkTest, AnExceptionInTheOwnersErrorCallbackIsCaught)
+{
+    LogCapture log(UlmarComms::Core::LogError);
+    auto server = unixServer();
+    auto client = connectRecorder(server->address());
+    ASSERT_TRUE(server->waitForClients(1));
+    client->throwInOnError = true;
+
+    server->finish();
+    for (Recorder* handler : server->handlers())
+        handler->dropSocket();
+    ASSERT_TRUE(waitUntil([&] { return client->errors().size() == 1; }, kDeadline));
+    EXPECT_TRUE(log.waitFor("onError callback handing an unhandled exception."));
+}
+
+// ---------------------------------------------------------------------------
+// The server
+
+TEST_F(FrameLinkTest, ManyConnectionsToOneServerEachGetTheirOwnLink)
+{
+    const size_t clients = 24;
+    auto server = tcpServer();
+    server->echo = true;
+    std::vector<std::unique_ptr<Recorder>> peers;
+    for (size_t i = 0; i < clients; ++i)
+        peers.push_back(connectRecorder(server->boundAddress()));
+    ASSERT_TRUE(server->waitForClients(clients));
+
+    for (size_t i = 0; i < clients; ++i)
+        ASSERT_TRUE(queueMessage(*peers[i], "from" + std::to_string(i), i * 100));
+    for (size_t i = 0; i < clients; ++i) {
+        ASSERT_TRUE(waitUntil([&] { return peers[i]->messageCount() == 1; }, kDeadline)) << "client " << i;
+        EXPECT_EQ(peers[i]->messages()[0], expectedPairs("from" + std::to_string(i), i * 100));
+    }
+
+    for (auto& peer : peers)
+        peer->dropSocket();
+    ASSERT_TRUE(waitUntil([&] { return server->journal.count("client-disconnect") == clients; }, kDeadline));
+    ASSERT_TRUE(waitUntil([&] { return server->journal.count("error") == clients; }, kDeadline));
+    for (Recorder* handler : server->handlers())
+        EXPECT_EQ(handler->socket(), nullptr);
+}
+
+TEST_F(FrameLinkTest, ServerStartFailsOnATakenNameOrABadAddress)
+{
+    auto server = unixServer();
+    RecordingServer second(server->address());
+    EXPECT_FALSE(second.start());
+    RecordingServer nowhere{SocketAddress()};
+    EXPECT_FALSE(nowhere.start());
+
+    // Finishing frees the name for a new listener.
+    server->finish();
+    EXPECT_TRUE(second.start());
+}
+
+// ---------------------------------------------------------------------------
+// Hostile peers end only their own link
+
+namespace {
+
+struct HostileInput {
+    const char* name;
+    Bytes bytes;
+    bool closeAfterwards;
+};
+
+// Names the input in test listings instead of dumping its bytes.
+void PrintTo(const HostileInput& input, std::ostream* out)
+{
+    *out << input.name;
+}
+
+Bytes text(const char* chars)
+{
+    return Bytes(chars, chars + std::strlen(chars));
+}
+
+std::vector<HostileInput> hostileInputs()
+{
+    Bytes longerThanPayload{1, 0, 0, 0, 100, 'a', 'b', 'c', 'd', 0};
+    return {
+        {"OversizedHeader", rawFrame(DataFrame::FrameTypeMessage, 0xFFFFFFF0u, 1, {1, 2, 3}), false},
+        {"JustAboveTheLimit", rawFrame(DataFrame::FrameTypeCommand, DataFrame::MaxDataSize + 1, 1, {}), false},
+        {"GarbageBytes", text("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"), false},
+        {"CommandTextRunsPastPayload", rawFrame(DataFrame::FrameTypeCommand, 10, 1, longerThanPayload), false},
+        {"MalformedMessage", rawFrame(DataFrame::FrameTypeMessage, 6, 1, {0xA4, 9, 9, 9, 9, 9}), false},
+        {"HalfAFrameThenClose", rawFrame(DataFrame::FrameTypeMessage, 100, 1, Bytes(50, 'x')), true},
+    };
+}
+
+class HostilePeerTest : public FrameLinkTest, public testing::WithParamInterface<HostileInput> {};
+
+} // namespace
+
+TEST_P(HostilePeerTest, EndsOnlyThatLink)
+{
+    auto server = unixServer();
+    server->echo = true;
+    auto bystander = connectRecorder(server->address());
+    ASSERT_TRUE(server->waitForClients(1));
+    RawPeer hostile;
+    ASSERT_TRUE(hostile.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(2));
+    Recorder* victim = server->handler(1);
+
+    ASSERT_TRUE(hostile.sendAll(GetParam().bytes));
+    if (GetParam().closeAfterwards)
+        hostile.closeNow();
+    else
+        EXPECT_TRUE(hostile.waitForEnd()) << "the link to the hostile peer ends";
+
+    // The owner's clean-up ran: listener told, error callback reached,
+    // socket gone; nothing was delivered.
+    ASSERT_TRUE(waitUntil([&] { return victim->errors().size() == 1; }, kDeadline));
+    EXPECT_EQ(server->journal.count("client-disconnect"), 1u);
+    EXPECT_EQ(victim->socket(), nullptr);
+    EXPECT_EQ(victim->messageCount(), 0u);
+    EXPECT_EQ(victim->commandCount(), 0u);
+
+    // The other link is untouched.
+    ASSERT_TRUE(queueMessage(*bystander, "still here", 42));
+    ASSERT_TRUE(waitUntil([&] { return bystander->messageCount() == 1; }, kDeadline));
+    EXPECT_EQ(bystander->messages()[0], expectedPairs("still here", 42));
+    EXPECT_TRUE(bystander->errors().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, HostilePeerTest, testing::ValuesIn(hostileInputs()),
+                         [](const testing::TestParamInfo<HostileInput>& info) { return std::string(info.param.name); });
