@@ -1,13 +1,32 @@
 // The network router links this machine's system router with the system
 // routers of other hosts. This header holds its abstract face, through which
-// the system router, the system endpoint and the network interfaces reach it.
+// the system router, the system endpoint and the network interfaces reach it,
+// and the router itself.
+//
+// The router runs one NetworkRouterInterface per selected local interface
+// (discovery and the stream listener) and keeps the routing table of remote
+// hosts that discovery and incoming connections reveal. Connections are
+// opened lazily, by the first post for a host, and are owned by the interface
+// they run on; the table only points at them.
+//
+// Threads. post, the queries and stop come from the system router's threads;
+// infoAboutHost from the discovery socket's receive callback and
+// routingTableNewConnection / removeConnection from connection callbacks, all
+// on selector worker threads. One recursive lock guards the host names and the
+// routing table for the whole of every operation that reads or changes them,
+// including the blocking connect that post may start. stop() never holds that
+// lock while it deletes interfaces or connections: deleting a socket waits for
+// its callbacks, and those callbacks take the lock.
 #pragma once
 
-#include <string>
+#include "platform/mutex.h"
+#include "platform/socketaddress.h"
 
-namespace UlmarCommsSystem {
-class SocketAddress;
-}
+#include <cstdint>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
 
 namespace UlmarComms {
 
@@ -43,6 +62,143 @@ public:
     // Discovery heard a host on an interface.
     virtual void infoAboutHost(const std::string& hostName, const UlmarCommsSystem::SocketAddress& address,
                                NetworkRouterInterface* interface) = 0;
+    // A connection is going away: no table entry may keep pointing at it.
+    // Appended after the slots above so that they keep their order.
+    virtual void removeConnection(NetworkRouterConnection*) {}
+    // The system router that takes what arrives from other hosts, or null.
+    virtual ISystemRouter* getSystemRouter() { return nullptr; }
+};
+
+// One known way to one remote host: a plain record owned by the routing table.
+class NetworkRouterRoutingTableEntry {
+public:
+    // Host id 0, no interface, no connection.
+    NetworkRouterRoutingTableEntry();
+
+    // Makes sure the entry has a connection, opening one through the interface.
+    bool connect();
+    // Queues a message on the connection; on true the item has been released.
+    bool post(MessageItem* item);
+    // Queues a link command on the connection.
+    bool post(unsigned char code, const char* text);
+
+    // Key into the router's host names.
+    int32_t m_hostId;
+    // The remote host's stream address as learnt.
+    UlmarCommsSystem::SocketAddress m_address;
+    // The local interface through which the host is reached (not owned).
+    NetworkRouterInterface* m_pInterface;
+    // The open connection to the host, null when none (not owned).
+    NetworkRouterConnection* m_pConnection;
+};
+
+class NetworkRouter : public INetworkRouter {
+public:
+    // Host names kept at most: every name a peer announces stays for good, so
+    // the count must be bounded against a flood of invented names.
+    static constexpr size_t MaxHostNames = 1024;
+    // Routing table entries kept at most, for the same reason.
+    static constexpr size_t MaxRoutingTableEntries = 4096;
+    // Longest host name accepted from a peer (the system's own limit is 64).
+    static constexpr size_t MaxHostNameLength = 255;
+
+    // No interfaces, work mode 0, all flags false.
+    NetworkRouter();
+    // Stops whatever still runs.
+    ~NetworkRouter() override;
+    NetworkRouter(const NetworkRouter&) = delete;
+    NetworkRouter& operator=(const NetworkRouter&) = delete;
+
+    bool post(const std::string& host, MessageItem* item) override;
+    bool post(const std::string& host, unsigned char code, const char* text) override;
+    bool getHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
+                                      const char* match) override;
+    bool start() override;
+    void stop() override;
+    bool add(ISystemRouter* systemRouter) override;
+    bool routingTableNewConnection(const std::string& hostName, NetworkRouterInterface* interface,
+                                   NetworkRouterConnection* connection) override;
+    std::string getKnownHosts(bool activeOnly) override;
+    std::string getHostInfo(const std::string& host) override;
+    void infoAboutHost(const std::string& hostName, const UlmarCommsSystem::SocketAddress& address,
+                       NetworkRouterInterface* interface) override;
+    void removeConnection(NetworkRouterConnection* connection) override;
+    ISystemRouter* getSystemRouter() override;
+
+    // Detaches the system router if it is the stored one; always true.
+    bool remove(ISystemRouter* systemRouter);
+    // Creates and appends an interface on a local address (not started).
+    bool add(const UlmarCommsSystem::SocketAddress& local, const UlmarCommsSystem::SocketAddress& broadcast,
+             const UlmarCommsSystem::SocketAddress& network);
+
+    // The routing table as text, one line per entry.
+    std::string getRoutingTable();
+    // The interfaces in use as "interfaces=N" and one line each.
+    void getCurrentNetworkInterfaces(std::ostream& out);
+
+    // The id of a name, registering a new one (0 when the name is refused).
+    int32_t addHostId(const std::string& name);
+    // The id of a known name, 0 for an unknown one.
+    int32_t getHostId(const std::string& name);
+    // The name of an id, or "<unknown>".
+    std::string lookUpHostId(int32_t id);
+
+    // An empty entry.
+    static NetworkRouterRoutingTableEntry* createEntry();
+    // Deletes an entry.
+    static void releaseEntry(NetworkRouterRoutingTableEntry* entry);
+
+    // Chooses the local interfaces from the settings and adds one each.
+    bool buildNetworkInterfaces();
+    // Sends "#AddressSupportingInterfaces" to every known host and to this one.
+    bool peerToPeerGetHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
+                                                const char* match);
+
+    // The number of interfaces in use.
+    size_t interfaceCount();
+    // The interface at index, or null.
+    NetworkRouterInterface* interfaceAt(size_t index);
+    // The number of routing table entries.
+    size_t routingTableSize();
+    // Whether some entry of the host holds this connection.
+    bool hostHasConnection(const std::string& host, NetworkRouterConnection* connection);
+    // Whether any entry of the host holds a connection.
+    bool hostIsConnected(const std::string& host);
+    // The network work mode (0 = peer to peer).
+    int32_t getNetworkWorkMode() const { return m_networkWorkMode; }
+    // Sets the work mode (only 0 is served).
+    void setNetworkWorkMode(int32_t mode) { m_networkWorkMode = mode; }
+    // Set from "ulmar.networkrouter.isMaster", cleared by the two overrides.
+    bool isMaster() const { return m_isMaster; }
+    // Set from "ulmar.networkrouter.inStelthMode".
+    bool inStealthMode() const { return m_inStealthMode; }
+
+protected:
+    // The entry for a host (first with a connection, else first); lock held.
+    NetworkRouterRoutingTableEntry* getConnectionByHost(const std::string& host);
+    // The waiting queue of a host, or null (nothing fills them); lock held.
+    std::vector<MessageItem*>* getWaitingQueue(const std::string& host);
+    // Whether the interface is one of ours; stop() takes them out first, so
+    // late callbacks of an interface being stopped are refused. Lock held.
+    bool acceptsInterface(NetworkRouterInterface* interface) const;
+
+private:
+    // A host's queue: its id, then the messages held for it.
+    struct WaitingQueue {
+        int32_t hostId;
+        std::vector<MessageItem*> items;
+    };
+
+    ISystemRouter* m_pSystemRouter;
+    int32_t m_networkWorkMode;
+    bool m_inStealthMode;
+    bool m_isMaster;
+    bool m_orderFlag;
+    UlmarCommsSystem::Mutex m_lock;
+    std::map<std::string, int32_t> m_hostNames;
+    std::vector<WaitingQueue> m_waitingQueues;
+    std::vector<NetworkRouterInterface*> m_interfaces;
+    std::vector<NetworkRouterRoutingTableEntry*> m_routingTable;
 };
 
 } // namespace UlmarComms

@@ -1,0 +1,483 @@
+// Discovery and the stream listener on one local interface.
+//
+// The announcement datagram: magic 0xF12A (16 bits), total length (32), type
+// (8), value (32), host name (32-bit length and bytes), the stream address in
+// its 8-byte written form, trailer 0xAA87 (16); every number big-endian. It
+// is built once per start. A received datagram is read by parseInfo alone;
+// only the embedded length and fields that fit decide whether it is taken, a
+// wrong trailer is tolerated with an error logged.
+//
+// Deleting connections. A connection that errs asks remove() to take it out
+// of the list on its own socket's worker; remove() retires it at once (out of
+// the routing table, socket closed and deleted) and keeps it among the
+// retired, which are deleted by the next connect, accept or stop, outside
+// that callback. stop() takes the remaining ones out and deletes them itself.
+// Each connection is in the list at most once and whoever takes it out owns
+// its deletion, so it is deleted exactly once. stop() also waits for
+// retirements that remove() has begun, since those still reach this interface.
+#include "network/networkinterface.h"
+
+#include "core/core.h"
+#include "framing/dataobject.h"
+#include "network/networkconnection.h"
+#include "network/networkrouter.h"
+#include "platform/socket.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include <sys/socket.h>
+#include <sys/time.h>
+
+using UlmarCommsSystem::MutexLocker;
+using UlmarCommsSystem::Socket;
+using UlmarCommsSystem::SocketAddress;
+using UlmarCommsSystem::SocketTCPIP;
+using UlmarCommsSystem::SocketUDP;
+
+namespace UlmarComms {
+
+namespace {
+
+// How long connectTo may block on a host that does not answer: it runs under
+// the network router's lock, on the system router's thread.
+constexpr int ConnectTimeoutSeconds = 5;
+
+void limitConnectTime(Socket* socket)
+{
+    timeval limit{};
+    limit.tv_sec = ConnectTimeoutSeconds;
+    setsockopt(socket->getHandle(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+}
+
+} // namespace
+
+NetworkRouterInterface::NetworkRouterInterface(INetworkRouter* router, const SocketAddress& local,
+                                               const SocketAddress& broadcast, const SocketAddress& network)
+    : DataFrameServer(local), m_pNetworkRouter(router), m_broadcast(broadcast), m_network(network),
+      m_pDiscovery(nullptr), m_infoLength(0), m_local(local), m_discoveryStopping(false), m_deleting(0)
+{
+    std::memset(m_receiveBuffer, 0, sizeof(m_receiveBuffer));
+    std::memset(m_infoBuffer, 0, sizeof(m_infoBuffer));
+}
+
+NetworkRouterInterface::~NetworkRouterInterface()
+{
+    stop();
+}
+
+bool NetworkRouterInterface::start()
+{
+    const std::string local = m_local.asString();
+    if (Core::instance()->getNumber("ulmar.networkrouter.discovery") == 0) {
+        Core::message("Not Starting Discovery on interface '%s'\n", local.c_str());
+        return true;
+    }
+    if (!discoveryStart()) {
+        Core::log(Core::LogError, "NetworkRouterInterface::start() Failed to start Discovery on '%s'.\n",
+                  local.c_str());
+        return false;
+    }
+    return true;
+}
+
+void NetworkRouterInterface::stop()
+{
+    discoveryStop();
+}
+
+bool NetworkRouterInterface::discoveryRunning()
+{
+    MutexLocker locker(m_discoveryLock);
+    return m_pDiscovery != nullptr;
+}
+
+bool NetworkRouterInterface::discoveryStart()
+{
+    if (discoveryRunning()) {
+        Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() this=%p m_pDiscovery == NULL\n",
+                  static_cast<void*>(this));
+        return true;
+    }
+    if (m_pNetworkRouter == nullptr) {
+        Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() this=%p m_pNetworkRouter == NULL\n",
+                  static_cast<void*>(this));
+        return false;
+    }
+    buildInfoBuffer();
+    if (!m_local.isIP4Address()) {
+        Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() Unsupported address type.\n");
+        return false;
+    }
+    Socket* socket = new (std::nothrow) SocketUDP();
+    if (socket == nullptr)
+        return false;
+    unsigned char error = socket->create();
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() create failed with error %d\n", error);
+        delete socket;
+        return false;
+    }
+    socket->setBroadcastMode(true);
+    error = socket->bind(m_broadcast);
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() create failed with error %d\n", error);
+        socket->close();
+        delete socket;
+        return false;
+    }
+    m_discoveryStopping = false;
+    {
+        MutexLocker locker(m_discoveryLock);
+        m_pDiscovery = socket;
+    }
+    socket->setDatagramCallbacks(onSentTo, onRecvedFrom, this);
+    error = socket->recvFrom(m_receiveBuffer, DiscoveryBufferSize);
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() recvFrom() failed with error %d\n", error);
+        return false;
+    }
+    Core::message("NetworkRouterInterface::discoveryStart() Started on interface '%s'\n", m_local.asString().c_str());
+    const int period = Core::instance()->getNumber("ulmar.networkrouter.discovery.timeout");
+    Socket::addToTimer(onDoBroadcast, this, static_cast<unsigned>(std::max(period, 0)), false);
+    if (!messagingStart()) {
+        Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() Failed MessageStart()\n");
+        return false;
+    }
+    return true;
+}
+
+bool NetworkRouterInterface::discoveryStop()
+{
+    m_discoveryStopping = true;
+    if (discoveryRunning()) {
+        // The timer goes first: once remove returns no broadcast runs, and the
+        // discovery lock is not held meanwhile (a broadcast in progress holds
+        // the timer lock and then takes the discovery lock).
+        Socket::removeFromTimer(onDoBroadcast, this);
+        Socket* socket = nullptr;
+        {
+            MutexLocker locker(m_discoveryLock);
+            socket = m_pDiscovery;
+            m_pDiscovery = nullptr;
+        }
+        // Deleting waits for a receive callback still running on a worker.
+        socket->close();
+        delete socket;
+    }
+    messagingStop();
+    return true;
+}
+
+bool NetworkRouterInterface::messagingStart()
+{
+    if (!DataFrameServer::start()) {
+        Core::log(Core::LogError, "NetworkRouterInterface::messagingStart() Failed to start DataFrameServer::start()\n");
+        return false;
+    }
+    return true;
+}
+
+void NetworkRouterInterface::messagingStop()
+{
+    Core::message("NetworkRouterInterface::messagingStop()\n");
+    // The listener goes first and waits for an accept in progress, so no new
+    // connection joins after the list has been taken.
+    finish();
+    for (NetworkRouterConnection* connection : takeConnections()) {
+        if (m_pNetworkRouter != nullptr)
+            m_pNetworkRouter->removeConnection(connection);
+        delete connection;
+    }
+    // A connection that remove() is retiring on a worker still reaches this
+    // interface and the router.
+    {
+        std::unique_lock<std::mutex> locker(m_deletingLock);
+        m_deletingDone.wait(locker, [this] { return m_deleting == 0; });
+    }
+    reapRetired();
+}
+
+std::vector<NetworkRouterConnection*> NetworkRouterInterface::takeConnections()
+{
+    MutexLocker locker(m_connectionsLock);
+    std::vector<NetworkRouterConnection*> taken;
+    taken.swap(m_connections);
+    return taken;
+}
+
+void NetworkRouterInterface::add(NetworkRouterConnection* connection)
+{
+    if (connection == nullptr)
+        return;
+    MutexLocker locker(m_connectionsLock);
+    if (std::find(m_connections.begin(), m_connections.end(), connection) == m_connections.end())
+        m_connections.push_back(connection);
+}
+
+void NetworkRouterInterface::remove(NetworkRouterConnection* connection)
+{
+    {
+        MutexLocker locker(m_connectionsLock);
+        auto found = std::find(m_connections.begin(), m_connections.end(), connection);
+        if (found == m_connections.end())
+            return;
+        m_connections.erase(found);
+        std::lock_guard<std::mutex> counting(m_deletingLock);
+        ++m_deleting;
+    }
+    // Retired without the list lock: deleting its socket waits for the
+    // socket's other callbacks, which may be waiting for that lock. The
+    // object is deleted later, since the caller is usually its own callback.
+    connection->retire();
+    std::lock_guard<std::mutex> counting(m_deletingLock);
+    m_retired.push_back(connection);
+    --m_deleting;
+    m_deletingDone.notify_all();
+}
+
+void NetworkRouterInterface::reapRetired()
+{
+    std::vector<NetworkRouterConnection*> retired;
+    {
+        std::lock_guard<std::mutex> counting(m_deletingLock);
+        retired.swap(m_retired);
+    }
+    // A retired connection's socket is gone, so at most the end of its error
+    // callback still runs; its destructor waits for that and nothing else.
+    for (NetworkRouterConnection* connection : retired)
+        delete connection;
+}
+
+bool NetworkRouterInterface::hasConnection(NetworkRouterConnection* connection)
+{
+    MutexLocker locker(m_connectionsLock);
+    return std::find(m_connections.begin(), m_connections.end(), connection) != m_connections.end();
+}
+
+size_t NetworkRouterInterface::connectionCount()
+{
+    MutexLocker locker(m_connectionsLock);
+    return m_connections.size();
+}
+
+NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& address)
+{
+    reapRetired();
+    const std::string text = address.asString();
+    Core::message("NetworkRouterInterface::connectTo( '%s' )\n", text.c_str());
+    if (!address.isIP4Address()) {
+        Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Unsupported address type.\n");
+        return nullptr;
+    }
+    Socket* socket = new (std::nothrow) SocketTCPIP();
+    if (socket == nullptr)
+        return nullptr;
+    const unsigned char error = socket->create();
+    if (error != Socket::NoSocketError) {
+        Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to create socket object with error %d\n",
+                  error);
+        delete socket;
+        return nullptr;
+    }
+    limitConnectTime(socket);
+    NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, address);
+    if (connection == nullptr) {
+        Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to create Connection object.\n");
+        socket->close();
+        delete socket;
+        return nullptr;
+    }
+    connection->setSocket(socket);
+    connection->setInitiator(true);
+    if (!connection->connect()) {
+        Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to start connection.\n");
+        // A failed connect never reached onConnected, so the list does not
+        // hold it; the connection takes its socket with it.
+        delete connection;
+        return nullptr;
+    }
+    Core::message("NetworkRouterInterface::connectTo( '%s' ) Setup\n", text.c_str());
+    return connection;
+}
+
+void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clientAddress, Socket* client)
+{
+    Core::message("NetworkRouterInterface::onClientConnect()\n");
+    reapRetired();
+    if (client == nullptr)
+        return;
+    NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, clientAddress);
+    if (connection == nullptr) {
+        // The accepted socket is ours to dispose of.
+        client->close();
+        delete client;
+        return;
+    }
+    connection->setSocket(client);
+    add(connection);
+    if (!connection->recvData())
+        Core::log(Core::LogError,
+                  "NetworkRouterInterface::onClientConnect() Failed to do recvData() on connection object.\n");
+}
+
+void NetworkRouterInterface::onClientDisconnect(Socket*, Socket*)
+{
+    Core::message("NetworkRouterInterface::onClientDisconnect() \n");
+}
+
+void NetworkRouterInterface::buildInfoBuffer()
+{
+    m_infoLength = 0;
+    unsigned length = 0;
+    if (!buildInfo(m_infoBuffer, DiscoveryBufferSize, Core::instance()->getHostName(), m_local, length)) {
+        Core::log(Core::LogError, "NetworkRouterInterface::buildInfoBuffer() Failed to write header.\n");
+        return;
+    }
+    m_infoLength = length;
+}
+
+bool NetworkRouterInterface::buildInfo(unsigned char* buffer, unsigned capacity, const std::string& hostName,
+                                       const SocketAddress& local, unsigned& length)
+{
+    length = 0;
+    if (buffer == nullptr)
+        return false;
+    DataObject stream(buffer, capacity, DataObject::ModeWrite);
+    stream << DiscoveryMagic;
+    if (!writeHeader(stream, DiscoveryTypeHostInfo, 0, hostName, local))
+        return false;
+    length = stream.size();
+    return true;
+}
+
+bool NetworkRouterInterface::writeHeader(DataObject& stream, unsigned char type, uint32_t value,
+                                         const std::string& hostName, const SocketAddress& address)
+{
+    stream << static_cast<unsigned int>(0) << type << static_cast<unsigned int>(value) << hostName;
+    address.write(stream);
+    stream << DiscoveryTrailer;
+    if (!stream.isValid())
+        return false;
+    const unsigned total = stream.size();
+    // The header always follows the 2-byte magic.
+    stream.setOffset(2);
+    stream << total;
+    stream.setOffset(total);
+    return stream.isValid();
+}
+
+bool NetworkRouterInterface::readHeader(DataObject& stream, unsigned length, NetworkDiscoveryInfo& info)
+{
+    stream >> info.totalLength >> info.type >> info.value;
+    // The name's length is checked against the bytes left before anything is
+    // taken: a hostile length must not push the stream past its end.
+    uint32_t nameLength = 0;
+    stream >> nameLength;
+    if (!stream.isValid() || nameLength > length - stream.size())
+        return false;
+    info.hostName.assign(nameLength, '\0');
+    stream.readRaw(info.hostName.data(), nameLength);
+    info.address.read(stream);
+    stream >> info.trailer;
+    if (!stream.isValid())
+        return false;
+    if (info.trailer != DiscoveryTrailer)
+        Core::log(Core::LogError, "NetworkRouterInterface::readHeader() Header is bad.\n");
+    if (info.totalLength != length) {
+        Core::log(Core::LogError,
+                  "NetworkRouterInterface::readHeader() mismatch between size ( %d ) of data and embedded size ( %d ).\n",
+                  static_cast<int>(info.totalLength), static_cast<int>(length));
+        return false;
+    }
+    return true;
+}
+
+NetworkRouterInterface::ParseResult NetworkRouterInterface::parseInfo(const unsigned char* bytes, unsigned length,
+                                                                      NetworkDiscoveryInfo& info)
+{
+    info = NetworkDiscoveryInfo();
+    if (bytes == nullptr)
+        return ParseBadMagic;
+    // Reading never writes through the buffer.
+    DataObject stream(const_cast<unsigned char*>(bytes), length, DataObject::ModeRead);
+    unsigned short magic = 0;
+    stream >> magic;
+    if (!stream.isValid() || magic != DiscoveryMagic)
+        return ParseBadMagic;
+    return readHeader(stream, length, info) ? ParseOk : ParseBadHeader;
+}
+
+void NetworkRouterInterface::handleIncomingInfo(const SocketAddress& source, const unsigned char* bytes,
+                                                unsigned length)
+{
+    NetworkDiscoveryInfo info;
+    switch (parseInfo(bytes, length, info)) {
+    case ParseBadMagic:
+        Core::log(Core::LogError, "NetworkRouterInterface::handleIncomingInfo() Header is bad.\n");
+        return;
+    case ParseBadHeader:
+        Core::log(Core::LogError, "NetworkRouterInterface::handleIncomingInfo() Unable to get header.\n");
+        return;
+    case ParseOk:
+        break;
+    }
+    // Without an IPv4 stream address the host could never be connected to.
+    if (!info.address.isIP4Address()) {
+        Core::log(Core::LogWarning, "NetworkRouterInterface::handleIncomingInfo() No IPv4 address announced.\n");
+        return;
+    }
+    if (info.address.match(m_local, true))
+        return;
+    Core::message("Got Host information coming from '%s' with name '%s' and address of '%s'\n",
+                  source.asString().c_str(), info.hostName.c_str(), info.address.asString().c_str());
+    if (m_pNetworkRouter != nullptr)
+        m_pNetworkRouter->infoAboutHost(info.hostName, info.address, this);
+}
+
+void NetworkRouterInterface::broadcast()
+{
+    MutexLocker locker(m_discoveryLock);
+    if (m_pDiscovery == nullptr)
+        return;
+    const unsigned char error = m_pDiscovery->sendTo(m_broadcast, m_infoBuffer, m_infoLength);
+    if (error != Socket::NoSocketError)
+        Core::log(Core::LogError, "NetworkRouterInterface::broadcast() m_pDiscovery=%p failed to do SentTo() Error:%d\n",
+                  static_cast<void*>(m_pDiscovery), error);
+}
+
+void NetworkRouterInterface::onDoBroadcast(void* data)
+{
+    if (data != nullptr)
+        static_cast<NetworkRouterInterface*>(data)->broadcast();
+}
+
+void NetworkRouterInterface::onSentTo(Socket*, const SocketAddress&, unsigned char*, unsigned, unsigned, void*,
+                                      unsigned char)
+{
+}
+
+void NetworkRouterInterface::onRecvedFrom(Socket* socket, const SocketAddress& source, unsigned char* buffer,
+                                          unsigned count, unsigned size, void* data, unsigned char error)
+{
+    NetworkRouterInterface* self = static_cast<NetworkRouterInterface*>(data);
+    if (self == nullptr || socket == nullptr)
+        return;
+    try {
+        if (error == Socket::NoSocketError)
+            self->handleIncomingInfo(source, buffer, std::min(count, size));
+    } catch (...) {
+        // A bad datagram must never end discovery.
+    }
+    if (self->m_discoveryStopping)
+        return;
+    const unsigned char result = socket->recvFrom(self->m_receiveBuffer, DiscoveryBufferSize);
+    if (result != Socket::NoSocketError)
+        Core::log(Core::LogError,
+                  "NetworkRouterInterface::onRecvedFrom( %p, , %p, %d, %d, %p, %d ) this=%p Failed on "
+                  "pSocket->recvFrom: Error:%d.\n",
+                  static_cast<void*>(socket), static_cast<void*>(buffer), count, size, data, error, data, result);
+}
+
+} // namespace UlmarComms

@@ -1,0 +1,193 @@
+// The network router's presence on one local network interface: it announces
+// this host by a UDP datagram sent to the interface's broadcast address every
+// "ulmar.networkrouter.discovery.timeout" milliseconds, hears the other hosts'
+// announcements on the same address and reports them to the router, and, as
+// a frame server on the interface's address, owns the stream connections
+// other hosts open to this one and opens connections to them on request.
+//
+// The announcement is built once and parsed by pure functions of the bytes
+// (buildInfo / parseInfo), so the wire format can be checked and fuzzed
+// without sockets. A datagram is untrusted input: every field is bounded by
+// the bytes actually received and anything that does not fit is dropped.
+//
+// Threads. onRecvedFrom, onClientConnect and onClientDisconnect run on
+// selector worker threads, the broadcast on the timer worker, connectTo on the
+// system router's thread under the network router's lock, and connection
+// callbacks (add / remove) on selector workers. The connections list has its
+// own lock, never held while a connection is deleted: deleting a connection
+// deletes its socket, which waits for that socket's callbacks, and those may
+// be waiting for this lock.
+#pragma once
+
+#include "framing/dataframehandler.h"
+#include "platform/mutex.h"
+#include "platform/socketaddress.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace UlmarCommsSystem {
+class Socket;
+}
+
+namespace UlmarComms {
+
+class DataObject;
+class INetworkRouter;
+class NetworkRouterConnection;
+
+// The fields of one announcement as read from the wire.
+struct NetworkDiscoveryInfo {
+    // The embedded total length.
+    uint32_t totalLength = 0;
+    // The type byte (0: host information).
+    unsigned char type = 0;
+    // The value (0).
+    uint32_t value = 0;
+    // The announcing host's name.
+    std::string hostName;
+    // The announcing host's stream address (empty when not IPv4).
+    UlmarCommsSystem::SocketAddress address;
+    // The trailer as read.
+    uint16_t trailer = 0;
+};
+
+class NetworkRouterInterface : public DataFrameServer {
+public:
+    // The first two bytes of every announcement.
+    static constexpr uint16_t DiscoveryMagic = 0xF12A;
+    // The last two bytes of every announcement.
+    static constexpr uint16_t DiscoveryTrailer = 0xAA87;
+    // The only announcement type: host information.
+    static constexpr unsigned char DiscoveryTypeHostInfo = 0;
+    // Size of the receive and the info buffers.
+    static constexpr unsigned DiscoveryBufferSize = 1024;
+
+    // Why parseInfo refused a datagram.
+    enum ParseResult {
+        ParseOk = 0,          // accepted (possibly with a wrong trailer)
+        ParseBadMagic = 1,    // the first two bytes are not the magic
+        ParseBadHeader = 2,   // a field runs past the end, or the length is wrong
+    };
+
+    // A frame server on local; copies broadcast and network; no discovery socket.
+    NetworkRouterInterface(INetworkRouter* router, const UlmarCommsSystem::SocketAddress& local,
+                           const UlmarCommsSystem::SocketAddress& broadcast,
+                           const UlmarCommsSystem::SocketAddress& network);
+    // Stops discovery and deletes every connection.
+    ~NetworkRouterInterface() override;
+    NetworkRouterInterface(const NetworkRouterInterface&) = delete;
+    NetworkRouterInterface& operator=(const NetworkRouterInterface&) = delete;
+
+    // Wraps an accepted client in a new (accepting) connection.
+    void onClientConnect(UlmarCommsSystem::Socket* server, const UlmarCommsSystem::SocketAddress& clientAddress,
+                         UlmarCommsSystem::Socket* client) override;
+    // Logs only: connections end through their own callbacks.
+    void onClientDisconnect(UlmarCommsSystem::Socket* server, UlmarCommsSystem::Socket* client) override;
+    // Starts discovery and the listener, unless discovery is switched off.
+    bool start() override;
+    // Stops discovery and the listener and deletes every connection.
+    void stop();
+
+    // Opens a connection to a host's stream address; null on failure.
+    NetworkRouterConnection* connectTo(const UlmarCommsSystem::SocketAddress& address);
+    // Takes ownership of a connection that has completed.
+    void add(NetworkRouterConnection* connection);
+    // Erases a connection and retires it; it is deleted once its callback
+    // has returned (no effect if it is not ours).
+    void remove(NetworkRouterConnection* connection);
+    // Deletes the connections retired so far.
+    void reapRetired();
+    // Whether the connection is one of ours.
+    bool hasConnection(NetworkRouterConnection* connection);
+    // The number of connections held.
+    size_t connectionCount();
+
+    // Creates the discovery socket, its timer and the listener.
+    bool discoveryStart();
+    // Removes the timer, deletes the discovery socket, stops messaging; true.
+    bool discoveryStop();
+    // Starts the stream listener.
+    bool messagingStart();
+    // Stops the listener and deletes every connection.
+    void messagingStop();
+    // Builds the announcement into the info buffer.
+    void buildInfoBuffer();
+    // Sends the announcement to the broadcast address.
+    void broadcast();
+    // Checks one received datagram and reports the host it announces.
+    void handleIncomingInfo(const UlmarCommsSystem::SocketAddress& source, const unsigned char* bytes,
+                            unsigned length);
+
+    // Writes an announcement (magic included) into buffer; false if it does
+    // not fit. length receives the total length.
+    static bool buildInfo(unsigned char* buffer, unsigned capacity, const std::string& hostName,
+                          const UlmarCommsSystem::SocketAddress& local, unsigned& length);
+    // Writes everything after the magic and patches the length at offset 2.
+    static bool writeHeader(DataObject& stream, unsigned char type, uint32_t value, const std::string& hostName,
+                            const UlmarCommsSystem::SocketAddress& address);
+    // Reads everything after the magic; false when a field runs past the end
+    // or the embedded length is not length. A wrong trailer is only logged.
+    static bool readHeader(DataObject& stream, unsigned length, NetworkDiscoveryInfo& info);
+    // Reads a whole datagram (magic and header); a pure function of the bytes.
+    static ParseResult parseInfo(const unsigned char* bytes, unsigned length, NetworkDiscoveryInfo& info);
+
+    // The router that made this interface.
+    INetworkRouter* getNetworkRouter() const { return m_pNetworkRouter; }
+    // The interface's address with the stream port.
+    const UlmarCommsSystem::SocketAddress& getLocalAddress() const { return m_local; }
+    // The broadcast address with the port.
+    const UlmarCommsSystem::SocketAddress& getBroadcastAddress() const { return m_broadcast; }
+    // The network address.
+    const UlmarCommsSystem::SocketAddress& getNetworkAddress() const { return m_network; }
+    // The built announcement (infoLength() bytes).
+    const unsigned char* infoBuffer() const { return m_infoBuffer; }
+    // Bytes of the announcement; 0 when building failed.
+    uint32_t infoLength() const { return m_infoLength; }
+    // Whether discovery runs.
+    bool discoveryRunning();
+
+    // Timer entry: one announcement.
+    static void onDoBroadcast(void* data);
+    // Datagram sent: nothing to do.
+    static void onSentTo(UlmarCommsSystem::Socket* socket, const UlmarCommsSystem::SocketAddress& peer,
+                         unsigned char* buffer, unsigned count, unsigned size, void* data, unsigned char error);
+    // Datagram received: handle it and receive the next one.
+    static void onRecvedFrom(UlmarCommsSystem::Socket* socket, const UlmarCommsSystem::SocketAddress& source,
+                             unsigned char* buffer, unsigned count, unsigned size, void* data, unsigned char error);
+
+private:
+    // Takes every connection out of the list (under its lock).
+    std::vector<NetworkRouterConnection*> takeConnections();
+
+    INetworkRouter* m_pNetworkRouter;
+    UlmarCommsSystem::SocketAddress m_broadcast;
+    UlmarCommsSystem::SocketAddress m_network;
+    UlmarCommsSystem::Socket* m_pDiscovery;
+    unsigned char m_receiveBuffer[DiscoveryBufferSize];
+    unsigned char m_infoBuffer[DiscoveryBufferSize];
+    uint32_t m_infoLength;
+    std::vector<NetworkRouterConnection*> m_connections;
+    // The listening address, kept here for the texts and the own-announcement test.
+    UlmarCommsSystem::SocketAddress m_local;
+    // Guards m_connections.
+    UlmarCommsSystem::Mutex m_connectionsLock;
+    // Guards m_pDiscovery against a concurrent stop.
+    UlmarCommsSystem::Mutex m_discoveryLock;
+    // Set by discoveryStop before the socket goes: the last receive is not re-armed.
+    std::atomic<bool> m_discoveryStopping;
+    // Guards m_retired and m_deleting.
+    std::mutex m_deletingLock;
+    // Signalled when a retirement ends.
+    std::condition_variable m_deletingDone;
+    // Retirements remove() has begun and not finished; stop waits for none.
+    unsigned m_deleting;
+    // Connections retired and waiting to be deleted.
+    std::vector<NetworkRouterConnection*> m_retired;
+};
+
+} // namespace UlmarComms

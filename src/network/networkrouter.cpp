@@ -1,0 +1,580 @@
+// The network router: interface selection from the settings, the table of
+// remote hosts, lazy connections and the network queries.
+//
+// Host names get ids 1, 2, 3 ... in order of first sight and are never
+// forgotten, so texts and ids stay stable across stop and start. The table
+// points at connections but does not own them: the interfaces do. A
+// connection that goes away clears every entry that points at it (through
+// removeConnection, from its destructor) before its socket goes, so no entry
+// ever holds a dangling connection.
+#include "network/networkrouter.h"
+
+#include "core/core.h"
+#include "messaging/messaging.h"
+#include "network/networkconnection.h"
+#include "network/networkinterface.h"
+
+#include <algorithm>
+#include <new>
+#include <sstream>
+
+using UlmarCommsSystem::MutexLocker;
+using UlmarCommsSystem::NetworkInterface;
+using UlmarCommsSystem::SocketAddress;
+
+namespace UlmarComms {
+
+namespace {
+
+// Splits a settings list on "," into IPv4 addresses with the port; empty
+// items, "*" and items that are not addresses are left out.
+std::vector<SocketAddress> wantedAddresses(const std::string& list, const std::string& port)
+{
+    std::vector<std::string> items;
+    splitOn(list, ",", items);
+    std::vector<SocketAddress> out;
+    for (const std::string& item : items) {
+        if (item.empty() || item == "*")
+            continue;
+        SocketAddress address;
+        if (address.setIP4Address(item, port))
+            out.push_back(address);
+    }
+    return out;
+}
+
+// Adds an argument when there is a value to add.
+bool addIfSet(MessageItem* item, const char* key, const char* value)
+{
+    return value == nullptr || item->add(key, value);
+}
+
+} // namespace
+
+NetworkRouterRoutingTableEntry::NetworkRouterRoutingTableEntry()
+    : m_hostId(0), m_pInterface(nullptr), m_pConnection(nullptr)
+{
+}
+
+bool NetworkRouterRoutingTableEntry::connect()
+{
+    if (m_pConnection != nullptr)
+        return true;
+    if (m_pInterface == nullptr) {
+        Core::log(Core::LogError,
+                  "NetworkRouterRoutingTableEntry::connect() Failed to create new connection object.\n");
+        return false;
+    }
+    m_pConnection = m_pInterface->connectTo(m_address);
+    if (m_pConnection == nullptr) {
+        Core::log(Core::LogError,
+                  "NetworkRouterRoutingTableEntry::connect() Failed to create new connection object.\n");
+        return false;
+    }
+    // connectTo has already connected the socket, so this second start fails
+    // and the entry counts as connected; a second start that succeeds means
+    // the first did not really happen.
+    if (!m_pConnection->connect())
+        return true;
+    Core::log(Core::LogError,
+              "NetworkRouterRoutingTableEntry::connect() Failed to create other end of the connection object.\n");
+    return false;
+}
+
+bool NetworkRouterRoutingTableEntry::post(MessageItem* item)
+{
+    if (item == nullptr)
+        return false;
+    if (!connect()) {
+        Core::log(Core::LogError, "NetworkRouterRoutingTableEntry::post( %p ) Failed to connect()\n",
+                  static_cast<void*>(item));
+        return false;
+    }
+    if (!m_pConnection->addToOutbound(item))
+        return false;
+    MessageItem::release(item);
+    return true;
+}
+
+bool NetworkRouterRoutingTableEntry::post(unsigned char code, const char* text)
+{
+    if (!connect()) {
+        Core::log(Core::LogError, "NetworkRouterRoutingTableEntry::post( %d, '%s' ) Failed to connect()\n", code,
+                  text != nullptr ? text : "");
+        return false;
+    }
+    return m_pConnection->addToOutbound(code, text);
+}
+
+NetworkRouter::NetworkRouter()
+    : m_pSystemRouter(nullptr), m_networkWorkMode(0), m_inStealthMode(false), m_isMaster(false),
+      m_orderFlag(false)
+{
+}
+
+NetworkRouter::~NetworkRouter()
+{
+    stop();
+    MutexLocker locker(m_lock);
+    for (WaitingQueue& queue : m_waitingQueues)
+        for (MessageItem* item : queue.items)
+            MessageItem::release(item);
+    m_waitingQueues.clear();
+}
+
+bool NetworkRouter::add(ISystemRouter* systemRouter)
+{
+    MutexLocker locker(m_lock);
+    m_pSystemRouter = systemRouter;
+    return true;
+}
+
+bool NetworkRouter::remove(ISystemRouter* systemRouter)
+{
+    MutexLocker locker(m_lock);
+    if (m_pSystemRouter == systemRouter)
+        m_pSystemRouter = nullptr;
+    return true;
+}
+
+ISystemRouter* NetworkRouter::getSystemRouter()
+{
+    MutexLocker locker(m_lock);
+    return m_pSystemRouter;
+}
+
+bool NetworkRouter::add(const SocketAddress& local, const SocketAddress& broadcast, const SocketAddress& network)
+{
+    const std::string localText = local.asString();
+    const std::string broadcastText = broadcast.asString();
+    const std::string networkText = network.asString();
+    Core::message("NetworkRouter::add( '%s', '%s', '%s' )\n", localText.c_str(), broadcastText.c_str(),
+                  networkText.c_str());
+    NetworkRouterInterface* interface = new (std::nothrow) NetworkRouterInterface(this, local, broadcast, network);
+    if (interface == nullptr) {
+        Core::log(Core::LogError,
+                  "NetworkRouter::add( '%s', '%s', '%s' ) Failed to create NetworkRouterInterface object.\n",
+                  localText.c_str(), broadcastText.c_str(), networkText.c_str());
+        return false;
+    }
+    MutexLocker locker(m_lock);
+    m_interfaces.push_back(interface);
+    return true;
+}
+
+NetworkRouterRoutingTableEntry* NetworkRouter::createEntry()
+{
+    return new (std::nothrow) NetworkRouterRoutingTableEntry();
+}
+
+void NetworkRouter::releaseEntry(NetworkRouterRoutingTableEntry* entry)
+{
+    delete entry;
+}
+
+int32_t NetworkRouter::addHostId(const std::string& name)
+{
+    MutexLocker locker(m_lock);
+    auto found = m_hostNames.find(name);
+    if (found != m_hostNames.end())
+        return found->second;
+    // A NUL would make two different names print and address alike.
+    if (name.empty() || name.size() > MaxHostNameLength || name.find('\0') != std::string::npos) {
+        Core::log(Core::LogWarning, "NetworkRouter::addHostId() refusing a host name of %u bytes\n",
+                  static_cast<unsigned>(name.size()));
+        return 0;
+    }
+    if (m_hostNames.size() >= MaxHostNames) {
+        Core::log(Core::LogWarning, "NetworkRouter::addHostId( '%s' ) refused: %u host names known already\n",
+                  name.c_str(), static_cast<unsigned>(m_hostNames.size()));
+        return 0;
+    }
+    // Names are never removed, so the count plus one is never reused.
+    const int32_t id = static_cast<int32_t>(m_hostNames.size()) + 1;
+    m_hostNames.emplace(name, id);
+    return id;
+}
+
+int32_t NetworkRouter::getHostId(const std::string& name)
+{
+    MutexLocker locker(m_lock);
+    auto found = m_hostNames.find(name);
+    return found != m_hostNames.end() ? found->second : 0;
+}
+
+std::string NetworkRouter::lookUpHostId(int32_t id)
+{
+    MutexLocker locker(m_lock);
+    for (const auto& [name, hostId] : m_hostNames)
+        if (hostId == id)
+            return name;
+    return "<unknown>";
+}
+
+bool NetworkRouter::acceptsInterface(NetworkRouterInterface* interface) const
+{
+    return interface != nullptr && std::find(m_interfaces.begin(), m_interfaces.end(), interface) != m_interfaces.end();
+}
+
+void NetworkRouter::infoAboutHost(const std::string& hostName, const SocketAddress& address,
+                                  NetworkRouterInterface* interface)
+{
+    MutexLocker locker(m_lock);
+    if (!acceptsInterface(interface))
+        return;
+    const int32_t known = getHostId(hostName);
+    if (known != 0) {
+        for (const NetworkRouterRoutingTableEntry* entry : m_routingTable)
+            if (entry->m_hostId == known && entry->m_pInterface == interface && entry->m_address.match(address, true))
+                return;
+    }
+    if (m_routingTable.size() >= MaxRoutingTableEntries) {
+        Core::log(Core::LogWarning, "NetworkRouter::infoAboutHost( '%s' ) routing table full\n", hostName.c_str());
+        return;
+    }
+    const int32_t id = addHostId(hostName);
+    if (id == 0)
+        return;
+    NetworkRouterRoutingTableEntry* entry = createEntry();
+    if (entry == nullptr)
+        return;
+    entry->m_hostId = id;
+    entry->m_address = address;
+    entry->m_pInterface = interface;
+    m_routingTable.push_back(entry);
+    Core::message("Adding '%s' into the routing table with address of '%s'\n", hostName.c_str(),
+                  address.asString().c_str());
+}
+
+bool NetworkRouter::routingTableNewConnection(const std::string& hostName, NetworkRouterInterface* interface,
+                                              NetworkRouterConnection* connection)
+{
+    MutexLocker locker(m_lock);
+    // A connection already being destroyed must not be entered again, and an
+    // interface being stopped (taken out by stop()) takes no new entries.
+    if (connection == nullptr || connection->isClosing() || !acceptsInterface(interface))
+        return false;
+    const int32_t id = addHostId(hostName);
+    if (id == 0)
+        return false;
+    for (NetworkRouterRoutingTableEntry* entry : m_routingTable) {
+        if (entry->m_hostId != id || entry->m_pInterface != interface
+            || !entry->m_address.match(connection->getRemoteAddress(), true))
+            continue;
+        if (entry->m_pConnection != nullptr && entry->m_pConnection != connection)
+            Core::log(Core::LogWarning,
+                      "NetworkRouter::routingTableNewConnection() Already got a connection object for host '%d'\n",
+                      id);
+        entry->m_pConnection = connection;
+        return true;
+    }
+    if (m_routingTable.size() >= MaxRoutingTableEntries) {
+        Core::log(Core::LogWarning, "NetworkRouter::routingTableNewConnection( '%s' ) routing table full\n",
+                  hostName.c_str());
+        return false;
+    }
+    NetworkRouterRoutingTableEntry* entry = createEntry();
+    if (entry == nullptr)
+        return false;
+    entry->m_hostId = id;
+    entry->m_address = connection->getRemoteAddress();
+    entry->m_pInterface = interface;
+    entry->m_pConnection = connection;
+    m_routingTable.push_back(entry);
+    return true;
+}
+
+void NetworkRouter::removeConnection(NetworkRouterConnection* connection)
+{
+    MutexLocker locker(m_lock);
+    Core::message("NetworkRouter::removeConnection( %p )\n", static_cast<void*>(connection));
+    // Every entry that holds it is cleared, not only the first: a peer that
+    // answers with another name than discovery gave puts one connection in
+    // two entries, and a pointer left behind would dangle.
+    for (NetworkRouterRoutingTableEntry* entry : m_routingTable)
+        if (entry->m_pConnection == connection)
+            entry->m_pConnection = nullptr;
+}
+
+NetworkRouterRoutingTableEntry* NetworkRouter::getConnectionByHost(const std::string& host)
+{
+    const int32_t id = getHostId(host);
+    if (id == 0)
+        return nullptr;
+    NetworkRouterRoutingTableEntry* first = nullptr;
+    for (NetworkRouterRoutingTableEntry* entry : m_routingTable) {
+        if (entry->m_hostId != id)
+            continue;
+        if (entry->m_pConnection != nullptr)
+            return entry;
+        if (first == nullptr)
+            first = entry;
+    }
+    return first;
+}
+
+std::vector<MessageItem*>* NetworkRouter::getWaitingQueue(const std::string& host)
+{
+    const int32_t id = getHostId(host);
+    for (WaitingQueue& queue : m_waitingQueues)
+        if (queue.hostId == id)
+            return &queue.items;
+    return nullptr;
+}
+
+bool NetworkRouter::post(const std::string& host, MessageItem* item)
+{
+    if (item == nullptr)
+        return false;
+    MutexLocker locker(m_lock);
+    NetworkRouterRoutingTableEntry* entry = getConnectionByHost(host);
+    if (entry == nullptr) {
+        Core::message("NetworkRouter::post( %p ) No route to host '%s'\n", static_cast<void*>(item), host.c_str());
+        return false;
+    }
+    if (entry->m_pConnection == nullptr) {
+        entry->m_pConnection = entry->m_pInterface->connectTo(entry->m_address);
+        if (entry->m_pConnection == nullptr) {
+            Core::log(Core::LogError, "NetworkRouter::post( %%message%% ) Failed to on connectTo( '%s' )\n",
+                      entry->m_address.asString().c_str());
+            return false;
+        }
+    }
+    if (!entry->m_pConnection->addToOutbound(item)) {
+        Core::log(Core::LogError, "NetworkRouter::post( %p ) Failed to queue the message for host '%s'\n",
+                  static_cast<void*>(item), host.c_str());
+        return false;
+    }
+    MessageItem::release(item);
+    return true;
+}
+
+bool NetworkRouter::post(const std::string& host, unsigned char code, const char* text)
+{
+    MutexLocker locker(m_lock);
+    NetworkRouterRoutingTableEntry* entry = getConnectionByHost(host);
+    if (entry == nullptr)
+        return false;
+    if (entry->m_pConnection == nullptr) {
+        entry->m_pConnection = entry->m_pInterface->connectTo(entry->m_address);
+        if (entry->m_pConnection == nullptr) {
+            Core::log(Core::LogError, "NetworkRouter::post( %%message%% ) Failed to on connectTo( '%s' )\n",
+                      entry->m_address.asString().c_str());
+            return false;
+        }
+    }
+    if (!entry->m_pConnection->addToOutbound(code, text)) {
+        Core::log(Core::LogError, "NetworkRouter::post( %d, '%s' ) Failed to queue the command for host '%s'\n",
+                  code, text != nullptr ? text : "", host.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool NetworkRouter::getHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
+                                                 const char* match)
+{
+    switch (m_networkWorkMode) {
+    case 0:
+        return peerToPeerGetHostsSupportingInterfaces(from, sender, interfaces, match);
+    case 1:
+    case 2:
+        return false;
+    default:
+        Core::log(Core::LogWarning, "NetworkRouter::getHostsSupportingInterfaces() Network work mode is unknown!\n");
+        return false;
+    }
+}
+
+bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, const char* sender,
+                                                           const char* interfaces, const char* match)
+{
+    MutexLocker locker(m_lock);
+    if (m_pSystemRouter == nullptr)
+        return false;
+    std::vector<std::string> targets;
+    for (const auto& entry : m_hostNames)
+        targets.push_back(entry.first + "@system");
+    // The query to this host itself is addressed with a capital S.
+    targets.push_back(Core::instance()->getHostName() + "@System");
+    for (const std::string& to : targets) {
+        MessageItem* item = MessageItem::create();
+        if (item == nullptr)
+            return false;
+        const bool built = item->add(MessageItem::ArgumentKey_To, to.c_str())
+                           && item->add(MessageItem::ArgumentKey_Method, "#AddressSupportingInterfaces")
+                           && addIfSet(item, MessageItem::ArgumentKey_From, from)
+                           && addIfSet(item, MessageItem::ArgumentKey_SenderId, sender)
+                           && addIfSet(item, "inters", interfaces) && addIfSet(item, "match", match);
+        if (!built || !m_pSystemRouter->post(item))
+            MessageItem::release(item);
+    }
+    return true;
+}
+
+std::string NetworkRouter::getRoutingTable()
+{
+    MutexLocker locker(m_lock);
+    std::string text;
+    for (const NetworkRouterRoutingTableEntry* entry : m_routingTable) {
+        // The second column says whether the host still needs a connection.
+        text += lookUpHostId(entry->m_hostId);
+        text += entry->m_pConnection != nullptr ? ",false," : ",true,";
+        text += entry->m_address.asString();
+        text += ",";
+        if (entry->m_pInterface != nullptr) {
+            text += entry->m_pInterface->getNetworkAddress().asString() + ","
+                    + entry->m_pInterface->getBroadcastAddress().asString() + ","
+                    + entry->m_pInterface->getLocalAddress().asString();
+        } else {
+            text += ",,";
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+std::string NetworkRouter::getKnownHosts(bool)
+{
+    MutexLocker locker(m_lock);
+    std::string text;
+    for (const auto& entry : m_hostNames)
+        text += entry.first + "\n";
+    return text;
+}
+
+std::string NetworkRouter::getHostInfo(const std::string& host)
+{
+    return "host:" + host + "\n";
+}
+
+void NetworkRouter::getCurrentNetworkInterfaces(std::ostream& out)
+{
+    MutexLocker locker(m_lock);
+    out << "interfaces=" << m_interfaces.size() << "\n";
+    for (size_t i = 0; i < m_interfaces.size(); ++i) {
+        const NetworkRouterInterface* interface = m_interfaces[i];
+        out << "interface" << i << "=" << interface->getNetworkAddress().asString() << ","
+            << interface->getBroadcastAddress().asString() << "," << interface->getLocalAddress().asString()
+            << "\n";
+    }
+}
+
+bool NetworkRouter::buildNetworkInterfaces()
+{
+    Core* core = Core::instance();
+    if (core->getNumber("ulmar.networkrouter.ip4") == 0)
+        return true;
+    const std::string port = core->getString("ulmar.networkrouter.ip4.port");
+    const std::vector<SocketAddress> networks = wantedAddresses(core->getString("ulmar.networkrouter.ip4.networks"), port);
+    const std::vector<SocketAddress> addresses =
+        wantedAddresses(core->getString("ulmar.networkrouter.ip4.addresses"), port);
+    const bool all = networks.empty() && addresses.empty();
+    for (const NetworkInterface& candidate : NetworkInterface::interfaces()) {
+        if (candidate.isLoopback())
+            continue;
+        if (!all && !candidate.matchOnAddress(addresses) && !candidate.matchOnNetwork(networks))
+            continue;
+        SocketAddress local = candidate.getAddress();
+        SocketAddress broadcast = candidate.getBroadcast();
+        local.setPort(port);
+        broadcast.setPort(port);
+        if (!add(local, broadcast, candidate.getNetwork()))
+            Core::log(Core::LogError, "NetworkRouter::buildNetworkInterfaces() Unable to add address.\n");
+    }
+    return true;
+}
+
+bool NetworkRouter::start()
+{
+    Core* core = Core::instance();
+    if (core->getNumber("ulmar.networkrouter") == 0) {
+        Core::message("Not starting the network router as defined in configureation.\n");
+        return true;
+    }
+    MutexLocker locker(m_lock);
+    // Read in this order: lower order and stealth both override master.
+    if (core->getNumber("ulmar.networkrouter.isMaster") == 1)
+        m_isMaster = true;
+    if (core->getNumber("ulmar.networkrouter.isLowerOrder") == 1) {
+        m_isMaster = false;
+        m_orderFlag = false;
+    }
+    if (core->getNumber("ulmar.networkrouter.inStelthMode") == 1) {
+        m_isMaster = false;
+        m_inStealthMode = true;
+    }
+    if (!buildNetworkInterfaces()) {
+        Core::log(Core::LogFatal, "NetworkRouter::start() Failed to build network interfaces.\n");
+        return false;
+    }
+    const int count = static_cast<int>(m_interfaces.size());
+    for (int i = 0; i < count; ++i)
+        if (!m_interfaces[i]->start())
+            Core::log(Core::LogError, "NetworkRouter::start() Failed to start NetworkRouterInterface %d of %d\n", i,
+                      count);
+    return true;
+}
+
+void NetworkRouter::stop()
+{
+    Core::message("NetworkRouter::stop() start\n");
+    std::vector<NetworkRouterInterface*> interfaces;
+    std::vector<NetworkRouterRoutingTableEntry*> entries;
+    {
+        // Taking both out first means no post reaches an interface being
+        // deleted and no late callback enters a new entry for one.
+        MutexLocker locker(m_lock);
+        interfaces.swap(m_interfaces);
+        entries.swap(m_routingTable);
+    }
+    const int count = static_cast<int>(interfaces.size());
+    for (int i = 0; i < count; ++i) {
+        Core::message("NetworkRouter::stop() Shuting down interface %d of %d\n", i, count);
+        interfaces[i]->stop();
+        delete interfaces[i];
+    }
+    for (NetworkRouterRoutingTableEntry* entry : entries)
+        releaseEntry(entry);
+    Core::message("NetworkRouter::stop() stop\n");
+}
+
+size_t NetworkRouter::interfaceCount()
+{
+    MutexLocker locker(m_lock);
+    return m_interfaces.size();
+}
+
+NetworkRouterInterface* NetworkRouter::interfaceAt(size_t index)
+{
+    MutexLocker locker(m_lock);
+    return index < m_interfaces.size() ? m_interfaces[index] : nullptr;
+}
+
+size_t NetworkRouter::routingTableSize()
+{
+    MutexLocker locker(m_lock);
+    return m_routingTable.size();
+}
+
+bool NetworkRouter::hostHasConnection(const std::string& host, NetworkRouterConnection* connection)
+{
+    MutexLocker locker(m_lock);
+    const int32_t id = getHostId(host);
+    for (const NetworkRouterRoutingTableEntry* entry : m_routingTable)
+        if (id != 0 && entry->m_hostId == id && entry->m_pConnection == connection)
+            return true;
+    return false;
+}
+
+bool NetworkRouter::hostIsConnected(const std::string& host)
+{
+    MutexLocker locker(m_lock);
+    const int32_t id = getHostId(host);
+    for (const NetworkRouterRoutingTableEntry* entry : m_routingTable)
+        if (id != 0 && entry->m_hostId == id && entry->m_pConnection != nullptr)
+            return true;
+    return false;
+}
+
+} // namespace UlmarComms

@@ -1,0 +1,256 @@
+// Network connections over real sockets on loopback: two network routers in
+// one process, each with an interface whose listener is on 127.0.0.1. The
+// process has one host name, so both ends name themselves alike; the tests
+// look at what each side's table and system router end up with.
+#include "network/networkconnection.h"
+#include "network/networkinterface.h"
+#include "network/networkrouter.h"
+#include "platform/socket.h"
+
+#include "network/network_support.h"
+#include "support/logcapture.h"
+#include "support/scopedhostname.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+using UlmarComms::CommandMessage;
+using UlmarComms::DataFrame;
+using UlmarComms::MessageItem;
+using UlmarComms::NetworkRouter;
+using UlmarComms::NetworkRouterInterface;
+using UlmarCommsSystem::SocketAddress;
+using namespace UlmarCommsTest;
+
+namespace {
+
+MessageItem* request(const char* to, const char* value)
+{
+    MessageItem* item = MessageItem::create();
+    item->set(to, "hostA@asker", "hello", "5");
+    item->add("k", value);
+    return item;
+}
+
+// One side: a network router with one interface on 127.0.0.1 and a
+// recording system router.
+struct Side {
+    explicit Side(bool listen)
+    {
+        router = std::make_unique<NetworkRouter>();
+        router->add(&systemRouter);
+        port = freeLoopbackPort();
+        SocketAddress network;
+        network.setIP4Address("127.0.0.0", "0");
+        router->add(loopback(port), loopback(freeLoopbackPort(SOCK_DGRAM)), network);
+        interface = router->interfaceAt(0);
+        if (listen)
+            listening = interface->messagingStart();
+    }
+    ~Side() { router->stop(); }
+
+    RecordingSystemRouter systemRouter;
+    std::unique_ptr<NetworkRouter> router;
+    NetworkRouterInterface* interface = nullptr;
+    unsigned short port = 0;
+    bool listening = false;
+};
+
+class NetworkConnection : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(UlmarCommsSystem::Socket::init(2)); }
+    void TearDown() override { UlmarCommsSystem::Socket::deinit(); }
+
+    ScopedHostName name{"hostA"};
+};
+
+} // namespace
+
+TEST_F(NetworkConnection, FirstPostConnectsExchangesNamesAndDelivers)
+{
+    Side a(false);
+    Side b(true);
+    ASSERT_TRUE(b.listening);
+    a.router->infoAboutHost("hostB", loopback(b.port), a.interface);
+
+    MessageItem* item = request("hostB@pump", "one");
+    ASSERT_TRUE(a.router->post("hostB", item));
+    ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 1; }));
+    EXPECT_EQ(b.systemRouter.value(0, MessageItem::ArgumentKey_To), "hostB@pump");
+    EXPECT_EQ(b.systemRouter.value(0, "k"), "one");
+
+    // The acceptor entered the connection under the name that command 100 gave.
+    ASSERT_TRUE(waitUntil([&] { return b.router->hostIsConnected("hostA"); }));
+    EXPECT_EQ(b.interface->connectionCount(), 1u);
+    // The initiator heard 101 and holds its connection in the discovered entry.
+    ASSERT_TRUE(waitUntil([&] { return a.router->getKnownHosts(false) == "hostA\nhostB\n"; }));
+    EXPECT_TRUE(a.router->hostIsConnected("hostB"));
+    EXPECT_EQ(a.router->getRoutingTable().rfind("hostB,false,127.0.0.1:" + std::to_string(b.port) + ",", 0), 0u);
+    EXPECT_EQ(a.interface->connectionCount(), 1u);
+
+    // Later posts reuse the connection, in order.
+    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "two")));
+    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "three")));
+    ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 3; }));
+    EXPECT_EQ(b.systemRouter.value(1, "k"), "two");
+    EXPECT_EQ(b.systemRouter.value(2, "k"), "three");
+    EXPECT_EQ(a.interface->connectionCount(), 1u);
+    EXPECT_EQ(b.interface->connectionCount(), 1u);
+}
+
+TEST_F(NetworkConnection, PeerGoingAwayClearsTheEntryAndTheNextPostReconnects)
+{
+    Side a(false);
+    auto b = std::make_unique<Side>(true);
+    const unsigned short port = b->port;
+    a.router->infoAboutHost("hostB", loopback(port), a.interface);
+    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "one")));
+    ASSERT_TRUE(waitUntil([&] { return b->systemRouter.count() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return a.interface->connectionCount() == 1; }));
+
+    b.reset();
+    // The drop deletes the connection and leaves the entry, now without one.
+    ASSERT_TRUE(waitUntil([&] { return a.interface->connectionCount() == 0; }));
+    EXPECT_FALSE(a.router->hostIsConnected("hostB"));
+    EXPECT_NE(a.router->getRoutingTable().find("hostB,true,"), std::string::npos);
+
+    // The same host back on the same port: the next post opens a new link.
+    RecordingSystemRouter systemRouter;
+    NetworkRouter restarted;
+    restarted.add(&systemRouter);
+    SocketAddress network;
+    network.setIP4Address("127.0.0.0", "0");
+    ASSERT_TRUE(restarted.add(loopback(port), loopback(freeLoopbackPort(SOCK_DGRAM)), network));
+    ASSERT_TRUE(restarted.interfaceAt(0)->messagingStart());
+    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "again")));
+    ASSERT_TRUE(waitUntil([&] { return systemRouter.count() == 1; }));
+    EXPECT_EQ(systemRouter.value(0, "k"), "again");
+    EXPECT_TRUE(a.router->hostIsConnected("hostB"));
+    restarted.stop();
+}
+
+TEST_F(NetworkConnection, HostNameExchangeOnTheWire)
+{
+    LogCapture log;
+    Side b(true);
+    RawFrameClient client(b.port);
+    ASSERT_TRUE(client.connected());
+
+    // Messages flow before any name is given, but the table stays empty.
+    MessageItem* item = request("hostA@pump", "early");
+    ASSERT_TRUE(client.sendMessage(1, item));
+    MessageItem::release(item);
+    ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 1; }));
+    EXPECT_EQ(b.systemRouter.value(0, "k"), "early");
+    EXPECT_EQ(b.router->routingTableSize(), 0u);
+
+    // Other codes do nothing on a network link.
+    ASSERT_TRUE(client.sendCommand(2, CommandMessage::AddMessagePump, "rawhost@pump"));
+    ASSERT_TRUE(client.sendCommand(3, 101 + 1, "rawhost"));
+    ASSERT_TRUE(log.waitFor("NetworkRouterConnection::doHandleCommand( 102, 'rawhost' )"));
+    EXPECT_EQ(b.router->routingTableSize(), 0u);
+
+    // Command 100 is answered with 101 and this host's name.
+    ASSERT_TRUE(client.sendCommand(4, CommandMessage::NetworkHostName, "rawhost"));
+    unsigned char type = 0;
+    std::vector<unsigned char> payload;
+    ASSERT_TRUE(client.readFrame(type, payload));
+    EXPECT_EQ(type, DataFrame::FrameTypeCommand);
+    unsigned char code = 0;
+    std::string text;
+    ASSERT_TRUE(CommandMessage::fromBuffer(payload.data(), static_cast<unsigned>(payload.size()), code, text));
+    EXPECT_EQ(code, CommandMessage::NetworkHostNameReply);
+    EXPECT_EQ(std::string(text.c_str()), "hostA");
+    ASSERT_TRUE(waitUntil([&] { return b.router->hostIsConnected("rawhost"); }));
+    EXPECT_EQ(b.router->getKnownHosts(false), "rawhost\n");
+}
+
+TEST_F(NetworkConnection, ClientLeavingIsForgottenAndDeletedOnce)
+{
+    Side b(true);
+    {
+        RawFrameClient client(b.port);
+        ASSERT_TRUE(client.connected());
+        ASSERT_TRUE(client.sendCommand(1, CommandMessage::NetworkHostName, "rawhost"));
+        ASSERT_TRUE(waitUntil([&] { return b.router->hostIsConnected("rawhost"); }));
+        EXPECT_EQ(b.interface->connectionCount(), 1u);
+    }
+    ASSERT_TRUE(waitUntil([&] { return b.interface->connectionCount() == 0; }));
+    EXPECT_FALSE(b.router->hostIsConnected("rawhost"));
+    EXPECT_EQ(b.router->routingTableSize(), 1u);
+    EXPECT_NE(b.router->getRoutingTable().find("rawhost,true,127.0.0.1:"), std::string::npos);
+}
+
+TEST_F(NetworkConnection, EntryConnectCountsASecondFailedStartAsConnected)
+{
+    LogCapture log;
+    Side a(false);
+    Side b(true);
+    UlmarComms::NetworkRouterRoutingTableEntry entry;
+    entry.m_address = loopback(b.port);
+    entry.m_pInterface = a.interface;
+    ASSERT_TRUE(entry.connect());
+    ASSERT_NE(entry.m_pConnection, nullptr);
+    EXPECT_TRUE(entry.m_pConnection->isInitiator());
+    EXPECT_TRUE(log.contains("NetworkRouterConnection::connect() Failed to do the connect() on the socket."));
+    EXPECT_TRUE(entry.connect());
+    MessageItem* item = request("hostB@pump", "via entry");
+    EXPECT_TRUE(entry.post(item));
+    EXPECT_TRUE(entry.post(CommandMessage::AddMessagePump, "ignored"));
+    ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 1; }));
+    EXPECT_EQ(b.systemRouter.value(0, "k"), "via entry");
+    // The interface owns the connection; the record only pointed at it.
+    a.router->stop();
+}
+
+TEST_F(NetworkConnection, BothHostsPostingAtOnce)
+{
+    Side a(true);
+    Side b(true);
+    a.router->infoAboutHost("hostB", loopback(b.port), a.interface);
+    b.router->infoAboutHost("hostA", loopback(a.port), b.interface);
+    std::atomic<int> posted{0};
+    std::thread fromA([&] {
+        for (int i = 0; i < 20; ++i)
+            posted += a.router->post("hostB", request("hostB@pump", "from a")) ? 1 : 0;
+    });
+    std::thread fromB([&] {
+        for (int i = 0; i < 20; ++i)
+            posted += b.router->post("hostA", request("hostA@pump", "from b")) ? 1 : 0;
+    });
+    fromA.join();
+    fromB.join();
+    EXPECT_EQ(posted.load(), 40);
+    ASSERT_TRUE(waitUntil([&] { return a.systemRouter.count() == 20 && b.systemRouter.count() == 20; }));
+    EXPECT_TRUE(a.router->hostIsConnected("hostB"));
+    EXPECT_TRUE(b.router->hostIsConnected("hostA"));
+    // Each side opened a link unless the other's arrived first and was used
+    // for the answer; a second link between the same hosts is kept.
+    EXPECT_GE(a.interface->connectionCount(), 1u);
+    EXPECT_LE(a.interface->connectionCount(), 2u);
+    EXPECT_EQ(a.interface->connectionCount(), b.interface->connectionCount());
+}
+
+TEST_F(NetworkConnection, StopWhileTrafficFlows)
+{
+    Side a(false);
+    auto b = std::make_unique<Side>(true);
+    a.router->infoAboutHost("hostB", loopback(b->port), a.interface);
+    std::atomic<bool> running{true};
+    std::thread sender([&] {
+        while (running) {
+            MessageItem* item = request("hostB@pump", "flood");
+            if (!a.router->post("hostB", item))
+                MessageItem::release(item);
+        }
+    });
+    ASSERT_TRUE(waitUntil([&] { return b->systemRouter.count() > 10; }));
+    b.reset();
+    a.router->stop();
+    running = false;
+    sender.join();
+    EXPECT_EQ(a.router->interfaceCount(), 0u);
+}

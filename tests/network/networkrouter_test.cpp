@@ -1,0 +1,291 @@
+// The network router's table: host ids, entries and their texts, the known
+// hosts, interface texts, start with the router switched off, and posting to
+// hosts that cannot be reached. No connection is made here except to a port
+// that refuses it.
+#include "network/networkinterface.h"
+#include "network/networkrouter.h"
+#include "platform/socket.h"
+
+#include "network/network_support.h"
+#include "support/logcapture.h"
+#include "support/scopedhostname.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+using UlmarComms::MessageItem;
+using UlmarComms::NetworkRouter;
+using UlmarComms::NetworkRouterInterface;
+using UlmarCommsSystem::SocketAddress;
+using namespace UlmarCommsTest;
+
+namespace {
+
+SocketAddress ip4(const char* host, const char* port)
+{
+    SocketAddress address;
+    address.setIP4Address(host, port);
+    return address;
+}
+
+// A router with two (not started) interfaces on two networks.
+class NetworkRouterTable : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(router.add(ip4("10.77.1.1", "34001"), ip4("10.77.1.255", "34001"), ip4("10.77.1.0", "0")));
+        ASSERT_TRUE(router.add(ip4("10.77.2.1", "34001"), ip4("10.77.2.255", "34001"), ip4("10.77.2.0", "0")));
+        first = router.interfaceAt(0);
+        second = router.interfaceAt(1);
+    }
+
+    NetworkRouter router;
+    NetworkRouterInterface* first = nullptr;
+    NetworkRouterInterface* second = nullptr;
+};
+
+} // namespace
+
+TEST(NetworkRouterHostIds, RunInOrderOfFirstSightAndAreNeverReused)
+{
+    NetworkRouter router;
+    EXPECT_EQ(router.addHostId("charlie"), 1);
+    EXPECT_EQ(router.addHostId("alpha"), 2);
+    EXPECT_EQ(router.addHostId("charlie"), 1);
+    EXPECT_EQ(router.addHostId("bravo"), 3);
+    EXPECT_EQ(router.getHostId("alpha"), 2);
+    EXPECT_EQ(router.getHostId("delta"), 0);
+    EXPECT_EQ(router.lookUpHostId(3), "bravo");
+    EXPECT_EQ(router.lookUpHostId(4), "<unknown>");
+    EXPECT_EQ(router.lookUpHostId(0), "<unknown>");
+    // Stopping keeps the names and their ids.
+    router.stop();
+    EXPECT_EQ(router.getHostId("bravo"), 3);
+    EXPECT_EQ(router.addHostId("delta"), 4);
+}
+
+TEST(NetworkRouterHostIds, NamesAPeerInventsAreBounded)
+{
+    NetworkRouter router;
+    EXPECT_EQ(router.addHostId(""), 0);
+    EXPECT_EQ(router.addHostId(std::string(NetworkRouter::MaxHostNameLength + 1, 'x')), 0);
+    EXPECT_EQ(router.addHostId(std::string("a\0b", 3)), 0);
+    for (size_t i = 0; i < NetworkRouter::MaxHostNames; ++i)
+        ASSERT_EQ(router.addHostId("host" + std::to_string(i)), static_cast<int32_t>(i + 1));
+    EXPECT_EQ(router.addHostId("onemore"), 0);
+    EXPECT_EQ(router.addHostId("host7"), 8);
+}
+
+TEST_F(NetworkRouterTable, InfoAboutHostAddsOneEntryPerHostAddressAndInterface)
+{
+    LogCapture log;
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
+    EXPECT_TRUE(log.contains("Adding 'hostB' into the routing table with address of '10.77.1.2:34001'"));
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
+    EXPECT_EQ(router.routingTableSize(), 1u);
+    EXPECT_EQ(log.count("Adding 'hostB'"), 1u);
+
+    // The same host on another interface, or at another address: new entries
+    // under the same id.
+    router.infoAboutHost("hostB", ip4("10.77.2.2", "34001"), second);
+    router.infoAboutHost("hostB", ip4("10.77.1.9", "34001"), first);
+    EXPECT_EQ(router.routingTableSize(), 3u);
+    EXPECT_EQ(router.getHostId("hostB"), 1);
+
+    // An interface that is not the router's own is refused.
+    router.infoAboutHost("hostC", ip4("10.77.1.3", "34001"), nullptr);
+    EXPECT_EQ(router.routingTableSize(), 3u);
+    EXPECT_EQ(router.getHostId("hostC"), 0);
+}
+
+TEST_F(NetworkRouterTable, RoutingTableTextSaysWhichHostsStillNeedAConnection)
+{
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
+    router.infoAboutHost("hostC", ip4("10.77.2.3", "34001"), second);
+    EXPECT_EQ(router.getRoutingTable(),
+              "hostB,true,10.77.1.2:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
+              "hostC,true,10.77.2.3:34001,10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
+}
+
+TEST_F(NetworkRouterTable, KnownHostsListEveryNameEverLearntInNameOrder)
+{
+    router.infoAboutHost("zulu", ip4("10.77.1.5", "34001"), first);
+    router.infoAboutHost("alpha", ip4("10.77.1.6", "34001"), first);
+    EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
+    EXPECT_EQ(router.getKnownHosts(true), "alpha\nzulu\n");
+    router.stop();
+    EXPECT_EQ(router.routingTableSize(), 0u);
+    EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
+    EXPECT_EQ(router.getHostInfo("whoever"), "host:whoever\n");
+}
+
+TEST_F(NetworkRouterTable, CurrentNetworkInterfacesText)
+{
+    std::ostringstream out;
+    router.getCurrentNetworkInterfaces(out);
+    EXPECT_EQ(out.str(), "interfaces=2\n"
+                         "interface0=10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
+                         "interface1=10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
+}
+
+TEST_F(NetworkRouterTable, RoutingTableIsBounded)
+{
+    for (size_t i = 0; i < NetworkRouter::MaxRoutingTableEntries + 10; ++i) {
+        const std::string port = std::to_string(1000 + i);
+        router.infoAboutHost("hostB", ip4("10.77.1.2", port.c_str()), first);
+    }
+    EXPECT_EQ(router.routingTableSize(), NetworkRouter::MaxRoutingTableEntries);
+}
+
+TEST_F(NetworkRouterTable, PostToAnUnknownHostLeavesTheMessageWithTheCaller)
+{
+    MessageItem* item = MessageItem::create();
+    ASSERT_TRUE(item->set("nowhere@pump", "me@pump", "m", "1"));
+    EXPECT_FALSE(router.post("nowhere", item));
+    EXPECT_EQ(item->count(), 1);
+    EXPECT_FALSE(router.post("nowhere", UlmarComms::CommandMessage::NetworkHostName, "x"));
+    EXPECT_FALSE(router.post("nowhere", nullptr));
+    MessageItem::release(item);
+}
+
+TEST(NetworkRouterPost, HostWhoseListenerIsDownKeepsNoConnection)
+{
+    ASSERT_TRUE(UlmarCommsSystem::Socket::init(2));
+    {
+        LogCapture log;
+        NetworkRouter router;
+        const unsigned short closed = freeLoopbackPort();
+        ASSERT_TRUE(router.add(loopback(freeLoopbackPort()), loopback(freeLoopbackPort(SOCK_DGRAM)),
+                               ip4("127.0.0.0", "0")));
+        router.infoAboutHost("hostB", loopback(closed), router.interfaceAt(0));
+        MessageItem* item = MessageItem::create();
+        ASSERT_TRUE(item->set("hostB@pump", "me@pump", "m", "1"));
+        EXPECT_FALSE(router.post("hostB", item));
+        EXPECT_EQ(item->count(), 1);
+        MessageItem::release(item);
+        EXPECT_TRUE(log.contains("NetworkRouter::post( %message% ) Failed to on connectTo( '127.0.0.1:"
+                                 + std::to_string(closed) + "' )"));
+        EXPECT_FALSE(router.hostIsConnected("hostB"));
+        EXPECT_NE(router.getRoutingTable().find("hostB,true,"), std::string::npos);
+
+        // The entry's own connect fails the same way and stays without one.
+        UlmarComms::NetworkRouterRoutingTableEntry entry;
+        entry.m_address = loopback(closed);
+        entry.m_pInterface = router.interfaceAt(0);
+        EXPECT_FALSE(entry.connect());
+        EXPECT_EQ(entry.m_pConnection, nullptr);
+        EXPECT_TRUE(log.contains("NetworkRouterRoutingTableEntry::connect() Failed to create new connection object."));
+        EXPECT_FALSE(entry.post(UlmarComms::CommandMessage::None, "x"));
+        EXPECT_FALSE(entry.post(nullptr));
+    }
+    UlmarCommsSystem::Socket::deinit();
+}
+
+TEST(NetworkRouterStart, SwitchedOffStartsNothing)
+{
+    LogCapture log;
+    ScopedSetting off("ulmar.networkrouter", 0);
+    ScopedSetting discovery("ulmar.networkrouter.discovery", 1);
+    ScopedSetting master("ulmar.networkrouter.isMaster", 1);
+    NetworkRouter router;
+    EXPECT_TRUE(router.start());
+    EXPECT_EQ(router.interfaceCount(), 0u);
+    EXPECT_FALSE(router.isMaster());
+    EXPECT_TRUE(log.contains("Not starting the network router as defined in configureation."));
+    router.stop();
+    EXPECT_TRUE(log.contains("NetworkRouter::stop() start"));
+    EXPECT_TRUE(log.contains("NetworkRouter::stop() stop"));
+}
+
+TEST(NetworkRouterStart, FlagsAreReadInOrderSoOverridesWinOverMaster)
+{
+    ScopedSetting on("ulmar.networkrouter", 1);
+    ScopedSetting ip4Off("ulmar.networkrouter.ip4", 0);
+    {
+        ScopedSetting master("ulmar.networkrouter.isMaster", 1);
+        NetworkRouter router;
+        EXPECT_TRUE(router.start());
+        EXPECT_TRUE(router.isMaster());
+        EXPECT_FALSE(router.inStealthMode());
+        EXPECT_EQ(router.interfaceCount(), 0u);
+    }
+    {
+        ScopedSetting master("ulmar.networkrouter.isMaster", 1);
+        ScopedSetting stealth("ulmar.networkrouter.inStelthMode", 1);
+        NetworkRouter router;
+        EXPECT_TRUE(router.start());
+        EXPECT_FALSE(router.isMaster());
+        EXPECT_TRUE(router.inStealthMode());
+    }
+}
+
+TEST(NetworkRouterStart, StopShutsDownEveryInterface)
+{
+    LogCapture log;
+    NetworkRouter router;
+    ASSERT_TRUE(router.add(ip4("10.77.1.1", "34001"), ip4("10.77.1.255", "34001"), ip4("10.77.1.0", "0")));
+    ASSERT_TRUE(router.add(ip4("10.77.2.1", "34001"), ip4("10.77.2.255", "34001"), ip4("10.77.2.0", "0")));
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), router.interfaceAt(0));
+    router.stop();
+    EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 0 of 2"));
+    EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 1 of 2"));
+    EXPECT_EQ(router.interfaceCount(), 0u);
+    EXPECT_EQ(router.getRoutingTable(), "");
+}
+
+TEST(NetworkRouterStart, EveryInterfaceButLoopbackIsTakenByDefault)
+{
+    ScopedSetting addresses("ulmar.networkrouter.ip4.addresses", "*");
+    ScopedSetting networks("ulmar.networkrouter.ip4.networks", "");
+    NetworkRouter router;
+    ASSERT_TRUE(router.buildNetworkInterfaces());
+    size_t expected = 0;
+    for (const UlmarCommsSystem::NetworkInterface& candidate : UlmarCommsSystem::NetworkInterface::interfaces())
+        expected += candidate.isLoopback() ? 0 : 1;
+    EXPECT_EQ(router.interfaceCount(), expected);
+    for (size_t i = 0; i < router.interfaceCount(); ++i) {
+        EXPECT_EQ(router.interfaceAt(i)->getLocalAddress().getPort(), 34001);
+        EXPECT_NE(router.interfaceAt(i)->getLocalAddress().asString().rfind("127.", 0), 0u);
+    }
+}
+
+TEST(NetworkRouterStart, LoopbackIsNeverTakenEvenWhenListed)
+{
+    ScopedSetting addresses("ulmar.networkrouter.ip4.addresses", "127.0.0.1");
+    ScopedSetting networks("ulmar.networkrouter.ip4.networks", "127.0.0.0");
+    NetworkRouter router;
+    ASSERT_TRUE(router.buildNetworkInterfaces());
+    EXPECT_EQ(router.interfaceCount(), 0u);
+}
+
+TEST(NetworkRouterQueries, HostsSupportingInterfacesAsksEveryHostAndThisOne)
+{
+    ScopedHostName name("hostA");
+    RecordingSystemRouter systemRouter;
+    NetworkRouter router;
+    router.add(&systemRouter);
+    router.addHostId("hostC");
+    router.addHostId("hostB");
+    ASSERT_TRUE(router.getHostsSupportingInterfaces("hostA@asker", "17", "if.one,if.two", "1"));
+    ASSERT_EQ(systemRouter.count(), 3u);
+    EXPECT_EQ(systemRouter.value(0, MessageItem::ArgumentKey_To), "hostB@system");
+    EXPECT_EQ(systemRouter.value(1, MessageItem::ArgumentKey_To), "hostC@system");
+    EXPECT_EQ(systemRouter.value(2, MessageItem::ArgumentKey_To), "hostA@System");
+    EXPECT_EQ(systemRouter.value(0, MessageItem::ArgumentKey_Method), "#AddressSupportingInterfaces");
+    EXPECT_EQ(systemRouter.value(0, MessageItem::ArgumentKey_From), "hostA@asker");
+    EXPECT_EQ(systemRouter.value(0, MessageItem::ArgumentKey_SenderId), "17");
+    EXPECT_EQ(systemRouter.value(0, "inters"), "if.one,if.two");
+    EXPECT_EQ(systemRouter.value(2, "match"), "1");
+
+    LogCapture log;
+    router.setNetworkWorkMode(1);
+    EXPECT_FALSE(router.getHostsSupportingInterfaces("a@b", "1", "x", "0"));
+    router.setNetworkWorkMode(7);
+    EXPECT_FALSE(router.getHostsSupportingInterfaces("a@b", "1", "x", "0"));
+    EXPECT_TRUE(log.contains("NetworkRouter::getHostsSupportingInterfaces() Network work mode is unknown!"));
+    EXPECT_EQ(systemRouter.count(), 3u);
+
+    EXPECT_TRUE(router.remove(&systemRouter));
+    EXPECT_EQ(router.getSystemRouter(), nullptr);
+}
