@@ -23,7 +23,7 @@ using UlmarCommsSystem::SocketAddress;
 namespace UlmarComms {
 
 NetworkRouterConnection::NetworkRouterConnection(NetworkRouterInterface* interface, const SocketAddress& remote)
-    : m_initiator(false), m_pInterface(interface), m_remote(remote), m_closing(false), m_answeredHostName(false)
+    : m_initiator(false), m_pInterface(interface), m_remote(remote), m_closing(false), m_pinned(false), m_answeredHostName(false)
 {
     createBuffers(BufferSize, BufferSize);
 }

@@ -70,6 +70,13 @@ public:
     std::string getRemoteHostName() const;
     // Set once destruction has begun: the routing table must not take it again.
     bool isClosing() const { return m_closing.load(); }
+    // Keeps a retired connection from being deleted while its opener still
+    // holds it (set by connectTo, cleared by the opener when done with it).
+    void pin() { m_pinned = true; }
+    // The opener is done with it.
+    void unpin() { m_pinned = false; }
+    // Whether its opener still holds it.
+    bool isPinned() const { return m_pinned.load(); }
 
 private:
     // Enters the connection in the routing table under the peer's name.
@@ -79,6 +86,7 @@ private:
     NetworkRouterInterface* m_pInterface;
     UlmarCommsSystem::SocketAddress m_remote;
     std::atomic<bool> m_closing;
+    std::atomic<bool> m_pinned;
     // Whether command 100 has been answered (receive path only).
     bool m_answeredHostName;
     // Written once by the receive path; read by queries.

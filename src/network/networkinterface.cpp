@@ -246,8 +246,18 @@ void NetworkRouterInterface::reapRetired()
     }
     // A retired connection's socket is gone, so at most the end of its error
     // callback still runs; its destructor waits for that and nothing else.
-    for (NetworkRouterConnection* connection : retired)
-        delete connection;
+    // One whose opener still holds it waits for the next round.
+    std::vector<NetworkRouterConnection*> kept;
+    for (NetworkRouterConnection* connection : retired) {
+        if (connection->isPinned())
+            kept.push_back(connection);
+        else
+            delete connection;
+    }
+    if (!kept.empty()) {
+        std::lock_guard<std::mutex> counting(m_deletingLock);
+        m_retired.insert(m_retired.end(), kept.begin(), kept.end());
+    }
 }
 
 bool NetworkRouterInterface::hasConnection(NetworkRouterConnection* connection)
@@ -291,6 +301,8 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
     }
     connection->setSocket(socket);
     connection->setInitiator(true);
+    // Should it fail at once, it stays until the caller has looked at it.
+    connection->pin();
     if (!connection->connect()) {
         Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to start connection.\n");
         // A failed connect never reached onConnected, so the list does not

@@ -15,6 +15,7 @@
 #include "network/networkinterface.h"
 
 #include <algorithm>
+#include <functional>
 #include <new>
 #include <sstream>
 
@@ -74,7 +75,9 @@ bool NetworkRouterRoutingTableEntry::connect()
     // connectTo has already connected the socket, so this second start fails
     // and the entry counts as connected; a second start that succeeds means
     // the first did not really happen.
-    if (!m_pConnection->connect())
+    const bool startedAgain = m_pConnection->connect();
+    m_pConnection->unpin();
+    if (!startedAgain)
         return true;
     Core::log(Core::LogError,
               "NetworkRouterRoutingTableEntry::connect() Failed to create other end of the connection object.\n");
@@ -322,53 +325,80 @@ std::vector<MessageItem*>* NetworkRouter::getWaitingQueue(const std::string& hos
     return nullptr;
 }
 
+bool NetworkRouter::withConnection(const std::string& host,
+                                   const std::function<bool(NetworkRouterConnection*)>& send)
+{
+    {
+        MutexLocker locker(m_lock);
+        NetworkRouterRoutingTableEntry* entry = getConnectionByHost(host);
+        if (entry == nullptr) {
+            Core::message("NetworkRouter::post() No route to host '%s'\n", host.c_str());
+            return false;
+        }
+        if (entry->m_pConnection != nullptr)
+            return send(entry->m_pConnection);
+    }
+    // A new link is opened without the router lock: its receive path takes
+    // that lock while holding its own, so connecting under it would order
+    // the two both ways. The connect lock keeps stop() from taking the
+    // interface or the entry away meanwhile, and one post connects at a time.
+    MutexLocker connecting(m_connectLock);
+    NetworkRouterRoutingTableEntry* entry = nullptr;
+    NetworkRouterInterface* interface = nullptr;
+    SocketAddress address;
+    {
+        MutexLocker locker(m_lock);
+        entry = getConnectionByHost(host);
+        if (entry == nullptr)
+            return false;
+        if (entry->m_pConnection != nullptr)
+            return send(entry->m_pConnection);
+        interface = entry->m_pInterface;
+        address = entry->m_address;
+    }
+    NetworkRouterConnection* connection = interface->connectTo(address);
+    MutexLocker locker(m_lock);
+    if (connection == nullptr) {
+        Core::log(Core::LogError, "NetworkRouter::post( %%message%% ) Failed to on connectTo( '%s' )\n",
+                  address.asString().c_str());
+        return false;
+    }
+    // A link that has already failed is not stored: it is on its way out.
+    bool sent = false;
+    if (!connection->isClosing()) {
+        if (entry->m_pConnection == nullptr)
+            entry->m_pConnection = connection;
+        sent = send(connection);
+    }
+    connection->unpin();
+    return sent;
+}
+
 bool NetworkRouter::post(const std::string& host, MessageItem* item)
 {
     if (item == nullptr)
         return false;
-    MutexLocker locker(m_lock);
-    NetworkRouterRoutingTableEntry* entry = getConnectionByHost(host);
-    if (entry == nullptr) {
-        Core::message("NetworkRouter::post( %p ) No route to host '%s'\n", static_cast<void*>(item), host.c_str());
-        return false;
-    }
-    if (entry->m_pConnection == nullptr) {
-        entry->m_pConnection = entry->m_pInterface->connectTo(entry->m_address);
-        if (entry->m_pConnection == nullptr) {
-            Core::log(Core::LogError, "NetworkRouter::post( %%message%% ) Failed to on connectTo( '%s' )\n",
-                      entry->m_address.asString().c_str());
-            return false;
-        }
-    }
-    if (!entry->m_pConnection->addToOutbound(item)) {
+    const bool queued = withConnection(host, [&](NetworkRouterConnection* connection) {
+        if (connection->addToOutbound(item))
+            return true;
         Core::log(Core::LogError, "NetworkRouter::post( %p ) Failed to queue the message for host '%s'\n",
                   static_cast<void*>(item), host.c_str());
         return false;
-    }
-    MessageItem::release(item);
-    return true;
+    });
+    if (queued)
+        MessageItem::release(item);
+    return queued;
 }
 
 bool NetworkRouter::post(const std::string& host, unsigned char code, const char* text)
 {
-    MutexLocker locker(m_lock);
-    NetworkRouterRoutingTableEntry* entry = getConnectionByHost(host);
-    if (entry == nullptr)
-        return false;
-    if (entry->m_pConnection == nullptr) {
-        entry->m_pConnection = entry->m_pInterface->connectTo(entry->m_address);
-        if (entry->m_pConnection == nullptr) {
-            Core::log(Core::LogError, "NetworkRouter::post( %%message%% ) Failed to on connectTo( '%s' )\n",
-                      entry->m_address.asString().c_str());
-            return false;
-        }
-    }
-    if (!entry->m_pConnection->addToOutbound(code, text)) {
+    return withConnection(host, [&](NetworkRouterConnection* connection) {
+        if (connection->addToOutbound(code, text))
+            return true;
         Core::log(Core::LogError, "NetworkRouter::post( %d, '%s' ) Failed to queue the command for host '%s'\n",
                   code, text != nullptr ? text : "", host.c_str());
         return false;
-    }
-    return true;
+    });
 }
 
 bool NetworkRouter::getHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
@@ -519,6 +549,9 @@ bool NetworkRouter::start()
 void NetworkRouter::stop()
 {
     Core::message("NetworkRouter::stop() start\n");
+    // Held throughout: a post that is opening a link uses an interface and
+    // an entry without the router lock.
+    MutexLocker connecting(m_connectLock);
     std::vector<NetworkRouterInterface*> interfaces;
     std::vector<NetworkRouterRoutingTableEntry*> entries;
     {

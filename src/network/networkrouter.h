@@ -13,16 +13,20 @@
 // infoAboutHost from the discovery socket's receive callback and
 // routingTableNewConnection / removeConnection from connection callbacks, all
 // on selector worker threads. One recursive lock guards the host names and the
-// routing table for the whole of every operation that reads or changes them,
-// including the blocking connect that post may start. stop() never holds that
-// lock while it deletes interfaces or connections: deleting a socket waits for
-// its callbacks, and those callbacks take the lock.
+// routing table for the whole of every operation that reads or changes them.
+// The one exception is the blocking connect that post may start: a link's
+// receive path takes the router lock inside the link's own lock, so a link is
+// opened outside the router lock, under a separate connect lock that also
+// keeps stop() waiting. stop() never holds the router lock while it deletes
+// interfaces or connections: deleting a socket waits for its callbacks, and
+// those callbacks take the lock.
 #pragma once
 
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <ostream>
 #include <string>
@@ -178,6 +182,9 @@ protected:
     NetworkRouterRoutingTableEntry* getConnectionByHost(const std::string& host);
     // The waiting queue of a host, or null (nothing fills them); lock held.
     std::vector<MessageItem*>* getWaitingQueue(const std::string& host);
+    // Runs send on the host's connection under the router lock, opening the
+    // connection first if the host has none; false when there is no way.
+    bool withConnection(const std::string& host, const std::function<bool(NetworkRouterConnection*)>& send);
     // Whether the interface is one of ours; stop() takes them out first, so
     // late callbacks of an interface being stopped are refused. Lock held.
     bool acceptsInterface(NetworkRouterInterface* interface) const;
@@ -195,6 +202,8 @@ private:
     bool m_isMaster;
     bool m_orderFlag;
     UlmarCommsSystem::Mutex m_lock;
+    // Serialises opening links and keeps stop() out while one is opened.
+    UlmarCommsSystem::Mutex m_connectLock;
     std::map<std::string, int32_t> m_hostNames;
     std::vector<WaitingQueue> m_waitingQueues;
     std::vector<NetworkRouterInterface*> m_interfaces;
