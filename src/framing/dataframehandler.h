@@ -45,6 +45,7 @@ class MessageItem;
 // Moves frames over one connected stream socket; subclasses consume them.
 class DataFrameHandler {
 public:
+    // The socket class of the platform layer.
     typedef UlmarCommsSystem::Socket Socket;
 
     // Bytes of frames one handler keeps queued at most; one frame is always
@@ -74,6 +75,7 @@ public:
     // Installs the callbacks on the socket and uses it from now on.
     virtual void setSocket(Socket* socket);
 
+    // Owns queues and buffers: not copyable.
     DataFrameHandler(const DataFrameHandler&) = delete;
     DataFrameHandler& operator=(const DataFrameHandler&) = delete;
 
@@ -150,20 +152,28 @@ private:
     // Releases every frame queued or in flight.
     void releaseOutboundFrames();
 
+    // Serialises the receive path and guards the inbound state.
     UlmarCommsSystem::Mutex m_inboundLock;
+    // Where recv delivers, and its size (one transfer, not one frame).
     unsigned char* m_pInboundBuffer;
     unsigned m_inboundSize;
+    // Frames waiting to be written, per kind (commands go first).
     std::deque<DataFrame*> m_messageQueue;
     std::deque<DataFrame*> m_commandQueue;
+    // The frame being reassembled.
     DataFrame* m_pInboundCurrentFrame;
     // The peer broke the framing; inbound bytes are dropped until a new socket.
     bool m_linkEnding;
+    // Guards the queues, the frame in flight, the ids and the socket pointer.
     UlmarCommsSystem::Mutex m_outboundLock;
     // Tested before sending, cleared when nothing is left; never set.
     bool m_sending;
+    // The id of the last frame queued (ids start at 1).
     uint32_t m_lastId;
+    // What send is given, and its size.
     unsigned char* m_pOutboundBuffer;
     unsigned m_outboundSize;
+    // The frame being written.
     DataFrame* m_pOutboundCurrentFrame;
     // A send of the current frame is posted and not yet completed.
     bool m_outboundInFlight;
@@ -171,19 +181,20 @@ private:
     uint64_t m_currentSent;
     // Bytes of every queued frame and the current one.
     uint64_t m_queuedBytes;
+    // Set by holdOutbound: frames queue but none is written.
     bool m_outboundHeld;
     // One byte written after a shutdown to make the socket report its end.
     unsigned char m_probe;
     // Written under both locks, so either lock gives a stable view.
     std::atomic<Socket*> m_pSocket;
-    // Callbacks running now, and whether someone waits for them to end.
+    // Callbacks of this handler running now, on any thread.
     std::atomic<int> m_callbacksRunning;
-    UlmarCommsSystem::ConditionValue m_callbacksDone;
 };
 
 // A listening stream socket whose accepted connections go to the subclass.
 class DataFrameServer {
 public:
+    // The platform layer's socket and address classes.
     typedef UlmarCommsSystem::Socket Socket;
     typedef UlmarCommsSystem::SocketAddress SocketAddress;
 
@@ -201,6 +212,7 @@ public:
     // Closes and deletes the listening socket.
     virtual void finish();
 
+    // Owns its listener: not copyable.
     DataFrameServer(const DataFrameServer&) = delete;
     DataFrameServer& operator=(const DataFrameServer&) = delete;
 
@@ -218,8 +230,11 @@ private:
     // Closes and deletes the listening socket, if any.
     void dropListener();
 
+    // The byte the listener's re-arming receive names.
     unsigned char m_scratch;
+    // The address listened on.
     SocketAddress m_address;
+    // The listening socket (owned), or null.
     std::atomic<Socket*> m_pSocket;
 };
 
