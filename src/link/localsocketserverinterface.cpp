@@ -1,0 +1,303 @@
+// The local-link listener and the per-link router proxies of the service.
+//
+// Claim before use: a proxy leaves the connections list (under its lock)
+// before anything else is done to it, so of the link's own drop and
+// closeAllLinks exactly one deletes it. A proxy whose deletion is racing
+// with its own socket's callback stays valid for that callback, because
+// deleting the proxy deletes its socket, which waits for the callback.
+#include "link/localsocketserverinterface.h"
+
+#include "core/core.h"
+#include "platform/socket.h"
+
+#include <algorithm>
+
+namespace UlmarComms {
+
+using UlmarCommsSystem::MutexLocker;
+using UlmarCommsSystem::Socket;
+using UlmarCommsSystem::SocketAddress;
+
+namespace {
+
+const char* printable(const char* text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+unsigned setting(const char* key)
+{
+    const int value = Core::instance()->getNumber(key);
+    return value > 0 ? static_cast<unsigned>(value) : 0u;
+}
+
+} // namespace
+
+// ======================================================= router proxy
+
+SocketMessageRouterProxy::SocketMessageRouterProxy() : m_pSystemRouter(nullptr)
+{
+    Core::message("SocketMessageRouterProxy::SocketMessageRouterProxy() this=%p\n", static_cast<void*>(this));
+    const unsigned outbound = setting("socketmessagerouterproxy.outbound.size");
+    const unsigned inbound = setting("socketmessagerouterproxy.inbound.size");
+    createBuffers(inbound, outbound);
+}
+
+SocketMessageRouterProxy::~SocketMessageRouterProxy()
+{
+    Core::message("SocketMessageRouterProxy::~SocketMessageRouterProxy() this=%p\n", static_cast<void*>(this));
+    Socket* socket = takeSocket();
+    if (socket != nullptr) {
+        socket->close();
+        delete socket; // waits for this socket's callbacks on other workers
+    }
+    // onError may have taken the socket and still be on its way out.
+    waitForCallbacksToEnd();
+}
+
+bool SocketMessageRouterProxy::setSystemRouter(ISystemRouter* systemRouter)
+{
+    m_pSystemRouter = systemRouter;
+    return systemRouter != nullptr;
+}
+
+void SocketMessageRouterProxy::setSocket(Socket* socket)
+{
+    DataFrameHandler::setSocket(socket);
+    if (socket != nullptr)
+        socket->setUserData(this);
+}
+
+bool SocketMessageRouterProxy::post(MessageItem* message)
+{
+    if (!addToOutbound(message)) {
+        Core::log(Core::LogError,
+                  "SocketMessageRouterProxy::post( %p ) this=%p Failed to add the message to the outbound queue.\n",
+                  static_cast<void*>(message), static_cast<void*>(this));
+        return false;
+    }
+    Core::message("SocketMessageRouterProxy::post() Done.\n");
+    MessageItem::release(message);
+    return true;
+}
+
+void SocketMessageRouterProxy::commandHandler(unsigned char code, const char* text)
+{
+    if (!addToOutbound(code, text))
+        Core::log(Core::LogError, "SocketMessageRouterProxy::commandHandler( %d, '%s' ) this=%p Failed to add to outbound.\n",
+                  code, printable(text), static_cast<void*>(this));
+}
+
+void SocketMessageRouterProxy::doHandleMessage(MessageItem* message)
+{
+    ISystemRouter* router = m_pSystemRouter.load();
+    if (router == nullptr) {
+        Core::log(Core::LogError,
+                  "SocketMessageRouterProxy::doHandleMessage() Unable to pass message on as no System router set on "
+                  "object.\n");
+        MessageItem::release(message);
+        return;
+    }
+    if (!router->post(message)) {
+        Core::log(Core::LogError, "SocketMessageRouterProxy::doHandleMessage() post to system router failed.\n");
+        MessageItem::release(message); // a refused message stays ours
+    }
+}
+
+void SocketMessageRouterProxy::doHandleCommand(unsigned char code, const std::string& text)
+{
+    ISystemRouter* router = m_pSystemRouter.load();
+    if (router == nullptr) {
+        Core::log(Core::LogError,
+                  "SocketMessageRouterProxy::doHandleCommand( %d, '%s' ) this=%p  Unable to route command as no System "
+                  "router asigned to object.\n",
+                  code, text.c_str(), static_cast<void*>(this));
+        return;
+    }
+    // Naming this proxy lets the system router file the process's pumps
+    // under this link.
+    router->handleCommand(this, code, text.c_str());
+}
+
+void SocketMessageRouterProxy::onDisconnect(Socket* socket)
+{
+    Core::message("SocketMessageRouterProxy::onDisconnect( %p )\n", static_cast<void*>(socket));
+}
+
+void SocketMessageRouterProxy::onError(Socket* socket, unsigned char error)
+{
+    Core::message("SocketMessageRouterProxy::onError( %p, %d )\n", static_cast<void*>(socket), error);
+    Socket* mine = takeSocketIf(socket);
+    if (mine == nullptr)
+        return;
+    mine->close();
+    delete mine; // the socket's own callback: deleting it here is allowed
+}
+
+// ============================================================ listener
+
+LocalSocketServerInterface::LocalSocketServerInterface(ISystemRouter* systemRouter, const SocketAddress& listenAddress)
+    : IRealSystemRouterLinkServer(systemRouter), DataFrameServer(listenAddress), m_pLinkedSystemRouter(systemRouter)
+{
+    Core::message("LocalSocketServerInterface::LocalSocketServerInterface( %p, '%s' ) this=%p Constructor\n",
+                  static_cast<void*>(systemRouter), listenAddress.asString().c_str(), static_cast<void*>(this));
+}
+
+LocalSocketServerInterface::~LocalSocketServerInterface()
+{
+    Core::message("LocalSocketServerInterface::~LocalSocketServerInterface() this=%p\n", static_cast<void*>(this));
+    // The listener goes before the list: its callbacks use the list, and
+    // deleting it waits for those still running.
+    DataFrameServer::finish();
+    MutexLocker locker(m_connectionsLock);
+    m_connections.clear();
+}
+
+bool LocalSocketServerInterface::start()
+{
+    Core::message("LocalSocketServerInterface::start() this=%p\n", static_cast<void*>(this));
+    if (!DataFrameServer::start()) {
+        Core::log(Core::LogError, "LocalSocketServerInterface::start() Failed the call to DataFrameServer::start().\n");
+        return false;
+    }
+    Core::message("LocalSocketServerInterface::start() Done.\n");
+    return true;
+}
+
+void LocalSocketServerInterface::finish()
+{
+    Core::message("LocalSocketServerInterface::Finished() this=%p\n", static_cast<void*>(this));
+    DataFrameServer::finish();
+}
+
+void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAddress&, Socket* client)
+{
+    Core::message("LocalSocketServerInterface::onClientConnect( %p, , %p ) this=%p New connection.\n",
+                  static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
+    if (server == nullptr || server != listeningSocket()) {
+        Core::log(Core::LogWarning,
+                  "LocalSocketServerInterface::onClientConnect( %p, , %p ) this=%p Server socket is the not this "
+                  "objects one.\n",
+                  static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
+        // Nobody else will ever own it; left alone it would leak its handle.
+        if (client != nullptr) {
+            client->close();
+            delete client;
+        }
+        return;
+    }
+    try {
+        SocketMessageRouterProxy* proxy = new SocketMessageRouterProxy();
+        proxy->setSocket(client);
+        proxy->setSystemRouter(m_pLinkedSystemRouter);
+        // Listed and registered under the lock, so that closeAllLinks never
+        // sees a proxy that is only half set up.
+        MutexLocker locker(m_connectionsLock);
+        m_connections.push_back(proxy);
+        m_pLinkedSystemRouter->add(proxy);
+        if (!proxy->recvData())
+            Core::log(Core::LogError,
+                      "LSSInterface::onClientConnect() Failed to do recv on new socket connection new message "
+                      "router=%p.\n",
+                      static_cast<void*>(proxy));
+        Core::message("LSSInterface::onClientConnect() Added a new connection.\n");
+    } catch (...) {
+        Core::log(Core::LogError, "LocalSocketServerInterface::onClientConnect( %p, , %p ) this=%p Unhandled exception!\n",
+                  static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
+    }
+}
+
+void LocalSocketServerInterface::onClientDisconnect(Socket* server, Socket* client)
+{
+    Core::message("LocalSocketServerInterface::onClientDisconnect( %p, %p ) this=%p\n", static_cast<void*>(server),
+                  static_cast<void*>(client), static_cast<void*>(this));
+    try {
+        void* user = client != nullptr ? client->getUserData() : nullptr;
+        if (user == nullptr) {
+            Core::log(Core::LogWarning,
+                      "LocalSocketServerInterface::onClientDisconnect( %p, %p ) this=%p no message router object set "
+                      "on socket object.\n",
+                      static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
+            return;
+        }
+        SocketMessageRouterProxy* proxy = static_cast<SocketMessageRouterProxy*>(user);
+        if (!isValid(proxy)) {
+            Core::log(Core::LogWarning,
+                      "LocalSocketServerInterface::onClientDisconnect( %p, %p ) this=%p message router object does not "
+                      "belong to this.\n",
+                      static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
+            return;
+        }
+        remove(proxy);
+    } catch (...) {
+        Core::log(Core::LogError, "LocalSocketServerInterface::onClientDisconnect( %p, %p ) this=%p Unhandled exception!\n",
+                  static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
+    }
+}
+
+bool LocalSocketServerInterface::isValid(SocketMessageRouterProxy* proxy)
+{
+    {
+        MutexLocker locker(m_connectionsLock);
+        if (std::find(m_connections.begin(), m_connections.end(), proxy) != m_connections.end())
+            return true;
+    }
+    Core::log(Core::LogError, "LocalSocketServerInterface::IsValid( %p ) this=%p Unable to find a match.\n",
+              static_cast<void*>(proxy), static_cast<void*>(this));
+    return false;
+}
+
+void LocalSocketServerInterface::remove(SocketMessageRouterProxy* proxy)
+{
+    Core::message("LocalSocketServerInterface::remove( %p ) this=%p\n", static_cast<void*>(proxy),
+                  static_cast<void*>(this));
+    bool listed = false;
+    {
+        MutexLocker locker(m_connectionsLock);
+        auto found = std::find(m_connections.begin(), m_connections.end(), proxy);
+        if (found != m_connections.end()) {
+            m_connections.erase(found); // the others keep their order
+            listed = true;
+        }
+    }
+    if (proxy == nullptr)
+        return;
+    // A frame still arriving on the link is dropped from here on.
+    proxy->setSystemRouter(nullptr);
+    m_pLinkedSystemRouter->remove(proxy);
+    if (!listed) {
+        Core::log(Core::LogWarning, "LSSInterface::Remove() Unable to find and remove a SocketMessageRouterProxy object.\n");
+        return;
+    }
+    Core::message("LSSInterface::Remove( %p ) this=%p Removed a connection.\n", static_cast<void*>(proxy),
+                  static_cast<void*>(this));
+    delete proxy; // closes and deletes its socket
+}
+
+void LocalSocketServerInterface::closeAllLinks()
+{
+    for (;;) {
+        std::vector<SocketMessageRouterProxy*> claimed;
+        {
+            MutexLocker locker(m_connectionsLock);
+            claimed.swap(m_connections);
+        }
+        if (claimed.empty())
+            return;
+        Core::message("LocalSocketServerInterface::closeAllLinks() this=%p Closing %u links.\n",
+                      static_cast<void*>(this), static_cast<unsigned>(claimed.size()));
+        for (SocketMessageRouterProxy* proxy : claimed) {
+            proxy->setSystemRouter(nullptr);
+            m_pLinkedSystemRouter->remove(proxy);
+            delete proxy;
+        }
+    }
+}
+
+std::vector<SocketMessageRouterProxy*> LocalSocketServerInterface::links()
+{
+    MutexLocker locker(m_connectionsLock);
+    return m_connections;
+}
+
+} // namespace UlmarComms

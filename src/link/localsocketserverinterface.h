@@ -1,0 +1,108 @@
+// The service side of the local link: the listener that accepts the links
+// of the machine's processes, and one proxy per link that stands, at the
+// system router, for the remote process's MessageRouter.
+//
+// The system router addresses a remote process exactly as a router in its
+// own process: post and commandHandler on the proxy become frames on the
+// link; frames from the link become post and handleCommand calls on the
+// system router, naming the proxy as the router the commands came from.
+//
+// Threads. onClientConnect, onClientDisconnect and the proxies' onError,
+// onDisconnect, doHandleMessage and doHandleCommand run on selector workers;
+// post and commandHandler on a proxy run on the system router's callers'
+// threads; start, finish and closeAllLinks on the service's control thread.
+// The connections list has its own lock, because drops of different links
+// are reported on different workers at once; it is never held while a proxy
+// is deleted (deleting waits for the proxy's socket callbacks).
+//
+// Ownership. The listener owns its proxies (listed in order of acceptance);
+// a proxy owns its accepted socket. A proxy is deleted when its link drops
+// (through onClientDisconnect) or by closeAllLinks; the destructor of the
+// listener leaves proxies still listed alone. The system router is not owned.
+// A message given to a proxy's post belongs to the proxy once queued; a
+// message from the link goes to the system router, which takes it.
+#pragma once
+
+#include "framing/dataframehandler.h"
+#include "messaging/messaging.h"
+#include "platform/mutex.h"
+#include "service/systemrouter.h"
+
+#include <atomic>
+#include <vector>
+
+namespace UlmarComms {
+
+// One accepted local link, as the system router sees the process behind it.
+class SocketMessageRouterProxy : public IMessageRouter, public DataFrameHandler {
+public:
+    // No system router yet; buffers from the "socketmessagerouterproxy.*" settings.
+    SocketMessageRouterProxy();
+    // Closes and deletes a socket still held.
+    ~SocketMessageRouterProxy() override;
+
+    // The router that incoming traffic goes to; null detaches (and gives false).
+    bool setSystemRouter(ISystemRouter* systemRouter) override;
+    // Queues a message for the process; false (caller keeps it) when refused.
+    bool post(MessageItem* message) override;
+    // Queues a link command for the process.
+    void commandHandler(unsigned char code, const char* text) override;
+
+    // A command from the process goes to the system router, from this proxy.
+    void doHandleCommand(unsigned char code, const std::string& text) override;
+    // A message from the process goes to the system router, which owns it.
+    void doHandleMessage(MessageItem* message) override;
+    // Logs only.
+    void onDisconnect(Socket* socket) override;
+    // Closes and deletes the socket; the proxy stays until the listener drops it.
+    void onError(Socket* socket, unsigned char error) override;
+    // Uses socket and marks it with this proxy (its user data).
+    void setSocket(Socket* socket) override;
+
+    // The attached system router, or null.
+    ISystemRouter* systemRouter() const { return m_pSystemRouter.load(); }
+
+private:
+    // Where incoming traffic goes (not owned); null once detached.
+    std::atomic<ISystemRouter*> m_pSystemRouter;
+};
+
+// The listener of the local link, attached to the real system router.
+class LocalSocketServerInterface : public IRealSystemRouterLinkServer, public DataFrameServer {
+public:
+    // A listener for systemRouter on listenAddress; start() listens.
+    LocalSocketServerInterface(ISystemRouter* systemRouter, const SocketAddress& listenAddress);
+    // Stops listening; proxies still listed are left alone (closeAllLinks first).
+    ~LocalSocketServerInterface() override;
+
+    // Binds and listens; false on failure.
+    bool start() override;
+    // Stops listening; accepted links stay until closeAllLinks.
+    void finish() override;
+    // Wraps an accepted link in a proxy registered with the system router.
+    void onClientConnect(Socket* server, const SocketAddress& clientAddress, Socket* client) override;
+    // Removes the proxy of a link that dropped.
+    void onClientDisconnect(Socket* server, Socket* client) override;
+
+    // Whether proxy is one of this listener's links (logged when not).
+    bool isValid(SocketMessageRouterProxy* proxy);
+    // Detaches and unregisters proxy, and deletes it if it is listed here.
+    void remove(SocketMessageRouterProxy* proxy);
+    // Closes every accepted link: each proxy is unregistered from the system
+    // router and deleted. Safe while the selector runs; call it after the
+    // system router has finished (so no new link is accepted).
+    void closeAllLinks();
+
+    // The links, in order of acceptance.
+    std::vector<SocketMessageRouterProxy*> links();
+
+private:
+    // The router every new proxy is attached to (not owned).
+    ISystemRouter* m_pLinkedSystemRouter;
+    // Guards the connections; never held while a proxy is deleted.
+    UlmarCommsSystem::Mutex m_connectionsLock;
+    // One owned proxy per accepted link, in order of acceptance.
+    std::vector<SocketMessageRouterProxy*> m_connections;
+};
+
+} // namespace UlmarComms

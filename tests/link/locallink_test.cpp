@@ -1,0 +1,503 @@
+// The local link end to end, in one process: a real SystemRouter with its
+// LocalSocketServerInterface (the "service") and one or more MessageRouters
+// on SocketSystemRouterProxies (the "applications"), talking over a UNIX
+// socket with a name unique to each test (one case over TCP on 127.0.0.1).
+// Everything waits with deadlines; the reconnection cases take a few seconds
+// because the proxy retries every two seconds on a whole-second timer.
+#include "link/localsocketserverinterface.h"
+#include "link/socketsystemrouterproxy.h"
+
+#include "core/core.h"
+#include "messaging/messaging.h"
+#include "messaging/messaging_support.h"
+#include "platform/socket.h"
+#include "platform/sockettimeout.h"
+#include "service/systemrouter.h"
+#include "support/logcapture.h"
+#include "support/wait.h"
+
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+
+using MessagingTest::Endpoint;
+using MessagingTest::Received;
+using UlmarComms::CommandMessage;
+using UlmarComms::DataFrame;
+using UlmarComms::IMessageRouter;
+using UlmarComms::LocalSocketServerInterface;
+using UlmarComms::MessageItem;
+using UlmarComms::MessageRouter;
+using UlmarComms::SocketMessageRouterProxy;
+using UlmarComms::SocketSystemRouterProxy;
+using UlmarCommsService::SystemRouter;
+using UlmarCommsSystem::Socket;
+using UlmarCommsSystem::SocketAddress;
+using UlmarCommsSystem::SocketTimeout;
+using UlmarCommsTest::LogCapture;
+using UlmarCommsTest::waitUntil;
+
+namespace {
+
+const std::chrono::milliseconds kDeadline(10000);
+
+SocketAddress uniqueUnixAddress()
+{
+    const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+    SocketAddress address;
+    EXPECT_TRUE(address.setUNIXAddress(std::string("link_") + info->name() + "_" + std::to_string(getpid())));
+    return address;
+}
+
+// The service: system router, its listener and a router for its own pumps.
+struct Service {
+    explicit Service(const SocketAddress& address) : server(new LocalSocketServerInterface(&router, address))
+    {
+        router.addLinkServer(server);
+        EXPECT_TRUE(router.start());
+        local.setSystemRouter(&router);
+        EXPECT_TRUE(local.start());
+    }
+    // The service shut-down order: routers, system router, links, objects.
+    ~Service()
+    {
+        local.finish();
+        router.finish();
+        router.remove(&local);
+        server->closeAllLinks();
+        delete server;
+    }
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    std::string table()
+    {
+        std::ostringstream out;
+        router.dumpSystemRouterTable(out);
+        return out.str();
+    }
+    bool hasEntry(const std::string& address) { return table().find("\n" + address + ",") != std::string::npos; }
+    bool hasEntry(const std::string& address, const std::string& interfaces)
+    {
+        return table().find("\n" + address + "," + interfaces + "\n") != std::string::npos;
+    }
+    bool waitForEntries(const std::vector<std::string>& addresses)
+    {
+        return waitUntil(
+            [&] {
+                for (const std::string& address : addresses)
+                    if (!hasEntry(address))
+                        return false;
+                return true;
+            },
+            kDeadline);
+    }
+    // The address applications connect to (with the port the system chose).
+    SocketAddress boundAddress()
+    {
+        SocketAddress bound = server->address();
+        if (bound.isIP4Address()) {
+            EXPECT_EQ(server->listeningSocket()->getLocalAddress(bound), Socket::NoSocketError);
+        }
+        return bound;
+    }
+
+    SystemRouter router;
+    LocalSocketServerInterface* server;
+    MessageRouter local;
+};
+
+// An application: its router on a proxy to the service.
+struct Application {
+    explicit Application(const SocketAddress& address) : proxy(address)
+    {
+        router.setSystemRouter(&proxy);
+        EXPECT_TRUE(router.start());
+    }
+    ~Application() { shutdown(); }
+    Application(const Application&) = delete;
+    Application& operator=(const Application&) = delete;
+
+    // The application shut-down order.
+    void shutdown()
+    {
+        if (m_down)
+            return;
+        m_down = true;
+        router.finish();
+        proxy.remove(&router);
+        proxy.finish();
+    }
+
+    SocketSystemRouterProxy proxy;
+    MessageRouter router;
+
+private:
+    bool m_down = false;
+};
+
+class LocalLinkTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(Socket::init(3));
+        address = uniqueUnixAddress();
+    }
+    void TearDown() override { Socket::deinit(); }
+
+    SocketAddress address;
+};
+
+std::string valueOf(const Received& received, const char* key)
+{
+    return received.value(key);
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Announcements and traffic
+
+TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWays)
+{
+    Service service(address);
+    Endpoint svc(service.local, "svc");
+    ASSERT_TRUE(svc.join());
+    svc.requestHook = [&](MessageItem* request, const char*, const char*) {
+        svc.pump.post(svc.pump.createReplyMessage(request, "pong"));
+    };
+
+    Application app(address);
+    Endpoint first(app.router, "first");
+    Endpoint second(app.router, "second", "ifA,ifB");
+    ASSERT_TRUE(first.join());
+    ASSERT_TRUE(second.join());
+    ASSERT_TRUE(app.proxy.start());
+    EXPECT_EQ(app.proxy.state(), SocketSystemRouterProxy::StateConnected);
+
+    ASSERT_TRUE(service.waitForEntries({svc.address(), first.address(), second.address()})) << service.table();
+    EXPECT_TRUE(service.hasEntry(second.address(), "ifA-ifB")) << service.table();
+    ASSERT_EQ(service.server->links().size(), 1u);
+
+    // Application to service, and the reply back.
+    MessageItem* request = first.pump.createMessage(svc.address().c_str(), "ping");
+    request->add("payload", "over the link");
+    ASSERT_EQ(first.pump.post(request), 0);
+    ASSERT_TRUE(svc.waitForCount(1));
+    EXPECT_EQ(svc.received()[0].method, "ping");
+    EXPECT_EQ(valueOf(svc.received()[0], "payload"), "over the link");
+    ASSERT_TRUE(first.waitForCount(1));
+    EXPECT_EQ(first.received()[0].kind, Received::Response);
+    EXPECT_EQ(valueOf(first.received()[0], MessageItem::ArgumentKey_Response), "pong");
+
+    // Service to application.
+    MessageItem* notice = svc.pump.createMessage(second.address().c_str(), "notice");
+    ASSERT_EQ(svc.pump.post(notice), 0);
+    ASSERT_TRUE(second.waitForCount(1));
+    EXPECT_EQ(second.received()[0].method, "notice");
+}
+
+TEST_F(LocalLinkTest, TheLinkWorksOverTcpOnLoopback)
+{
+    SocketAddress loopback;
+    ASSERT_TRUE(loopback.setIP4Address("127.0.0.1", "0"));
+    Service service(loopback);
+    Endpoint svc(service.local, "svc");
+    ASSERT_TRUE(svc.join());
+
+    Application app(service.boundAddress());
+    Endpoint caller(app.router, "caller");
+    ASSERT_TRUE(caller.join());
+    ASSERT_TRUE(app.proxy.start());
+    ASSERT_TRUE(service.waitForEntries({caller.address()}));
+
+    for (int i = 0; i < 50; ++i)
+        ASSERT_EQ(caller.pump.post(caller.pump.createMessage(svc.address().c_str(), "tick")), 0);
+    ASSERT_TRUE(svc.waitForCount(50));
+}
+
+// ---------------------------------------------------------------------------
+// Links that end
+
+TEST_F(LocalLinkTest, AfterTheServiceRestartsTheApplicationReconnectsAndAnnouncesAllButItsFirstPump)
+{
+    auto service = std::make_unique<Service>(address);
+    Application app(address);
+    Endpoint first(app.router, "first");
+    Endpoint second(app.router, "second", "ifX");
+    Endpoint third(app.router, "third");
+    ASSERT_TRUE(first.join());
+    ASSERT_TRUE(second.join());
+    ASSERT_TRUE(third.join());
+    ASSERT_TRUE(app.proxy.start());
+    ASSERT_TRUE(service->waitForEntries({first.address(), second.address(), third.address()}));
+
+    service.reset();
+    ASSERT_TRUE(waitUntil([&] { return app.proxy.state() == SocketSystemRouterProxy::StateDown; }, kDeadline));
+
+    service = std::make_unique<Service>(address);
+    ASSERT_TRUE(waitUntil([&] { return app.proxy.state() == SocketSystemRouterProxy::StateConnected; }, kDeadline));
+    ASSERT_TRUE(service->waitForEntries({second.address(), third.address()})) << service->table();
+    EXPECT_TRUE(service->hasEntry(second.address(), "ifX"));
+    // The table is announced in one go, so once the last entry is there the
+    // first one would be too: it is deliberately never re-announced.
+    EXPECT_FALSE(service->hasEntry(first.address())) << service->table();
+    EXPECT_EQ(SocketTimeout::instance()->count(&SocketSystemRouterProxy::onDoReconnect, &app.proxy), 0u);
+
+    // The restored link carries traffic again.
+    Endpoint svc(service->local, "svc");
+    ASSERT_TRUE(svc.join());
+    ASSERT_EQ(third.pump.post(third.pump.createMessage(svc.address().c_str(), "again")), 0);
+    ASSERT_TRUE(svc.waitForCount(1));
+}
+
+TEST_F(LocalLinkTest, AnApplicationThatGoesIsRemovedFromTheSystemRoutersTable)
+{
+    Service service(address);
+    auto leaving = std::make_unique<Application>(address);
+    Application staying(address);
+    auto gone = std::make_unique<Endpoint>(leaving->router, "leaving");
+    Endpoint kept(staying.router, "staying");
+    ASSERT_TRUE(gone->join());
+    ASSERT_TRUE(kept.join());
+    ASSERT_TRUE(leaving->proxy.start());
+    ASSERT_TRUE(staying.proxy.start());
+    const std::string goneAddress = gone->address();
+    ASSERT_TRUE(service.waitForEntries({goneAddress, kept.address()}));
+    ASSERT_EQ(service.server->links().size(), 2u);
+
+    // The process ends without withdrawing its pump: the drop alone must
+    // clear its entries.
+    leaving->shutdown();
+    ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1; }, kDeadline));
+    ASSERT_TRUE(waitUntil([&] { return !service.hasEntry(goneAddress); }, kDeadline)) << service.table();
+    EXPECT_TRUE(service.hasEntry(kept.address()));
+    gone.reset();
+    leaving.reset();
+
+    // The remaining link still carries traffic.
+    Endpoint svc(service.local, "svc");
+    ASSERT_TRUE(svc.join());
+    ASSERT_EQ(kept.pump.post(kept.pump.createMessage(svc.address().c_str(), "still here")), 0);
+    ASSERT_TRUE(svc.waitForCount(1));
+}
+
+TEST_F(LocalLinkTest, CloseAllLinksUnregistersAndDeletesEveryProxy)
+{
+    Service service(address);
+    Application one(address);
+    Application two(address);
+    Endpoint a(one.router, "a");
+    Endpoint b(two.router, "b");
+    ASSERT_TRUE(a.join());
+    ASSERT_TRUE(b.join());
+    ASSERT_TRUE(one.proxy.start());
+    ASSERT_TRUE(two.proxy.start());
+    ASSERT_TRUE(service.waitForEntries({a.address(), b.address()}));
+
+    // The service shut-down: the system router finishes (no more links are
+    // accepted), then the accepted links close while the selector runs.
+    service.router.finish();
+    service.server->closeAllLinks();
+    EXPECT_TRUE(service.server->links().empty());
+    EXPECT_FALSE(service.hasEntry(a.address())) << service.table();
+    EXPECT_FALSE(service.hasEntry(b.address())) << service.table();
+    service.server->closeAllLinks(); // nothing left: harmless
+
+    // The applications see their links end and wait to reconnect.
+    ASSERT_TRUE(waitUntil([&] { return one.proxy.state() == SocketSystemRouterProxy::StateDown; }, kDeadline));
+    ASSERT_TRUE(waitUntil([&] { return two.proxy.state() == SocketSystemRouterProxy::StateDown; }, kDeadline));
+    EXPECT_TRUE(one.proxy.isReconnectPending());
+    EXPECT_EQ(one.proxy.socket(), nullptr);
+}
+
+TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
+{
+    Service service(address);
+    Application good(address);
+    Endpoint kept(good.router, "kept");
+    ASSERT_TRUE(kept.join());
+    ASSERT_TRUE(good.proxy.start());
+
+    // A plain peer announces a pump the honest way, then sends a header
+    // announcing far more than any frame may hold.
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::connect(fd, address.getAddress(), address.getAddressSize()), 0);
+    const std::string evil = UlmarComms::Core::instance()->getHostName() + "@evil";
+    DataFrame announce(1, CommandMessage::AddMessagePump, evil.c_str());
+    std::vector<unsigned char> bytes(announce.dataSize() + DataFrame::HeaderSize);
+    unsigned count = 0;
+    ASSERT_TRUE(announce.writeOut(bytes.data(), static_cast<unsigned>(bytes.size()), count));
+    ASSERT_EQ(::send(fd, bytes.data(), count, MSG_NOSIGNAL), static_cast<ssize_t>(count));
+    ASSERT_TRUE(service.waitForEntries({kept.address(), evil}));
+    ASSERT_EQ(service.server->links().size(), 2u);
+
+    unsigned char header[DataFrame::HeaderSize];
+    DataFrame::writeHeaderToBuffer(header, DataFrame::FrameTypeMessage, 0xFFFFFFFFu, 2);
+    ASSERT_EQ(::send(fd, header, sizeof(header), MSG_NOSIGNAL), static_cast<ssize_t>(sizeof(header)));
+    ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1 && !service.hasEntry(evil); }, kDeadline))
+        << service.table();
+    pollfd entry{fd, POLLIN, 0};
+    ASSERT_EQ(::poll(&entry, 1, static_cast<int>(kDeadline.count())), 1);
+    unsigned char scratch[16];
+    EXPECT_EQ(::recv(fd, scratch, sizeof(scratch), 0), 0) << "the service ended the link";
+    ::close(fd);
+
+    // The honest process is untouched.
+    EXPECT_TRUE(service.hasEntry(kept.address()));
+    Endpoint svc(service.local, "svc");
+    ASSERT_TRUE(svc.join());
+    ASSERT_EQ(kept.pump.post(kept.pump.createMessage(svc.address().c_str(), "fine")), 0);
+    ASSERT_TRUE(svc.waitForCount(1));
+}
+
+// ---------------------------------------------------------------------------
+// The process side on its own
+
+TEST_F(LocalLinkTest, WithoutALinkPostIsRefusedAndTheCallerKeepsTheMessage)
+{
+    SocketSystemRouterProxy proxy(address);
+    MessageItem* message = MessageRouter::create("somewhere@else", "me@here", "m");
+    EXPECT_FALSE(proxy.post(message));
+    EXPECT_EQ(message->count(), 1) << "the caller still owns it";
+    MessageItem::release(message);
+    EXPECT_EQ(proxy.queuedFrames(), 0u);
+    proxy.finish();
+}
+
+TEST_F(LocalLinkTest, WithoutAServiceTheProxyRetriesEveryTwoSecondsWithOneTimerEntry)
+{
+    LogCapture log(UlmarComms::Core::LogMessage);
+    Application app(address);
+    auto entries = [&] { return SocketTimeout::instance()->count(&SocketSystemRouterProxy::onDoReconnect, &app.proxy); };
+
+    // Connecting to nobody fails at once, after the socket exists: a retry
+    // is scheduled and start() still reports the attempt as started.
+    EXPECT_TRUE(app.proxy.start());
+    EXPECT_TRUE(app.proxy.isReconnectPending());
+    EXPECT_EQ(entries(), 1u);
+
+    unsigned most = 0;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            most = std::max(most, entries());
+            return log.count("Redoing Connect()") >= 2;
+        },
+        kDeadline));
+    EXPECT_LE(most, 1u) << "never more than one timer entry";
+    EXPECT_EQ(entries(), 1u);
+
+    Service service(address);
+    ASSERT_TRUE(waitUntil([&] { return app.proxy.state() == SocketSystemRouterProxy::StateConnected; }, kDeadline));
+    EXPECT_FALSE(app.proxy.isReconnectPending());
+    EXPECT_EQ(entries(), 0u);
+    app.shutdown();
+    EXPECT_EQ(entries(), 0u);
+    EXPECT_TRUE(app.proxy.isLive()) << "a finished proxy stays live";
+    EXPECT_EQ(app.proxy.socket(), nullptr);
+}
+
+TEST_F(LocalLinkTest, RemoveDetachesOnlyTheAttachedRouterAndWarnsWhenItDoes)
+{
+    LogCapture log(UlmarComms::Core::LogWarning);
+    SocketSystemRouterProxy proxy(address);
+    MessageRouter attached;
+    MessageRouter other;
+    ASSERT_TRUE(proxy.add(&attached));
+
+    EXPECT_TRUE(proxy.remove(&other));
+    EXPECT_EQ(proxy.messageRouter(), &attached);
+    EXPECT_EQ(log.count("Trying to remove the wronge message router."), 0u);
+
+    // Commands from a router that is not attached are not sent.
+    proxy.handleCommand(&other, 1, "x@y");
+    EXPECT_EQ(proxy.queuedFrames(), 0u);
+    EXPECT_TRUE(log.contains("message router mismatch."));
+    proxy.handleCommand(&attached, 1, "x@y");
+    EXPECT_EQ(proxy.queuedFrames(), 1u) << "commands queue even before a link exists";
+
+    EXPECT_TRUE(proxy.remove(&attached));
+    EXPECT_EQ(proxy.messageRouter(), nullptr);
+    EXPECT_EQ(log.count("Trying to remove the wronge message router."), 1u);
+    proxy.finish();
+}
+
+TEST_F(LocalLinkTest, AConnectionWithoutARouterIsReportedAndAnnouncesNothing)
+{
+    Service service(address);
+    LogCapture log(UlmarComms::Core::LogFatal);
+    SocketSystemRouterProxy proxy(address);
+    ASSERT_TRUE(proxy.start());
+    EXPECT_EQ(proxy.state(), SocketSystemRouterProxy::StateConnected);
+    EXPECT_TRUE(log.contains("NO MESSAGE ROUTER!  Something very bad happend."));
+    ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1; }, kDeadline));
+    EXPECT_EQ(service.table(), "# System Routing Table \nAddress,Interfaces\n");
+    proxy.finish();
+    ASSERT_TRUE(waitUntil([&] { return service.server->links().empty(); }, kDeadline));
+}
+
+// ---------------------------------------------------------------------------
+// The service side on its own
+
+TEST_F(LocalLinkTest, DropsThatAreNotThisListenersChangeNothing)
+{
+    LogCapture log(UlmarComms::Core::LogWarning);
+    Service service(address);
+    Application app(address);
+    ASSERT_TRUE(app.proxy.start());
+    ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1; }, kDeadline));
+
+    // A socket with no proxy on it.
+    UlmarCommsSystem::SocketUNIX bare;
+    service.server->onClientDisconnect(service.server->listeningSocket(), &bare);
+    EXPECT_TRUE(log.contains("no message router object set on socket object."));
+
+    // A socket marked with a proxy of another listener.
+    SocketMessageRouterProxy stranger;
+    bare.setUserData(&stranger);
+    service.server->onClientDisconnect(service.server->listeningSocket(), &bare);
+    EXPECT_TRUE(log.contains("message router object does not belong to this."));
+    EXPECT_EQ(service.server->links().size(), 1u);
+
+    // Removing a proxy that is not listed still detaches and unregisters it.
+    stranger.setSystemRouter(&service.router);
+    service.router.add(&stranger);
+    service.server->remove(&stranger);
+    EXPECT_EQ(stranger.systemRouter(), nullptr);
+    EXPECT_TRUE(log.contains("Unable to find and remove a SocketMessageRouterProxy object."));
+    EXPECT_EQ(service.server->links().size(), 1u);
+}
+
+TEST_F(LocalLinkTest, TwoApplicationsGetTwoProxiesInOrderOfAcceptance)
+{
+    Service service(address);
+    Application one(address);
+    ASSERT_TRUE(one.proxy.start());
+    ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1; }, kDeadline));
+    Application two(address);
+    ASSERT_TRUE(two.proxy.start());
+    ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 2; }, kDeadline));
+
+    const std::vector<SocketMessageRouterProxy*> links = service.server->links();
+    EXPECT_NE(links[0], links[1]);
+    for (SocketMessageRouterProxy* proxy : links)
+        EXPECT_EQ(proxy->systemRouter(), &service.router);
+
+    // Each proxy answers for its own process: a pump of the second
+    // application is filed under the second link.
+    Endpoint late(two.router, "late");
+    ASSERT_TRUE(late.join());
+    ASSERT_TRUE(service.waitForEntries({late.address()}));
+    Endpoint svc(service.local, "svc");
+    ASSERT_TRUE(svc.join());
+    ASSERT_EQ(svc.pump.post(svc.pump.createMessage(late.address().c_str(), "for two")), 0);
+    ASSERT_TRUE(late.waitForCount(1));
+}
