@@ -1,0 +1,260 @@
+// The local bus as users run it: a service process hosting the system router
+// and application processes talking through it, each a real process built on
+// the C interface alone, on a pipe name unique to the test.
+#include "support/childprocess.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+
+#ifndef ULMARCOMMS_TESTAPP
+#error "the test build defines ULMARCOMMS_TESTAPP"
+#endif
+
+using UlmarCommsTest::ChildProcess;
+
+namespace {
+
+std::string uniquePipe()
+{
+    static std::atomic<int> counter{0};
+    return "bus" + std::to_string(getpid()) + "_" + std::to_string(counter++);
+}
+
+// One participant: the test program started with the bus's start argument.
+class Participant {
+public:
+    Participant(const std::string& pipe, bool service)
+        : m_process(ULMARCOMMS_TESTAPP, service ? std::vector<std::string>{"--service", "--start", argument(pipe)}
+                                                : std::vector<std::string>{"--start", argument(pipe)})
+    {
+    }
+    // Every participant leaves cleanly: a non-zero exit (a crash, or a leak
+    // found by the sanitizer at exit) fails the test.
+    ~Participant()
+    {
+        m_process.send("quit");
+        EXPECT_EQ(m_process.wait(), 0) << "participant " << m_process.pid() << " did not exit cleanly";
+    }
+    static std::string argument(const std::string& pipe) { return "ulmar.systemrouter.pipe.name=" + pipe; }
+
+    // Sends a command and returns the first line starting with expect.
+    std::string ask(const std::string& command, const std::string& expect)
+    {
+        std::string line;
+        m_process.send(command);
+        EXPECT_TRUE(waitFor(expect, &line)) << "no '" << expect << "' after '" << command << "'";
+        return line;
+    }
+    // The first line beginning with prefix, earlier unclaimed lines included:
+    // callbacks print on their own thread, so an answer may come before the
+    // line that reports its request was sent.
+    bool waitFor(const std::string& prefix, std::string* line = nullptr,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10))
+    {
+        for (auto it = m_unclaimed.begin(); it != m_unclaimed.end(); ++it) {
+            if (it->rfind(prefix, 0) == 0) {
+                if (line != nullptr)
+                    *line = *it;
+                m_unclaimed.erase(it);
+                return true;
+            }
+        }
+        return m_process.waitForLine(
+            [&](const std::string& read) {
+                if (read.rfind(prefix, 0) == 0)
+                    return true;
+                m_unclaimed.push_back(read);
+                return false;
+            },
+            line, timeout);
+    }
+    // Asks the system endpoint and returns the response text (newlines as "\n").
+    std::string query(const std::string& pump, const std::string& method, const std::string& pairs = "")
+    {
+        std::istringstream sent(ask("send " + pump + " /system " + method + " " + pairs, "sent " + pump));
+        std::string word, name, id;
+        sent >> word >> name >> id;
+        std::string line;
+        EXPECT_TRUE(waitFor("response " + pump + " " + id + " ", &line)) << method;
+        return line.substr(std::string("response " + pump + " " + id + " ").size());
+    }
+    ChildProcess& process() { return m_process; }
+
+private:
+    ChildProcess m_process;
+    std::list<std::string> m_unclaimed;
+};
+
+class LocalBus : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_pipe = uniquePipe();
+        m_service = std::make_unique<Participant>(m_pipe, true);
+        ASSERT_TRUE(m_service->waitFor("started 0"));
+        m_service->ask("pump admin", "pump admin");
+    }
+    std::unique_ptr<Participant> application()
+    {
+        auto app = std::make_unique<Participant>(m_pipe, false);
+        EXPECT_TRUE(app->waitFor("started 0"));
+        return app;
+    }
+    // Waits until the service's table lists (or no longer lists) an address.
+    bool tableHas(const std::string& address, bool present)
+    {
+        for (int attempt = 0; attempt < 200; ++attempt) {
+            const std::string table = m_service->query("admin", "ViewSystemRouterRoutingTable");
+            if ((table.find(address) != std::string::npos) == present)
+                return true;
+            usleep(20000);
+        }
+        return false;
+    }
+
+    std::string m_pipe;
+    std::unique_ptr<Participant> m_service;
+};
+
+TEST_F(LocalBus, RequestsRepliesAndErrorsCrossProcesses)
+{
+    auto server = application();
+    auto client = application();
+    server->ask("pump calc", "pump calc");
+    server->ask("pump broken", "pump broken");
+    server->ask("answer broken error 77", "answer broken");
+    client->ask("pump user", "pump user");
+    ASSERT_TRUE(tableHas("@calc", true));
+    ASSERT_TRUE(tableHas("@broken", true));
+
+    const std::string sent = client->ask("send user calc add seq=5", "sent user ");
+    EXPECT_EQ(sent, "sent user 1 0");
+    std::string line;
+    ASSERT_TRUE(server->waitFor("request calc ", &line));
+    EXPECT_NE(line.find(" add 1 seq=5"), std::string::npos) << line;
+    ASSERT_TRUE(client->waitFor("response user 1 ", &line));
+    EXPECT_EQ(line, "response user 1 add seq=5");
+
+    client->ask("send user broken add", "sent user 2 0");
+    ASSERT_TRUE(client->waitFor("error user ", &line));
+    EXPECT_EQ(line, "error user 2 77");
+}
+
+TEST_F(LocalBus, EventsReachListenersInOtherProcesses)
+{
+    auto publisher = application();
+    auto listener = application();
+    publisher->ask("pump clock", "pump clock");
+    publisher->ask("event clock tick", "event clock 0");
+    listener->ask("pump first", "pump first"); // the first pump is not what listens
+    listener->ask("pump ear", "pump ear");
+    listener->ask("answer ear silent", "answer ear"); // replies would use sender ids
+    ASSERT_TRUE(tableHas("@clock", true));
+    ASSERT_TRUE(tableHas("@ear", true));
+
+    listener->ask("register ear clock tick onTick", "sent ear 1 0");
+    std::string line;
+    ASSERT_TRUE(listener->waitFor("response ear 1 ", &line));
+    EXPECT_EQ(line, "response ear 1 y");
+
+    publisher->ask("publish clock tick data=42", "published clock 0");
+    ASSERT_TRUE(listener->waitFor("request ear ", &line));
+    EXPECT_NE(line.find(" onTick "), std::string::npos) << line;
+    EXPECT_NE(line.find("data=42"), std::string::npos) << line;
+
+    listener->ask("unregister ear clock tick onTick", "sent ear 2 0");
+    ASSERT_TRUE(listener->waitFor("response ear 2 ", &line));
+    EXPECT_EQ(line, "response ear 2 y");
+    publisher->ask("publish clock tick data=43", "published clock 0");
+    // A request sent after the event proves the event was not delivered.
+    publisher->ask("send clock ear ping", "sent clock");
+    ASSERT_TRUE(listener->waitFor("request ear ", &line));
+    EXPECT_NE(line.find(" ping "), std::string::npos) << line;
+}
+
+TEST_F(LocalBus, BuiltInProtocolAnswersAcrossProcesses)
+{
+    auto owner = application();
+    auto asker = application();
+    owner->ask("pump plain", "pump plain");
+    owner->ask("pump shop a,b", "pump shop");
+    owner->ask("event shop sale", "event shop 0");
+    owner->ask("event shop news", "event shop 0");
+    asker->ask("pump q", "pump q");
+    ASSERT_TRUE(tableHas("@shop", true));
+
+    std::string line;
+    asker->ask("interfaces q shop", "sent q 1 0");
+    ASSERT_TRUE(asker->waitFor("response q 1 ", &line));
+    EXPECT_EQ(line, "response q 1 a,b");
+    asker->ask("events q shop", "sent q 2 0");
+    ASSERT_TRUE(asker->waitFor("response q 2 ", &line));
+    EXPECT_EQ(line, "response q 2 news|sale|");
+    asker->ask("has q shop b", "sent q 3 0");
+    ASSERT_TRUE(asker->waitFor("response q 3 ", &line));
+    EXPECT_EQ(line, "response q 3 true");
+    // A pump without interfaces never answers "#IsHas"; the next answer is 5's.
+    asker->ask("has q plain b", "sent q 4 0");
+    asker->ask("has q shop z", "sent q 5 0");
+    ASSERT_TRUE(asker->waitFor("response q ", &line));
+    EXPECT_EQ(line, "response q 5 false");
+}
+
+TEST_F(LocalBus, ManyMessagesArriveCompleteAndInOrder)
+{
+    auto server = application();
+    auto client = application();
+    server->ask("pump sink", "pump sink");
+    server->ask("answer sink silent", "answer sink");
+    client->ask("pump source", "pump source");
+    ASSERT_TRUE(tableHas("@sink", true));
+
+    const int count = 3000;
+    client->ask("burst source sink put " + std::to_string(count), "burst source 0");
+    for (int expected = 0; expected < count; ++expected) {
+        std::string line;
+        ASSERT_TRUE(server->waitFor("request sink ", &line)) << "message " << expected << " missing";
+        ASSERT_NE(line.find(" seq=" + std::to_string(expected)), std::string::npos)
+            << "expected seq " << expected << " in " << line;
+    }
+}
+
+TEST_F(LocalBus, ExitingApplicationLeavesTheTable)
+{
+    auto app = application();
+    app->ask("pump transient", "pump transient");
+    ASSERT_TRUE(tableHas("@transient", true));
+    app->process().closeInput();
+    EXPECT_EQ(app->process().wait(), 0);
+    EXPECT_TRUE(tableHas("@transient", false));
+}
+
+TEST_F(LocalBus, ApplicationReconnectsAndReannouncesAllButItsFirstPump)
+{
+    auto app = application();
+    app->ask("pump alpha", "pump alpha");
+    app->ask("pump beta x,y", "pump beta");
+    ASSERT_TRUE(tableHas("@alpha", true));
+    ASSERT_TRUE(tableHas("@beta", true));
+
+    // The service goes away and a new one takes its place on the same name.
+    m_service->process().closeInput();
+    ASSERT_EQ(m_service->process().wait(), 0);
+    m_service = std::make_unique<Participant>(m_pipe, true);
+    ASSERT_TRUE(m_service->waitFor("started 0"));
+    m_service->ask("pump admin", "pump admin");
+
+    // Within a few seconds the application is back, with every pump but the
+    // first one it added (deliberately not re-announced).
+    ASSERT_TRUE(tableHas("@beta,x-y", true));
+    EXPECT_TRUE(tableHas("@alpha", false));
+}
+
+} // namespace

@@ -1,0 +1,249 @@
+// A scriptable bus participant for the process-level tests, built on the
+// public C interface only. It starts the library (as an application, or with
+// --service as the machine's service), then reads commands from stdin, one
+// per line, and reports on stdout, one event per line:
+//
+//   pump NAME [INTERFACES]          -> "pump NAME ADDRESS" or "fail pump NAME"
+//   destroy NAME                    -> "destroyed NAME RC"
+//   answer NAME echo|silent|error N -> "answer NAME" (how NAME answers requests)
+//   send NAME TO METHOD [K=V...]    -> "sent NAME ID RC"
+//   burst NAME TO METHOD COUNT      -> COUNT requests with "seq"=0..COUNT-1, then "burst NAME RC"
+//   event NAME EVENT                -> "event NAME RC" (creates the event)
+//   publish NAME EVENT [K=V...]     -> "published NAME RC"
+//   register NAME TO EVENT RETM     -> "sent NAME ID RC"
+//   unregister NAME TO EVENT RETM   -> "sent NAME ID RC"
+//   interfaces NAME TO | events NAME TO | has NAME TO INTERFACE -> "sent NAME ID RC"
+//   sync                            -> "sync" (all earlier lines handled)
+//   quit                            -> shuts down and exits 0
+//
+// Callbacks (on the library's router worker thread) print:
+//   "request NAME FROM METHOD SENDERID K=V..."   (K=V pairs not starting with '_')
+//   "response NAME RESPONSEID RESPONSE K=V..."
+//   "error NAME RESPONSEID CODE"
+#include "ulmarcomms.h"
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::mutex g_outputLock;
+
+void say(const std::string& line)
+{
+    std::lock_guard<std::mutex> guard(g_outputLock);
+    std::fputs(line.c_str(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+struct Pump {
+    std::string name;
+    void* handle = nullptr;
+    std::string answer = "echo";
+    int errorCode = 0;
+};
+
+std::map<std::string, Pump*> g_pumps;
+
+std::string userPairs(void* message)
+{
+    std::string text;
+    for (const char* key : {"seq", "data", "k", "payload"}) {
+        const char* value = UlmarCommsMessageValue(message, key);
+        if (value != nullptr)
+            text += std::string(" ") + key + "=" + value;
+    }
+    return text;
+}
+
+// Texts go on one line: newlines are shown as "\\n", and a missing text as "-".
+std::string orDash(const char* text)
+{
+    if (text == nullptr)
+        return "-";
+    std::string escaped;
+    for (const char* c = text; *c != '\0'; ++c) {
+        if (*c == '\n')
+            escaped += "\\n";
+        else
+            escaped += *c;
+    }
+    return escaped;
+}
+
+void onRequest(void* context, void* message, const char*, const char* method)
+{
+    Pump* pump = static_cast<Pump*>(context);
+    say("request " + pump->name + " " + orDash(UlmarCommsGetFrom(message)) + " " + orDash(method) + " " +
+        orDash(UlmarCommsGetSenderId(message)) + userPairs(message));
+    if (pump->answer == "echo") {
+        void* reply = UlmarCommsCreateReplyMessage(pump->handle, message, method);
+        const char* seq = UlmarCommsMessageValue(message, "seq");
+        if (reply != nullptr && seq != nullptr)
+            UlmarCommsMessageAddKeyValue(reply, "seq", seq);
+        if (reply != nullptr)
+            UlmarCommsPostMessage(pump->handle, reply);
+    } else if (pump->answer == "error") {
+        UlmarCommsSendErrorMessage(pump->handle, message, pump->errorCode);
+    }
+}
+
+void onResponse(void* context, unsigned int responseId, void* message)
+{
+    Pump* pump = static_cast<Pump*>(context);
+    say("response " + pump->name + " " + std::to_string(responseId) + " " + orDash(UlmarCommsGetResponse(message)) +
+        userPairs(message));
+}
+
+void onError(void* context, unsigned int responseId, int code)
+{
+    Pump* pump = static_cast<Pump*>(context);
+    say("error " + pump->name + " " + std::to_string(responseId) + " " + std::to_string(code));
+}
+
+void addPairs(void* message, const std::vector<std::string>& words, size_t from)
+{
+    for (size_t i = from; i < words.size(); ++i) {
+        const size_t equals = words[i].find('=');
+        if (equals != std::string::npos)
+            UlmarCommsMessageAddKeyValue(message, words[i].substr(0, equals).c_str(),
+                                         words[i].substr(equals + 1).c_str());
+    }
+}
+
+// Posts a built message and reports its id and the post result.
+void postBuilt(Pump* pump, void* message)
+{
+    if (message == nullptr) {
+        say("fail build " + pump->name);
+        return;
+    }
+    const int id = UlmarCommsMessageId(pump->handle, message);
+    const int rc = UlmarCommsPostMessage(pump->handle, message);
+    say("sent " + pump->name + " " + std::to_string(id) + " " + std::to_string(rc));
+}
+
+bool handle(const std::vector<std::string>& w)
+{
+    const std::string& verb = w[0];
+    if (verb == "quit")
+        return false;
+    if (verb == "sync") {
+        say("sync");
+        return true;
+    }
+    if (w.size() < 2) {
+        say("fail usage " + verb);
+        return true;
+    }
+    if (verb == "pump") {
+        Pump* pump = new Pump;
+        pump->name = w[1];
+        pump->handle = UlmarCommsCreateMessagePump(w[1].c_str(), pump, onRequest, onResponse, onError,
+                                                   w.size() > 2 ? w[2].c_str() : nullptr);
+        if (pump->handle == nullptr) {
+            delete pump;
+            say("fail pump " + w[1]);
+            return true;
+        }
+        g_pumps[w[1]] = pump;
+        say("pump " + w[1] + " " + UlmarCommsMessagePumpAddress(pump->handle));
+        return true;
+    }
+    auto found = g_pumps.find(w[1]);
+    if (found == g_pumps.end()) {
+        say("fail nopump " + w[1]);
+        return true;
+    }
+    Pump* pump = found->second;
+    if (verb == "destroy") {
+        const int rc = UlmarCommsDestroyMessagePump(pump->handle);
+        g_pumps.erase(found);
+        delete pump;
+        say("destroyed " + w[1] + " " + std::to_string(rc));
+    } else if (verb == "answer" && w.size() >= 3) {
+        pump->answer = w[2];
+        pump->errorCode = w.size() > 3 ? std::atoi(w[3].c_str()) : 0;
+        say("answer " + w[1]);
+    } else if (verb == "send" && w.size() >= 4) {
+        void* message = UlmarCommsCreateMessage(pump->handle, w[2].c_str(), w[3].c_str());
+        if (message != nullptr)
+            addPairs(message, w, 4);
+        postBuilt(pump, message);
+    } else if (verb == "burst" && w.size() >= 5) {
+        const int count = std::atoi(w[4].c_str());
+        int worst = 0;
+        for (int i = 0; i < count; ++i) {
+            void* message = UlmarCommsCreateMessage(pump->handle, w[2].c_str(), w[3].c_str());
+            UlmarCommsMessageAddKeyValue(message, "seq", std::to_string(i).c_str());
+            const int rc = UlmarCommsPostMessage(pump->handle, message);
+            if (rc != 0)
+                worst = rc;
+        }
+        say("burst " + w[1] + " " + std::to_string(worst));
+    } else if (verb == "event" && w.size() >= 3) {
+        say("event " + w[1] + " " + std::to_string(UlmarCommsMessagePumpCreateEvent(pump->handle, w[2].c_str())));
+    } else if (verb == "publish" && w.size() >= 3) {
+        void* message = UlmarCommsCreateEventMessage(pump->handle, w[2].c_str());
+        if (message != nullptr)
+            addPairs(message, w, 3);
+        const int rc = message != nullptr ? UlmarCommsPostMessage(pump->handle, message) : -1;
+        say("published " + w[1] + " " + std::to_string(rc));
+    } else if ((verb == "register" || verb == "unregister") && w.size() >= 5) {
+        postBuilt(pump, UlmarCommsCreateEventRegistrationMessage(pump->handle, w[4].c_str(), w[2].c_str(),
+                                                                 w[3].c_str(), verb == "register"));
+    } else if (verb == "interfaces" && w.size() >= 3) {
+        postBuilt(pump, UlmarCommsCreateListInterfacesMessage(pump->handle, w[2].c_str()));
+    } else if (verb == "events" && w.size() >= 3) {
+        postBuilt(pump, UlmarCommsCreateListEventsMessage(pump->handle, w[2].c_str()));
+    } else if (verb == "has" && w.size() >= 4) {
+        postBuilt(pump, UlmarCommsCreateHasInterfacesMessage(pump->handle, w[2].c_str(), w[3].c_str()));
+    } else {
+        say("fail usage " + verb);
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::string start;
+    bool service = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--service") == 0)
+            service = true;
+        else if (std::strcmp(argv[i], "--start") == 0 && i + 1 < argc)
+            start = argv[++i];
+    }
+    const int rc = service ? UlmarCommsSystemStartUp(start.c_str()) : UlmarCommsStart(start.c_str());
+    say("started " + std::to_string(rc));
+    if (rc != 0)
+        return 1;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        std::istringstream words(line);
+        std::vector<std::string> w;
+        for (std::string word; words >> word;)
+            w.push_back(word);
+        if (!w.empty() && !handle(w))
+            break;
+    }
+    for (auto& [name, pump] : g_pumps) {
+        UlmarCommsDestroyMessagePump(pump->handle);
+        delete pump;
+    }
+    g_pumps.clear();
+    if (service)
+        UlmarCommsSystemShutdown();
+    UlmarCommsShutdown();
+    say("bye");
+    return 0;
+}
