@@ -6,6 +6,18 @@
 
 namespace UlmarComms {
 
+namespace {
+
+// Offsets saturate instead of wrapping: a length near 2^32 read from a peer
+// must leave the stream invalid, never make a wrapped offset look valid
+// while the cursor runs ahead of it.
+uint32_t saturated(uint64_t end)
+{
+    return end > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end);
+}
+
+} // namespace
+
 DataObject::DataObject(void* buffer, unsigned capacity, Mode mode)
     : m_mode(mode),
       m_base(static_cast<unsigned char*>(buffer)),
@@ -25,7 +37,7 @@ void DataObject::setOffset(unsigned n)
 bool DataObject::reserve(unsigned width, Mode needed)
 {
     const uint64_t end = static_cast<uint64_t>(m_offset) + width;
-    m_offset = static_cast<uint32_t>(end);
+    m_offset = saturated(end);
     return m_mode == needed && end <= m_capacity;
 }
 
@@ -83,7 +95,7 @@ DataObject& DataObject::operator<<(const std::string& value)
     if (m_mode != ModeWrite)
         return *this;
     const uint64_t end = static_cast<uint64_t>(m_offset) + 4 + value.size();
-    m_offset = static_cast<uint32_t>(end);
+    m_offset = saturated(end);
     if (end > m_capacity)
         return *this;
     putBigEndian(static_cast<uint32_t>(value.size()), 4);
@@ -97,12 +109,12 @@ DataObject& DataObject::operator>>(std::string& value)
     if (m_mode != ModeRead)
         return *this;
     uint64_t end = static_cast<uint64_t>(m_offset) + 4;
-    m_offset = static_cast<uint32_t>(end);
+    m_offset = saturated(end);
     if (end > m_capacity)
         return *this;
     const uint32_t length = static_cast<uint32_t>(getBigEndian(4));
     end += length;
-    m_offset = static_cast<uint32_t>(end);
+    m_offset = saturated(end);
     if (end > m_capacity)
         return *this;
     value.assign(reinterpret_cast<const char*>(m_cursor), length);
@@ -113,7 +125,7 @@ DataObject& DataObject::operator>>(std::string& value)
 void DataObject::readRaw(void* destination, unsigned n)
 {
     const uint64_t end = static_cast<uint64_t>(m_offset) + n;
-    m_offset = static_cast<uint32_t>(end);
+    m_offset = saturated(end);
     if (end > m_capacity)
         return;
     std::memcpy(destination, m_cursor, n);
@@ -123,7 +135,7 @@ void DataObject::readRaw(void* destination, unsigned n)
 void DataObject::writeRaw(const void* source, unsigned n)
 {
     const uint64_t end = static_cast<uint64_t>(m_offset) + n;
-    m_offset = static_cast<uint32_t>(end);
+    m_offset = saturated(end);
     if (end > m_capacity)
         return;
     std::memcpy(m_cursor, source, n);

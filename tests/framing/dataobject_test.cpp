@@ -185,3 +185,18 @@ TEST(GenerateCRC32, MatchesTheReferenceValues)
     EXPECT_EQ(GenerateCRC32(fox, sizeof fox - 1), 0x414FA339u);
     EXPECT_EQ(GenerateCRC32(nullptr, 0), 0u) << "an empty input never reads the pointer";
 }
+
+// A peer's string length near 2^32 must not wrap the offset back into range.
+TEST(DataObjectHostile, HugeStringLengthLeavesTheStreamInvalid)
+{
+    unsigned char bytes[8] = {0xFF, 0xFF, 0xFF, 0xFF, 'a', 'b', 'c', 'd'};
+    UlmarComms::DataObject in(bytes, sizeof(bytes), UlmarComms::DataObject::ModeRead);
+    std::string text = "untouched";
+    in >> text;
+    EXPECT_FALSE(in.isValid());
+    EXPECT_EQ(text, "untouched");
+    unsigned int after = 7;
+    in >> after; // refused: the stream is already past its end
+    EXPECT_EQ(after, 7u);
+    EXPECT_FALSE(in.isValid());
+}
