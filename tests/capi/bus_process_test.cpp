@@ -1,7 +1,7 @@
 // The local bus as users run it: a service process hosting the system router
 // and application processes talking through it, each a real process built on
 // the C interface alone, on a pipe name unique to the test.
-#include "support/childprocess.h"
+#include "support/participant.h"
 
 #include <gtest/gtest.h>
 
@@ -17,80 +17,10 @@
 #error "the test build defines ULMARCOMMS_TESTAPP"
 #endif
 
-using UlmarCommsTest::ChildProcess;
+using UlmarCommsTest::Participant;
+using UlmarCommsTest::uniquePipe;
 
 namespace {
-
-std::string uniquePipe()
-{
-    static std::atomic<int> counter{0};
-    return "bus" + std::to_string(getpid()) + "_" + std::to_string(counter++);
-}
-
-// One participant: the test program started with the bus's start argument.
-class Participant {
-public:
-    Participant(const std::string& pipe, bool service)
-        : m_process(ULMARCOMMS_TESTAPP, service ? std::vector<std::string>{"--service", "--start", argument(pipe)}
-                                                : std::vector<std::string>{"--start", argument(pipe)})
-    {
-    }
-    // Every participant leaves cleanly: a non-zero exit (a crash, or a leak
-    // found by the sanitizer at exit) fails the test.
-    ~Participant()
-    {
-        m_process.send("quit");
-        EXPECT_EQ(m_process.wait(), 0) << "participant " << m_process.pid() << " did not exit cleanly";
-    }
-    static std::string argument(const std::string& pipe) { return "ulmar.systemrouter.pipe.name=" + pipe; }
-
-    // Sends a command and returns the first line starting with expect.
-    std::string ask(const std::string& command, const std::string& expect)
-    {
-        std::string line;
-        m_process.send(command);
-        EXPECT_TRUE(waitFor(expect, &line)) << "no '" << expect << "' after '" << command << "'";
-        return line;
-    }
-    // The first line beginning with prefix, earlier unclaimed lines included:
-    // callbacks print on their own thread, so an answer may come before the
-    // line that reports its request was sent.
-    bool waitFor(const std::string& prefix, std::string* line = nullptr,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10))
-    {
-        for (auto it = m_unclaimed.begin(); it != m_unclaimed.end(); ++it) {
-            if (it->rfind(prefix, 0) == 0) {
-                if (line != nullptr)
-                    *line = *it;
-                m_unclaimed.erase(it);
-                return true;
-            }
-        }
-        return m_process.waitForLine(
-            [&](const std::string& read) {
-                if (read.rfind(prefix, 0) == 0)
-                    return true;
-                m_unclaimed.push_back(read);
-                return false;
-            },
-            line, timeout);
-    }
-    // Asks the system endpoint and returns the response text (newlines as "\n").
-    std::string query(const std::string& pump, const std::string& method, const std::string& pairs = "")
-    {
-        std::istringstream sent(ask("send " + pump + " /system " + method + " " + pairs, "sent " + pump));
-        std::string word, name, id;
-        sent >> word >> name >> id;
-        std::string line;
-        EXPECT_TRUE(waitFor("response " + pump + " " + id + " ", &line)) << method;
-        return line.substr(std::string("response " + pump + " " + id + " ").size());
-    }
-    ChildProcess& process() { return m_process; }
-
-private:
-    ChildProcess m_process;
-    std::list<std::string> m_unclaimed;
-};
 
 class LocalBus : public ::testing::Test {
 protected:
