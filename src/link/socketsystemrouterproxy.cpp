@@ -56,6 +56,11 @@ SocketSystemRouterProxy::SocketSystemRouterProxy(const SocketAddress& systemRout
 SocketSystemRouterProxy::~SocketSystemRouterProxy()
 {
     Core::message("SocketSystemRouterProxy::~SocketSystemRouterProxy() this=%p.\n", static_cast<void*>(this));
+    // The runtime deletes a proxy whose start failed without finishing it,
+    // and a failed create schedules a retry: an entry left behind would fire
+    // on a deleted proxy.
+    if (SocketTimeout::instance()->count(onDoReconnect, this) > 0)
+        Socket::removeFromTimer(onDoReconnect, this);
     dropSocket(false);
     // A callback that took the socket (onError) may still be on its way out.
     waitForCallbacksToEnd();

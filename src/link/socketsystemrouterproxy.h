@@ -49,7 +49,8 @@ public:
 
     // A proxy for the service at systemRouterAddress; it does not connect yet.
     explicit SocketSystemRouterProxy(const SocketAddress& systemRouterAddress);
-    // Deletes a socket still held; finish() must have been called.
+    // Deletes a socket still held and any retry still scheduled; owners call
+    // finish() first (the runtime may not, after a failed start).
     ~SocketSystemRouterProxy() override;
 
     // Goes live and starts connecting: false only when no socket could be made.

@@ -405,6 +405,18 @@ TEST_F(LocalLinkTest, WithoutAServiceTheProxyRetriesEveryTwoSecondsWithOneTimerE
     EXPECT_EQ(app.proxy.socket(), nullptr);
 }
 
+TEST_F(LocalLinkTest, AProxyDeletedAfterAFailedStartLeavesNoRetryBehind)
+{
+    Socket::deinit(); // without a selector no socket can be created
+    auto proxy = std::make_unique<SocketSystemRouterProxy>(address);
+    void* data = proxy.get();
+    EXPECT_FALSE(proxy->start()) << "a socket that cannot be created fails the start";
+    EXPECT_TRUE(proxy->isReconnectPending());
+    EXPECT_EQ(SocketTimeout::instance()->count(&SocketSystemRouterProxy::onDoReconnect, data), 1u);
+    proxy.reset(); // as the runtime does after a failed start, without finish()
+    EXPECT_EQ(SocketTimeout::instance()->count(&SocketSystemRouterProxy::onDoReconnect, data), 0u);
+}
+
 TEST_F(LocalLinkTest, RemoveDetachesOnlyTheAttachedRouterAndWarnsWhenItDoes)
 {
     LogCapture log(UlmarComms::Core::LogWarning);
