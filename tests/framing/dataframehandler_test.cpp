@@ -219,12 +219,13 @@ public:
     void onDisconnect(Socket*) override { record("disconnect", [] {}); }
     void onError(Socket* socket, unsigned char error) override
     {
-        record("error", [&] { m_errors.push_back(error); });
+        // The clean-up first, so that a test that sees the error sees it done.
         Socket* mine = takeSocketIf(socket);
         if (mine != nullptr) {
             mine->close();
             delete mine;
         }
+        record("error", [&] { m_errors.push_back(error); });
         if (throwInOnError)
             throw std::runtime_error("owner failure");
     }
