@@ -294,10 +294,11 @@ void SystemRouter::processMessage(MessageItem* message)
     const std::string& host = target.host();
     if (host != "localhost" && host != Core::instance()->getHostName()) {
         MutexLocker locker(m_queueLock);
-        if (m_pNetworkRouter != nullptr) {
+        UlmarComms::INetworkRouter* network = m_pNetworkRouter.load();
+        if (network != nullptr) {
             Core::verbose("SystemRouter::ProcessMessage( %p ) Passing onto network router\n",
                           static_cast<void*>(message));
-            if (!m_pNetworkRouter->post(host, message)) {
+            if (!network->post(host, message)) {
                 Core::log(Core::LogError,
                           "SystemRouter::ProcessMessage( %p ) Failed to post onto the network router.\n",
                           static_cast<void*>(message));

@@ -75,7 +75,7 @@ public:
     // Attaches (or with null detaches) the network router.
     void setNetworkRouter(UlmarComms::INetworkRouter* networkRouter) override;
     // The attached network router, or null.
-    UlmarComms::INetworkRouter* networkRouter() const { return m_pNetworkRouter; }
+    UlmarComms::INetworkRouter* networkRouter() const { return m_pNetworkRouter.load(); }
     // Remembers the system endpoint (informational).
     void setSystemRouterMessagePump(UlmarComms::SystemRouterMessagePump* pump) { m_pSystemRouterMessagePump = pump; }
     // Takes ownership of message and routes it; always true.
@@ -112,7 +112,8 @@ private:
     UlmarComms::MessageQueue m_queue;
     UlmarComms::SystemRouterMessagePump* m_pSystemRouterMessagePump;
     std::vector<UlmarComms::IRealSystemRouterLinkServer*> m_linkServers;
-    UlmarComms::INetworkRouter* m_pNetworkRouter;
+    // Attached by the service start-up while queries may already be asked.
+    std::atomic<UlmarComms::INetworkRouter*> m_pNetworkRouter;
     std::atomic<bool> m_running;
     UlmarCommsSystem::ConditionValue m_wakeUp;
 };

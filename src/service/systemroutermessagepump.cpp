@@ -10,6 +10,7 @@
 #include "service/systemrouter.h"
 
 #include <sstream>
+#include <thread>
 #include <vector>
 
 using UlmarCommsSDKSupport::RuntimeSupport;
@@ -61,10 +62,23 @@ bool SystemRouterMessagePump::doRegister(ISystemRouter* router)
 void SystemRouterMessagePump::unregister()
 {
     RuntimeSupport* runtime = RuntimeSupport::instance();
-    if (m_pPump == nullptr || runtime == nullptr)
+    void* pump = m_pPump.exchange(nullptr);
+    if (pump == nullptr || runtime == nullptr)
         return;
-    runtime->ulmarCommsDestroyMessagePump(static_cast<MessagePump*>(m_pPump));
-    m_pPump = nullptr;
+    runtime->ulmarCommsDestroyMessagePump(static_cast<MessagePump*>(pump));
+}
+
+// The pump handle as seen from a callback. A query that arrives between the
+// pump joining the router and doRegister storing the handle waits for the
+// store, which follows at once on the registering thread.
+void* SystemRouterMessagePump::pump()
+{
+    void* handle = m_pPump.load();
+    for (int spins = 0; handle == nullptr && spins < 100000; ++spins) {
+        std::this_thread::yield();
+        handle = m_pPump.load();
+    }
+    return handle;
 }
 
 void SystemRouterMessagePump::onMessageCallback(void* context, void* message, const char* to, const char* method)
@@ -92,7 +106,7 @@ void SystemRouterMessagePump::onMessage(void* message, const char* to, const cha
     const std::string methodText = method != nullptr ? method : "";
     Core::message("SystemRouterMessagePump::OnMessage() to='%s' method='%s'\n", toText.c_str(), methodText.c_str());
     RuntimeSupport* runtime = RuntimeSupport::instance();
-    if (runtime == nullptr)
+    if (runtime == nullptr || pump() == nullptr)
         return;
     typedef void* (SystemRouterMessagePump::*Group)(RuntimeSupport*, void*, const std::string&, const std::string&,
                                                     bool&);
@@ -110,7 +124,7 @@ void SystemRouterMessagePump::onMessage(void* message, const char* to, const cha
     if (answer != nullptr) {
         // A post that fails has already released the reply: the pump takes
         // every message it is given, so it is not destroyed again here.
-        if (runtime->ulmarCommsPostMessage(static_cast<MessagePump*>(m_pPump), asMessage(answer)) != 0)
+        if (runtime->ulmarCommsPostMessage(static_cast<MessagePump*>(pump()), asMessage(answer)) != 0)
             Core::log(Core::LogWarning, "SystemRouterMessagePump::OnMessage() Failed to post the replay to method='%s'\n",
                       methodText.c_str());
         return;
@@ -119,12 +133,12 @@ void SystemRouterMessagePump::onMessage(void* message, const char* to, const cha
         return;
     Core::log(Core::LogWarning, "SystemRouterMessagePump::OnMessage() Getting an unknown call to method='%s'\n",
               methodText.c_str());
-    runtime->ulmarCommsSendErrorMessage(static_cast<MessagePump*>(m_pPump), asMessage(message), kUnknownQuery);
+    runtime->ulmarCommsSendErrorMessage(static_cast<MessagePump*>(pump()), asMessage(message), kUnknownQuery);
 }
 
 void* SystemRouterMessagePump::reply(RuntimeSupport* runtime, void* request, const std::string& text)
 {
-    return runtime->ulmarCommsCreateReplyMessage(static_cast<MessagePump*>(m_pPump), asMessage(request),
+    return runtime->ulmarCommsCreateReplyMessage(static_cast<MessagePump*>(pump()), asMessage(request),
                                                  text.c_str());
 }
 

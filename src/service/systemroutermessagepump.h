@@ -5,6 +5,7 @@
 // thread like any other request.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 namespace UlmarCommsSDKSupport {
@@ -32,7 +33,7 @@ public:
     // Destroys the pump through the runtime.
     void unregister();
     // The endpoint's pump handle (null before doRegister).
-    void* pumpHandle() const { return m_pPump; }
+    void* pumpHandle() const { return m_pPump.load(); }
 
     // Pump callbacks (router worker thread); context is this object.
     static void onMessageCallback(void* context, void* message, const char* to, const char* method);
@@ -65,8 +66,11 @@ public:
 
 private:
     void* reply(UlmarCommsSDKSupport::RuntimeSupport* runtime, void* request, const std::string& text);
+    void* pump();
 
-    void* m_pPump;
+    // Set by doRegister once the pump has joined; a query can arrive before
+    // that store, on the router worker, so it is atomic and awaited there.
+    std::atomic<void*> m_pPump;
     ISystemRouter* m_pSystemRouter;
 };
 

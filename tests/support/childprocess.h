@@ -21,6 +21,8 @@ public:
     // Starts program with args; stderr is inherited (it shows in test logs).
     ChildProcess(const std::string& program, const std::vector<std::string>& args)
     {
+        // A child that dies must fail the test, not kill it on the next write.
+        std::signal(SIGPIPE, SIG_IGN);
         int toChild[2];
         int fromChild[2];
         if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0)
