@@ -161,8 +161,9 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
         error = "--pairs is at most 21 (a message holds 25 pairs, 4 are the header)";
         return false;
     }
-    if (options.requests == 0 || options.messages == 0 || options.window == 0 || options.runs == 0) {
-        error = "--requests, --messages, --window and --runs must be above 0";
+    if (options.requests == 0 || options.messages == 0 || options.window == 0 || options.runs == 0
+        || options.soakPumps == 0) {
+        error = "--requests, --messages, --window, --runs and --soak-pumps must be above 0";
         return false;
     }
     return true;
@@ -314,9 +315,29 @@ bool startLibrary(const std::string& pipe)
 
 // ----------------------------------------------------------- bus: server
 
+// The pump handle as the creating thread stores it. A request can reach the
+// callback before UlmarCommsCreateMessagePump has returned the handle, so
+// the callback waits the few instructions until it is stored.
+class PumpHandle {
+public:
+    void store(void* pump) { m_pump.store(pump, std::memory_order_release); }
+    void* get() const
+    {
+        void* pump = m_pump.load(std::memory_order_acquire);
+        while (pump == nullptr) {
+            std::this_thread::yield();
+            pump = m_pump.load(std::memory_order_acquire);
+        }
+        return pump;
+    }
+
+private:
+    std::atomic<void*> m_pump{nullptr};
+};
+
 struct BusServer {
     Options options;
-    void* pump = nullptr;
+    PumpHandle pump;
     std::mutex lock;
     std::condition_variable changed;
     bool quit = false;
@@ -328,7 +349,7 @@ struct BusServer {
 
     void reply(void* request, const char* response, bool copyPairs)
     {
-        void* answer = UlmarCommsCreateReplyMessage(pump, request, response);
+        void* answer = UlmarCommsCreateReplyMessage(pump.get(), request, response);
         if (answer == nullptr)
             return;
         if (copyPairs) {
@@ -339,7 +360,7 @@ struct BusServer {
                     UlmarCommsMessageAddKeyValue(answer, key.c_str(), value);
             }
         }
-        UlmarCommsPostMessage(pump, answer);
+        UlmarCommsPostMessage(pump.get(), answer);
     }
 
     void onOneWay(void* request)
@@ -385,17 +406,18 @@ int runBusServer(const Options& options)
     BusServer server;
     server.options = options;
     server.ackInterval = ackEvery(options);
-    server.pump = UlmarCommsCreateMessagePump(serverName(options).c_str(), &server, &BusServer::onMessage, nullptr,
-                                              nullptr, nullptr);
-    if (server.pump == nullptr) {
+    void* pump = UlmarCommsCreateMessagePump(serverName(options).c_str(), &server, &BusServer::onMessage, nullptr,
+                                             nullptr, nullptr);
+    if (pump == nullptr) {
         std::fprintf(stderr, "ulmarcomms-bench: the server pump could not be created\n");
         UlmarCommsShutdown();
         return 1;
     }
+    server.pump.store(pump);
     // The client says when it is done; the coordinator's deadline covers a
     // client that died.
     const bool told = waitFor(server.lock, server.changed, [&] { return server.quit; }, std::chrono::seconds(3600));
-    UlmarCommsDestroyMessagePump(server.pump);
+    UlmarCommsDestroyMessagePump(pump);
     UlmarCommsShutdown();
     return told ? 0 : 1;
 }
@@ -1330,6 +1352,8 @@ int runCoordinator(Options options)
 struct SoakApp {
     Options options;
     std::vector<void*> pumps;
+    // The pump that answers, as the callbacks see it.
+    PumpHandle answering;
     std::atomic<uint64_t> replies{0};
     std::atomic<uint64_t> errors{0};
 
@@ -1337,7 +1361,7 @@ struct SoakApp {
     static void onMessage(void* context, void* message, const char*, const char*)
     {
         SoakApp* self = static_cast<SoakApp*>(context);
-        void* pump = self->pumps.front();
+        void* pump = self->answering.get();
         void* reply = UlmarCommsCreateReplyMessage(pump, message, "ok");
         if (reply != nullptr)
             UlmarCommsPostMessage(pump, reply);
@@ -1363,8 +1387,6 @@ int runSoakApp(const Options& options)
         return 1;
     SoakApp app;
     app.options = options;
-    // Every pump is created before any can be called: the callback reads the
-    // list, so it must not change once messages may arrive.
     app.pumps.resize(options.soakPumps, nullptr);
     for (unsigned i = 0; i < options.soakPumps; ++i) {
         app.pumps[i] = UlmarCommsCreateMessagePump(soakPumpName(options, options.soakIndex, i).c_str(), &app,
@@ -1372,6 +1394,8 @@ int runSoakApp(const Options& options)
                                                    nullptr);
         if (app.pumps[i] == nullptr)
             return 1;
+        if (i == 0)
+            app.answering.store(app.pumps[0]);
     }
     std::printf("READY\n");
     std::fflush(stdout);
