@@ -223,6 +223,22 @@ Socket* DataFrameHandler::detachLocked()
         release(m_pOutboundCurrentFrame);
         m_pOutboundCurrentFrame = nullptr;
     }
+    // Frames batched behind it went out in the same send when one was posted;
+    // otherwise the socket never saw them and they wait for the next link.
+    if (m_outboundInFlight) {
+        for (DataFrame* frame : m_batched) {
+            Core::log(Core::LogWarning,
+                      "DataFrameHandler::takeSocket() this=%p Dropping frame %u, handed to a link that has gone.\n",
+                      static_cast<void*>(this), frame->id());
+            m_queuedBytes -= wireSize(frame);
+            release(frame);
+        }
+        m_batched.clear();
+    }
+    if (m_pOutboundCurrentFrame == nullptr && !m_batched.empty()) {
+        m_pOutboundCurrentFrame = m_batched.front();
+        m_batched.pop_front();
+    }
     m_outboundInFlight = false;
     m_currentSent = 0;
     return old;
@@ -245,7 +261,7 @@ void DataFrameHandler::releaseOutbound()
 unsigned DataFrameHandler::queuedFrames()
 {
     MutexLocker locker(m_outboundLock);
-    return static_cast<unsigned>(m_messageQueue.size() + m_commandQueue.size())
+    return static_cast<unsigned>(m_messageQueue.size() + m_commandQueue.size() + m_batched.size())
         + (m_pOutboundCurrentFrame != nullptr ? 1u : 0u);
 }
 
@@ -356,8 +372,19 @@ void DataFrameHandler::sendOutbound()
             doSendOutboundData();
         return;
     }
+    if (!pickNextFrame())
+        return;
+    doSendOutboundData();
+}
+
+bool DataFrameHandler::pickNextFrame()
+{
     Core::verbose("DataFrameHandler::sendOutbound() no current outbound.\n");
-    if (!m_commandQueue.empty()) {
+    if (!m_batched.empty()) {
+        // Already chosen for a send that did not take them: they go first.
+        m_pOutboundCurrentFrame = m_batched.front();
+        m_batched.pop_front();
+    } else if (!m_commandQueue.empty()) {
         Core::verbose("DataFrameHandler::sendOutbound() Sending Command.\n");
         m_pOutboundCurrentFrame = m_commandQueue.front();
         m_commandQueue.pop_front();
@@ -368,11 +395,52 @@ void DataFrameHandler::sendOutbound()
     } else {
         m_sending = false;
         Core::verbose("DataFrameHandler::sendOutbound() Not Sending At all.\n");
-        return;
+        return false;
     }
     m_currentSent = 0;
     m_outboundInFlight = false;
-    doSendOutboundData();
+    return true;
+}
+
+unsigned DataFrameHandler::fillOutboundBuffer()
+{
+    unsigned count = 0;
+    if (!m_pOutboundCurrentFrame->writeOut(m_pOutboundBuffer, m_outboundSize, count))
+        return 0;
+    if (wireSize(m_pOutboundCurrentFrame) - m_currentSent != count)
+        return count; // the current frame alone fills the buffer
+    // Whole frames that still fit follow in the same send, chosen by the
+    // same rule and in the same order as one at a time: the bytes on the
+    // wire do not change, only how many system calls carry them.
+    size_t batched = 0;
+    while (true) {
+        DataFrame* next = nullptr;
+        if (batched < m_batched.size()) {
+            next = m_batched[batched];
+        } else if (!m_commandQueue.empty()) {
+            next = m_commandQueue.front();
+        } else if (!m_messageQueue.empty()) {
+            next = m_messageQueue.front();
+        }
+        if (next == nullptr || wireSize(next) > m_outboundSize - count)
+            break;
+        unsigned written = 0;
+        if (!next->writeOut(m_pOutboundBuffer + count, m_outboundSize - count, written))
+            break;
+        if (batched == m_batched.size()) {
+            if (!m_commandQueue.empty() && next == m_commandQueue.front()) {
+                Core::verbose("DataFrameHandler::sendOutbound() Sending Command.\n");
+                m_commandQueue.pop_front();
+            } else {
+                Core::verbose("DataFrameHandler::sendOutbound() Sending message.\n");
+                m_messageQueue.pop_front();
+            }
+            m_batched.push_back(next);
+        }
+        ++batched;
+        count += written;
+    }
+    return count;
 }
 
 void DataFrameHandler::doSendOutboundData()
@@ -386,10 +454,24 @@ void DataFrameHandler::doSendOutboundData()
     if (socket == nullptr || m_outboundHeld)
         return; // the frame waits for the next socket
     unsigned count = 0;
-    if (!m_pOutboundCurrentFrame->writeOut(m_pOutboundBuffer, m_outboundSize, count)) {
-        Core::log(Core::LogError, "DataFrameHandler::doSendOutboundData() this=%p writeOut on current frame failed.\n",
-                  static_cast<void*>(this));
-        return;
+    while (true) {
+        count = fillOutboundBuffer();
+        if (count == 0) {
+            Core::log(Core::LogError,
+                      "DataFrameHandler::doSendOutboundData() this=%p writeOut on current frame failed.\n",
+                      static_cast<void*>(this));
+            return;
+        }
+        // Written here and now when the connection takes the bytes: no
+        // worker has to be woken to do it. Whatever it does not take goes
+        // through the selector as before, from where the socket stopped.
+        const unsigned taken = socket->trySend(m_pOutboundBuffer, count);
+        if (taken == 0)
+            break;
+        Core::verbose("DataFrameHandler::doSendOutboundData() this=%p Sent Bytes=%d \n", static_cast<void*>(this),
+                      taken);
+        if (!completeSent(socket, m_pOutboundBuffer, taken, count))
+            return;
     }
     const unsigned char error = socket->send(m_pOutboundBuffer, count);
     if (error != Socket::NoSocketError) {
@@ -402,6 +484,37 @@ void DataFrameHandler::doSendOutboundData()
     }
     m_outboundInFlight = true;
     Core::verbose("DataFrameHandler::doSendOutboundData() this=%p Sent Bytes=%d \n", static_cast<void*>(this), count);
+}
+
+bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size)
+{
+    unsigned left = count;
+    while (m_pOutboundCurrentFrame != nullptr && left > 0) {
+        const unsigned part =
+            static_cast<unsigned>(std::min<uint64_t>(left, wireSize(m_pOutboundCurrentFrame) - m_currentSent));
+        left -= part;
+        m_currentSent += part;
+        if (!m_pOutboundCurrentFrame->doneWriteOut(part))
+            break;
+        m_queuedBytes -= wireSize(m_pOutboundCurrentFrame);
+        release(m_pOutboundCurrentFrame);
+        m_pOutboundCurrentFrame = nullptr;
+        m_currentSent = 0;
+        Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Finished with the frame.\n",
+                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0,
+                      static_cast<void*>(this));
+        if (m_batched.empty())
+            break;
+        m_pOutboundCurrentFrame = m_batched.front();
+        m_batched.pop_front();
+    }
+    if (m_pOutboundCurrentFrame != nullptr) {
+        Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Carry on with frame.\n",
+                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0,
+                      static_cast<void*>(this));
+        return true;
+    }
+    return pickNextFrame();
 }
 
 void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
@@ -420,22 +533,8 @@ void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned co
         return;
     }
     m_outboundInFlight = false;
-    m_currentSent += count;
-    if (m_pOutboundCurrentFrame->doneWriteOut(count)) {
-        m_queuedBytes -= wireSize(m_pOutboundCurrentFrame);
-        release(m_pOutboundCurrentFrame);
-        m_pOutboundCurrentFrame = nullptr;
-        m_currentSent = 0;
-        Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Finished with the frame.\n",
-                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, error,
-                      static_cast<void*>(this));
-        sendOutbound();
-        return;
-    }
-    Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Carry on with frame.\n",
-                  static_cast<void*>(socket), static_cast<void*>(buffer), count, size, error,
-                  static_cast<void*>(this));
-    doSendOutboundData();
+    if (completeSent(socket, buffer, count, size))
+        doSendOutboundData();
 }
 
 void DataFrameHandler::releaseOutboundFrames()
@@ -446,6 +545,9 @@ void DataFrameHandler::releaseOutboundFrames()
         release(frame);
     m_commandQueue.clear();
     m_messageQueue.clear();
+    for (DataFrame* frame : m_batched)
+        release(frame);
+    m_batched.clear();
     release(m_pOutboundCurrentFrame);
     m_pOutboundCurrentFrame = nullptr;
     m_outboundInFlight = false;

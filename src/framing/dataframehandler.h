@@ -135,8 +135,18 @@ private:
 
     // Picks the next frame when none is being written (outbound lock held).
     void sendOutbound();
-    // Writes the next piece of the current frame (outbound lock held).
+    // Takes the next frame from the queues as the current one; false when
+    // none is waiting (outbound lock held).
+    bool pickNextFrame();
+    // Copies the unsent rest of the current frame and whole frames that fit
+    // behind it into the outbound buffer; the bytes copied (outbound lock held).
+    unsigned fillOutboundBuffer();
+    // Writes the current frame and whatever is batched behind it, at once
+    // when the socket takes it, else through the selector (outbound lock held).
     void doSendOutboundData();
+    // Accounts count bytes as gone; true while a current frame is left to
+    // write (outbound lock held).
+    bool completeSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size);
     // Appends a built frame, or refuses it when the queue is full (outbound lock held).
     bool enqueue(DataFrame* frame, bool command);
     // Whether frames may be written now (outbound lock held).
@@ -175,6 +185,9 @@ private:
     unsigned m_outboundSize;
     // The frame being written.
     DataFrame* m_pOutboundCurrentFrame;
+    // Frames taken from the queues to follow the current one in the same
+    // send, in wire order; they become current one after another.
+    std::deque<DataFrame*> m_batched;
     // A send of the current frame is posted and not yet completed.
     bool m_outboundInFlight;
     // Bytes of the current frame the socket has taken.

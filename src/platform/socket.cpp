@@ -542,6 +542,21 @@ unsigned char Socket::send(unsigned char* buffer, unsigned size)
     return NoSocketError;
 }
 
+unsigned Socket::trySend(const unsigned char* buffer, unsigned size)
+{
+    if (buffer == nullptr || size == 0 || getType() != SOCK_STREAM)
+        return 0;
+    MutexLocker locker(m_platform->lock);
+    // Under the lock a close() cannot recycle the descriptor meanwhile, and a
+    // posted send keeps its place: bytes never overtake it.
+    if (m_handle == BadSocketValue || m_platform->writeRequest.pending || m_platform->ended)
+        return 0;
+    message("Doing send() on a socket.\n");
+    const int handle = m_platform->writeHandle >= 0 ? m_platform->writeHandle : m_handle;
+    const ssize_t count = ::send(handle, buffer, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    return count > 0 ? static_cast<unsigned>(count) : 0;
+}
+
 unsigned char Socket::recvFrom(unsigned char* buffer, unsigned size)
 {
     if (getType() != SOCK_DGRAM) {

@@ -207,6 +207,12 @@ public:
     virtual int getType() const = 0;
     // Posts one send of size bytes (stream sockets).
     virtual unsigned char send(unsigned char* buffer, unsigned size);
+    // Writes what the connection takes at once, on the calling thread, when
+    // no send is outstanding (stream sockets); the count taken, 0 when it
+    // would block, failed or a send is posted. No callback follows: the
+    // caller posts send() for whatever is left, and a failure then ends the
+    // connection on a worker exactly as it would have without this attempt.
+    unsigned trySend(const unsigned char* buffer, unsigned size);
     // Posts one receive into buffer (stream sockets).
     virtual unsigned char recv(unsigned char* buffer, unsigned size);
     // Posts one datagram to address (datagram sockets).

@@ -111,6 +111,11 @@ Bytes rawFrame(unsigned char type, uint32_t size, uint32_t id, const Bytes& payl
     return bytes;
 }
 
+void append(Bytes& to, const Bytes& more)
+{
+    to.insert(to.end(), more.begin(), more.end());
+}
+
 Bytes operator+(Bytes left, const Bytes& right)
 {
     left.insert(left.end(), right.begin(), right.end());
@@ -564,13 +569,74 @@ TEST_F(FrameLinkTest, SlowReaderGetsEveryByteThroughPartialSends)
     ASSERT_TRUE(accepted->addToOutbound(5, "after"));
     MessageItem::release(big);
 
-    // The peer has read nothing: the socket can only have taken part of the
-    // first megabyte, so the handler is resuming a partial send.
-    ASSERT_TRUE(waitUntil([&] { return accepted->partialSends.load() > 0; }, kDeadline));
+    // Until the peer reads, the socket can only take part of the first
+    // megabyte (written at once by the caller); the rest leaves through the
+    // selector in sends the socket again takes only in part, each resumed
+    // where the last one stopped.
     Bytes received;
     ASSERT_TRUE(peer.readExactly(expected.size(), received));
     EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
     ASSERT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
+    EXPECT_GT(accepted->partialSends.load(), 0);
+}
+
+// Frames that wait together leave together (several per system call); the
+// peer must see exactly the frames one at a time would have written.
+TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
+{
+    auto server = unixServer();
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    accepted->holdOutbound();
+    Bytes commands;
+    Bytes messages;
+    unsigned id = 0;
+    for (int i = 0; i < 60; ++i) {
+        MessageItem* message = makeMessage("m" + std::to_string(i), 20 + i);
+        ASSERT_TRUE(accepted->addToOutbound(message));
+        append(messages, messageFrame(++id, message));
+        MessageItem::release(message);
+        if (i % 20 == 7) {
+            const std::string text = "c" + std::to_string(i);
+            ASSERT_TRUE(accepted->addToOutbound(3, text.c_str()));
+            append(commands, commandFrame(++id, 3, text.c_str()));
+        }
+    }
+    accepted->releaseOutbound();
+    // Commands overtake the messages that were waiting with them.
+    const Bytes expected = commands + messages;
+    Bytes received;
+    ASSERT_TRUE(peer.readExactly(expected.size(), received));
+    EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
+    EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
+}
+
+// Many small frames against a peer that does not read: the connection stops
+// taking bytes in the middle of a batch, and the rest follows through the
+// selector from exactly where it stopped.
+TEST_F(FrameLinkTest, BatchesCutShortByAFullSocketResumeWhereTheyStopped)
+{
+    auto server = unixServer();
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    Bytes expected;
+    for (unsigned i = 1; i <= 3000; ++i) {
+        MessageItem* message = makeMessage("n" + std::to_string(i), 700 + i % 300);
+        ASSERT_TRUE(accepted->addToOutbound(message));
+        append(expected, messageFrame(i, message));
+        MessageItem::release(message);
+    }
+    ASSERT_GT(accepted->queuedFrames(), 0u) << "the socket cannot have taken megabytes unread";
+    Bytes received;
+    ASSERT_TRUE(peer.readExactly(expected.size(), received));
+    EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
+    EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
 }
 
 TEST_F(FrameLinkTest, CommandsOvertakeQueuedMessagesAndIdsRunAcrossBothKinds)
