@@ -1,0 +1,46 @@
+// Finding out whether a system router service already listens on the local
+// link a run is configured for.
+//
+// The library's own start-up cannot tell: a service start on a taken address
+// reports success without listening, and an application start reports
+// success while its link keeps retrying in the background. So both programs
+// connect once themselves, exactly where the library would, before starting
+// the runtime: the daemon refuses to start a second service, the client
+// reports "no service" at once instead of waiting for a time-out.
+#pragma once
+
+#include <string>
+
+namespace UlmarCommsTools {
+
+// Where the local link of a run leads.
+struct LinkTarget {
+    enum class Kind { Unix, Tcp, None };
+    // Which kind of link the settings select.
+    Kind kind = Kind::Unix;
+    // The pipe name (Unix): the socket is the abstract "__NAME.sock".
+    std::string pipeName;
+    // The IPv4 address text (Tcp).
+    std::string address;
+    // The port text (Tcp).
+    std::string port;
+
+    // A short human description, naming the pipe name or address tried.
+    std::string describe() const;
+};
+
+// The outcome of one probe.
+enum class ProbeResult {
+    Answered,  // something accepted the connection: a service is there
+    NoService, // refused, absent or silent until the time-out
+    Failed     // the probe itself could not be made (detail says why)
+};
+
+// The abstract-namespace socket name the library uses for a pipe name,
+// without the leading NUL ("__NAME.sock").
+std::string abstractSocketName(const std::string& pipeName);
+
+// Connects once to the target; `detail` explains anything but Answered.
+ProbeResult probeService(const LinkTarget& target, int timeoutMs, std::string& detail);
+
+} // namespace UlmarCommsTools

@@ -1,0 +1,365 @@
+// ulmarcomms: the command-line client of the message bus.
+//
+// Order of a run: parse the command line; probe the local link (so "no
+// service" is reported at once, naming the pipe name tried, instead of the
+// library retrying in the background); block the stop signals and start the
+// signal watcher before the library starts any thread; start the runtime;
+// run the command; then destroy the pumps and shut the runtime down in that
+// order, on every path including Ctrl-C.
+#include "common/logsink.h"
+#include "common/probe.h"
+#include "ulmarcomms/commandline.h"
+#include "ulmarcomms/inbox.h"
+#include "ulmarcomms/output.h"
+#include "ulmarcomms/session.h"
+#include "ulmarcomms/signalwatcher.h"
+
+#include <ulmarcomms.h>
+
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+using namespace UlmarCommsTools;
+
+namespace {
+
+// How long a TCP probe waits for the connect to complete.
+const int kProbeTimeoutMs = 1000;
+
+void out(const std::string& text)
+{
+    if (text.empty())
+        return;
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+void complain(const std::string& line)
+{
+    std::fprintf(stderr, "ulmarcomms: %s\n", line.c_str());
+    std::fflush(stderr);
+}
+
+// The name of the client's own pump: unique per process, so replies come
+// back to this run only.
+std::string clientPumpName(const char* role)
+{
+    return std::string("ulmarcomms.") + role + "." + std::to_string(getpid());
+}
+
+std::string eventReturnMethod(const std::string& event)
+{
+    // A prefix keeps an event named like a built-in method ("#reg") from
+    // being taken for one when it reaches our pump.
+    return "event." + event;
+}
+
+class Client {
+public:
+    explicit Client(const Invocation& invocation) : m_invocation(invocation), m_command(invocation.command) {}
+
+    int run()
+    {
+        LinkTarget link;
+        std::string reason;
+        if (!m_invocation.global.settings.linkTarget(link, reason)) {
+            complain(reason);
+            return kExitUsage;
+        }
+        std::string detail;
+        if (probeService(link, kProbeTimeoutMs, detail) != ProbeResult::Answered) {
+            complain("no service reachable on " + link.describe() + (detail.empty() ? "" : " (" + detail + ")"));
+            out(formatNoService(m_invocation, link, detail));
+            return kExitUnreachable;
+        }
+
+        Inbox inbox;
+        SignalWatcher watcher([&inbox](int) { inbox.interrupt(); });
+        if (m_invocation.global.logLevel >= 0) {
+            UlmarCommsSetLogger(stderrLogger);
+            UlmarCommsSetLoggerLevel(m_invocation.global.logLevel);
+            UlmarCommsSocketsSetLogger(stderrLogger);
+            UlmarCommsSocketsSetLoggerLevel(m_invocation.global.logLevel);
+        }
+        Runtime runtime;
+        const int started = runtime.start(m_invocation.global.settings.startArgument());
+        if (started != ULMARCOMMS_OK)
+            return startFailure(started);
+        return dispatch(inbox);
+    }
+
+private:
+    int startFailure(int code)
+    {
+        std::string reason;
+        int exitCode = kExitRefused;
+        if (code == ULMARCOMMS_BAD_ARGUMENT) {
+            reason = "the library refused the --set items (unknown key, or a number key without a number)";
+            exitCode = kExitUsage;
+        } else if (code == ULMARCOMMS_START_LOCAL_LINK) {
+            reason = "the local link to the service could not be set up";
+            exitCode = kExitUnreachable;
+        } else {
+            reason = "the runtime did not start";
+        }
+        complain(reason + " (code " + std::to_string(code) + ")");
+        out(formatFailure(m_invocation, "start-failed", reason, code));
+        return exitCode;
+    }
+
+    int dispatch(Inbox& inbox)
+    {
+        switch (m_command.kind) {
+        case CommandKind::Listen:
+            return listen(inbox);
+        case CommandKind::Subscribe:
+            return subscribe(inbox);
+        case CommandKind::Publish:
+            return publish(inbox);
+        default:
+            return request(inbox);
+        }
+    }
+
+    int refused(const std::string& reason, int code)
+    {
+        complain(reason + " (code " + std::to_string(code) + ")");
+        out(formatFailure(m_invocation, "refused", reason, code));
+        return kExitRefused;
+    }
+
+    int pumpFailed(const std::string& name)
+    {
+        return refused("the library refused to create the pump '" + name + "'", 0);
+    }
+
+    int interrupted()
+    {
+        complain("interrupted before the reply arrived");
+        out(formatFailure(m_invocation, "interrupted", "interrupted before the reply arrived", 0));
+        return kExitRefused;
+    }
+
+    // The common ending of a request that got no answer.
+    int notAnswered(const Exchange& exchange, const RequestPlan& plan)
+    {
+        switch (exchange.result) {
+        case Exchange::Result::NotBuilt:
+            return refused("the library refused to build the " + plan.method + " request (too many pairs?)", 0);
+        case Exchange::Result::NotPosted:
+            if (exchange.postCode == ULMARCOMMS_NOT_ROUTED) {
+                complain("the local link to the service is down; the request could not be sent");
+                out(formatFailure(m_invocation, "link-down", "the request could not be sent", exchange.postCode));
+                return kExitUnreachable;
+            }
+            return refused("the library refused to post the " + plan.method + " request", exchange.postCode);
+        case Exchange::Result::TimedOut:
+            complain(timeoutMessage(m_invocation, plan));
+            out(formatTimeout(m_invocation, plan));
+            return kExitUnreachable;
+        case Exchange::Result::Interrupted:
+            return interrupted();
+        case Exchange::Result::Answered:
+            break;
+        }
+        return kExitOk;
+    }
+
+    int request(Inbox& inbox)
+    {
+        PumpBehaviour behaviour;
+        behaviour.shownKeys = m_command.shownKeys;
+        ClientPump pump(inbox, behaviour);
+        const std::string name = clientPumpName("cli");
+        if (!pump.create(name, ""))
+            return pumpFailed(name);
+        const RequestPlan plan = planRequest(m_command);
+        const Exchange result =
+            exchange(pump, inbox, buildRequest(pump, plan, m_command), m_invocation.global.timeoutMs, 0);
+        if (result.result != Exchange::Result::Answered)
+            return notAnswered(result, plan);
+        out(formatAnswer(m_invocation, plan, result.answer));
+        return result.answer.kind == Received::Kind::Error ? kExitRefused : kExitOk;
+    }
+
+    int listen(Inbox& inbox)
+    {
+        PumpBehaviour behaviour;
+        behaviour.shownKeys = m_command.shownKeys;
+        behaviour.acceptRequest = [](const std::string&) { return true; };
+        behaviour.answer = m_command.answer;
+        behaviour.replyText = m_command.replyText;
+        ClientPump pump(inbox, behaviour);
+        if (!pump.create(m_command.name, m_command.interfaces))
+            return pumpFailed(m_command.name);
+        out(formatListening(m_invocation, pump.address()));
+        const auto isRequest = [](const Received& item) { return item.kind == Received::Kind::Request; };
+        for (long received = 0; m_command.count == 0 || received < m_command.count; ++received) {
+            Received request;
+            if (inbox.waitFor(isRequest, std::nullopt, 0, request) != Inbox::Wait::Got)
+                break;
+            out(formatRequest(m_invocation, request));
+        }
+        return kExitOk;
+    }
+
+    int subscribe(Inbox& inbox)
+    {
+        const std::string returnMethod = eventReturnMethod(m_command.event);
+        PumpBehaviour behaviour;
+        behaviour.shownKeys = m_command.shownKeys;
+        behaviour.acceptRequest = [returnMethod](const std::string& method) { return method == returnMethod; };
+        ClientPump pump(inbox, behaviour);
+        const std::string name = clientPumpName("sub");
+        if (!pump.create(name, ""))
+            return pumpFailed(name);
+
+        RequestPlan plan;
+        plan.to = m_command.address;
+        plan.method = "#reg";
+        const Exchange registered = exchange(pump, inbox, registration(pump, returnMethod, true),
+                                             m_invocation.global.timeoutMs, 0);
+        if (registered.result != Exchange::Result::Answered)
+            return notAnswered(registered, plan);
+        if (registered.answer.kind == Received::Kind::Error) {
+            out(formatAnswer(m_invocation, plan, registered.answer));
+            return kExitRefused;
+        }
+        if (registered.answer.response != "y")
+            return refused(m_command.address + " refused the registration for " + m_command.event +
+                               " (it publishes no such event)",
+                           0);
+        out(formatSubscribed(m_invocation, pump.address()));
+
+        const auto isEvent = [&returnMethod](const Received& item) {
+            return item.kind == Received::Kind::Request && item.method == returnMethod;
+        };
+        for (long received = 0; m_command.count == 0 || received < m_command.count; ++received) {
+            Received event;
+            if (inbox.waitFor(isEvent, std::nullopt, 0, event) != Inbox::Wait::Got)
+                break;
+            out(formatEvent(m_invocation, event));
+        }
+        return unsubscribe(pump, inbox, returnMethod);
+    }
+
+    void* registration(ClientPump& pump, const std::string& returnMethod, bool reg)
+    {
+        return UlmarCommsCreateEventRegistrationMessage(pump.handle(), returnMethod.c_str(), m_command.address.c_str(),
+                                                        m_command.event.c_str(), reg);
+    }
+
+    // After a first Ctrl-C the goodbye still waits for its reply; a second
+    // one cuts it short.
+    int unsubscribe(ClientPump& pump, Inbox& inbox, const std::string& returnMethod)
+    {
+        const Exchange result = exchange(pump, inbox, registration(pump, returnMethod, false),
+                                         m_invocation.global.timeoutMs, inbox.interrupts());
+        std::string why;
+        int exitCode = kExitRefused;
+        switch (result.result) {
+        case Exchange::Result::Answered:
+            if (result.answer.kind == Received::Kind::Reply && result.answer.response == "y") {
+                out(formatUnsubscribed(m_invocation, true, ""));
+                return kExitOk;
+            }
+            why = result.answer.kind == Received::Kind::Error
+                      ? "error " + std::to_string(result.answer.errorCode)
+                      : "the publisher had no such registration";
+            break;
+        case Exchange::Result::TimedOut:
+            why = "no reply within " + std::to_string(m_invocation.global.timeoutMs) + " ms";
+            exitCode = kExitUnreachable;
+            break;
+        case Exchange::Result::Interrupted:
+            why = "interrupted";
+            exitCode = kExitOk;
+            break;
+        default:
+            why = "the request could not be sent (code " + std::to_string(result.postCode) + ")";
+            break;
+        }
+        complain("unsubscribing from " + m_command.event + " at " + m_command.address + " not confirmed: " + why);
+        out(formatUnsubscribed(m_invocation, false, why));
+        return exitCode;
+    }
+
+    // Ticks from a second pump make the publisher emit on the router worker
+    // thread, where the library also handles registrations: the events
+    // table is never walked and changed from two threads at once.
+    int publish(Inbox& inbox)
+    {
+        PumpBehaviour behaviour;
+        behaviour.eventName = m_command.event;
+        behaviour.eventPairs = m_command.pairs;
+        ClientPump publisher(inbox, behaviour);
+        if (!publisher.create(m_command.name, ""))
+            return pumpFailed(m_command.name);
+        const int created = UlmarCommsMessagePumpCreateEvent(publisher.handle(), m_command.event.c_str());
+        if (created != ULMARCOMMS_OK)
+            return refused("the library refused to create the event " + m_command.event, created);
+        ClientPump ticker(inbox, PumpBehaviour());
+        const std::string tickerName = clientPumpName("tick");
+        if (!ticker.create(tickerName, ""))
+            return pumpFailed(tickerName);
+        publisher.setTickSource(ticker.address());
+        const std::string publisherAddress = publisher.address();
+        out(formatPublishing(m_invocation, publisherAddress));
+
+        const auto isPublished = [](const Received& item) { return item.kind == Received::Kind::Published; };
+        const Inbox::Clock::time_point start = Inbox::Clock::now();
+        for (long sequence = 1; m_command.count == 0 || sequence <= m_command.count; ++sequence) {
+            void* tick = UlmarCommsCreateMessage(ticker.handle(), publisherAddress.c_str(), kTickMethod);
+            const int posted = tick == nullptr ? ULMARCOMMS_FAILED : UlmarCommsPostMessage(ticker.handle(), tick);
+            if (posted != ULMARCOMMS_OK) {
+                if (posted == ULMARCOMMS_NOT_STARTED || posted == ULMARCOMMS_BAD_ARGUMENT)
+                    UlmarCommsDestroyMessage(tick);
+                return refused("the library refused to post the tick that emits the event", posted);
+            }
+            Received published;
+            const auto deadline = Inbox::Clock::now() + std::chrono::milliseconds(m_invocation.global.timeoutMs);
+            const Inbox::Wait waited = inbox.waitFor(isPublished, deadline, 0, published);
+            if (waited == Inbox::Wait::Interrupted)
+                break;
+            if (waited == Inbox::Wait::TimedOut)
+                return refused("the publisher pump did not emit the event", 0);
+            out(formatPublished(m_invocation, sequence, published.publishResult));
+            if (published.publishResult != ULMARCOMMS_OK)
+                return kExitRefused;
+            if (m_command.count != 0 && sequence >= m_command.count)
+                break;
+            const auto next = start + std::chrono::milliseconds(m_command.everyMs * sequence);
+            if (inbox.sleepUntil(next, 0) == Inbox::Wait::Interrupted)
+                break;
+        }
+        return kExitOk;
+    }
+
+    const Invocation& m_invocation;
+    const Command& m_command;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Invocation invocation;
+    std::string text;
+    switch (parseCommandLine(std::vector<std::string>(argv + 1, argv + argc), invocation, text)) {
+    case ParseOutcome::Help:
+        out(text);
+        return kExitOk;
+    case ParseOutcome::Version:
+        out(std::string("ulmarcomms ") + ULMARCOMMS_TOOLS_VERSION + "\n");
+        return kExitOk;
+    case ParseOutcome::Usage:
+        complain(text);
+        complain("try 'ulmarcomms --help'");
+        return kExitUsage;
+    case ParseOutcome::Run:
+        break;
+    }
+    return Client(invocation).run();
+}

@@ -1,0 +1,84 @@
+// Daemon option parsing. Options take their value as the next argument or
+// after '=' ("--log-level 3" or "--log-level=3").
+#include "ulmarcommsd/daemonoptions.h"
+
+#include "common/numbers.h"
+
+namespace UlmarCommsTools {
+
+namespace {
+
+// Splits "--name=value" into name and value; true when a value was inline.
+bool splitInline(const std::string& arg, std::string& name, std::string& value)
+{
+    const size_t equals = arg.find('=');
+    if (equals == std::string::npos) {
+        name = arg;
+        return false;
+    }
+    name = arg.substr(0, equals);
+    value = arg.substr(equals + 1);
+    return true;
+}
+
+} // namespace
+
+DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptions& options, std::string& error)
+{
+    for (size_t index = 0; index < args.size(); ++index) {
+        const std::string& arg = args[index];
+        if (arg == "--help" || arg == "-h")
+            return DaemonParse::Help;
+        if (arg == "--version")
+            return DaemonParse::Version;
+        std::string name;
+        std::string value;
+        const bool inlineValue = splitInline(arg, name, value);
+        if (name != "--set" && name != "--log-level") {
+            error = "unknown argument '" + arg + "'";
+            return DaemonParse::Usage;
+        }
+        if (!inlineValue) {
+            if (index + 1 >= args.size()) {
+                error = name + " needs a value";
+                return DaemonParse::Usage;
+            }
+            value = args[++index];
+        }
+        if (name == "--set") {
+            if (!options.settings.add(value, error))
+                return DaemonParse::Usage;
+            continue;
+        }
+        long level = 0;
+        if (!parseNumber(value, 0, 4, level)) {
+            error = "--log-level takes a number from 0 to 4, not '" + value + "'";
+            return DaemonParse::Usage;
+        }
+        options.logLevel = static_cast<int>(level);
+    }
+    return DaemonParse::Run;
+}
+
+std::string daemonUsage()
+{
+    return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N]\n"
+           "\n"
+           "Runs this machine's system router service in the foreground until\n"
+           "SIGTERM or SIGINT, then shuts it down and exits 0.\n"
+           "\n"
+           "Options:\n"
+           "  --set KEY=VALUE  override one of the library's settings for this run\n"
+           "                   (repeatable), e.g. --set ulmar.systemrouter.pipe.name=test\n"
+           "                   to serve a separate bus on the abstract socket __test.sock\n"
+           "  --log-level N    lowest library log level written to stderr: 0 verbose,\n"
+           "                   1 message, 2 warning (default), 3 error, 4 fatal\n"
+           "  --help           show this text\n"
+           "  --version        show the version\n"
+           "\n"
+           "Exit status: 0 after a clean shutdown; 1 when another service already\n"
+           "answers on the same local link or the service could not start; 2 for a\n"
+           "usage error.\n";
+}
+
+} // namespace UlmarCommsTools

@@ -1,0 +1,29 @@
+// The daemon's command line: --set KEY=VALUE (repeatable), --log-level N,
+// --help, --version. Parsed into plain values so the program's main only
+// acts on them.
+#pragma once
+
+#include "common/startsettings.h"
+
+#include <string>
+#include <vector>
+
+namespace UlmarCommsTools {
+
+// What the daemon was asked to do.
+struct DaemonOptions {
+    // The --set items.
+    StartSettings settings;
+    // The lowest library log level written to stderr (0-4).
+    int logLevel = 2;
+};
+
+// The outcome of parsing.
+enum class DaemonParse { Run, Help, Version, Usage };
+
+// Parses the arguments after the program name; on Usage, `error` says why.
+DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptions& options, std::string& error);
+// The --help text.
+std::string daemonUsage();
+
+} // namespace UlmarCommsTools
