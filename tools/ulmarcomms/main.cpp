@@ -184,6 +184,26 @@ private:
         return result.answer.kind == Received::Kind::Error ? kExitRefused : kExitOk;
     }
 
+    // A pump is announced to the service over the same link, ahead of
+    // anything posted after it, so one answered query from a pump created
+    // later proves the service knows the earlier pumps: only then is the
+    // address worth printing as ready.
+    int confirmAnnounced(Inbox& inbox)
+    {
+        ClientPump helper(inbox, PumpBehaviour());
+        const std::string name = clientPumpName("ready");
+        if (!helper.create(name, ""))
+            return pumpFailed(name);
+        RequestPlan plan;
+        plan.to = systemAddress("");
+        plan.method = "SystemInfo";
+        const Exchange result =
+            exchange(helper, inbox, buildRequest(helper, plan, m_command), m_invocation.global.timeoutMs, 0);
+        if (result.result != Exchange::Result::Answered)
+            return notAnswered(result, plan);
+        return kExitOk;
+    }
+
     int listen(Inbox& inbox)
     {
         PumpBehaviour behaviour;
@@ -194,6 +214,8 @@ private:
         ClientPump pump(inbox, behaviour);
         if (!pump.create(m_command.name, m_command.interfaces))
             return pumpFailed(m_command.name);
+        if (const int confirmed = confirmAnnounced(inbox); confirmed != kExitOk)
+            return confirmed;
         out(formatListening(m_invocation, pump.address()));
         const auto isRequest = [](const Received& item) { return item.kind == Received::Kind::Request; };
         for (long received = 0; m_command.count == 0 || received < m_command.count; ++received) {
@@ -305,6 +327,8 @@ private:
         if (!ticker.create(tickerName, ""))
             return pumpFailed(tickerName);
         publisher.setTickSource(ticker.address());
+        if (const int confirmed = confirmAnnounced(inbox); confirmed != kExitOk)
+            return confirmed;
         const std::string publisherAddress = publisher.address();
         out(formatPublishing(m_invocation, publisherAddress));
 

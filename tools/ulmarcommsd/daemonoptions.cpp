@@ -1,8 +1,11 @@
 // Daemon option parsing. Options take their value as the next argument or
-// after '=' ("--log-level 3" or "--log-level=3").
+// after '=' ("--log-level 3" or "--log-level=3"); a word that is not an
+// option is a start argument in the library's own form.
 #include "ulmarcommsd/daemonoptions.h"
 
 #include "common/numbers.h"
+
+#include <algorithm>
 
 namespace UlmarCommsTools {
 
@@ -21,6 +24,21 @@ bool splitInline(const std::string& arg, std::string& name, std::string& value)
     return true;
 }
 
+// A whole start argument given as it would be passed to the library
+// ("key=value;key=value"), as service units and scripts pass it.
+bool addStartArgument(const std::string& argument, StartSettings& settings, std::string& error)
+{
+    size_t start = 0;
+    while (start <= argument.size()) {
+        const size_t end = std::min(argument.find(';', start), argument.size());
+        const std::string item = argument.substr(start, end - start);
+        if (item.find_first_not_of(" \t") != std::string::npos && !settings.add(item, error))
+            return false;
+        start = end + 1;
+    }
+    return true;
+}
+
 } // namespace
 
 DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptions& options, std::string& error)
@@ -31,6 +49,11 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
             return DaemonParse::Help;
         if (arg == "--version")
             return DaemonParse::Version;
+        if (arg.rfind("-", 0) != 0) {
+            if (!addStartArgument(arg, options.settings, error))
+                return DaemonParse::Usage;
+            continue;
+        }
         std::string name;
         std::string value;
         const bool inlineValue = splitInline(arg, name, value);
@@ -62,7 +85,7 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
 
 std::string daemonUsage()
 {
-    return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N]\n"
+    return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N] [KEY=VALUE[;KEY=VALUE...]]\n"
            "\n"
            "Runs this machine's system router service in the foreground until\n"
            "SIGTERM or SIGINT, then shuts it down and exits 0.\n"
@@ -73,6 +96,8 @@ std::string daemonUsage()
            "                   to serve a separate bus on the abstract socket __test.sock\n"
            "  --log-level N    lowest library log level written to stderr: 0 verbose,\n"
            "                   1 message, 2 warning (default), 3 error, 4 fatal\n"
+           "  KEY=VALUE;...    a whole start argument, as the library takes it; its\n"
+           "                   items are added to the --set items\n"
            "  --help           show this text\n"
            "  --version        show the version\n"
            "\n"

@@ -1,6 +1,7 @@
 // The daemon's command line: --set KEY=VALUE (repeatable), --log-level N,
-// --help, --version. Parsed into plain values so the program's main only
-// acts on them.
+// --help, --version, and optionally a whole start argument
+// ("key=value;key=value") as a plain word. Parsed into plain values so the
+// program's main only acts on them.
 #pragma once
 
 #include "common/startsettings.h"
