@@ -8,6 +8,8 @@
 set -euo pipefail
 
 build=$1 consumer_src=$2 libdir=$3 cc=$4 cxx=$5 sanitize=${6:-}
+# The cache holds OFF (the option's false value) when no sanitizer is chosen.
+case "$sanitize" in OFF | FALSE | NO | 0) sanitize= ;; esac
 work=$(mktemp -d "${TMPDIR:-/tmp}/ulmarcomms-install.XXXXXX")
 prefix=$work/prefix
 daemon_pid=

@@ -295,6 +295,8 @@ TEST_F(Ulmarcomms, RefusedSettingsAreAUsageError)
     RunResult refused = run({"--set", "no.such.key=1", "info"});
     EXPECT_EQ(refused.status, 2) << refused.transcript();
     EXPECT_TRUE(contains(refused.err, "code 4")) << refused.err;
+    EXPECT_TRUE(contains(refused.err, " ERROR ")) << "the library's reason is shown\n" << refused.err;
+    EXPECT_TRUE(contains(refused.err, "no.such.key")) << refused.err;
 }
 
 } // namespace

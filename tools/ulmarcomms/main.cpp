@@ -77,14 +77,20 @@ public:
 
         Inbox inbox;
         SignalWatcher watcher([&inbox](int) { inbox.interrupt(); });
-        if (m_invocation.global.logLevel >= 0) {
-            UlmarCommsSetLogger(stderrLogger);
-            UlmarCommsSetLoggerLevel(m_invocation.global.logLevel);
+        const int logLevel = m_invocation.global.logLevel;
+        // Without --log-level the library's errors are shown during start-up
+        // only, where they explain a refused --set item; afterwards the
+        // client's own lines say what went wrong.
+        UlmarCommsSetLogger(stderrLogger);
+        UlmarCommsSetLoggerLevel(logLevel >= 0 ? logLevel : ULMARCOMMS_LOG_ERROR);
+        if (logLevel >= 0) {
             UlmarCommsSocketsSetLogger(stderrLogger);
-            UlmarCommsSocketsSetLoggerLevel(m_invocation.global.logLevel);
+            UlmarCommsSocketsSetLoggerLevel(logLevel);
         }
         Runtime runtime;
         const int started = runtime.start(m_invocation.global.settings.startArgument());
+        if (logLevel < 0)
+            UlmarCommsSetLogger(nullptr);
         if (started != ULMARCOMMS_OK)
             return startFailure(started);
         return dispatch(inbox);
