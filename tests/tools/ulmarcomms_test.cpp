@@ -200,7 +200,7 @@ TEST_F(Ulmarcomms, CallAListenerThatReplies)
     EXPECT_EQ(text.out, "pong\na=1\n") << "the listener copies back only the key it shows";
 
     RunResult json = run({"--json", "call", address("echoer"), "Second", "a=x y"});
-    ASSERT_EQ(json.status, 0) << json.transcript();
+    ASSERT_EQ(json.status, 0) << json.transcript() << listener->transcript() << m_daemon->process().transcript();
     EXPECT_TRUE(contains(json.out, "\"status\":\"reply\",\"from\":\"" + address("echoer") + "\",\"response\":\"pong\""))
         << json.out;
 

@@ -190,24 +190,31 @@ private:
         return result.answer.kind == Received::Kind::Error ? kExitRefused : kExitOk;
     }
 
-    // A pump is announced to the service over the same link, ahead of
-    // anything posted after it, so one answered query from a pump created
-    // later proves the service knows the earlier pumps: only then is the
-    // address worth printing as ready.
-    int confirmAnnounced(Inbox& inbox)
+    // Everything this process sends -- pump announcements, replies, event
+    // messages -- leaves over the one local link in order, so one answered
+    // query posted afterwards proves that all of it has reached the service.
+    // listen and publish sync before printing their address as ready, and
+    // again before leaving, since the library has no flush and shutting
+    // down at once could drop a reply or event still queued on the link.
+    // When leaving, a first Ctrl-C has already ended the work, so only a
+    // second one cuts the wait short.
+    int syncWithService(Inbox& inbox, bool leaving)
     {
+        const unsigned interruptBaseline = leaving ? inbox.interrupts() : 0;
         ClientPump helper(inbox, PumpBehaviour());
-        const std::string name = clientPumpName("ready");
+        const std::string name = clientPumpName("sync");
         if (!helper.create(name, ""))
             return pumpFailed(name);
         RequestPlan plan;
         plan.to = systemAddress("");
         plan.method = "SystemInfo";
-        const Exchange result =
-            exchange(helper, inbox, buildRequest(helper, plan, m_command), m_invocation.global.timeoutMs, 0);
-        if (result.result != Exchange::Result::Answered)
-            return notAnswered(result, plan);
-        return kExitOk;
+        const Exchange result = exchange(helper, inbox, buildRequest(helper, plan, m_command),
+                                         m_invocation.global.timeoutMs, interruptBaseline);
+        if (result.result == Exchange::Result::Answered)
+            return kExitOk;
+        if (leaving && result.result == Exchange::Result::Interrupted)
+            return kExitOk;
+        return notAnswered(result, plan);
     }
 
     int listen(Inbox& inbox)
@@ -220,17 +227,19 @@ private:
         ClientPump pump(inbox, behaviour);
         if (!pump.create(m_command.name, m_command.interfaces))
             return pumpFailed(m_command.name);
-        if (const int confirmed = confirmAnnounced(inbox); confirmed != kExitOk)
+        if (const int confirmed = syncWithService(inbox, false); confirmed != kExitOk)
             return confirmed;
         out(formatListening(m_invocation, pump.address()));
         const auto isRequest = [](const Received& item) { return item.kind == Received::Kind::Request; };
+        bool answered = false;
         for (long received = 0; m_command.count == 0 || received < m_command.count; ++received) {
             Received request;
             if (inbox.waitFor(isRequest, std::nullopt, 0, request) != Inbox::Wait::Got)
                 break;
+            answered = answered || request.answered;
             out(formatRequest(m_invocation, request));
         }
-        return kExitOk;
+        return answered ? syncWithService(inbox, true) : kExitOk;
     }
 
     int subscribe(Inbox& inbox)
@@ -333,7 +342,7 @@ private:
         if (!ticker.create(tickerName, ""))
             return pumpFailed(tickerName);
         publisher.setTickSource(ticker.address());
-        if (const int confirmed = confirmAnnounced(inbox); confirmed != kExitOk)
+        if (const int confirmed = syncWithService(inbox, false); confirmed != kExitOk)
             return confirmed;
         const std::string publisherAddress = publisher.address();
         out(formatPublishing(m_invocation, publisherAddress));
@@ -364,7 +373,7 @@ private:
             if (inbox.sleepUntil(next, 0) == Inbox::Wait::Interrupted)
                 break;
         }
-        return kExitOk;
+        return syncWithService(inbox, true);
     }
 
     const Invocation& m_invocation;
