@@ -92,17 +92,17 @@ echo "== consumer with pkg-config"
 echo "== run against the installed daemon"
 bus="ulmarcomms-install-$$-$RANDOM"
 arg="ulmar.systemrouter.pipe.name=$bus"
-"$daemon" "$arg" >"$work/daemon.log" 2>&1 &
+"$daemon" --set "$arg" >"$work/daemon.log" 2>&1 &
 daemon_pid=$!
 
-# The daemon is ready when an application can start against it and be
-# answered; the consumer itself is the probe (until a deadline).
+# The daemon says so once its start-up has returned.
 deadline=$((SECONDS + 30))
-until "$work/consumer-pc" "$arg" >"$work/pc.out" 2>"$work/pc.err"; do
+until grep -q 'service running on' "$work/daemon.log"; do
   kill -0 "$daemon_pid" 2>/dev/null || { cat "$work/daemon.log"; fail "the daemon exited"; }
-  [ $SECONDS -lt $deadline ] || { cat "$work/pc.err" "$work/daemon.log"; fail "no answer through the daemon"; }
-  sleep 0.2
+  [ $SECONDS -lt $deadline ] || { cat "$work/daemon.log"; fail "the daemon did not start"; }
+  sleep 0.1
 done
+"$work/consumer-pc" "$arg" >"$work/pc.out" || { cat "$work/daemon.log"; fail "pkg-config consumer failed"; }
 grep -q '^name=' "$work/pc.out" || fail "pkg-config consumer printed no host"
 "$work/cmake-build/consumer" "$arg" >"$work/c.out" || fail "find_package consumer (C) failed"
 "$work/cmake-build/consumer_cpp" "$arg" >"$work/cpp.out" || fail "find_package consumer (C++) failed"
