@@ -1,6 +1,7 @@
 # Installation of libulmarcomms: the shared library with its SONAME links,
 # the C header and the C++ layer, a CMake package (UlmarComms::ulmarcomms,
-# same-major compatibility), a pkg-config file and the system service's unit.
+# same-major compatibility), a pkg-config file, the system service's unit,
+# the examples' sources and the user guide.
 #
 # The pkg-config file and the unit name absolute paths, so they are written
 # at install time from the prefix then in force: `cmake --install --prefix P`
@@ -59,3 +60,5 @@ install(CODE "
 install(FILES ${ULMARCOMMS_STAGE}/ulmarcomms.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 install(FILES ${ULMARCOMMS_STAGE}/ulmarcommsd.service DESTINATION ${ULMARCOMMS_SYSTEMD_UNITDIR})
 
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/user-guide.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
