@@ -24,7 +24,7 @@ enum OptionBit : unsigned {
     OptKey = 1u << 8,
 };
 
-struct CommandSpec {
+struct CommandShape {
     const char* word;
     CommandKind kind;
     // Names of the required positional arguments, in order.
@@ -37,9 +37,9 @@ struct CommandSpec {
     const char* details;
 };
 
-const std::vector<CommandSpec>& commandSpecs()
+const std::vector<CommandShape>& commandShapes()
 {
-    static const std::vector<CommandSpec> specs = {
+    static const std::vector<CommandShape> shapes = {
         {"call", CommandKind::Call, {"ADDRESS", "METHOD"}, true, OptKey,
          "call ADDRESS METHOD [KEY=VALUE]... [--key KEY]...",
          "send a request and print the reply",
@@ -104,14 +104,14 @@ const std::vector<CommandSpec>& commandSpecs()
          "the given pairs to every registered listener, at once and then every MS\n"
          "milliseconds (default 1000), until Ctrl-C or N messages."},
     };
-    return specs;
+    return shapes;
 }
 
-const CommandSpec* findSpec(const std::string& word)
+const CommandShape* findSpec(const std::string& word)
 {
-    for (const CommandSpec& spec : commandSpecs()) {
-        if (word == spec.word)
-            return &spec;
+    for (const CommandShape& shape : commandShapes()) {
+        if (word == shape.word)
+            return &shape;
     }
     return nullptr;
 }
@@ -188,7 +188,7 @@ struct Parser {
     const std::vector<std::string>& args;
     Invocation& invocation;
     std::string& text;
-    const CommandSpec* spec = nullptr;
+    const CommandShape* shape = nullptr;
     std::vector<std::string> positionals;
     bool helpRequested = false;
     bool versionRequested = false;
@@ -234,9 +234,9 @@ struct Parser {
 
     bool accepts(unsigned bit, const std::string& name)
     {
-        if (spec->options & bit)
+        if (shape->options & bit)
             return true;
-        text = "'" + std::string(spec->word) + "' does not take " + name;
+        text = "'" + std::string(shape->word) + "' does not take " + name;
         return false;
     }
 
@@ -309,7 +309,7 @@ struct Parser {
             command.shownKeys.push_back(value);
             return true;
         }
-        text = "unknown option '" + name + "' for '" + spec->word + "'";
+        text = "unknown option '" + name + "' for '" + shape->word + "'";
         return false;
     }
 
@@ -326,27 +326,27 @@ struct Parser {
     // A word that is not an option: the command, a positional or a pair.
     bool word(const std::string& arg)
     {
-        if (spec == nullptr) {
-            spec = findSpec(arg);
-            if (spec == nullptr && arg == "help") {
+        if (shape == nullptr) {
+            shape = findSpec(arg);
+            if (shape == nullptr && arg == "help") {
                 helpRequested = true;
                 return true;
             }
-            if (spec == nullptr) {
+            if (shape == nullptr) {
                 text = "unknown command '" + arg + "'";
                 return false;
             }
-            invocation.command.kind = spec->kind;
-            invocation.command.word = spec->word;
+            invocation.command.kind = shape->kind;
+            invocation.command.word = shape->word;
             return true;
         }
-        if (positionals.size() < spec->positionals.size()) {
+        if (positionals.size() < shape->positionals.size()) {
             positionals.push_back(arg);
             return true;
         }
         const size_t equals = arg.find('=');
-        if (!spec->pairs || equals == std::string::npos) {
-            text = "unexpected argument '" + arg + "' for '" + spec->word + "'";
+        if (!shape->pairs || equals == std::string::npos) {
+            text = "unexpected argument '" + arg + "' for '" + shape->word + "'";
             return false;
         }
         const std::string key = arg.substr(0, equals);
@@ -360,18 +360,18 @@ struct Parser {
 
     bool assignPositionals()
     {
-        if (positionals.size() < spec->positionals.size()) {
-            text = "'" + std::string(spec->word) + "' needs " + spec->positionals[positionals.size()];
+        if (positionals.size() < shape->positionals.size()) {
+            text = "'" + std::string(shape->word) + "' needs " + shape->positionals[positionals.size()];
             return false;
         }
         for (size_t index = 0; index < positionals.size(); ++index) {
             if (positionals[index].empty()) {
-                text = std::string(spec->positionals[index]) + " must not be empty";
+                text = std::string(shape->positionals[index]) + " must not be empty";
                 return false;
             }
         }
         Command& command = invocation.command;
-        switch (spec->kind) {
+        switch (shape->kind) {
         case CommandKind::Call:
             command.address = positionals[0];
             command.method = positionals[1];
@@ -431,7 +431,7 @@ struct Parser {
                 return ParseOutcome::Usage;
             if (handled > 0)
                 continue;
-            if (spec == nullptr) {
+            if (shape == nullptr) {
                 text = "unknown option '" + name + "'";
                 return ParseOutcome::Usage;
             }
@@ -439,12 +439,12 @@ struct Parser {
                 return ParseOutcome::Usage;
         }
         if (helpRequested) {
-            text = spec != nullptr ? commandHelp(spec->word) : generalHelp();
+            text = shape != nullptr ? commandHelp(shape->word) : generalHelp();
             return ParseOutcome::Help;
         }
         if (versionRequested)
             return ParseOutcome::Version;
-        if (spec == nullptr) {
+        if (shape == nullptr) {
             text = "no command given";
             return ParseOutcome::Usage;
         }
@@ -468,10 +468,10 @@ std::string generalHelp()
                        "Talks to the machine's system router service and to message pumps.\n"
                        "\n"
                        "Commands:\n";
-    for (const CommandSpec& spec : commandSpecs()) {
-        std::string word = spec.word;
+    for (const CommandShape& shape : commandShapes()) {
+        std::string word = shape.word;
         word.resize(14, ' ');
-        text += "  " + word + spec.summary + "\n";
+        text += "  " + word + shape.summary + "\n";
     }
     text += "\n";
     text += kGlobalOptionsHelp;
@@ -482,11 +482,11 @@ std::string generalHelp()
 
 std::string commandHelp(const std::string& word)
 {
-    const CommandSpec* spec = findSpec(word);
-    if (spec == nullptr)
+    const CommandShape* shape = findSpec(word);
+    if (shape == nullptr)
         return std::string();
-    std::string text = std::string("Usage: ulmarcomms [GLOBAL OPTIONS] ") + spec->synopsis + "\n\n" + spec->details + "\n";
-    const std::string options = optionHelp(spec->options);
+    std::string text = std::string("Usage: ulmarcomms [GLOBAL OPTIONS] ") + shape->synopsis + "\n\n" + shape->details + "\n";
+    const std::string options = optionHelp(shape->options);
     if (!options.empty())
         text += "\nOptions:\n" + options;
     text += "\n";
