@@ -30,6 +30,16 @@ TEST(UlmarcommsWithoutService, ReportsNoServiceWithThePipeName)
     EXPECT_TRUE(contains(json.out, "\"pipeName\":\"" + pipe + "\"")) << json.out;
 }
 
+TEST(UlmarcommsWithoutService, NoLocalLinkConfigured)
+{
+    RunResult none = runTool({toolPath("ulmarcomms"), "--set", "ulmar.systemrouter.pipe=0", "table"});
+    EXPECT_EQ(none.status, 3) << none.transcript();
+    EXPECT_NE(none.err.find("no local link"), std::string::npos) << none.err;
+
+    RunResult notANumber = runTool({toolPath("ulmarcomms"), "--set", "ulmar.systemrouter.pipe=yes", "table"});
+    EXPECT_EQ(notANumber.status, 2) << notANumber.transcript();
+}
+
 TEST(UlmarcommsWithoutService, UsageHelpAndVersion)
 {
     RunResult usage = runTool({toolPath("ulmarcomms"), "frobnicate"});

@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <csignal>
 #include <regex>
 #include <sstream>
@@ -85,6 +88,63 @@ TEST(Ulmarcommsd, RefusedStartArgumentIsReportedWithItsCode)
     EXPECT_NE(refused.err.find("code 4"), std::string::npos) << refused.err;
     EXPECT_NE(refused.err.find("no.such.setting"), std::string::npos) << "the library's own log line names the item\n"
                                                                       << refused.err;
+}
+
+// A loopback port that was free a moment ago.
+std::string freeLoopbackPort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        ::close(fd);
+        return std::string();
+    }
+    ::close(fd);
+    return std::to_string(ntohs(address.sin_port));
+}
+
+TEST(Ulmarcommsd, ServesOverTcpOnLoopbackAndRefusesASecondThere)
+{
+    const std::string port = freeLoopbackPort();
+    ASSERT_FALSE(port.empty());
+    const std::vector<std::string> tcp = {"--set", "ulmar.systemrouter.pipe=0", "--set", "ulmar.systemrouter.ip4=1",
+                                          "--set", "ulmar.systemrouter.ip4.port=" + port};
+    std::vector<std::string> argv = {toolPath("ulmarcommsd")};
+    argv.insert(argv.end(), tcp.begin(), tcp.end());
+    ChildProcess daemon(argv);
+    ASSERT_TRUE(daemon.waitForOut("service running on TCP 127.0.0.1:" + port)) << daemon.transcript();
+
+    std::vector<std::string> info = {toolPath("ulmarcomms")};
+    info.insert(info.end(), tcp.begin(), tcp.end());
+    info.push_back("info");
+    RunResult answered = runTool(info);
+    EXPECT_EQ(answered.status, 0) << answered.transcript();
+    EXPECT_NE(answered.out.find("os=linux"), std::string::npos);
+
+    RunResult second = runTool(argv);
+    EXPECT_EQ(second.status, 1) << second.transcript();
+    EXPECT_NE(second.err.find("already answers on TCP 127.0.0.1:" + port), std::string::npos) << second.err;
+
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.waitExit(), 0) << daemon.transcript();
+}
+
+TEST(Ulmarcommsd, AListenerThatCannotBeSetUpIsAFailedStart)
+{
+    // The library reports success here; the daemon checks its own listener.
+    RunResult unusable = runTool({toolPath("ulmarcommsd"), "--set", "ulmar.systemrouter.pipe=0", "--set",
+                                  "ulmar.systemrouter.ip4=1", "--set", "ulmar.systemrouter.ip4.port=notaport"});
+    EXPECT_EQ(unusable.status, 1) << unusable.transcript();
+    EXPECT_NE(unusable.err.find("does not listen on TCP 127.0.0.1:notaport"), std::string::npos) << unusable.err;
+    EXPECT_EQ(unusable.out.find("service running"), std::string::npos) << unusable.out;
+
+    RunResult noLink = runTool({toolPath("ulmarcommsd"), "--set", "ulmar.systemrouter.pipe=0"});
+    EXPECT_EQ(noLink.status, 2) << noLink.transcript();
+    EXPECT_NE(noLink.err.find("no local link"), std::string::npos) << noLink.err;
 }
 
 TEST(Ulmarcommsd, LogLinesCarryTimestampAndLevel)

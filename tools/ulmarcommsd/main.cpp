@@ -5,7 +5,8 @@
 // collects them with sigwait: no handler runs, so nothing here needs to be
 // async-signal-safe. The daemon refuses to start when a service already
 // answers on the chosen local link, because the library's own start-up
-// would report success without listening.
+// would report success without listening; for the same reason it checks
+// after start-up that its own listener answers.
 #include "common/logsink.h"
 #include "common/probe.h"
 #include "ulmarcommsd/daemonoptions.h"
@@ -112,6 +113,10 @@ int main(int argc, char** argv)
         complain(error);
         return kExitUsage;
     }
+    if (link.kind == LinkTarget::Kind::None) {
+        complain("ulmar.systemrouter.pipe and ulmar.systemrouter.ip4 are both 0: the service would have no local link");
+        return kExitUsage;
+    }
     std::string detail;
     if (probeService(link, kProbeTimeoutMs, detail) == ProbeResult::Answered) {
         complain("a service already answers on " + link.describe() + "; not starting another one");
@@ -127,6 +132,14 @@ int main(int argc, char** argv)
     if (started != ULMARCOMMS_OK) {
         complain("start-up failed with code " + std::to_string(started) + ": " + startCodeMeaning(started));
         // Whatever start-up built before it failed is torn down again.
+        UlmarCommsSystemShutdown();
+        return kExitFailed;
+    }
+    // The library reports success even when its listener could not be set
+    // up (the address is unusable); only a connect shows that it listens.
+    if (probeService(link, kProbeTimeoutMs, detail) != ProbeResult::Answered) {
+        complain("the service started but does not listen on " + link.describe() + " (" + detail +
+                 "); see the log lines above");
         UlmarCommsSystemShutdown();
         return kExitFailed;
     }
