@@ -4,10 +4,10 @@
 # pkg-config, and runs both against a daemon started from that prefix on a bus
 # of its own. Skips (exit 77) only when the daemon is not built yet.
 #
-#   install_test.sh BUILD_DIR CONSUMER_SRC LIBDIR C_COMPILER CXX_COMPILER [SANITIZE]
+#   install_test.sh BUILD_DIR CONSUMER_SRC LIBDIR DOCDIR C_COMPILER CXX_COMPILER [SANITIZE]
 set -euo pipefail
 
-build=$1 consumer_src=$2 libdir=$3 cc=$4 cxx=$5 sanitize=${6:-}
+build=$1 consumer_src=$2 libdir=$3 docdir=$4 cc=$5 cxx=$6 sanitize=${7:-}
 # The cache holds OFF (the option's false value) when no sanitizer is chosen.
 case "$sanitize" in OFF | FALSE | NO | 0) sanitize= ;; esac
 work=$(mktemp -d "${TMPDIR:-/tmp}/ulmarcomms-install.XXXXXX")
@@ -39,7 +39,8 @@ for f in include/ulmarcomms.h include/ulmarcomms.hpp \
          "$libdir/cmake/UlmarComms/UlmarCommsConfig.cmake" \
          "$libdir/cmake/UlmarComms/UlmarCommsConfigVersion.cmake" \
          "$libdir/cmake/UlmarComms/UlmarCommsTargets.cmake" \
-         "$libdir/pkgconfig/ulmarcomms.pc" lib/systemd/system/ulmarcommsd.service; do
+         "$libdir/pkgconfig/ulmarcomms.pc" lib/systemd/system/ulmarcommsd.service \
+         "$docdir/user-guide.md" "$docdir/examples/CMakeLists.txt" "$docdir/examples/event_subscriber.cpp"; do
   [ -f "$prefix/$f" ] || fail "missing $f"
 done
 # Only the C interface leaves the library.
@@ -75,6 +76,14 @@ cmake -S "$consumer_src" -B "$work/cmake-build" -G Ninja -DCMAKE_BUILD_TYPE=Debu
   -DCMAKE_C_FLAGS="${flags[*]:-}" -DCMAKE_CXX_FLAGS="${flags[*]:-}" -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" \
   >"$work/consumer-configure.log" 2>&1 || { cat "$work/consumer-configure.log"; fail "consumer configure"; }
 cmake --build "$work/cmake-build" >"$work/consumer-build.log" 2>&1 || { cat "$work/consumer-build.log"; fail "consumer build"; }
+
+echo "== the installed examples build against the installed package"
+cmake -S "$prefix/$docdir/examples" -B "$work/examples-build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+  -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_FLAGS="${flags[*]:-}" -DCMAKE_CXX_FLAGS="${flags[*]:-}" -DCMAKE_EXE_LINKER_FLAGS="${flags[*]:-}" \
+  >"$work/examples.log" 2>&1 && cmake --build "$work/examples-build" >>"$work/examples.log" 2>&1 ||
+  { cat "$work/examples.log"; fail "installed examples"; }
+[ -x "$work/examples-build/event_subscriber" ] || fail "no event_subscriber built from the installed examples"
 
 echo "== same-major version check refuses 2.0"
 mkdir -p "$work/v2"
