@@ -19,6 +19,8 @@
 // Replies and timeouts are bounded: every wait has a deadline (10 s).
 #include "ulmarcomms.h"
 
+#include <atomic>
+#include <thread>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -44,7 +46,9 @@ struct Inbox {
     std::condition_variable changed;
     std::vector<std::string> lines;
     std::string event;
-    void* pump = nullptr;
+    // Stored once the pump is created; a request can be delivered (on the
+    // router worker) before that store, so it is atomic and awaited.
+    std::atomic<void*> pump{nullptr};
 };
 
 void put(Inbox* inbox, const std::string& line)
@@ -76,18 +80,23 @@ std::string text(const char* value)
 void onServeMessage(void* context, void* message, const char*, const char* method)
 {
     Inbox* inbox = static_cast<Inbox*>(context);
+    void* pump = inbox->pump.load();
+    while (pump == nullptr) {
+        std::this_thread::yield();
+        pump = inbox->pump.load();
+    }
     const std::string name = text(method);
     if (name == "fire" && !inbox->event.empty()) {
-        void* event = UlmarCommsCreateEventMessage(inbox->pump, inbox->event.c_str());
+        void* event = UlmarCommsCreateEventMessage(pump, inbox->event.c_str());
         if (event != nullptr)
-            UlmarCommsPostMessage(inbox->pump, event);
+            UlmarCommsPostMessage(pump, event);
     }
     char host[256] = {0};
     gethostname(host, sizeof(host) - 1);
     const std::string answer = "echo:" + name + ":" + host;
-    void* reply = UlmarCommsCreateReplyMessage(inbox->pump, message, answer.c_str());
+    void* reply = UlmarCommsCreateReplyMessage(pump, message, answer.c_str());
     if (reply != nullptr)
-        UlmarCommsPostMessage(inbox->pump, reply);
+        UlmarCommsPostMessage(pump, reply);
 }
 
 void onListenMessage(void* context, void* message, const char*, const char* method)
