@@ -149,7 +149,11 @@ bool ConditionValue::broadcastLocked()
         return false;
     if (pthread_mutex_lock(&m_mutex) != 0)
         return broadcast();
-    UnlockOnExit unlock(&m_mutex);
+    // Passing through the mutex is what closes the gap: a waiter has either
+    // not made its last check yet (and will see the new state) or is inside
+    // the wait. Broadcasting after the unlock spares the woken thread from
+    // blocking at once on the mutex its waker still holds.
+    pthread_mutex_unlock(&m_mutex);
     return pthread_cond_broadcast(&m_cond) == 0;
 }
 

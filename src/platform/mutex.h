@@ -70,8 +70,8 @@ public:
     // the waker, a wake-up cannot fall between the waiter's last check and its
     // wait. Cancellation inside the wait leaves the mutex released.
     bool timedWaitUnless(unsigned ms, bool (*ready)(void* context), void* context);
-    // broadcast() under the condition's mutex (the waker's half of
-    // timedWaitUnless).
+    // broadcast() once the condition's mutex has been taken and released
+    // (the waker's half of timedWaitUnless).
     bool broadcastLocked();
     // Whether construction fully succeeded; an invalid object never blocks.
     bool isValid() const { return m_valid; }
