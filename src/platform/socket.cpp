@@ -505,7 +505,11 @@ unsigned char Socket::recv(unsigned char* buffer, unsigned size)
     request.buffer = buffer;
     request.size = size;
     request.pending = true;
-    if (!armRead(EPOLLIN | EPOLLERR | EPOLLET)) {
+    // One-shot: the kernel disarms the registration as it reports the event,
+    // which is the one completion per recv() the selector needs, without a
+    // system call of its own. A listener keeps its own arming (accepts).
+    const uint32_t oneShot = m_pServerMode == nullptr ? EPOLLONESHOT : 0u;
+    if (!armRead(EPOLLIN | EPOLLERR | EPOLLET | oneShot)) {
         request.pending = false;
         log(Core::LogError, "Socket::recv( %p, %d ) this=%p epoll_ctl failed error:%d.\n", static_cast<void*>(buffer),
             size, static_cast<void*>(this), errno);

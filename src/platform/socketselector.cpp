@@ -243,11 +243,27 @@ void SocketSelectorWorker::processAccept(SocketHold& hold)
     endConnection(hold, code);
 }
 
+void SocketSelectorWorker::rearmOneShotRead(SocketHold& hold)
+{
+    // A one-shot stream registration reported something other than data
+    // and so disarmed itself; the recv() still waiting must stay armed.
+    Socket* socket = hold.socket();
+    MutexLocker locker(hold.record()->lock);
+    if (socket->getType() != SOCK_STREAM || socket->m_pServerMode != nullptr || !hold.record()->readRequest.pending
+        || socket->m_handle == Socket::BadSocketValue)
+        return;
+    epoll_event rearm{};
+    rearm.events = EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT;
+    rearm.data.u64 = socket->token(false);
+    epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &rearm);
+}
+
 void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
 {
     Socket* socket = hold.socket();
     BSDSocketPlatformData* record = hold.record();
     if ((events & EPOLLIN) == 0) {
+        rearmOneShotRead(hold);
         if ((events & EPOLLHUP) != 0) {
             Socket::message("SocketSelectorWorker::ProcessEvent() Have other states for read socket EPOLLHUP\n");
         } else if ((events & EPOLLERR) != 0) {
@@ -280,12 +296,14 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
         if (!request.pending || socket->m_handle == Socket::BadSocketValue)
             return;
         request.pending = false;
-        // Disarm: one completion per recv(). The read request stays the
+        // Disarm: one completion per recv(). A stream recv() registers
+        // one-shot, so the kernel has disarmed it already; a datagram
+        // registration is disarmed here. The read request stays the
         // registration's data, so an error event in between finds a record.
         epoll_event disarm{};
         disarm.events = EPOLLERR | EPOLLET;
         disarm.data.u64 = socket->token(false);
-        if (epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &disarm) != 0) {
+        if (datagram && epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &disarm) != 0) {
             disarmError = errno;
         } else {
             streamReceived = socket->m_streamReceived;
@@ -316,7 +334,7 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
             if (count < 0 && wouldBlock(error)) {
                 request.pending = true;
                 epoll_event rearm{};
-                rearm.events = datagram ? (EPOLLIN | EPOLLERR) : (EPOLLIN | EPOLLERR | EPOLLET);
+                rearm.events = datagram ? (EPOLLIN | EPOLLERR) : (EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT);
                 rearm.data.u64 = socket->token(false);
                 if (epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &rearm) == 0)
                     return;

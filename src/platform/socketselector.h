@@ -45,6 +45,8 @@ public:
 private:
     // Completes the read request (or accepts, on a listener).
     void processRead(SocketHold& hold, uint32_t events);
+    // Arms a one-shot stream read again after an event without data.
+    void rearmOneShotRead(SocketHold& hold);
     // Completes the write request.
     void processWrite(SocketHold& hold, uint32_t events);
     // Accepts one client and reports a failure as the listener's end.
