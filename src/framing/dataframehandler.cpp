@@ -11,6 +11,7 @@
 #include "platform/thread.h"
 
 #include <algorithm>
+#include <utility>
 #include <new>
 #include <sys/socket.h>
 #include <vector>
@@ -71,7 +72,8 @@ private:
 // ---------------------------------------------------------------- lifetime
 
 DataFrameHandler::DataFrameHandler()
-    : m_pInboundBuffer(nullptr), m_inboundSize(0), m_pInboundCurrentFrame(nullptr), m_linkEnding(false),
+    : m_pInboundBuffer(nullptr), m_inboundSize(0), m_pInboundSpare(nullptr), m_pInboundCurrentFrame(nullptr),
+      m_linkEnding(false),
       m_sending(false), m_lastId(0), m_pOutboundBuffer(nullptr), m_outboundSize(0),
       m_pOutboundCurrentFrame(nullptr), m_outboundInFlight(false), m_currentSent(0), m_queuedBytes(0),
       m_outboundHeld(false), m_probe(0), m_pSocket(nullptr), m_callbacksRunning(0)
@@ -101,6 +103,7 @@ DataFrameHandler::~DataFrameHandler()
         m_pInboundCurrentFrame = nullptr;
     }
     delete[] m_pInboundBuffer;
+    delete[] m_pInboundSpare;
     delete[] m_pOutboundBuffer;
 }
 
@@ -114,9 +117,11 @@ bool DataFrameHandler::createBuffers(unsigned inbound, unsigned outbound)
     inbound = std::max(inbound, 1u);
     outbound = std::max(outbound, 1u);
     unsigned char* in = new (std::nothrow) unsigned char[inbound];
+    unsigned char* spare = new (std::nothrow) unsigned char[inbound];
     unsigned char* out = new (std::nothrow) unsigned char[outbound];
-    if (in == nullptr || out == nullptr) {
+    if (in == nullptr || spare == nullptr || out == nullptr) {
         delete[] in;
+        delete[] spare;
         delete[] out;
         Core::log(Core::LogError, "DataFrameHandler::createBuffers( %u, %u ) this=%p Allocation failed.\n", inbound,
                   outbound, static_cast<void*>(this));
@@ -125,7 +130,9 @@ bool DataFrameHandler::createBuffers(unsigned inbound, unsigned outbound)
     {
         MutexLocker locker(m_inboundLock);
         delete[] m_pInboundBuffer;
+        delete[] m_pInboundSpare;
         m_pInboundBuffer = in;
+        m_pInboundSpare = spare;
         m_inboundSize = inbound;
     }
     MutexLocker locker(m_outboundLock);
@@ -604,6 +611,17 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
             return;
         }
     }
+    // The next receive is posted into the other buffer before these bytes
+    // are dispatched. Dispatching wakes the router worker, which answers at
+    // once: it then finds the socket free to write instead of waiting while
+    // the receive is armed. A receive completing meanwhile on another worker
+    // waits for the inbound lock, so frames keep their order.
+    bool posted = false;
+    if (buffer == m_pInboundBuffer && m_pInboundSpare != nullptr) {
+        std::swap(m_pInboundBuffer, m_pInboundSpare);
+        postRecv(socket);
+        posted = true;
+    }
     unsigned offset = 0;
     while (offset < count) {
         bool complete = false;
@@ -628,7 +646,8 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
         offset += consumed;
     }
     Core::verbose("DataFrameHandler::onRecved() this=%p Finished.\n", static_cast<void*>(this));
-    postRecv(socket);
+    if (!posted)
+        postRecv(socket);
 }
 
 bool DataFrameHandler::processInboundCurrentFrame()

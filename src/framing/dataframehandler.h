@@ -167,6 +167,9 @@ private:
     // Where recv delivers, and its size (one transfer, not one frame).
     unsigned char* m_pInboundBuffer;
     unsigned m_inboundSize;
+    // The other receive buffer: the next receive fills one while the frames
+    // of the last are dispatched from the other.
+    unsigned char* m_pInboundSpare;
     // Frames waiting to be written, per kind (commands go first).
     std::deque<DataFrame*> m_messageQueue;
     std::deque<DataFrame*> m_commandQueue;
