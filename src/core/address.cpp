@@ -4,6 +4,7 @@
 #include "core/core.h"
 
 #include <algorithm>
+#include <cstring>
 #include <strings.h>
 
 namespace UlmarComms {
@@ -33,9 +34,36 @@ bool splitOn(const std::string& text, const std::string& delimiters, std::string
 
 Address::Address() = default;
 
+namespace {
+
+// splitOn(text, "/", out) over a range, without copying the range first:
+// every router parses each message's target, so this is on every message's
+// path. At least four slots are kept, so a usual path allocates the list once.
+void splitPath(const char* begin, const char* end, std::vector<std::string>& out)
+{
+    out.clear();
+    if (out.capacity() < 4)
+        out.reserve(4);
+    const char* p = begin;
+    while (p < end) {
+        while (p < end && *p == '/')
+            ++p;
+        const char* start = p;
+        while (p < end && *p != '/')
+            ++p;
+        if (p > start)
+            out.emplace_back(start, static_cast<size_t>(p - start));
+    }
+}
+
+} // namespace
+
 Address::Address(const char* text)
 {
-    set(text != nullptr ? std::string(text) : std::string());
+    if (text != nullptr)
+        parse(text, std::strlen(text));
+    else
+        parse("", 0);
 }
 
 Address::Address(const std::string& text)
@@ -57,13 +85,19 @@ Address& Address::operator=(const Address& other)
 
 void Address::set(const std::string& text)
 {
-    if (!text.empty()) {
-        const size_t at = text.find('@');
-        if (at == std::string::npos) {
-            splitOn(text, "/", m_parts);
+    parse(text.data(), text.size());
+}
+
+void Address::parse(const char* text, size_t length)
+{
+    if (length != 0) {
+        const char* end = text + length;
+        const char* at = static_cast<const char*>(std::memchr(text, '@', length));
+        if (at == nullptr) {
+            splitPath(text, end, m_parts);
         } else {
-            m_host = text.substr(0, at);
-            splitOn(text.substr(at + 1), "/", m_parts);
+            m_host.assign(text, static_cast<size_t>(at - text));
+            splitPath(at + 1, end, m_parts);
         }
     }
     // Only an empty host is filled in here; "localhost" survives parsing and

@@ -40,6 +40,9 @@ public:
     bool match(const Address& other, int& score) const;
 
 private:
+    // set() over a text of length bytes.
+    void parse(const char* text, size_t length);
+
     std::string m_host;
     std::vector<std::string> m_parts;
 };
