@@ -300,6 +300,37 @@ TEST_F(Ulmarcomms, SubscribeToAnUnknownEventIsRefused)
     EXPECT_TRUE(contains(refused.err, "refused the registration for unknown")) << refused.err;
 }
 
+TEST(UlmarcommsRestart, AListenerIsReachableAgainAfterTheDaemonRestarts)
+{
+    const std::string pipe = uniquePipeName();
+    auto first = std::make_unique<Daemon>(pipe);
+    ASSERT_TRUE(first->waitReady()) << first->process().transcript();
+    ChildProcess listener(clientArgs(pipe, {"listen", "survivor", "--interfaces", "r.one", "--reply", "here"}));
+    ASSERT_TRUE(listener.waitForOut("listening on")) << listener.transcript();
+    ASSERT_EQ(client(pipe, {"call", "survivor", "Before"}).status, 0);
+
+    first->process().signal(SIGTERM);
+    ASSERT_EQ(first->process().waitExit(), 0) << first->process().transcript();
+    first.reset();
+    Daemon second(pipe);
+    ASSERT_TRUE(second.waitReady()) << second.process().transcript();
+
+    // The listener's link retries every two seconds; once back, its pump is
+    // announced again, interfaces included.
+    RunResult after;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    do {
+        after = client(pipe, {"--timeout", "500", "call", "survivor", "After"});
+    } while (after.status != 0 && std::chrono::steady_clock::now() < deadline);
+    EXPECT_EQ(after.status, 0) << after.transcript() << listener.transcript();
+    EXPECT_EQ(after.out, "here\n");
+    RunResult who = client(pipe, {"who-supports", "r.one"});
+    EXPECT_EQ(who.out, hostName() + "@survivor\n") << who.transcript();
+
+    listener.signal(SIGINT);
+    EXPECT_EQ(listener.waitExit(), 0) << listener.transcript();
+}
+
 TEST_F(Ulmarcomms, RefusedSettingsAreAUsageError)
 {
     RunResult refused = run({"--set", "no.such.key=1", "info"});
