@@ -16,6 +16,7 @@
 #include "core/core.h"
 #include "framing/dataframe.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,24 +42,9 @@ namespace {
 const char kLocalhost[] = "localhost";
 const unsigned kLocalhostLength = 9;
 
-// Copies length bytes into a new array; null (and length 0) when memory ran out.
-char* storeBytes(const char* text, size_t length, uint32_t& stored)
-{
-    char* copy = new (std::nothrow) char[length];
-    if (copy == nullptr) {
-        stored = 0;
-        return nullptr;
-    }
-    std::memcpy(copy, text, length);
-    stored = static_cast<uint32_t>(length);
-    return copy;
-}
-
-// Copies a NUL-terminated text, NUL included.
-char* storeString(const char* text, uint32_t& stored)
-{
-    return storeBytes(text, std::strlen(text) + 1, stored);
-}
+// The smallest overflow block: a message that outgrows its inline space
+// once usually grows a little more.
+const size_t kMinTextBlockBytes = 512;
 
 // "_t", "_f" and any longer key beginning with them carry addresses.
 bool isAddressKey(const char* key)
@@ -84,24 +70,59 @@ void writeU32(unsigned char* p, uint32_t value)
 MessageItem::MessageItem()
     : m_pNext(nullptr),
       m_argumentCount(0),
-      m_keys(new char*[s_maxNumberArguments]()),
-      m_keyLengths(new uint8_t[s_maxNumberArguments]()),
-      m_values(new char*[s_maxNumberArguments]()),
-      m_valueLengths(new uint32_t[s_maxNumberArguments]()),
-      m_count(1)
+      m_count(1),
+      m_keys(),
+      m_values(),
+      m_valueLengths(),
+      m_keyLengths(),
+      m_pFreeText(m_inlineText),
+      m_freeTextBytes(s_inlineTextBytes),
+      m_pBlocks(nullptr)
 {
 }
 
 MessageItem::~MessageItem()
 {
-    for (int i = 0; i < s_maxNumberArguments; ++i) {
-        delete[] m_keys[i];
-        delete[] m_values[i];
+    while (m_pBlocks != nullptr) {
+        TextBlock* next = m_pBlocks->next;
+        std::free(m_pBlocks);
+        m_pBlocks = next;
     }
-    delete[] m_keys;
-    delete[] m_keyLengths;
-    delete[] m_values;
-    delete[] m_valueLengths;
+}
+
+bool MessageItem::reserveText(size_t length)
+{
+    if (length <= m_freeTextBytes)
+        return true;
+    const size_t bytes = std::max(length, kMinTextBlockBytes);
+    void* raw = std::malloc(sizeof(TextBlock) + bytes);
+    if (raw == nullptr)
+        return false;
+    TextBlock* block = static_cast<TextBlock*>(raw);
+    block->next = m_pBlocks;
+    m_pBlocks = block;
+    // The rest of the previous space is given up: texts are never split.
+    m_pFreeText = reinterpret_cast<char*>(block + 1);
+    m_freeTextBytes = bytes;
+    return true;
+}
+
+char* MessageItem::allocateText(size_t length)
+{
+    if (!reserveText(length))
+        return nullptr;
+    char* text = m_pFreeText;
+    m_pFreeText += length;
+    m_freeTextBytes -= length;
+    return text;
+}
+
+char* MessageItem::storeBytes(const char* text, size_t length)
+{
+    char* copy = allocateText(length);
+    if (copy != nullptr)
+        std::memcpy(copy, text, length);
+    return copy;
 }
 
 MessageItem* MessageItem::create()
@@ -143,31 +164,31 @@ bool MessageItem::add(const char* key, const char* value)
     if (key == nullptr || value == nullptr || m_argumentCount >= s_maxNumberArguments)
         return false;
     const int index = m_argumentCount;
-    uint32_t keyLength = 0;
-    char* keyCopy = storeString(key, keyLength);
-    if (keyCopy == nullptr)
-        return false;
-    uint32_t valueLength = 0;
-    char* valueCopy = nullptr;
+    const size_t keyLength = std::strlen(key) + 1;
+    const char* source = value;
+    size_t sourceLength = std::strlen(value);
+    const std::string* hostName = nullptr;
     if (isAddressKey(key) && std::strncmp(value, kLocalhost, kLocalhostLength) == 0) {
         // Substitution is by prefix, not by separator: "localhostess" on host
         // "myhost" becomes "myhostess"; other builds of the system agree.
-        std::string substituted = Core::instance()->getHostName();
-        substituted.append(value + kLocalhostLength);
-        valueCopy = storeString(substituted.c_str(), valueLength);
-    } else {
-        valueCopy = storeString(value, valueLength);
+        hostName = &Core::instance()->getHostName();
+        source = value + kLocalhostLength;
+        sourceLength -= kLocalhostLength;
     }
-    if (valueCopy == nullptr) {
-        delete[] keyCopy;
+    const size_t prefixLength = hostName != nullptr ? hostName->size() : 0;
+    const size_t valueLength = prefixLength + sourceLength + 1;
+    // Both texts are placed at once, so a failure leaves nothing half added.
+    if (!reserveText(keyLength + valueLength))
         return false;
-    }
-    delete[] m_keys[index];
-    delete[] m_values[index];
+    char* keyCopy = storeBytes(key, keyLength);
+    char* valueCopy = allocateText(valueLength);
+    if (prefixLength > 0)
+        std::memcpy(valueCopy, hostName->data(), prefixLength);
+    std::memcpy(valueCopy + prefixLength, source, sourceLength + 1);
     m_keys[index] = keyCopy;
     m_keyLengths[index] = static_cast<uint8_t>(keyLength); // wraps for keys of 255+
     m_values[index] = valueCopy;
-    m_valueLengths[index] = valueLength;
+    m_valueLengths[index] = static_cast<uint32_t>(valueLength);
     ++m_argumentCount;
     return true;
 }
@@ -325,6 +346,10 @@ bool MessageItem::fromBuffer(const unsigned char* buffer, unsigned length)
     const unsigned count = buffer[5];
     if (count < 1 || count > static_cast<unsigned>(s_maxNumberArguments) || m_argumentCount != 0)
         return false;
+    // The texts of a packet are fewer bytes than the packet: one reservation
+    // serves every pair.
+    if (!reserveText(length))
+        return false;
     size_t offset = 6;
     for (unsigned i = 0; i < count; ++i) {
         if (length - offset < 5)
@@ -339,19 +364,14 @@ bool MessageItem::fromBuffer(const unsigned char* buffer, unsigned length)
         const char* valueBytes = keyBytes + keyLength;
         if (keyBytes[keyLength - 1] != '\0' || valueBytes[valueLength - 1] != '\0')
             return false;
-        uint32_t storedKey = 0;
-        uint32_t storedValue = 0;
-        char* keyCopy = storeBytes(keyBytes, keyLength, storedKey);
-        char* valueCopy = storeBytes(valueBytes, valueLength, storedValue);
-        if (keyCopy == nullptr || valueCopy == nullptr) {
-            delete[] keyCopy;
-            delete[] valueCopy;
+        // Key and value are adjacent in the packet and stay so here.
+        char* texts = storeBytes(keyBytes, keyLength + valueLength);
+        if (texts == nullptr)
             return false;
-        }
-        m_keys[m_argumentCount] = keyCopy;
-        m_keyLengths[m_argumentCount] = static_cast<uint8_t>(storedKey);
-        m_values[m_argumentCount] = valueCopy;
-        m_valueLengths[m_argumentCount] = storedValue;
+        m_keys[m_argumentCount] = texts;
+        m_keyLengths[m_argumentCount] = static_cast<uint8_t>(keyLength);
+        m_values[m_argumentCount] = texts + keyLength;
+        m_valueLengths[m_argumentCount] = valueLength;
         ++m_argumentCount;
         offset += keyLength + valueLength;
     }

@@ -124,13 +124,37 @@ private:
     MessageItem(const MessageItem&) = delete;
     MessageItem& operator=(const MessageItem&) = delete;
 
+    // Texts of an ordinary message fit here, so building, receiving and
+    // freeing one costs a single allocation: on the message path the
+    // allocator was the largest cost of all.
+    static constexpr unsigned s_inlineTextBytes = 320;
+
+    // A block taken when the texts outgrow the inline space; its bytes
+    // follow it. Blocks are never moved, so stored texts keep their address.
+    struct TextBlock {
+        TextBlock* next;
+    };
+
+    // Room for length text bytes; null when memory ran out.
+    char* allocateText(size_t length);
+    // Makes sure the next length text bytes need no further allocation.
+    bool reserveText(size_t length);
+    // Copies length bytes into the text storage; null when memory ran out.
+    char* storeBytes(const char* text, size_t length);
+
     uint8_t m_argumentCount;
-    char** m_keys;
-    uint8_t* m_keyLengths;
-    char** m_values;
-    uint32_t* m_valueLengths;
     int32_t m_count;
+    char* m_keys[s_maxNumberArguments];
+    char* m_values[s_maxNumberArguments];
+    uint32_t m_valueLengths[s_maxNumberArguments];
+    uint8_t m_keyLengths[s_maxNumberArguments];
     std::string m_eventName;
+    // Where the next text goes and how many bytes are left there.
+    char* m_pFreeText;
+    size_t m_freeTextBytes;
+    // Overflow blocks, newest first.
+    TextBlock* m_pBlocks;
+    alignas(8) char m_inlineText[s_inlineTextBytes];
 };
 
 class INetworkRouter;
