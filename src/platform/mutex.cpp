@@ -102,6 +102,18 @@ struct timespec deadlineAfter(unsigned ms)
     return deadline;
 }
 
+// The same deadline carried into the seconds. The router threads wait in
+// short loops: with the unnormalised deadline every wait in the last few
+// milliseconds of each second returned at once, and those threads spun
+// there, taking the processor from the very threads that had work.
+struct timespec normalisedDeadlineAfter(unsigned ms)
+{
+    struct timespec deadline = deadlineAfter(ms);
+    deadline.tv_sec += deadline.tv_nsec / 1000000000L;
+    deadline.tv_nsec %= 1000000000L;
+    return deadline;
+}
+
 // Releases a locked mutex when the scope ends, also when a cancelled wait
 // unwinds the thread with the mutex re-acquired.
 class UnlockOnExit {
@@ -138,7 +150,7 @@ bool ConditionValue::timedWaitUnless(unsigned ms, bool (*ready)(void* context), 
     UnlockOnExit unlock(&m_mutex);
     if (ready != nullptr && ready(context))
         return true;
-    const struct timespec deadline = deadlineAfter(ms);
+    const struct timespec deadline = normalisedDeadlineAfter(ms);
     const int waited = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
     return waited == 0 || waited == ETIMEDOUT;
 }

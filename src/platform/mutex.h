@@ -68,7 +68,8 @@ public:
     // timedWait that first asks ready(context) under the condition's own mutex
     // and returns true at once when it holds. Paired with broadcastLocked() by
     // the waker, a wake-up cannot fall between the waiter's last check and its
-    // wait. Cancellation inside the wait leaves the mutex released.
+    // wait. Its deadline is carried into the seconds, so it really waits at
+    // any moment. Cancellation inside the wait leaves the mutex released.
     bool timedWaitUnless(unsigned ms, bool (*ready)(void* context), void* context);
     // broadcast() once the condition's mutex has been taken and released
     // (the waker's half of timedWaitUnless).

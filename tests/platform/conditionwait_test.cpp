@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <sys/time.h>
 #include <thread>
 
 using namespace UlmarCommsSystem;
@@ -63,4 +64,19 @@ TEST(ConditionValuePredicate, BroadcastLockedWaitsWhileTheWaiterChecks)
     probe.waker.join();
     EXPECT_FALSE(probe.doneDuringCheck);
     EXPECT_TRUE(probe.broadcastDone.load());
+}
+
+TEST(ConditionValuePredicate, WaitsAlsoInTheLastMillisecondsOfASecond)
+{
+    // A 5 ms deadline taken late in a second runs into the next one; the
+    // router threads' waits must still wait there instead of failing at once.
+    ConditionValue condition;
+    std::atomic<bool> never{false};
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    struct timeval now;
+    do {
+        gettimeofday(&now, nullptr);
+    } while ((now.tv_usec < 996000 || now.tv_usec > 998500) && std::chrono::steady_clock::now() < giveUp);
+    ASSERT_LT(std::chrono::steady_clock::now(), giveUp) << "never saw the end of a second";
+    EXPECT_TRUE(condition.timedWaitUnless(5, &readFlag, &never));
 }
