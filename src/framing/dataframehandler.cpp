@@ -69,6 +69,17 @@ private:
     DataFrameHandler* m_pHandler;
 };
 
+class DataFrameHandler::DispatchScope {
+public:
+    explicit DispatchScope(DataFrameHandler* handler) : m_pHandler(handler) {}
+    ~DispatchScope() { m_pHandler->endDispatch(); }
+    DispatchScope(const DispatchScope&) = delete;
+    DispatchScope& operator=(const DispatchScope&) = delete;
+
+private:
+    DataFrameHandler* m_pHandler;
+};
+
 // ---------------------------------------------------------------- lifetime
 
 DataFrameHandler::DataFrameHandler()
@@ -76,7 +87,7 @@ DataFrameHandler::DataFrameHandler()
       m_linkEnding(false),
       m_sending(false), m_lastId(0), m_pOutboundBuffer(nullptr), m_outboundSize(0),
       m_pOutboundCurrentFrame(nullptr), m_outboundInFlight(false), m_currentSent(0), m_queuedBytes(0),
-      m_outboundHeld(false), m_probe(0), m_pSocket(nullptr), m_callbacksRunning(0)
+      m_outboundHeld(false), m_heldFrames(false), m_probe(0), m_pSocket(nullptr), m_callbacksRunning(0)
 {
     Core::verbose("DataFrameHandler::DataFrameHandler() this=%p\n", static_cast<void*>(this));
 }
@@ -287,6 +298,26 @@ bool DataFrameHandler::mayWrite() const
 
 bool DataFrameHandler::addToOutbound(MessageItem* message)
 {
+    return addMessage(message, false);
+}
+
+bool DataFrameHandler::addToOutboundHeld(MessageItem* message)
+{
+    return addMessage(message, true);
+}
+
+void DataFrameHandler::flushOutbound()
+{
+    MutexLocker locker(m_outboundLock);
+    if (!m_heldFrames)
+        return;
+    m_heldFrames = false;
+    if (mayWrite())
+        sendOutbound();
+}
+
+bool DataFrameHandler::addMessage(MessageItem* message, bool hold)
+{
     MutexLocker locker(m_outboundLock);
     Core::verbose("DataFrameHandler::addToOutbound( [MessageItem] %p ) this=%p\n", static_cast<void*>(message),
                   static_cast<void*>(this));
@@ -307,7 +338,7 @@ bool DataFrameHandler::addToOutbound(MessageItem* message)
                   static_cast<void*>(message), static_cast<void*>(this));
         return false;
     }
-    return enqueue(frame, false);
+    return enqueue(frame, false, hold);
 }
 
 bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
@@ -338,11 +369,18 @@ bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
                   code, shown, static_cast<void*>(this));
         return false;
     }
-    return enqueue(frame, true);
+    return enqueue(frame, true, false);
 }
 
-bool DataFrameHandler::enqueue(DataFrame* frame, bool command)
+bool DataFrameHandler::enqueue(DataFrame* frame, bool command, bool hold)
 {
+    // Held messages were queued as if written at once: a command must not
+    // overtake them, so they are tried before it joins the queue.
+    if (command && m_heldFrames) {
+        m_heldFrames = false;
+        if (mayWrite())
+            sendOutbound();
+    }
     const uint64_t size = wireSize(frame);
     // A peer that stops reading must not make us hold unbounded memory.
     if (m_queuedBytes > 0 && m_queuedBytes + size > MaxQueuedBytes) {
@@ -363,6 +401,11 @@ bool DataFrameHandler::enqueue(DataFrame* frame, bool command)
     }
     m_lastId = frame->id();
     m_queuedBytes += size;
+    if (hold) {
+        m_heldFrames = true;
+        return true;
+    }
+    m_heldFrames = false; // the write below takes them along
     if (mayWrite() && !m_sending) {
         Core::verbose("DataFrameHandler::addToOutbound() sendOutbound()\n");
         sendOutbound();
@@ -622,6 +665,10 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
         postRecv(socket);
         posted = true;
     }
+    // Messages this block sends on to other links are written once the
+    // whole block is dispatched, in one send per link instead of one each.
+    beginDispatch();
+    DispatchScope dispatching(this);
     unsigned offset = 0;
     while (offset < count) {
         bool complete = false;

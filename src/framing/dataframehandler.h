@@ -87,6 +87,11 @@ public:
     bool addToOutbound(MessageItem* message);
     // Queues a command frame.
     bool addToOutbound(unsigned char code, const char* text);
+    // Queues a message frame without trying to write it: the caller queues
+    // more and then calls flushOutbound once, so they share one send.
+    bool addToOutboundHeld(MessageItem* message);
+    // Writes the frames queued by addToOutboundHeld, if the link may write.
+    void flushOutbound();
 
     // A new empty frame, or null.
     DataFrame* create();
@@ -124,6 +129,10 @@ public:
     static void onDisconnectFunction(Socket* socket, void* user);
 
 protected:
+    // Called with the inbound lock held before and after the frames of one
+    // received block are dispatched; the defaults do nothing.
+    virtual void beginDispatch() {}
+    virtual void endDispatch() {}
     // Waits until no callback of this handler runs on another thread. Owners
     // call it before destroying state that callbacks use: a callback that
     // took the socket (onError) no longer keeps its deletion waiting.
@@ -132,6 +141,8 @@ protected:
 private:
     // Counts a callback in progress for waitForCallbacksToEnd.
     class CallbackScope;
+    // Calls endDispatch when a block's dispatch ends, however it ends.
+    class DispatchScope;
 
     // Picks the next frame when none is being written (outbound lock held).
     void sendOutbound();
@@ -147,8 +158,11 @@ private:
     // Accounts count bytes as gone; true while a current frame is left to
     // write (outbound lock held).
     bool completeSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size);
-    // Appends a built frame, or refuses it when the queue is full (outbound lock held).
-    bool enqueue(DataFrame* frame, bool command);
+    // Builds and queues a message frame, written at once unless held.
+    bool addMessage(MessageItem* message, bool hold);
+    // Appends a built frame, or refuses it when the queue is full; writes
+    // unless held (outbound lock held).
+    bool enqueue(DataFrame* frame, bool command, bool hold);
     // Whether frames may be written now (outbound lock held).
     bool mayWrite() const;
     // Forgets the socket; the frame in flight is kept only if nothing of it left.
@@ -199,6 +213,8 @@ private:
     uint64_t m_queuedBytes;
     // Set by holdOutbound: frames queue but none is written.
     bool m_outboundHeld;
+    // Message frames were queued by addToOutboundHeld and not yet written.
+    bool m_heldFrames;
     // One byte written after a shutdown to make the socket report its end.
     unsigned char m_probe;
     // Written under both locks, so either lock gives a stable view.

@@ -35,7 +35,7 @@ unsigned setting(const char* key)
 
 // ======================================================= router proxy
 
-SocketMessageRouterProxy::SocketMessageRouterProxy() : m_pSystemRouter(nullptr)
+SocketMessageRouterProxy::SocketMessageRouterProxy() : m_pSystemRouter(nullptr), m_pDispatchRouter(nullptr)
 {
     Core::message("SocketMessageRouterProxy::SocketMessageRouterProxy() this=%p\n", static_cast<void*>(this));
     const unsigned outbound = setting("socketmessagerouterproxy.outbound.size");
@@ -68,9 +68,40 @@ void SocketMessageRouterProxy::setSocket(Socket* socket)
         socket->setUserData(this);
 }
 
+bool SocketMessageRouterProxy::postHeld(MessageItem* message)
+{
+    return queueMessage(message, true);
+}
+
+void SocketMessageRouterProxy::flushHeld()
+{
+    flushOutbound();
+}
+
+void SocketMessageRouterProxy::beginDispatch()
+{
+    m_pDispatchRouter = m_pSystemRouter.load();
+    if (m_pDispatchRouter != nullptr)
+        m_pDispatchRouter->holdWrites();
+}
+
+void SocketMessageRouterProxy::endDispatch()
+{
+    ISystemRouter* router = m_pDispatchRouter;
+    m_pDispatchRouter = nullptr;
+    if (router != nullptr)
+        router->flushHeldWrites();
+}
+
 bool SocketMessageRouterProxy::post(MessageItem* message)
 {
-    if (!addToOutbound(message)) {
+    return queueMessage(message, false);
+}
+
+bool SocketMessageRouterProxy::queueMessage(MessageItem* message, bool hold)
+{
+    const bool queued = hold ? addToOutboundHeld(message) : addToOutbound(message);
+    if (!queued) {
         Core::log(Core::LogError,
                   "SocketMessageRouterProxy::post( %p ) this=%p Failed to add the message to the outbound queue.\n",
                   static_cast<void*>(message), static_cast<void*>(this));

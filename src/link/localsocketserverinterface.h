@@ -47,6 +47,12 @@ public:
     bool post(MessageItem* message) override;
     // Queues a link command for the process.
     void commandHandler(unsigned char code, const char* text) override;
+    // The link can queue messages unwritten until flushHeld.
+    bool canHoldWrites() const override { return true; }
+    // Queues a message unwritten; false (caller keeps it) when refused.
+    bool postHeld(MessageItem* message) override;
+    // Writes the messages postHeld queued.
+    void flushHeld() override;
 
     // A command from the process goes to the system router, from this proxy.
     void doHandleCommand(unsigned char code, const std::string& text) override;
@@ -62,9 +68,20 @@ public:
     // The attached system router, or null.
     ISystemRouter* systemRouter() const { return m_pSystemRouter.load(); }
 
+protected:
+    // A received block's messages for other links are held until it ends.
+    void beginDispatch() override;
+    void endDispatch() override;
+
 private:
+    // post and postHeld: queues the message and releases it.
+    bool queueMessage(MessageItem* message, bool hold);
+
     // Where incoming traffic goes (not owned); null once detached.
     std::atomic<ISystemRouter*> m_pSystemRouter;
+    // The router asked to hold writes for the block being dispatched
+    // (inbound lock held).
+    ISystemRouter* m_pDispatchRouter;
 };
 
 // The listener of the local link, attached to the real system router.

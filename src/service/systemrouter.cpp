@@ -49,6 +49,17 @@ struct PostDepthGuard {
     ~PostDepthGuard() { --t_postDepth; }
 };
 
+// A link's receive path holds writes while it dispatches one block: the
+// links its messages go to are written once at the end, not once each.
+thread_local int t_holdDepth = 0;
+
+// A link with messages queued unwritten on this thread, and its router.
+struct HeldLink {
+    const SystemRouter* owner;
+    IMessageRouter* link;
+};
+thread_local std::vector<HeldLink> t_heldLinks;
+
 } // namespace
 
 SystemRouter::SystemRouter()
@@ -111,6 +122,8 @@ bool SystemRouter::add(IMessageRouter* router, const char* address)
     MutexLocker locker(m_tableLock);
     // Prefix matching means a pump whose leading names equal an existing entry
     // updates that entry instead of adding one.
+    if (router != nullptr && std::find(m_links.begin(), m_links.end(), router) == m_links.end())
+        m_links.push_back(router);
     RoutingEntry* entry = find(parsed);
     if (entry != nullptr) {
         entry->router = router;
@@ -129,6 +142,9 @@ bool SystemRouter::remove(IMessageRouter* router)
     auto listed = std::find(m_routers.begin(), m_routers.end(), router);
     if (listed != m_routers.end())
         m_routers.erase(listed);
+    auto link = std::find(m_links.begin(), m_links.end(), router);
+    if (link != m_links.end())
+        m_links.erase(link);
     for (auto it = m_routingTable.begin(); it != m_routingTable.end();) {
         if ((*it)->router == router) {
             delete *it;
@@ -238,7 +254,14 @@ bool SystemRouter::post(MessageItem* message)
             // The result is not looked at; a router that refused left the
             // message with us, and nothing else will free it.
             bool consumed = false;
-            if (!postToRouter(entry->router, message, consumed) && !consumed)
+            if (t_holdDepth > 0 && entry->router->canHoldWrites()) {
+                consumed = entry->router->postHeld(message);
+                if (consumed)
+                    rememberHeld(entry->router);
+            } else {
+                postToRouter(entry->router, message, consumed);
+            }
+            if (!consumed)
                 MessageItem::release(message);
             return true;
         }
@@ -255,6 +278,41 @@ bool SystemRouter::post(MessageItem* message)
     }
     m_wakeUp.broadcastLocked();
     return true;
+}
+
+void SystemRouter::holdWrites()
+{
+    ++t_holdDepth;
+}
+
+void SystemRouter::rememberHeld(IMessageRouter* link)
+{
+    for (const HeldLink& held : t_heldLinks) {
+        if (held.owner == this && held.link == link)
+            return;
+    }
+    t_heldLinks.push_back(HeldLink{this, link});
+}
+
+void SystemRouter::flushHeldWrites()
+{
+    if (t_holdDepth > 0)
+        --t_holdDepth;
+    if (t_holdDepth > 0 || t_heldLinks.empty())
+        return;
+    // Under the table lock a link still listed cannot be deleted: links are
+    // removed from the table before they go. One removed meanwhile took its
+    // queue with it.
+    MutexLocker locker(m_tableLock);
+    for (auto held = t_heldLinks.begin(); held != t_heldLinks.end();) {
+        if (held->owner != this) {
+            ++held;
+            continue;
+        }
+        if (std::find(m_links.begin(), m_links.end(), held->link) != m_links.end())
+            held->link->flushHeld();
+        held = t_heldLinks.erase(held);
+    }
 }
 
 unsigned SystemRouter::run()

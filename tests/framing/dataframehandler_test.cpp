@@ -683,6 +683,44 @@ TEST_F(FrameLinkTest, CommandsOvertakeQueuedMessagesAndIdsRunAcrossBothKinds)
     MessageItem::release(third);
 }
 
+// Held messages wait for the flush, or for the next frame written normally;
+// a command queued after them does not overtake them, since without holding
+// they would already have left.
+TEST_F(FrameLinkTest, HeldMessagesLeaveAtTheFlushAndAreNotOvertakenByALaterCommand)
+{
+    auto server = unixServer();
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    Bytes expected;
+    unsigned id = 0;
+    auto holdOne = [&](const std::string& tag) {
+        MessageItem* message = makeMessage(tag, 12);
+        ASSERT_TRUE(accepted->addToOutboundHeld(message));
+        append(expected, messageFrame(++id, message));
+        MessageItem::release(message);
+    };
+    holdOne("h1");
+    holdOne("h2");
+    EXPECT_EQ(accepted->queuedFrames(), 2u) << "held messages are not written before the flush";
+    accepted->flushOutbound();
+    holdOne("h3");
+    ASSERT_TRUE(accepted->addToOutbound(5, "after"));
+    append(expected, commandFrame(++id, 5, "after"));
+    holdOne("h4");
+    MessageItem* plain = makeMessage("plain", 3);
+    ASSERT_TRUE(accepted->addToOutbound(plain));
+    append(expected, messageFrame(++id, plain));
+    MessageItem::release(plain);
+
+    Bytes received;
+    ASSERT_TRUE(peer.readExactly(expected.size(), received));
+    EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
+    EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
+}
+
 TEST_F(FrameLinkTest, FramesQueuedBeforeTheLinkLeaveOnceReleasedCommandsFirst)
 {
     auto server = unixServer();
