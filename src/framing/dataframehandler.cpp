@@ -206,6 +206,12 @@ void DataFrameHandler::setSocket(Socket* socket)
                   static_cast<void*>(socket));
 }
 
+UlmarCommsSystem::SocketHold DataFrameHandler::holdSocket()
+{
+    MutexLocker outbound(m_outboundLock);
+    return UlmarCommsSystem::SocketHold(m_pSocket.load());
+}
+
 Socket* DataFrameHandler::takeSocket()
 {
     MutexLocker inbound(m_inboundLock);

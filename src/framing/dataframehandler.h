@@ -100,6 +100,9 @@ public:
 
     // The socket in use, or null.
     Socket* socket() const { return m_pSocket.load(); }
+    // A hold on the socket in use (empty without one): sockets are deleted
+    // only after being taken from the handler, so it cannot go meanwhile.
+    UlmarCommsSystem::SocketHold holdSocket();
     // Forgets the socket and returns it (null if none) for the caller to
     // delete; from now on no frame is written to it.
     Socket* takeSocket();

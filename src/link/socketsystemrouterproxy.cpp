@@ -11,6 +11,9 @@
 #include "platform/socket.h"
 #include "platform/sockettimeout.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 namespace UlmarComms {
 
 using UlmarCommsSystem::MutexLocker;
@@ -187,6 +190,40 @@ void SocketSystemRouterProxy::doHandleMessage(MessageItem* message)
         if (!consumed)
             MessageItem::release(message);
     }
+}
+
+int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)
+{
+    UlmarCommsSystem::SocketHold hold = holdSocket();
+    Socket* link = hold.socket();
+    if (link == nullptr)
+        return InputUnsupported;
+    // A read being completed by a selector worker right now cannot be taken;
+    // that worker wakes the router as usual.
+    const int handle = link->takeRead();
+    if (handle < 0)
+        return InputUnsupported;
+    pollfd waits[2] = {{handle, POLLIN, 0}, {wakeHandle, POLLIN, 0}};
+    const int ready = ::poll(waits, 2, static_cast<int>(ms));
+    if (ready == 0)
+        return InputTaken;
+    if ((waits[1].revents & POLLIN) != 0) {
+        uint64_t count = 0;
+        ssize_t drained = ::read(wakeHandle, &count, sizeof(count));
+        (void)drained;
+    }
+    if ((waits[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0)
+        link->completeTakenRead(hold);
+    else
+        link->returnRead(); // woken: the worker has work and the selector reads again
+    return InputDone;
+}
+
+void SocketSystemRouterProxy::releaseInput()
+{
+    UlmarCommsSystem::SocketHold hold = holdSocket();
+    if (Socket* link = hold.socket())
+        link->returnRead();
 }
 
 void SocketSystemRouterProxy::doHandleCommand(unsigned char code, const std::string& text)

@@ -12,7 +12,10 @@
 // Threads. post and handleCommand: the router worker and application
 // threads. onConnected: the thread that connects (start's caller, or the
 // timer thread for reconnections). onDisconnect, onError, doHandleMessage,
-// doHandleCommand: selector workers. onDoReconnect: the timer thread (a
+// doHandleCommand: selector workers, or the router worker when it was idle
+// and read the link itself (waitForInput): a message for this process is
+// then delivered without waking the worker from another thread, the one
+// hand-off a round trip could lose. onDoReconnect: the timer thread (a
 // selector worker). Only the timer flags are guarded by the proxy's lock,
 // which is never held across connect().
 //
@@ -76,6 +79,11 @@ public:
     void doHandleCommand(unsigned char code, const std::string& text) override;
     // A message from the service goes to the MessageRouter, which owns it.
     void doHandleMessage(MessageItem* message) override;
+    // The idle router worker waits for the link itself and completes what
+    // arrives on its own thread; see ISystemRouter.
+    int waitForInput(unsigned ms, int wakeHandle) override;
+    // Hands a read the worker left taken back to the selector.
+    void releaseInput() override;
     // Uses socket for the link.
     void setSocket(Socket* socket) override;
 

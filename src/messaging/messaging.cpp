@@ -23,6 +23,9 @@
 #include <cxxabi.h>
 #include <new>
 #include <pthread.h>
+#include <thread>
+#include <unistd.h>
+#include <sys/eventfd.h>
 
 namespace UlmarComms {
 
@@ -474,9 +477,20 @@ MessageItem* MessageQueue::pop()
     return message;
 }
 
+// The worker running on this thread, if any: its own kicks need no wake-up.
+thread_local const MessageRouterWorker* t_pRunningWorker = nullptr;
+
 MessageRouterWorker::MessageRouterWorker(MessageRouter* router)
-    : m_pRouter(router), m_running(false), m_pending(false)
+    : m_pRouter(router), m_running(false), m_pending(false),
+      m_wakeHandle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), m_inInputWait(false), m_usingSystemRouter(false),
+      m_inputTaken(false)
 {
+}
+
+MessageRouterWorker::~MessageRouterWorker()
+{
+    if (m_wakeHandle >= 0)
+        close(m_wakeHandle);
 }
 
 bool MessageRouterWorker::start()
@@ -490,16 +504,73 @@ bool MessageRouterWorker::start()
 void MessageRouterWorker::kick()
 {
     // Only the first kick after the worker last emptied the queue needs to
-    // wake it; later ones find it still draining.
-    if (!m_pending.exchange(true))
-        m_condition.broadcastLocked();
+    // wake it; later ones find it still draining. The worker itself (input
+    // it completed while waiting) looks at the queue next anyway.
+    if (m_pending.exchange(true) || t_pRunningWorker == this)
+        return;
+    if (m_inInputWait.load())
+        wakeInputWait();
+    m_condition.broadcastLocked();
+}
+
+void MessageRouterWorker::wakeInputWait()
+{
+    if (m_wakeHandle < 0)
+        return;
+    const uint64_t one = 1;
+    // A full counter already wakes the wait; nothing else can fail here.
+    ssize_t written = write(m_wakeHandle, &one, sizeof(one));
+    (void)written;
 }
 
 void MessageRouterWorker::shutdown()
 {
     m_running = false;
+    wakeInputWait();
     m_condition.broadcastLocked();
     waitToFinish();
+}
+
+void MessageRouterWorker::waitUntilSystemRouterReleased()
+{
+    // The caller stored the new system router first, so a worker that loads
+    // it from now on gets the new one; one still in the old is woken.
+    while (m_usingSystemRouter.load()) {
+        wakeInputWait();
+        std::this_thread::yield();
+    }
+}
+
+bool MessageRouterWorker::waitForInput()
+{
+    if (m_wakeHandle < 0)
+        return false;
+    m_inInputWait = true;
+    if (m_pending.load()) {
+        // A kick came in between: the queue has work.
+        m_inInputWait = false;
+        return true;
+    }
+    m_usingSystemRouter = true;
+    ISystemRouter* systemRouter = m_pRouter->systemRouter();
+    const int done = systemRouter != nullptr ? systemRouter->waitForInput(kWorkerWaitMs, m_wakeHandle)
+                                             : ISystemRouter::InputUnsupported;
+    m_usingSystemRouter = false;
+    m_inInputWait = false;
+    if (done == ISystemRouter::InputUnsupported)
+        return false;
+    m_inputTaken = done == ISystemRouter::InputTaken;
+    return true;
+}
+
+void MessageRouterWorker::releaseInput()
+{
+    m_inputTaken = false;
+    m_usingSystemRouter = true;
+    ISystemRouter* systemRouter = m_pRouter->systemRouter();
+    if (systemRouter != nullptr)
+        systemRouter->releaseInput();
+    m_usingSystemRouter = false;
 }
 
 bool MessageRouterWorker::hasPendingWork(void* worker)
@@ -514,6 +585,7 @@ unsigned MessageRouterWorker::run()
     // only in the idle wait, where the worker holds no message and no lock.
     int previous = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    t_pRunningWorker = this;
     while (m_running) {
         MessageItem* message = m_pRouter->nextMessage();
         if (message == nullptr) {
@@ -525,12 +597,25 @@ unsigned MessageRouterWorker::run()
         }
         if (message == nullptr) {
             pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+            pthread_testcancel();
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+            // Idle: wait for the link's input here when the system router
+            // offers it, else on the condition.
+            if (waitForInput())
+                continue;
+            pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
             m_condition.timedWaitUnless(kWorkerWaitMs, &MessageRouterWorker::hasPendingWork, this);
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
             continue;
         }
+        // Busy from here: the link's usual readers take over again.
+        if (m_inputTaken)
+            releaseInput();
         deliver(message);
     }
+    if (m_inputTaken)
+        releaseInput();
+    t_pRunningWorker = nullptr;
     return 1;
 }
 
@@ -590,12 +675,28 @@ bool MessageRouter::setSystemRouter(ISystemRouter* systemRouter)
     if (systemRouter == nullptr)
         return false;
     m_pSystemRouter = systemRouter;
+    waitForWorkerToLeaveSystemRouter();
     return systemRouter->add(this);
 }
 
 void MessageRouter::detachSystemRouter(ISystemRouter* systemRouter)
 {
     m_pSystemRouter.compare_exchange_strong(systemRouter, nullptr);
+    waitForWorkerToLeaveSystemRouter();
+}
+
+void MessageRouter::waitForWorkerToLeaveSystemRouter()
+{
+    MessageRouterWorker* worker = nullptr;
+    {
+        UlmarCommsSystem::MutexLocker queue(m_queueLock);
+        worker = m_pWorker;
+    }
+    // The worker's own callbacks never replace the system router, and the
+    // worker object lives until finish(), which the owner does not run
+    // concurrently with this.
+    if (worker != nullptr && !onWorkerThread())
+        worker->waitUntilSystemRouterReleased();
 }
 
 bool MessageRouter::start()

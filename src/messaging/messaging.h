@@ -186,6 +186,22 @@ public:
     // send per link. Calls nest. The defaults do nothing.
     virtual void holdWrites() {}
     virtual void flushHeldWrites() {}
+
+    // What waitForInput did.
+    enum InputWait {
+        InputUnsupported = -1, // no input to wait for: the worker waits on its condition
+        InputDone = 0,         // input completed here, or woken: nothing left taken
+        InputTaken = 1         // timed out; the link's read stays taken until releaseInput
+    };
+    // Lets an idle router worker wait for the link's input itself, so that a
+    // message arriving for this process is read and delivered on the worker
+    // without first waking it from another thread. Waits at most ms for
+    // input, or for wakeHandle (an eventfd, drained here) to be signalled;
+    // input is completed on the calling thread. The default has no input.
+    virtual int waitForInput(unsigned, int) { return InputUnsupported; }
+    // Hands a read left taken by waitForInput back to the link's usual
+    // readers, before the worker gets busy.
+    virtual void releaseInput() {}
 };
 
 // A process router as the system router sees it.
@@ -250,8 +266,19 @@ public:
     void kick();
     // Stops the loop and joins the thread.
     void shutdown();
+    // Returns once the worker no longer uses the system router it read
+    // before the caller replaced it.
+    void waitUntilSystemRouterReleased();
+    ~MessageRouterWorker() override;
 
 private:
+    // Waits idle for the system router's input; false when it has none.
+    bool waitForInput();
+    // Gives back a link read left taken by the last input wait.
+    void releaseInput();
+    // Ends an input wait at once.
+    void wakeInputWait();
+
     // The wait predicate: work was announced since the worker last looked.
     static bool hasPendingWork(void* worker);
     // One message through the router; an escaping exception is dropped.
@@ -263,6 +290,15 @@ private:
     // Set by kick(), cleared by the worker just before its last look at the
     // queue; checked under the condition's mutex so a kick is never lost.
     std::atomic<bool> m_pending;
+    // The eventfd that ends an input wait, -1 when none could be made.
+    int m_wakeHandle;
+    // The worker is in (or about to enter) an input wait: kicks write
+    // m_wakeHandle. Paired with m_pending, so one side always sees the other.
+    std::atomic<bool> m_inInputWait;
+    // The worker is calling into the system router it loaded.
+    std::atomic<bool> m_usingSystemRouter;
+    // The last input wait timed out with the link's read taken (worker only).
+    bool m_inputTaken;
 };
 
 // One entry of a router's table: a pump and its parsed address.
@@ -291,7 +327,8 @@ public:
     // The system router, or null.
     ISystemRouter* systemRouter() const { return m_pSystemRouter; }
     // Forgets systemRouter (if it is the one set) without telling it: for an
-    // owner about to delete a system router that never started.
+    // owner about to delete a system router that never started. Returns once
+    // the worker no longer uses it.
     void detachSystemRouter(ISystemRouter* systemRouter);
     // Starts the worker; false without a system router or when it fails.
     bool start();
@@ -352,6 +389,8 @@ private:
     void announce(unsigned char command, const std::string& text);
     // Waits until the worker is not delivering to pump (unless we are it).
     void waitForDeliveryToEnd(MessagePump* pump);
+    // Returns once the worker no longer uses a system router just replaced.
+    void waitForWorkerToLeaveSystemRouter();
     // Whether the calling thread is this router's worker inside a delivery.
     bool onWorkerThread() const;
 

@@ -255,6 +255,7 @@ unsigned char Socket::set(int handle)
     m_platform->writeHandle = writeHandle;
     m_platform->readRequest = BSDSocketPlatformData::Request();
     m_platform->writeRequest = BSDSocketPlatformData::Request();
+    m_platform->readTaken = false;
     m_platform->ended = false;
     return NoSocketError;
 }
@@ -343,6 +344,7 @@ unsigned char Socket::close()
     ::close(m_handle);
     m_handle = BadSocketValue;
     m_platform->readRequest.pending = false;
+    m_platform->readTaken = false;
     m_platform->writeRequest.pending = false;
     destroyServerMode();
     return NoSocketError;
@@ -516,6 +518,51 @@ unsigned char Socket::recv(unsigned char* buffer, unsigned size)
         return UnableToSchedualAsyncJob;
     }
     return NoSocketError;
+}
+
+int Socket::takeRead()
+{
+    if (getType() != SOCK_STREAM)
+        return BadSocketValue;
+    MutexLocker locker(m_platform->lock);
+    BSDSocketPlatformData& record = *m_platform;
+    if (m_handle == BadSocketValue || m_pServerMode != nullptr)
+        return BadSocketValue;
+    if (record.readTaken)
+        return m_handle;
+    if (!record.readRequest.pending)
+        return BadSocketValue;
+    // The registration keeps reporting errors but no longer data, so no
+    // worker wakes for bytes the taker reads.
+    if (!armRead(EPOLLERR | EPOLLET))
+        return BadSocketValue;
+    record.readRequest.pending = false;
+    record.readTaken = true;
+    return m_handle;
+}
+
+void Socket::returnRead()
+{
+    MutexLocker locker(m_platform->lock);
+    BSDSocketPlatformData& record = *m_platform;
+    if (!record.readTaken || m_handle == BadSocketValue)
+        return;
+    record.readTaken = false;
+    record.readRequest.pending = true;
+    // Bytes that arrived while the read was taken are reported at once.
+    if (!armRead(EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT)) {
+        record.readRequest.pending = false;
+        record.readTaken = true; // the taker still completes it
+        log(Core::LogError, "Socket::returnRead() this=%p epoll_ctl failed error:%d.\n", static_cast<void*>(this),
+            errno);
+    }
+}
+
+void Socket::completeTakenRead(SocketHold& hold)
+{
+    if (hold.socket() != this)
+        return;
+    SocketSelectorWorker::completeTakenRead(hold);
 }
 
 unsigned char Socket::send(unsigned char* buffer, unsigned size)

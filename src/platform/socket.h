@@ -81,6 +81,9 @@ struct BSDSocketPlatformData {
     Request writeRequest;
     // The outstanding read: buffer, size, source (datagrams).
     Request readRequest;
+    // The pending stream read was taken off the selector by a thread that
+    // waits for it itself (Socket::takeRead).
+    bool readTaken = false;
     // Set once the connection has been reported ended; cleared by set().
     bool ended = false;
     // The socket, null once it is being deleted (changed under the registry lock).
@@ -215,6 +218,18 @@ public:
     unsigned trySend(const unsigned char* buffer, unsigned size);
     // Posts one receive into buffer (stream sockets).
     virtual unsigned char recv(unsigned char* buffer, unsigned size);
+    // Takes the pending stream read off the selector for a thread that will
+    // wait for the data itself (poll on the descriptor returned) and then
+    // completeTakenRead() or returnRead(). The descriptor, or -1 when no
+    // stream read is pending; a read already taken is returned again
+    // without a system call.
+    int takeRead();
+    // Gives a taken read back to the selector.
+    void returnRead();
+    // Completes a taken read on the calling thread, exactly as a worker
+    // would: the receive, then the received callback or the end of the
+    // connection. hold holds this socket; a read not taken is left alone.
+    void completeTakenRead(SocketHold& hold);
     // Posts one datagram to address (datagram sockets).
     virtual unsigned char sendTo(const SocketAddress& address, unsigned char* buffer, unsigned size);
     // Posts one datagram receive into buffer (datagram sockets).

@@ -361,20 +361,66 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
         datagramReceived(socket, source, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
         return;
     }
+    reportStreamRead(hold, streamReceived, user, buffer, size, count, error, this);
+}
+
+void SocketSelectorWorker::reportStreamRead(SocketHold& hold, Socket::StreamCallback received, void* user,
+                                            unsigned char* buffer, unsigned size, ssize_t count, int error,
+                                            const void* who)
+{
+    Socket* socket = hold.socket();
     if (count < 0) {
         const unsigned char code = Socket::BSDSocketsErrorCode(error);
         Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent() this=%p recv errored error=%d errno=%d\n",
-                    static_cast<void*>(this), code, error);
+                    who, code, error);
         endConnection(hold, code);
         return;
     }
     if (count == 0) {
         Socket::message("SocketSelectorWorker::ProcessEvent() this = %p recv other end shutdown socket = %p .\n",
-                        static_cast<void*>(this), static_cast<void*>(socket));
+                        who, static_cast<void*>(socket));
         endConnection(hold, Socket::NoSocketError);
         return;
     }
-    streamReceived(socket, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
+    received(socket, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
+}
+
+void SocketSelectorWorker::completeTakenRead(SocketHold& hold)
+{
+    Socket* socket = hold.socket();
+    BSDSocketPlatformData* record = hold.record();
+    if (socket == nullptr)
+        return;
+    Socket::StreamCallback received = nullptr;
+    void* user = nullptr;
+    unsigned char* buffer = nullptr;
+    unsigned size = 0;
+    ssize_t count = 0;
+    int error = 0;
+    {
+        MutexLocker locker(record->lock);
+        if (!record->readTaken || socket->m_handle == Socket::BadSocketValue)
+            return;
+        record->readTaken = false;
+        received = socket->m_streamReceived;
+        user = socket->m_pTransferUser;
+        buffer = record->readRequest.buffer;
+        size = record->readRequest.size;
+        if (received == nullptr)
+            return;
+        count = ::recv(socket->m_handle, buffer, size, MSG_DONTWAIT);
+        error = errno;
+        if (count < 0 && wouldBlock(error)) {
+            // Readiness without data: the selector waits for it again.
+            record->readRequest.pending = true;
+            if (!socket->armRead(EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT)) {
+                record->readRequest.pending = false;
+                record->readTaken = true; // the taker keeps waiting for it
+            }
+            return;
+        }
+    }
+    reportStreamRead(hold, received, user, buffer, size, count, error, socket);
 }
 
 void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)

@@ -13,10 +13,12 @@
 // worker ever waits on a descriptor number that may have been reused.
 #pragma once
 
+#include "platform/socket.h"
 #include "platform/thread.h"
 
 #include <atomic>
 #include <cstdint>
+#include <sys/types.h>
 #include <vector>
 
 struct epoll_event;
@@ -41,6 +43,9 @@ public:
     unsigned run() override;
     // Completes one event; false when it names no live socket.
     bool processEvent(epoll_event* event);
+    // Completes a read that a thread took off the selector (Socket::takeRead),
+    // on that thread.
+    static void completeTakenRead(SocketHold& hold);
 
 private:
     // Completes the read request (or accepts, on a listener).
@@ -52,7 +57,11 @@ private:
     // Accepts one client and reports a failure as the listener's end.
     void processAccept(SocketHold& hold);
     // Ends the connection once: disconnect actions, then the error callback.
-    void endConnection(SocketHold& hold, unsigned char code);
+    static void endConnection(SocketHold& hold, unsigned char code);
+    // Reports a stream receive of count bytes (error: its errno) to the
+    // socket's owner; who is the completing object, for the log.
+    static void reportStreamRead(SocketHold& hold, Socket::StreamCallback received, void* user,
+                                 unsigned char* buffer, unsigned size, ssize_t count, int error, const void* who);
     // Waits and completes until stopped; runs the timers when captured.
     void loop(int maxEvents, int timeout, bool timers);
 

@@ -156,6 +156,28 @@ TEST_F(LocalBus, ManyMessagesArriveCompleteAndInOrder)
     }
 }
 
+// An idle router worker reads the link itself, a busy one leaves that to the
+// selector; either way every callback runs on the one router worker thread.
+TEST_F(LocalBus, CallbacksRunOnTheRouterWorkerWhoeverReadsTheLink)
+{
+    auto server = application();
+    auto client = application();
+    server->ask("pump echo", "pump echo");
+    client->ask("pump asker", "pump asker");
+    ASSERT_TRUE(tableHas("@echo", true));
+
+    const int count = 500;
+    client->ask("burst asker echo ping " + std::to_string(count), "burst asker 0");
+    for (int seen = 0; seen < count; ++seen)
+        ASSERT_TRUE(client->waitFor("response asker ")) << "reply " << seen << " missing";
+    for (int round = 0; round < 20; ++round) {
+        client->ask("send asker echo ping seq=" + std::to_string(round), "sent asker ");
+        ASSERT_TRUE(client->waitFor("response asker ")) << "single reply " << round << " missing";
+    }
+    EXPECT_EQ(server->ask("threads", "threads "), "threads 1");
+    EXPECT_EQ(client->ask("threads", "threads "), "threads 1");
+}
+
 TEST_F(LocalBus, ExitingApplicationLeavesTheTable)
 {
     auto app = application();

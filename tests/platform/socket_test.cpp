@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <poll.h>
 #include <stddef.h>
 #include <string>
 #include <sys/socket.h>
@@ -72,6 +73,7 @@ struct Endpoint {
     int partialSends = 0;
     std::vector<unsigned char> errors;
     std::vector<std::string> events;
+    std::thread::id lastReceiver;
     bool echo = false;
     bool deleteOnError = false;
     bool deleted = false;
@@ -149,6 +151,7 @@ struct Endpoint {
         EXPECT_EQ(size, self->inbound.size());
         EXPECT_GT(count, 0u);
         self->received.append(reinterpret_cast<char*>(buffer), count);
+        self->lastReceiver = std::this_thread::get_id();
         if (self->socket != s)
             return;
         if (self->echo) {
@@ -467,6 +470,70 @@ TEST_F(SocketTest, StreamRequestsCompleteThroughCallbacks)
     EXPECT_TRUE(left.read(&Endpoint::errors).empty());
     destroy(left);
     destroy(right);
+}
+
+// A thread may take a pending read off the selector, wait for it itself and
+// complete it there; a read given back goes to the selector again, and bytes
+// that came while it was taken are not missed.
+TEST_F(SocketTest, ATakenReadCompletesOnTheTakingThreadAndAReturnedOneOnTheSelector)
+{
+    Socket* a = nullptr;
+    Socket* b = nullptr;
+    makePair(a, b);
+    Endpoint left, right;
+    left.attach(a);
+    right.attach(b);
+    auto peerWrites = [&](const char* text) {
+        ASSERT_EQ(::send(b->getHandle(), text, std::strlen(text), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(std::strlen(text)));
+    };
+    auto waitReadable = [](int fd) {
+        pollfd entry{fd, POLLIN, 0};
+        return ::poll(&entry, 1, 10000) == 1;
+    };
+    EXPECT_EQ(a->takeRead(), Socket::BadSocketValue) << "no read is pending yet";
+    ASSERT_EQ(left.startReceiving(), Socket::NoSocketError);
+
+    const int handle = a->takeRead();
+    ASSERT_NE(handle, Socket::BadSocketValue);
+    EXPECT_EQ(a->takeRead(), handle) << "taking it again finds it taken";
+    peerWrites("x");
+    ASSERT_TRUE(waitReadable(handle));
+    {
+        SocketHold hold(a);
+        a->completeTakenRead(hold);
+    }
+    EXPECT_EQ(left.read(&Endpoint::received), "x");
+    EXPECT_EQ(left.read(&Endpoint::lastReceiver), std::this_thread::get_id());
+
+    // The callback posted the next read, which the selector completes.
+    peerWrites("y");
+    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "xy"; }));
+    EXPECT_NE(left.read(&Endpoint::lastReceiver), std::this_thread::get_id());
+
+    // Given back before and after the bytes arrive.
+    ASSERT_NE(a->takeRead(), Socket::BadSocketValue);
+    a->returnRead();
+    peerWrites("z");
+    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "xyz"; }));
+    ASSERT_NE(a->takeRead(), Socket::BadSocketValue);
+    peerWrites("w");
+    ASSERT_TRUE(waitReadable(handle));
+    EXPECT_EQ(left.read(&Endpoint::received), "xyz") << "nobody reads a taken read but its taker";
+    a->returnRead();
+    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "xyzw"; }));
+
+    // The peer's end, found by the taker, is reported once.
+    ASSERT_NE(a->takeRead(), Socket::BadSocketValue);
+    destroy(right);
+    ASSERT_TRUE(waitReadable(handle));
+    {
+        SocketHold hold(a);
+        a->completeTakenRead(hold);
+    }
+    EXPECT_EQ(left.read(&Endpoint::events), (std::vector<std::string>{"disconnected", "error"}));
+    EXPECT_EQ(left.read(&Endpoint::errors), (std::vector<unsigned char>{Socket::NoSocketError}));
+    destroy(left);
 }
 
 TEST_F(SocketTest, SecondSendBeforeCompletionIsRefusedAndTheFirstSurvives)

@@ -14,6 +14,7 @@
 //   unregister NAME TO EVENT RETM   -> "sent NAME ID RC"
 //   interfaces NAME TO | events NAME TO | has NAME TO INTERFACE -> "sent NAME ID RC"
 //   sync                            -> "sync" (all earlier lines handled)
+//   threads                         -> "threads N": how many threads have run callbacks
 //   quit                            -> shuts down and exits 0
 //
 // Callbacks (on the library's router worker thread) print:
@@ -27,8 +28,10 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -51,6 +54,15 @@ struct Pump {
 };
 
 std::map<std::string, Pump*> g_pumps;
+
+std::mutex g_threadsLock;
+std::set<std::thread::id> g_callbackThreads;
+
+void noteCallbackThread()
+{
+    std::lock_guard<std::mutex> guard(g_threadsLock);
+    g_callbackThreads.insert(std::this_thread::get_id());
+}
 
 std::string userPairs(void* message)
 {
@@ -80,6 +92,7 @@ std::string orDash(const char* text)
 
 void onRequest(void* context, void* message, const char*, const char* method)
 {
+    noteCallbackThread();
     Pump* pump = static_cast<Pump*>(context);
     say("request " + pump->name + " " + orDash(UlmarCommsGetFrom(message)) + " " + orDash(method) + " " +
         orDash(UlmarCommsGetSenderId(message)) + userPairs(message));
@@ -97,6 +110,7 @@ void onRequest(void* context, void* message, const char*, const char* method)
 
 void onResponse(void* context, unsigned int responseId, void* message)
 {
+    noteCallbackThread();
     Pump* pump = static_cast<Pump*>(context);
     say("response " + pump->name + " " + std::to_string(responseId) + " " + orDash(UlmarCommsGetResponse(message)) +
         userPairs(message));
@@ -104,6 +118,7 @@ void onResponse(void* context, unsigned int responseId, void* message)
 
 void onError(void* context, unsigned int responseId, int code)
 {
+    noteCallbackThread();
     Pump* pump = static_cast<Pump*>(context);
     say("error " + pump->name + " " + std::to_string(responseId) + " " + std::to_string(code));
 }
@@ -137,6 +152,11 @@ bool handle(const std::vector<std::string>& w)
         return false;
     if (verb == "sync") {
         say("sync");
+        return true;
+    }
+    if (verb == "threads") {
+        std::lock_guard<std::mutex> guard(g_threadsLock);
+        say("threads " + std::to_string(g_callbackThreads.size()));
         return true;
     }
     if (w.size() < 2) {
