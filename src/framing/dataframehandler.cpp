@@ -107,6 +107,9 @@ DataFrameHandler::~DataFrameHandler()
     {
         MutexLocker locker(m_outboundLock);
         releaseOutboundFrames();
+        for (DataFrame* frame : m_spareFrames)
+            release(frame);
+        m_spareFrames.clear();
     }
     {
         MutexLocker locker(m_inboundLock);
@@ -164,6 +167,32 @@ DataFrame* DataFrameHandler::create()
     Core::verbose("DataFrameHandler::create() this=%p Created=%p.\n", static_cast<void*>(this),
                   static_cast<void*>(frame));
     return frame;
+}
+
+DataFrame* DataFrameHandler::createOutbound()
+{
+    if (m_spareFrames.empty())
+        return create();
+    DataFrame* frame = m_spareFrames.back();
+    m_spareFrames.pop_back();
+    return frame;
+}
+
+void DataFrameHandler::recycle(DataFrame* frame)
+{
+    // Only buffers of the usual size are kept, and only a few: a burst of
+    // large frames leaves no large memory behind.
+    const size_t kMaxSpareFrames = 16;
+    if (frame == nullptr || frame->capacity() > DataFrame::InitialBufferSize || m_spareFrames.size() >= kMaxSpareFrames) {
+        release(frame);
+        return;
+    }
+    frame->reset();
+    try {
+        m_spareFrames.push_back(frame);
+    } catch (...) {
+        release(frame);
+    }
 }
 
 void DataFrameHandler::release(DataFrame* frame)
@@ -244,7 +273,7 @@ Socket* DataFrameHandler::detachLocked()
                   "DataFrameHandler::takeSocket() this=%p Dropping frame %u, handed to a link that has gone.\n",
                   static_cast<void*>(this), m_pOutboundCurrentFrame->id());
         m_queuedBytes -= wireSize(m_pOutboundCurrentFrame);
-        release(m_pOutboundCurrentFrame);
+        recycle(m_pOutboundCurrentFrame);
         m_pOutboundCurrentFrame = nullptr;
     }
     // Frames batched behind it went out in the same send when one was posted;
@@ -329,7 +358,7 @@ bool DataFrameHandler::addMessage(MessageItem* message, bool hold)
                   static_cast<void*>(this));
     DataFrame* frame = nullptr;
     try {
-        frame = create();
+        frame = createOutbound();
         if (frame == nullptr || !frame->insertMessage(m_lastId + 1, message)) {
             release(frame);
             Core::log(Core::LogError, "DataFrameHandler::addToOutbound( %p ) this=%p Frame set failed.\n",
@@ -355,7 +384,7 @@ bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
                   static_cast<void*>(this));
     DataFrame* frame = nullptr;
     try {
-        frame = create();
+        frame = createOutbound();
         if (frame == nullptr) {
             Core::log(Core::LogError,
                       "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Failed to create DataFrame.\n",
@@ -553,7 +582,7 @@ bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsig
         if (!m_pOutboundCurrentFrame->doneWriteOut(part))
             break;
         m_queuedBytes -= wireSize(m_pOutboundCurrentFrame);
-        release(m_pOutboundCurrentFrame);
+        recycle(m_pOutboundCurrentFrame);
         m_pOutboundCurrentFrame = nullptr;
         m_currentSent = 0;
         Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Finished with the frame.\n",

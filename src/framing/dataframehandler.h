@@ -36,6 +36,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <vector>
 #include <string>
 
 namespace UlmarComms {
@@ -161,6 +162,12 @@ private:
     // Accounts count bytes as gone; true while a current frame is left to
     // write (outbound lock held).
     bool completeSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size);
+    // A frame to build an outbound frame in: a spare one, else a new one
+    // (outbound lock held).
+    DataFrame* createOutbound();
+    // Keeps a sent frame's buffer for the next outbound frame, or frees it
+    // (outbound lock held).
+    void recycle(DataFrame* frame);
     // Builds and queues a message frame, written at once unless held.
     bool addMessage(MessageItem* message, bool hold);
     // Appends a built frame, or refuses it when the queue is full; writes
@@ -218,6 +225,8 @@ private:
     bool m_outboundHeld;
     // Message frames were queued by addToOutboundHeld and not yet written.
     bool m_heldFrames;
+    // Sent frames kept for reuse, so a frame sent costs no allocation.
+    std::vector<DataFrame*> m_spareFrames;
     // One byte written after a shutdown to make the socket report its end.
     unsigned char m_probe;
     // Written under both locks, so either lock gives a stable view.

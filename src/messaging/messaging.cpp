@@ -74,10 +74,7 @@ MessageItem::MessageItem()
     : m_pNext(nullptr),
       m_argumentCount(0),
       m_count(1),
-      m_keys(),
-      m_values(),
-      m_valueLengths(),
-      m_keyLengths(),
+      // The pair arrays are read only below m_argumentCount: left unset.
       m_pFreeText(m_inlineText),
       m_freeTextBytes(s_inlineTextBytes),
       m_pBlocks(nullptr)
