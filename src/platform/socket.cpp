@@ -25,6 +25,7 @@
 #include <mutex>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 #include <unordered_map>
 
@@ -331,6 +332,10 @@ unsigned char Socket::close()
     MutexLocker locker(m_platform->lock);
     if (m_handle == BadSocketValue)
         return SocketNotCreated;
+    // No transfer can begin while the lock is held; one already running is
+    // a single non-blocking system call.
+    while (m_platform->transfers.load() > 0)
+        std::this_thread::yield();
     const int selector = selectorHandle.load();
     epoll_ctl(selector, EPOLL_CTL_DEL, m_handle, nullptr);
     if (m_platform->writeHandle != BadSocketValue) {
@@ -597,14 +602,21 @@ unsigned Socket::trySend(const unsigned char* buffer, unsigned size)
 {
     if (buffer == nullptr || size == 0 || getType() != SOCK_STREAM)
         return 0;
-    MutexLocker locker(m_platform->lock);
-    // Under the lock a close() cannot recycle the descriptor meanwhile, and a
-    // posted send keeps its place: bytes never overtake it.
-    if (m_handle == BadSocketValue || m_platform->writeRequest.pending || m_platform->ended)
-        return 0;
+    int handle = BadSocketValue;
+    {
+        MutexLocker locker(m_platform->lock);
+        // A posted send keeps its place: bytes never overtake it (the owner
+        // posts sends and calls this under one lock of its own).
+        if (m_handle == BadSocketValue || m_platform->writeRequest.pending || m_platform->ended)
+            return 0;
+        handle = m_platform->writeHandle >= 0 ? m_platform->writeHandle : m_handle;
+        ++m_platform->transfers;
+    }
     message("Doing send() on a socket.\n");
-    const int handle = m_platform->writeHandle >= 0 ? m_platform->writeHandle : m_handle;
+    // Outside the lock, so a worker receiving on this socket meanwhile is
+    // not kept waiting; close() waits for the transfer instead.
     const ssize_t count = ::send(handle, buffer, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    --m_platform->transfers;
     return count > 0 ? static_cast<unsigned>(count) : 0;
 }
 

@@ -84,6 +84,11 @@ struct BSDSocketPlatformData {
     // The pending stream read was taken off the selector by a thread that
     // waits for it itself (Socket::takeRead).
     bool readTaken = false;
+    // Stream transfers running on the descriptors without the lock, so that
+    // a receive and a send of one socket do not wait for each other; begun
+    // under the lock while the descriptor is open, and close() waits for
+    // them before a descriptor number can be reused.
+    std::atomic<unsigned> transfers{0};
     // Set once the connection has been reported ended; cleared by set().
     bool ended = false;
     // The socket, null once it is being deleted (changed under the registry lock).

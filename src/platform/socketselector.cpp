@@ -289,6 +289,7 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
     ssize_t count = 0;
     int error = 0;
     int disarmError = 0;
+    int streamHandle = Socket::BadSocketValue;
     SocketAddress source;
     {
         MutexLocker locker(record->lock);
@@ -323,24 +324,33 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
                     request.address.setAddressByFamily(reinterpret_cast<const sockaddr*>(&from), from.sun_family);
                     source = request.address;
                 }
+                // MSG_DONTWAIT: a worker never blocks (a datagram dropped for
+                // its checksum after readiness was reported would otherwise
+                // hang it). A readiness report that finds nothing to read is
+                // not the end of anything: put the request back and wait again.
+                if (count < 0 && wouldBlock(error)) {
+                    request.pending = true;
+                    epoll_event rearm{};
+                    rearm.events = EPOLLIN | EPOLLERR;
+                    rearm.data.u64 = socket->token(false);
+                    if (epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &rearm) == 0)
+                        return;
+                    request.pending = false;
+                }
             } else {
-                count = ::recv(socket->m_handle, buffer, size, MSG_DONTWAIT);
-                error = errno;
-            }
-            // MSG_DONTWAIT above: a worker never blocks (a datagram dropped
-            // for its checksum after readiness was reported would otherwise
-            // hang it). A readiness report that finds nothing to read is not
-            // the end of anything: put the request back and wait again.
-            if (count < 0 && wouldBlock(error)) {
-                request.pending = true;
-                epoll_event rearm{};
-                rearm.events = datagram ? (EPOLLIN | EPOLLERR) : (EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT);
-                rearm.data.u64 = socket->token(false);
-                if (epoll_ctl(m_handle, EPOLL_CTL_MOD, socket->m_handle, &rearm) == 0)
-                    return;
-                request.pending = false;
+                streamHandle = socket->m_handle;
+                ++record->transfers;
             }
         }
+    }
+    if (streamHandle != Socket::BadSocketValue) {
+        // The receive runs without the socket's lock, so a send on the same
+        // socket from another thread does not wait for it.
+        count = ::recv(streamHandle, buffer, size, MSG_DONTWAIT);
+        error = errno;
+        --record->transfers;
+        if (count < 0 && wouldBlock(error) && rearmAfterNothing(hold))
+            return;
     }
     if (disarmError != 0) {
         Socket::log(Core::LogError,
@@ -385,6 +395,20 @@ void SocketSelectorWorker::reportStreamRead(SocketHold& hold, Socket::StreamCall
     received(socket, buffer, static_cast<unsigned>(count), size, user, Socket::NoSocketError);
 }
 
+bool SocketSelectorWorker::rearmAfterNothing(SocketHold& hold)
+{
+    Socket* socket = hold.socket();
+    BSDSocketPlatformData* record = hold.record();
+    MutexLocker locker(record->lock);
+    if (socket->m_handle == Socket::BadSocketValue)
+        return true; // closed meanwhile: nothing to wait for
+    record->readRequest.pending = true;
+    if (socket->armRead(EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT))
+        return true;
+    record->readRequest.pending = false;
+    return false;
+}
+
 void SocketSelectorWorker::completeTakenRead(SocketHold& hold)
 {
     Socket* socket = hold.socket();
@@ -395,8 +419,7 @@ void SocketSelectorWorker::completeTakenRead(SocketHold& hold)
     void* user = nullptr;
     unsigned char* buffer = nullptr;
     unsigned size = 0;
-    ssize_t count = 0;
-    int error = 0;
+    int handle = Socket::BadSocketValue;
     {
         MutexLocker locker(record->lock);
         if (!record->readTaken || socket->m_handle == Socket::BadSocketValue)
@@ -408,18 +431,15 @@ void SocketSelectorWorker::completeTakenRead(SocketHold& hold)
         size = record->readRequest.size;
         if (received == nullptr)
             return;
-        count = ::recv(socket->m_handle, buffer, size, MSG_DONTWAIT);
-        error = errno;
-        if (count < 0 && wouldBlock(error)) {
-            // Readiness without data: the selector waits for it again.
-            record->readRequest.pending = true;
-            if (!socket->armRead(EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT)) {
-                record->readRequest.pending = false;
-                record->readTaken = true; // the taker keeps waiting for it
-            }
-            return;
-        }
+        handle = socket->m_handle;
+        ++record->transfers;
     }
+    const ssize_t count = ::recv(handle, buffer, size, MSG_DONTWAIT);
+    const int error = errno;
+    --record->transfers;
+    // Readiness without data: the selector waits for it again.
+    if (count < 0 && wouldBlock(error) && rearmAfterNothing(hold))
+        return;
     reportStreamRead(hold, received, user, buffer, size, count, error, socket);
 }
 

@@ -52,6 +52,9 @@ private:
     void processRead(SocketHold& hold, uint32_t events);
     // Arms a one-shot stream read again after an event without data.
     void rearmOneShotRead(SocketHold& hold);
+    // Puts a stream read that found nothing back with the selector; false
+    // when the registration failed (the caller reports the error).
+    static bool rearmAfterNothing(SocketHold& hold);
     // Completes the write request.
     void processWrite(SocketHold& hold, uint32_t events);
     // Accepts one client and reports a failure as the listener's end.
