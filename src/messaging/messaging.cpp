@@ -583,6 +583,17 @@ unsigned MessageRouterWorker::run()
     int previous = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
     t_pRunningWorker = this;
+    // However the loop ends (a cancelled worker unwinds from its idle
+    // wait), a link read left taken goes back to the link's usual readers.
+    struct InputGuard {
+        MessageRouterWorker* worker;
+        ~InputGuard()
+        {
+            if (worker->m_inputTaken)
+                worker->releaseInput();
+            t_pRunningWorker = nullptr;
+        }
+    } inputGuard{this};
     while (m_running) {
         MessageItem* message = m_pRouter->nextMessage();
         if (message == nullptr) {
@@ -610,9 +621,6 @@ unsigned MessageRouterWorker::run()
             releaseInput();
         deliver(message);
     }
-    if (m_inputTaken)
-        releaseInput();
-    t_pRunningWorker = nullptr;
     return 1;
 }
 
