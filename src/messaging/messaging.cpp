@@ -520,11 +520,16 @@ void MessageRouterWorker::wakeInputWait()
     (void)written;
 }
 
-void MessageRouterWorker::shutdown()
+void MessageRouterWorker::stopSoon()
 {
     m_running = false;
     wakeInputWait();
     m_condition.broadcastLocked();
+}
+
+void MessageRouterWorker::shutdown()
+{
+    stopSoon();
     waitToFinish();
 }
 
@@ -583,17 +588,6 @@ unsigned MessageRouterWorker::run()
     int previous = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
     t_pRunningWorker = this;
-    // However the loop ends (a cancelled worker unwinds from its idle
-    // wait), a link read left taken goes back to the link's usual readers.
-    struct InputGuard {
-        MessageRouterWorker* worker;
-        ~InputGuard()
-        {
-            if (worker->m_inputTaken)
-                worker->releaseInput();
-            t_pRunningWorker = nullptr;
-        }
-    } inputGuard{this};
     while (m_running) {
         MessageItem* message = m_pRouter->nextMessage();
         if (message == nullptr) {
@@ -604,9 +598,6 @@ unsigned MessageRouterWorker::run()
             message = m_pRouter->nextMessage();
         }
         if (message == nullptr) {
-            pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
-            pthread_testcancel();
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
             // Idle: wait for the link's input here when the system router
             // offers it, else on the condition.
             if (waitForInput())
@@ -621,6 +612,9 @@ unsigned MessageRouterWorker::run()
             releaseInput();
         deliver(message);
     }
+    if (m_inputTaken)
+        releaseInput();
+    t_pRunningWorker = nullptr;
     return 1;
 }
 
@@ -662,9 +656,18 @@ MessageRouter::~MessageRouter()
     if (worker != nullptr) {
         // An owner that did not finish() gets its worker killed, not asked to
         // stop. The cancelled thread is still reaped before the object goes:
-        // it can only be cancelled while idle, so the join is short.
+        // it can only be cancelled while idle, so the join is short. A worker
+        // idle on the link's input is at no cancellation point: it is told
+        // to stop as well, and leaves at once.
+        worker->stopSoon();
         worker->kill();
         worker->waitToFinish();
+        // Killed idle, it may have left the link's read taken: the link's
+        // usual readers get it back (the system router outlives its routers).
+        if (worker->leftInputTaken()) {
+            if (ISystemRouter* systemRouter = m_pSystemRouter.load())
+                systemRouter->releaseInput();
+        }
         delete worker;
     }
     if (s_pMaster == this)

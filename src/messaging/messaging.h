@@ -266,9 +266,13 @@ public:
     void kick();
     // Stops the loop and joins the thread.
     void shutdown();
+    // Tells the loop to end and wakes it, without joining.
+    void stopSoon();
     // Returns once the worker no longer uses the system router it read
     // before the caller replaced it.
     void waitUntilSystemRouterReleased();
+    // Whether the worker ended with a link read taken (after it was joined).
+    bool leftInputTaken() const { return m_inputTaken; }
     ~MessageRouterWorker() override;
 
 private:
