@@ -10,7 +10,9 @@
 //
 // Threads. Every callback (sent, received, error, disconnected, client
 // connected/disconnected) runs on a selector worker thread; the connected
-// callback runs on the thread that called connect(). A socket's read and write
+// callback runs on the thread that called connect(), and the received
+// callback of a read taken off the selector (takeRead) on the thread that
+// completes it. A socket's read and write
 // completions may run at the same time on two workers, so owners lock their
 // own state.
 //
