@@ -23,9 +23,9 @@
 #include <cxxabi.h>
 #include <new>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <thread>
 #include <unistd.h>
-#include <sys/eventfd.h>
 
 namespace UlmarComms {
 
@@ -474,8 +474,12 @@ MessageItem* MessageQueue::pop()
     return message;
 }
 
+namespace {
+
 // The worker running on this thread, if any: its own kicks need no wake-up.
 thread_local const MessageRouterWorker* t_pRunningWorker = nullptr;
+
+} // namespace
 
 MessageRouterWorker::MessageRouterWorker(MessageRouter* router)
     : m_pRouter(router), m_running(false), m_pending(false),
