@@ -63,7 +63,7 @@ bool NetworkRouterConnection::connect()
         return false;
     }
     const unsigned char error =
-        own->connect(m_remote, DataFrameHandler::onConnectedFunction, DataFrameHandler::onDisconnectFunction, this);
+        own->connectAsync(m_remote, DataFrameHandler::onConnectedFunction, DataFrameHandler::onDisconnectFunction, this);
     if (error != Socket::NoSocketError) {
         Core::log(Core::LogError, "NetworkRouterConnection::connect() Failed to do the connect() on the socket.\n");
         return false;
@@ -86,8 +86,11 @@ void NetworkRouterConnection::onConnected(Socket* socket)
                   "NetworkRouterConnection::onConnected() Connected but failed to do recvData() on connection object\n");
         return;
     }
+    // The host-name command is a command frame, so it leaves ahead of the
+    // messages held while connecting.
     if (m_initiator)
         addToOutbound(CommandMessage::NetworkHostName, Core::instance()->getHostName().c_str());
+    releaseOutbound();
     Core::message("NetworkRouterConnection::onConnected() Done\n");
 }
 

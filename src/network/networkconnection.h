@@ -12,9 +12,11 @@
 // its error callback has returned; a connection the interface has already
 // taken out (while stopping) is deleted by the stop instead.
 //
-// Threads. Every callback runs on a selector worker thread, except
-// onConnected, which runs on the thread that called connect() (the system
-// router's thread, under the network router's lock).
+// Threads. Every callback runs on a selector worker thread, onConnected
+// included: connect() only starts the connect, so the system router's thread
+// never waits for a host. Frames queued meanwhile are held (within the frame
+// handler's queue limit) and leave after the host-name command once the
+// connection stands.
 #pragma once
 
 #include "framing/dataframehandler.h"
@@ -52,7 +54,7 @@ public:
     // Hands an arrived message to this host's system router (takes it).
     void doHandleMessage(MessageItem* item) override;
 
-    // Starts the connect of the socket to the remote address.
+    // Starts a non-blocking connect of the socket to the remote address.
     bool connect();
     // Leaves the routing table for good, then closes and deletes the socket;
     // the object stays until deleted. Safe inside its own callbacks.

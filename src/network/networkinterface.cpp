@@ -27,8 +27,9 @@
 #include <cstring>
 #include <new>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 using UlmarCommsSystem::MutexLocker;
 using UlmarCommsSystem::Socket;
@@ -40,15 +41,14 @@ namespace UlmarComms {
 
 namespace {
 
-// How long connectTo may block on a host that does not answer: it runs under
-// the network router's lock, on the system router's thread.
-constexpr int ConnectTimeoutSeconds = 5;
+// SYN retransmissions before a connect to a host that does not answer
+// fails: about seven seconds, during which that host's frames wait queued.
+constexpr int ConnectSynRetries = 2;
 
 void limitConnectTime(Socket* socket)
 {
-    timeval limit{};
-    limit.tv_sec = ConnectTimeoutSeconds;
-    setsockopt(socket->getHandle(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    int retries = ConnectSynRetries;
+    setsockopt(socket->getHandle(), IPPROTO_TCP, TCP_SYNCNT, &retries, sizeof(retries));
 }
 
 } // namespace
@@ -199,6 +199,16 @@ void NetworkRouterInterface::messagingStop()
     reapRetired();
 }
 
+bool NetworkRouterInterface::takeConnection(NetworkRouterConnection* connection)
+{
+    MutexLocker locker(m_connectionsLock);
+    auto found = std::find(m_connections.begin(), m_connections.end(), connection);
+    if (found == m_connections.end())
+        return false;
+    m_connections.erase(found);
+    return true;
+}
+
 std::vector<NetworkRouterConnection*> NetworkRouterInterface::takeConnections()
 {
     MutexLocker locker(m_connectionsLock);
@@ -301,13 +311,18 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
     }
     connection->setSocket(socket);
     connection->setInitiator(true);
+    // Frames queue until the connection stands; it then names this host first.
+    connection->holdOutbound();
     // Should it fail at once, it stays until the caller has looked at it.
     connection->pin();
+    // Listed before the connect starts: a failure is reported on a worker,
+    // and only a listed connection is retired and deleted by remove().
+    add(connection);
     if (!connection->connect()) {
         Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to start connection.\n");
-        // A failed connect never reached onConnected, so the list does not
-        // hold it; the connection takes its socket with it.
-        delete connection;
+        // No callback follows a connect that could not start.
+        if (takeConnection(connection))
+            delete connection;
         return nullptr;
     }
     Core::message("NetworkRouterInterface::connectTo( '%s' ) Setup\n", text.c_str());

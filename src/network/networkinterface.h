@@ -12,7 +12,7 @@
 //
 // Threads. onRecvedFrom, onClientConnect and onClientDisconnect run on
 // selector worker threads, the broadcast on the timer worker, connectTo on the
-// system router's thread under the network router's lock, and connection
+// system router's thread (it only starts the connect, never waits), and connection
 // callbacks (add / remove) on selector workers. The connections list has its
 // own lock, never held while a connection is deleted: deleting a connection
 // deletes its socket, which waits for that socket's callbacks, and those may
@@ -93,9 +93,10 @@ public:
     // Stops discovery and the listener and deletes every connection.
     void stop();
 
-    // Opens a connection to a host's stream address; null on failure.
+    // Starts a connection to a host's stream address, listed and holding its
+    // frames until it completes; null when it cannot even start.
     NetworkRouterConnection* connectTo(const UlmarCommsSystem::SocketAddress& address);
-    // Takes ownership of a connection that has completed.
+    // Takes ownership of a connection (once; a second add does nothing).
     void add(NetworkRouterConnection* connection);
     // Erases a connection and retires it; it is deleted once its callback
     // has returned (no effect if it is not ours).
@@ -161,6 +162,8 @@ public:
                              unsigned char* buffer, unsigned count, unsigned size, void* data, unsigned char error);
 
 private:
+    // Takes one connection out of the list; false when it is not listed.
+    bool takeConnection(NetworkRouterConnection* connection);
     // Takes every connection out of the list (under its lock).
     std::vector<NetworkRouterConnection*> takeConnections();
 

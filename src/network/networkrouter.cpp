@@ -338,10 +338,11 @@ bool NetworkRouter::withConnection(const std::string& host,
         if (entry->m_pConnection != nullptr)
             return send(entry->m_pConnection);
     }
-    // A new link is opened without the router lock: its receive path takes
-    // that lock while holding its own, so connecting under it would order
-    // the two both ways. The connect lock keeps stop() from taking the
-    // interface or the entry away meanwhile, and one post connects at a time.
+    // A new link is started without the router lock: connectTo deletes
+    // retired connections, whose teardown reaches this lock from other
+    // threads. Starting never waits for the host (the connect completes on a
+    // worker), so the connect lock is held only briefly; it keeps stop()
+    // from taking the interface or the entry away meanwhile.
     MutexLocker connecting(m_connectLock);
     NetworkRouterRoutingTableEntry* entry = nullptr;
     NetworkRouterInterface* interface = nullptr;
@@ -358,18 +359,17 @@ bool NetworkRouter::withConnection(const std::string& host,
     }
     NetworkRouterConnection* connection = interface->connectTo(address);
     MutexLocker locker(m_lock);
-    if (connection == nullptr) {
+    // A link that has already failed is not stored: it is on its way out.
+    if (connection == nullptr || connection->isClosing()) {
         Core::log(Core::LogError, "NetworkRouter::post( %%message%% ) Failed to on connectTo( '%s' )\n",
                   address.asString().c_str());
+        if (connection != nullptr)
+            connection->unpin();
         return false;
     }
-    // A link that has already failed is not stored: it is on its way out.
-    bool sent = false;
-    if (!connection->isClosing()) {
-        if (entry->m_pConnection == nullptr)
-            entry->m_pConnection = connection;
-        sent = send(connection);
-    }
+    if (entry->m_pConnection == nullptr)
+        entry->m_pConnection = connection;
+    const bool sent = send(connection);
     connection->unpin();
     return sent;
 }
@@ -419,12 +419,19 @@ bool NetworkRouter::getHostsSupportingInterfaces(const char* from, const char* s
 bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, const char* sender,
                                                            const char* interfaces, const char* match)
 {
-    MutexLocker locker(m_lock);
-    if (m_pSystemRouter == nullptr)
-        return false;
+    // The targets are read under the lock and the copies posted without it:
+    // the system router's thread holds its own locks while it hands messages
+    // here, so posting to it under ours would order the two both ways.
+    ISystemRouter* systemRouter = nullptr;
     std::vector<std::string> targets;
-    for (const auto& entry : m_hostNames)
-        targets.push_back(entry.first + "@system");
+    {
+        MutexLocker locker(m_lock);
+        systemRouter = m_pSystemRouter;
+        if (systemRouter == nullptr)
+            return false;
+        for (const auto& entry : m_hostNames)
+            targets.push_back(entry.first + "@system");
+    }
     // The query to this host itself is addressed with a capital S.
     targets.push_back(Core::instance()->getHostName() + "@System");
     for (const std::string& to : targets) {
@@ -436,7 +443,7 @@ bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, con
                            && addIfSet(item, MessageItem::ArgumentKey_From, from)
                            && addIfSet(item, MessageItem::ArgumentKey_SenderId, sender)
                            && addIfSet(item, "inters", interfaces) && addIfSet(item, "match", match);
-        if (!built || !m_pSystemRouter->post(item))
+        if (!built || !systemRouter->post(item))
             MessageItem::release(item);
     }
     return true;

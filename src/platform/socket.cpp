@@ -258,6 +258,8 @@ unsigned char Socket::set(int handle)
     m_platform->writeRequest = BSDSocketPlatformData::Request();
     m_platform->readTaken = false;
     m_platform->ended = false;
+    m_platform->connecting = false;
+    m_platform->connectStarted = false;
     return NoSocketError;
 }
 
@@ -327,6 +329,43 @@ unsigned char Socket::connect(const SocketAddress& address, ConnectionCallback c
     return NoSocketError;
 }
 
+unsigned char Socket::connectAsync(const SocketAddress& address, ConnectionCallback connected,
+                                   ConnectionCallback disconnected, void* user)
+{
+    MutexLocker locker(m_platform->lock);
+    m_connected = connected;
+    m_disconnected = disconnected;
+    m_pConnectionUser = user;
+    if (m_handle == BadSocketValue)
+        return SocketNotCreated;
+    // A second start while one is under way, or after a send was posted,
+    // would take the write handle's one registration from it.
+    if (m_platform->connectStarted || m_platform->writeRequest.pending)
+        return SocketConnected;
+    m_platform->connectStarted = true;
+    SetNonBlocking(m_handle);
+    if (::connect(m_handle, address.getAddress(), SocketAddress::getAddressSizeOfSocketType(this)) != 0
+        && errno != EINPROGRESS) {
+        const unsigned char code = BSDSocketsErrorCode(errno);
+        log(Core::LogError, "Socket::connect( '%s', %p, %p, %p ) this=%d Error on the connection Error:%d.\n",
+            address.asString().c_str(), functionAsPointer(connected), functionAsPointer(disconnected), user,
+            asNumber(this), code);
+        return code;
+    }
+    // Writability of the connecting socket is its completion, success or
+    // failure alike; even an immediate success is reported by a worker, so
+    // the callback never runs on the caller's thread, under its locks.
+    m_platform->connecting = true;
+    epoll_event event = makeEvent(EPOLLOUT | EPOLLERR | EPOLLET, token(true));
+    if (epoll_ctl(selectorHandle.load(), EPOLL_CTL_ADD, m_platform->writeHandle, &event) != 0) {
+        m_platform->connecting = false;
+        log(Core::LogError, "Socket::connectAsync() this=%p epoll_ctl failed error:%d.\n", static_cast<void*>(this),
+            errno);
+        return UnknownError;
+    }
+    return NoSocketError;
+}
+
 unsigned char Socket::close()
 {
     MutexLocker locker(m_platform->lock);
@@ -339,7 +378,7 @@ unsigned char Socket::close()
     const int selector = selectorHandle.load();
     epoll_ctl(selector, EPOLL_CTL_DEL, m_handle, nullptr);
     if (m_platform->writeHandle != BadSocketValue) {
-        if (m_platform->writeRequest.pending)
+        if (m_platform->writeRequest.pending || m_platform->connecting)
             epoll_ctl(selector, EPOLL_CTL_DEL, m_platform->writeHandle, nullptr);
         ::close(m_platform->writeHandle);
         m_platform->writeHandle = BadSocketValue;
@@ -351,6 +390,7 @@ unsigned char Socket::close()
     m_platform->readRequest.pending = false;
     m_platform->readTaken = false;
     m_platform->writeRequest.pending = false;
+    m_platform->connecting = false;
     destroyServerMode();
     return NoSocketError;
 }
@@ -577,6 +617,8 @@ unsigned char Socket::send(unsigned char* buffer, unsigned size)
     MutexLocker locker(m_platform->lock);
     if (m_handle == BadSocketValue)
         return SocketNotCreated;
+    if (m_platform->connecting)
+        return SocketNotConnected;
     BSDSocketPlatformData::Request& request = m_platform->writeRequest;
     if (request.pending) {
         // The selector refuses a second registration of the write handle;
@@ -607,7 +649,8 @@ unsigned Socket::trySend(const unsigned char* buffer, unsigned size)
         MutexLocker locker(m_platform->lock);
         // A posted send keeps its place: bytes never overtake it (the owner
         // posts sends and calls this under one lock of its own).
-        if (m_handle == BadSocketValue || m_platform->writeRequest.pending || m_platform->ended)
+        if (m_handle == BadSocketValue || m_platform->writeRequest.pending || m_platform->connecting
+            || m_platform->ended)
             return 0;
         handle = m_platform->writeHandle >= 0 ? m_platform->writeHandle : m_handle;
         ++m_platform->transfers;

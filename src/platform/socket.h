@@ -10,7 +10,8 @@
 //
 // Threads. Every callback (sent, received, error, disconnected, client
 // connected/disconnected) runs on a selector worker thread; the connected
-// callback runs on the thread that called connect(), and the received
+// callback runs on the thread that called connect() (on a worker after
+// connectAsync()), and the received
 // callback of a read taken off the selector (takeRead) on the thread that
 // completes it. A socket's read and write
 // completions may run at the same time on two workers, so owners lock their
@@ -93,6 +94,12 @@ struct BSDSocketPlatformData {
     std::atomic<unsigned> transfers{0};
     // Set once the connection has been reported ended; cleared by set().
     bool ended = false;
+    // A connectAsync() is under way: the write handle is registered for its
+    // completion, and no send may be posted until it is reported.
+    bool connecting = false;
+    // A connect was started on this descriptor: a second one is refused,
+    // since the kernel would report the first one's success to it again.
+    bool connectStarted = false;
     // The socket, null once it is being deleted (changed under the registry lock).
     std::atomic<Socket*> owner;
     // Threads currently working on the socket (under the registry lock).
@@ -251,6 +258,11 @@ public:
     // Blocking connect, then non-blocking; calls connected on this thread.
     virtual unsigned char connect(const SocketAddress& address, ConnectionCallback connected,
                                   ConnectionCallback disconnected, void* user);
+    // Starts a non-blocking connect and returns at once; a worker reports
+    // the outcome: connected, or disconnected and the error callback. An
+    // error returned here means no callback follows.
+    unsigned char connectAsync(const SocketAddress& address, ConnectionCallback connected,
+                               ConnectionCallback disconnected, void* user);
     // Deregisters and closes both descriptors; drops the server mode.
     virtual unsigned char close();
     // Sets SO_BROADCAST.

@@ -261,6 +261,8 @@ void SocketSelectorWorker::rearmOneShotRead(SocketHold& hold)
 void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
 {
     Socket* socket = hold.socket();
+    if (socket == nullptr)
+        return;
     BSDSocketPlatformData* record = hold.record();
     if ((events & EPOLLIN) == 0) {
         rearmOneShotRead(hold);
@@ -443,9 +445,43 @@ void SocketSelectorWorker::completeTakenRead(SocketHold& hold)
     reportStreamRead(hold, received, user, buffer, size, count, error, socket);
 }
 
-void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
+bool SocketSelectorWorker::processConnect(SocketHold& hold)
 {
     Socket* socket = hold.socket();
+    BSDSocketPlatformData* record = hold.record();
+    int error = 0;
+    {
+        MutexLocker locker(record->lock);
+        if (!record->connecting || socket == nullptr)
+            return false;
+        record->connecting = false;
+        epoll_ctl(m_handle, EPOLL_CTL_DEL, record->writeHandle, nullptr);
+        if (socket->m_handle == Socket::BadSocketValue)
+            return true;
+        socklen_t length = sizeof(error);
+        if (getsockopt(socket->m_handle, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+            error = errno;
+    }
+    if (error == 0) {
+        socket->onConnectedAction();
+        return true;
+    }
+    const unsigned char code = Socket::BSDSocketsErrorCode(error);
+    Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent() this=%p connect failed error:%d errno=%d\n",
+                static_cast<void*>(this), code, error);
+    endConnection(hold, code);
+    return true;
+}
+
+void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
+{
+    if (processConnect(hold))
+        return;
+    // A socket whose deletion began on another thread since the event was
+    // taken (the hold keeps its record) has nothing left to complete.
+    Socket* socket = hold.socket();
+    if (socket == nullptr)
+        return;
     BSDSocketPlatformData* record = hold.record();
     if ((events & EPOLLOUT) == 0) {
         if ((events & EPOLLERR) == 0) {

@@ -57,6 +57,8 @@ private:
     static bool rearmAfterNothing(SocketHold& hold);
     // Completes the write request.
     void processWrite(SocketHold& hold, uint32_t events);
+    // Reports the outcome of a connectAsync(); false when none was under way.
+    bool processConnect(SocketHold& hold);
     // Accepts one client and reports a failure as the listener's end.
     void processAccept(SocketHold& hold);
     // Ends the connection once: disconnect actions, then the error callback.

@@ -351,7 +351,10 @@ void SystemRouter::processMessage(MessageItem* message)
     Address target(textOrEmpty(to));
     const std::string& host = target.host();
     if (host != "localhost" && host != Core::instance()->getHostName()) {
-        MutexLocker locker(m_queueLock);
+        // Handed over without the queue lock: the network router posts its
+        // query copies back here under its own lock, so holding ours across
+        // the call would order the two locks both ways. The pointer changes
+        // only while this thread is stopped.
         UlmarComms::INetworkRouter* network = m_pNetworkRouter.load();
         if (network != nullptr) {
             Core::verbose("SystemRouter::ProcessMessage( %p ) Passing onto network router\n",

@@ -401,6 +401,18 @@ protected:
         return false;
     }
 
+    // Asks host's system endpoint until the answer holds part.
+    bool waitForAnswerContaining(Host& host, const std::string& method, const std::string& part)
+    {
+        const auto deadline = Clock::now() + std::chrono::seconds(20);
+        while (Clock::now() < deadline) {
+            if (call(host, host.name + "@system", method).find(part) != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+
     // The announcement host sends, as hex.
     static std::string announcement(const Host& host)
     {
@@ -529,7 +541,7 @@ TEST_F(MultiHost, RestartedPeerIsReachedAgainAndBothSidesPostAtOnce)
     EXPECT_EQ(finish(fromB, deadline), 0);
 }
 
-TEST_F(MultiHost, ThreeHostsKnowEachOtherAndRouteBetweenAnyTwo)
+TEST_F(MultiHost, ThreeHostsRouteBetweenAnyTwoAndAnswerEveryFanOutQuery)
 {
     PREPARE_HOSTS(3);
     Host& a = m_hosts[0];
@@ -541,4 +553,50 @@ TEST_F(MultiHost, ThreeHostsKnowEachOtherAndRouteBetweenAnyTwo)
     EXPECT_EQ(call(a, "hostC@echo", "one"), "RESPONSE echo:one:hostC");
     EXPECT_EQ(call(c, "hostB@echo", "two"), "RESPONSE echo:two:hostB");
     EXPECT_EQ(call(b, "hostA@echo", "three"), "RESPONSE echo:three:hostA");
+
+    // Each query is copied to every known host and to this one while the
+    // answers of earlier ones cross the same routers: every round gets its
+    // three answers, and the service still answers afterwards.
+    Process fan = app(a, {"fanout", a.pipe, "300", "3"});
+    const auto deadline = Clock::now() + std::chrono::seconds(120);
+    EXPECT_EQ(readAll(fan, deadline), "FANOUT 300\n");
+    EXPECT_EQ(finish(fan, deadline), 0);
+    EXPECT_EQ(call(a, "hostA@system", "KnownHosts"), "RESPONSE hostB\nhostC\nhostA");
+    EXPECT_EQ(call(a, "hostB@echo", "after"), "RESPONSE echo:after:hostB");
+}
+
+TEST_F(MultiHost, AHostThatNeverAnswersHoldsUpNothingElse)
+{
+    PREPARE_HOSTS(2);
+    Host& a = m_hosts[0];
+    Host& b = m_hosts[1];
+    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
+
+    // hostZ is announced at an address whose frames go nowhere: host A's
+    // neighbour entry names a link address no port of the bridge has, so
+    // every connect attempt to it waits until its SYNs run out.
+    Host z;
+    z.name = "hostZ";
+    z.address = std::string(Subnet) + "99";
+    ASSERT_EQ(ip(a.netns, {"neigh", "add", z.address, "lladdr", "02:00:00:00:00:99", "dev", "eth0", "nud", "permanent"}),
+              0);
+    Process announce = app(b, {"send", std::string(Subnet) + "255", std::to_string(DiscoveryPort), announcement(z)});
+    EXPECT_EQ(readAll(announce, Clock::now() + std::chrono::seconds(10)), "SENT\n");
+    EXPECT_EQ(finish(announce, Clock::now() + std::chrono::seconds(5)), 0);
+    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostZ\nhostA"));
+
+    // A request for hostZ starts the connect; while it is pending, the
+    // service answers its own queries and carries traffic to other hosts.
+    Process stuck = app(a, {"call", a.pipe, "hostZ@echo", "ping"});
+    const std::string pending = "hostZ,false,";
+    ASSERT_TRUE(waitForAnswerContaining(a, "NetworkRoutingTable", pending));
+    EXPECT_EQ(call(a, "hostA@system", "KnownHosts"), "RESPONSE hostB\nhostZ\nhostA");
+    EXPECT_EQ(call(a, "hostB@echo", "meanwhile"), "RESPONSE echo:meanwhile:hostB");
+    EXPECT_NE(call(a, "hostA@system", "NetworkRoutingTable").find(pending), std::string::npos)
+        << "the answers above came only after the connect to hostZ had ended";
+
+    // The request for hostZ itself ends with its caller's own time-out.
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    EXPECT_EQ(readAll(stuck, deadline), "TIMEOUT\n");
+    EXPECT_EQ(finish(stuck, deadline), 3);
 }

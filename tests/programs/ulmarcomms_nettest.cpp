@@ -15,6 +15,14 @@
 //   capture ADDRESS PORT SOURCE MS   no library: waits for one UDP datagram
 //                                    from SOURCE on ADDRESS:PORT and prints
 //                                    "DATAGRAM <hex>" (exit 0) or TIMEOUT.
+//   send    ADDRESS PORT HEX         no library: sends one UDP datagram
+//                                    (broadcast allowed); prints "SENT".
+//   fanout  PIPE ROUNDS ANSWERS      asks the system endpoint ROUNDS times in
+//                                    a row which hosts support an interface,
+//                                    each time waiting for ANSWERS replies;
+//                                    prints "FANOUT <rounds done>" (exit 0
+//                                    when all were answered) and, on a round
+//                                    that falls short, "SHORT <round> <got>".
 //
 // Replies and timeouts are bounded: every wait has a deadline (10 s).
 #include "ulmarcomms.h"
@@ -273,9 +281,56 @@ int capture(const char* address, const char* port, const char* source, int ms)
     return 3;
 }
 
+int send(const char* address, const char* port, const std::string& hex)
+{
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(std::strtoul(hex.substr(i, 2).c_str(), nullptr, 16));
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(std::atoi(port)));
+    inet_pton(AF_INET, address, &to.sin_addr);
+    const ssize_t sent = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    close(fd);
+    if (sent != static_cast<ssize_t>(bytes.size())) {
+        say("SEND-FAILED");
+        return 1;
+    }
+    say("SENT");
+    return 0;
+}
+
+int fanout(const char* pipe, int rounds, int answers)
+{
+    if (!start(pipe))
+        return 1;
+    Inbox inbox;
+    void* pump = UlmarCommsCreateMessagePump("fanout", &inbox, ignoreMessage, onResponse, onError, nullptr);
+    int done = 0;
+    for (; pump != nullptr && done < rounds; ++done) {
+        void* query = UlmarCommsCreateListHostsSupportingInterfaces(pump, "demo.fanout", false);
+        if (query == nullptr || UlmarCommsPostMessage(pump, query) != ULMARCOMMS_OK)
+            break;
+        const size_t wanted = static_cast<size_t>(answers) * static_cast<size_t>(done + 1);
+        if (!waitForLines(inbox, wanted)) {
+            std::lock_guard<std::mutex> guard(inbox.lock);
+            say("SHORT " + std::to_string(done) + " " + std::to_string(inbox.lines.size() - wanted + answers));
+            break;
+        }
+    }
+    say("FANOUT " + std::to_string(done));
+    if (pump != nullptr)
+        UlmarCommsDestroyMessagePump(pump);
+    UlmarCommsShutdown();
+    return done == rounds ? 0 : 3;
+}
+
 int usage()
 {
-    std::fputs("usage: ulmarcomms_nettest serve|call|listen|capture ...\n", stderr);
+    std::fputs("usage: ulmarcomms_nettest serve|call|listen|capture|send|fanout ...\n", stderr);
     return 64;
 }
 
@@ -294,5 +349,9 @@ int main(int argc, char** argv)
         return listen(argv[2], argv[3], argv[4], std::atoi(argv[5]));
     if (mode == "capture" && argc == 6)
         return capture(argv[2], argv[3], argv[4], std::atoi(argv[5]));
+    if (mode == "send" && argc == 5)
+        return send(argv[2], argv[3], argv[4]);
+    if (mode == "fanout" && argc == 5)
+        return fanout(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
     return usage();
 }
