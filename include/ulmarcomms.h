@@ -174,9 +174,9 @@ int UlmarCommsSetLoggerLevel(int level);
 int UlmarCommsSocketsSetLogger(UlmarCommsLogger logger);
 /* The socket layer's lowest logged level. */
 int UlmarCommsSocketsSetLoggerLevel(int level);
-/* Accepted for compatibility; has no effect. */
+/* Accepted and ignored: the socket layer has no options to set. */
 int UlmarCommsSocketsSetOptionString(const char* key, const char* value);
-/* Accepted for compatibility (the name is spelt so); has no effect. */
+/* Accepted and ignored, like the above; the name is spelt so on purpose. */
 int UlmarCommsScoketsSetOptionNumber(const char* key, int value);
 
 #ifdef __cplusplus

@@ -352,7 +352,9 @@ ULMARCOMMS_API int UlmarCommsMessageAddKeyValue(void* message, const char* key, 
     return asMessage(message)->add(key, value) ? 0 : 2;
 }
 
-// 1 when not started, the same number as a real id 1; other builds agree.
+// 1 when not started: the not-started result code, deliberately kept even
+// though a real id can be 1 as well, so that every int-result call of the
+// interface reports "not started" with the same number.
 ULMARCOMMS_API int UlmarCommsMessageId(void* pump, void* message)
 {
     if (runtime() == nullptr)

@@ -1,9 +1,9 @@
 // Frames and command records: building, piecewise sending, reassembly.
 //
-// The log texts are the ones other builds of the system write and that
-// operators grep for, older names and spellings included. Receiving is
-// hardened against hostile peers (bounded payloads, bounded command texts);
-// every well-formed stream is read exactly as other builds read it.
+// The log texts stay byte for byte as they are, old names and misspellings
+// included, because operators grep the logs for them. Receiving is hardened
+// against hostile peers (bounded payloads, bounded command texts); every
+// well-formed stream is read exactly as the wire format lays it out.
 #include "framing/dataframe.h"
 
 #include "core/core.h"

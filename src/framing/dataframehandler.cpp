@@ -1,9 +1,10 @@
 // Frame handler: outbound queues and the one frame in flight, inbound
 // reassembly and dispatch, the socket trampolines; and the frame server.
 //
-// The log texts are the ones operators know from other builds of the system,
-// older spellings included. Pointers that those texts print with %d are
-// passed as numbers, so the logger never sees a mismatched argument.
+// The log texts stay byte for byte as they are, misspellings included,
+// because operators grep the logs for them. Pointers that those texts print
+// with %d are passed as numbers, so the logger never sees a mismatched
+// argument.
 #include "framing/dataframehandler.h"
 
 #include "core/core.h"

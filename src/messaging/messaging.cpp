@@ -169,8 +169,9 @@ bool MessageItem::add(const char* key, const char* value)
     size_t sourceLength = std::strlen(value);
     const std::string* hostName = nullptr;
     if (isAddressKey(key) && std::strncmp(value, kLocalhost, kLocalhostLength) == 0) {
-        // Substitution is by prefix, not by separator: "localhostess" on host
-        // "myhost" becomes "myhostess"; other builds of the system agree.
+        // Substitution is deliberately by prefix, not by separator:
+        // "localhostess" on host "myhost" becomes "myhostess", so one plain
+        // prefix test decides every address key.
         hostName = &Core::instance()->getHostName();
         source = value + kLocalhostLength;
         sourceLength -= kLocalhostLength;
@@ -336,7 +337,7 @@ bool MessageItem::toBuffer(unsigned& size, unsigned char* buffer, unsigned capac
 
 // Every record is bounded by the buffer and must end in its NUL, so a
 // truncated or overrunning packet is refused without reading past the end;
-// well-formed packets parse exactly as other builds of the system parse them.
+// well-formed packets parse exactly as the wire format lays them out.
 bool MessageItem::fromBuffer(const unsigned char* buffer, unsigned length)
 {
     if (length == 0 || buffer == nullptr || buffer[0] != DataPacket_MessageHead)
@@ -1513,8 +1514,8 @@ void MessagePump::answerHasInterfaces(MessageItem* request)
         return;
     }
     const std::string names = interfaceNames();
-    // A pump without interfaces does not answer at all; askers rely on
-    // that silence.
+    // A pump without interfaces does not answer at all, so an asker hears
+    // only from pumps that have interfaces.
     if (names.empty())
         return;
     reply(request, listContains(names, wanted) ? "true" : "false");

@@ -7,8 +7,9 @@
 //
 // ConditionValue is a bare wake-up hint with no predicate: a signal that finds
 // nobody waiting is lost, and every waiter re-checks its own state after each
-// return. Its deadline arithmetic is kept exactly as other builds of this
-// system compute it (no carry from nanoseconds into seconds).
+// return. Its deadline arithmetic deliberately does not carry nanoseconds
+// into seconds: a deadline whose sub-second part reaches a second is refused
+// by the wait at once, so only short delays really wait.
 #pragma once
 
 #include <pthread.h>

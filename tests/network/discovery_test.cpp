@@ -81,7 +81,7 @@ public:
 
 } // namespace
 
-TEST(DiscoveryDatagram, BuildsTheSpecifiedBytes)
+TEST(DiscoveryDatagram, BuildsTheAnnouncementByteForByte)
 {
     unsigned char buffer[NetworkRouterInterface::DiscoveryBufferSize];
     unsigned length = 0;

@@ -365,7 +365,7 @@ TEST(SocketErrors, SystemErrorsMapToSocketCodes)
     };
     for (const auto& [error, code] : table)
         EXPECT_EQ(Socket::BSDSocketsErrorCode(error), code) << "errno " << error;
-    // The numbers other builds of this system use.
+    // The codes are plain numbers in results and log lines, so their values are pinned.
     EXPECT_EQ(Socket::AddressAlreadyUsed, 6);
     EXPECT_EQ(Socket::ConnectionResetByPeer, 10);
     EXPECT_EQ(Socket::InvalidFunctionOnSocketType, 29);
