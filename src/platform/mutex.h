@@ -4,6 +4,7 @@
 // own locks (a callback may post back into the object that called it), so a
 // non-recursive lock would deadlock them. Locks are taken only through the
 // scoped MutexLocker, so no path can leave one held.
+// docs/architecture.md gives the order in which the system's locks nest.
 //
 // ConditionValue is a bare wake-up hint with no predicate: a signal that finds
 // nobody waiting is lost, and every waiter re-checks its own state after each
