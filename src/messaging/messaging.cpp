@@ -8,9 +8,11 @@
 //
 // The router, its queue and worker, and the message pumps follow. Delivery
 // runs on the router's one worker thread; the table lock is never held while
-// a pump or the system router is called, so callbacks may post, add and
-// remove pumps freely, and remove() waits for an in-flight delivery to that
-// pump so that a removed pump can be deleted at once.
+// a pump's handler or the system router is called (only the pump's own
+// innermost lock may be taken under it, to read its interface names), so
+// callbacks may post, add and remove pumps freely, and remove() waits for an
+// in-flight delivery to that pump so that a removed pump can be deleted at
+// once.
 #include "messaging/messaging.h"
 
 #include "core/core.h"

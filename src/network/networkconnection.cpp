@@ -80,7 +80,8 @@ void NetworkRouterConnection::onConnected(Socket* socket)
                   static_cast<void*>(socket), static_cast<void*>(this->socket()));
         return;
     }
-    m_pInterface->add(this);
+    // connectTo listed the connection before starting the connect; adding it
+    // here again could bring back one that a stop has already taken out.
     if (!recvData()) {
         Core::log(Core::LogError,
                   "NetworkRouterConnection::onConnected() Connected but failed to do recvData() on connection object\n");

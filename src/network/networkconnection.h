@@ -45,7 +45,7 @@ public:
 
     // The connection erred: the interface deletes it.
     void onError(UlmarCommsSystem::Socket* socket, unsigned char error) override;
-    // Joins the interface, starts receiving and, as initiator, names this host.
+    // Starts receiving and, as initiator, names this host and lets held frames go.
     void onConnected(UlmarCommsSystem::Socket* socket) override;
     // The peer went away: the routing table forgets the connection.
     void onDisconnect(UlmarCommsSystem::Socket* socket) override;

@@ -12,7 +12,8 @@
 //
 // Threads. onRecvedFrom, onClientConnect and onClientDisconnect run on
 // selector worker threads, the broadcast on the timer worker, connectTo on the
-// system router's thread (it only starts the connect, never waits), and connection
+// system router's thread (it starts the connect and waits for no host, only
+// for the end of a retired connection's callback), and connection
 // callbacks (add / remove) on selector workers. The connections list has its
 // own lock, never held while a connection is deleted: deleting a connection
 // deletes its socket, which waits for that socket's callbacks, and those may

@@ -9,17 +9,20 @@
 // opened lazily, by the first post for a host, and are owned by the interface
 // they run on; the table only points at them.
 //
-// Threads. post, the queries and stop come from the system router's threads;
-// infoAboutHost from the discovery socket's receive callback and
-// routingTableNewConnection / removeConnection from connection callbacks, all
-// on selector worker threads. One recursive lock guards the host names and the
-// routing table for the whole of every operation that reads or changes them.
-// The one exception is the blocking connect that post may start: a link's
-// receive path takes the router lock inside the link's own lock, so a link is
-// opened outside the router lock, under a separate connect lock that also
-// keeps stop() waiting. stop() never holds the router lock while it deletes
-// interfaces or connections: deleting a socket waits for its callbacks, and
-// those callbacks take the lock.
+// Threads. post comes from the system router's thread, the queries from the
+// service's router worker, start and stop from the thread that starts and
+// stops the service; infoAboutHost from the discovery socket's receive
+// callback and routingTableNewConnection / removeConnection from connection
+// callbacks, all on selector worker threads. One recursive lock guards the
+// host names and the routing table while they are read or changed; nothing
+// is posted to the system router under it (the fan-out query reads its
+// targets, lets the lock go, then posts). A new link is started outside the
+// router lock, under a separate connect lock that also keeps stop() waiting:
+// starting one deletes retired connections, whose teardown takes the router
+// lock on other threads. The connect itself never waits for the host.
+// stop() never holds the router lock while it deletes interfaces or
+// connections: deleting a socket waits for its callbacks, and those
+// callbacks take the lock. docs/architecture.md gives the whole lock order.
 #pragma once
 
 #include "platform/mutex.h"

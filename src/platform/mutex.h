@@ -1,9 +1,11 @@
 // Locks and the wake-up signal every long-lived activity of the library uses.
 //
-// Every lock is recursive: code paths of the routers and links re-enter their
-// own locks (a callback may post back into the object that called it), so a
-// non-recursive lock would deadlock them. Locks are taken only through the
-// scoped MutexLocker, so no path can leave one held.
+// Every Mutex is recursive: code paths of the routers and links re-enter
+// their own locks (a callback may post back into the object that called it),
+// so a non-recursive lock would deadlock them. A Mutex is taken only through
+// the scoped MutexLocker, so no path can leave one held. A few leaf locks
+// that never re-enter (the socket registry, a connection interface's
+// retirement count) are plain std::mutex.
 // docs/architecture.md gives the order in which the system's locks nest.
 //
 // ConditionValue is a bare wake-up hint with no predicate: a signal that finds

@@ -5,7 +5,9 @@
 // presents each remote process as one more IMessageRouter.
 //
 // Two locks, never nested by this class: the table lock (routers and routing
-// table) and the queue lock (queue and the hand-off to the network router).
+// table) and the queue lock (the queue and the network router pointer). No
+// lock of this class is held while a message is handed to the network router,
+// which posts back here under its own lock.
 // Messages that cannot be delivered at once are queued for the router's own
 // thread ("system router" thread), which makes the full routing decision and
 // answers undeliverable requests with error 400.
