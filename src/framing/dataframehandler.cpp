@@ -711,20 +711,20 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
         unsigned consumed = 0;
         if (!m_pInboundCurrentFrame->readIn(buffer + offset, count - offset, complete, consumed)) {
             Core::log(Core::LogError, "DataFrameHandler::onRecved() m_pInboundCurrentFrame->readIn() Failed\n");
-            // Only a refused stream fails with input left; retrying would
-            // never get past it, so the link ends.
-            endLink(socket, "the peer announced a frame above the size limit");
+            // Only a refused header fails with input left: the bytes after it
+            // cannot be framed again, so retrying would never get past it.
+            endLink(socket, m_pInboundCurrentFrame->readError() == DataFrame::ReadErrorNoMemory
+                                ? "no memory for the payload the peer announced"
+                                : "the peer announced a frame above the size limit");
             return;
         }
         if (complete) {
             Core::verbose("DataFrameHandler::onRecved() this=%p Processing inbound current frame.\n",
                           static_cast<void*>(this));
-            const bool wellFormed = processInboundCurrentFrame();
+            // A payload that does not parse costs that frame only: its
+            // header said where it ends, so the next frame is read as usual.
+            processInboundCurrentFrame();
             m_pInboundCurrentFrame->reset();
-            if (!wellFormed) {
-                endLink(socket, "the peer sent a frame whose payload contradicts its record");
-                return;
-            }
         }
         offset += consumed;
     }
@@ -733,23 +733,22 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
         postRecv(socket);
 }
 
-bool DataFrameHandler::processInboundCurrentFrame()
+void DataFrameHandler::processInboundCurrentFrame()
 {
     DataFrame* frame = m_pInboundCurrentFrame;
     switch (frame->frameType()) {
     case DataFrame::FrameTypeMessage: {
         MessageItem* message = MessageItem::create();
         if (message == nullptr) {
-            // Our memory, not the peer's fault: the frame is dropped, the link stays.
             Core::log(Core::LogError, "DataFrameHandler::processInboundCurrentFrame() this=%p failed create message.!\n",
                       static_cast<void*>(this));
-            return true;
+            return;
         }
         if (!frame->extractMessage(*message)) {
             MessageItem::release(message);
             Core::log(Core::LogError, "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get.!\n",
                       static_cast<void*>(this));
-            return false;
+            return;
         }
         try {
             doHandleMessage(message); // the subclass owns it now
@@ -759,7 +758,7 @@ bool DataFrameHandler::processInboundCurrentFrame()
                       "dropped.\n",
                       static_cast<void*>(this), frame->id());
         }
-        return true;
+        return;
     }
     case DataFrame::FrameTypeCommand: {
         unsigned char code = 0;
@@ -768,7 +767,7 @@ bool DataFrameHandler::processInboundCurrentFrame()
             Core::log(Core::LogError,
                       "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get for command.!\n",
                       static_cast<void*>(this));
-            return false;
+            return;
         }
         try {
             doHandleCommand(code, text);
@@ -778,13 +777,13 @@ bool DataFrameHandler::processInboundCurrentFrame()
                       "dropped.\n",
                       static_cast<void*>(this), frame->id());
         }
-        return true;
+        return;
     }
     default:
-        // Framing is intact, so a type we do not know (a newer peer) is skipped.
+        // The header still says where the frame ends, so it is skipped.
         Core::log(Core::LogWarning, "DataFrameHandler::processInboundCurrentFrame() this=%p frame is Unknown!\n",
                   static_cast<void*>(this));
-        return true;
+        return;
     }
 }
 

@@ -21,11 +21,15 @@
 // frame holds a serialised copy. A message handed to doHandleMessage belongs
 // to the subclass.
 //
-// A peer that breaks the framing (a header announcing more than
-// DataFrame::MaxDataSize, a payload that contradicts its own record) ends its
-// link: nothing of the announced size is allocated, the connection is shut
-// down and the socket layer then reports its end like any other drop, so each
-// owner's one clean-up path runs, outside the handler's own frames.
+// A frame whose payload does not parse (a message packet or command record
+// that contradicts itself) or whose type is unknown is logged and dropped:
+// its header said where it ends, so the link stays and the next frame is read.
+// Only a header that cannot be honoured (announcing more than
+// DataFrame::MaxDataSize, or more than memory allows) ends the link, since
+// the bytes after it cannot be framed again: nothing of the announced size is
+// allocated, the connection is shut down and the socket layer then reports
+// its end like any other drop, so each owner's one clean-up path runs,
+// outside the handler's own frames.
 #pragma once
 
 #include "framing/dataframe.h"
@@ -116,7 +120,8 @@ public:
     void releaseOutbound();
     // Frames waiting to be written, the one being written included.
     unsigned queuedFrames();
-    // Whether the peer broke the framing and the link is being ended.
+    // Whether the peer sent a header that cannot be honoured and the link is
+    // being ended.
     bool isLinkEnding();
 
     // Socket trampolines: user data is the handler; every exception is caught.
@@ -179,8 +184,8 @@ private:
     Socket* detachLocked();
     // Posts a receive on socket.
     bool postRecv(Socket* socket);
-    // Dispatches the complete inbound frame; false when the peer broke the framing.
-    bool processInboundCurrentFrame();
+    // Dispatches the complete inbound frame; one that does not parse is dropped.
+    void processInboundCurrentFrame();
     // Shuts the connection down so the socket layer reports its end.
     void endLink(Socket* socket, const char* reason);
     // Releases every frame queued or in flight.
@@ -199,7 +204,8 @@ private:
     std::deque<DataFrame*> m_commandQueue;
     // The frame being reassembled.
     DataFrame* m_pInboundCurrentFrame;
-    // The peer broke the framing; inbound bytes are dropped until a new socket.
+    // The peer sent a header that cannot be honoured; inbound bytes are
+    // dropped until a new socket.
     bool m_linkEnding;
     // Guards the queues, the frame in flight, the ids and the socket pointer.
     UlmarCommsSystem::Mutex m_outboundLock;

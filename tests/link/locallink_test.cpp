@@ -160,6 +160,72 @@ std::string valueOf(const Received& received, const char* key)
     return received.value(key);
 }
 
+typedef std::vector<unsigned char> Bytes;
+
+// The bytes a built frame puts on the wire.
+Bytes wireOf(const DataFrame& built)
+{
+    DataFrame& frame = const_cast<DataFrame&>(built);
+    Bytes bytes(frame.dataSize() + DataFrame::HeaderSize);
+    unsigned count = 0;
+    EXPECT_TRUE(frame.writeOut(bytes.data(), static_cast<unsigned>(bytes.size()), count));
+    bytes.resize(count);
+    return bytes;
+}
+
+Bytes operator+(Bytes left, const Bytes& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// A frame header followed by whatever payload bytes are given.
+Bytes rawFrame(unsigned char type, uint32_t id, const Bytes& payload)
+{
+    Bytes bytes(DataFrame::HeaderSize);
+    DataFrame::writeHeaderToBuffer(bytes.data(), type, static_cast<unsigned>(payload.size()), id);
+    return bytes + payload;
+}
+
+// A plain stream socket connected to the service, not built on this library.
+struct RawClient {
+    explicit RawClient(const SocketAddress& address) : fd(::socket(AF_UNIX, SOCK_STREAM, 0))
+    {
+        EXPECT_GE(fd, 0);
+        EXPECT_EQ(::connect(fd, address.getAddress(), address.getAddressSize()), 0);
+    }
+    ~RawClient()
+    {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    bool sendAll(const Bytes& bytes)
+    {
+        size_t done = 0;
+        while (done < bytes.size()) {
+            const ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+            if (n <= 0)
+                return false;
+            done += static_cast<size_t>(n);
+        }
+        return true;
+    }
+    // True when the other side ended the stream within the deadline.
+    bool endedByPeer(int timeoutMs)
+    {
+        pollfd entry{fd, POLLIN, 0};
+        if (::poll(&entry, 1, timeoutMs) != 1)
+            return false;
+        unsigned char scratch[16];
+        return ::recv(fd, scratch, sizeof(scratch), MSG_DONTWAIT) == 0;
+    }
+
+    int fd;
+};
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -329,28 +395,18 @@ TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
 
     // A plain peer announces a pump the honest way, then sends a header
     // announcing far more than any frame may hold.
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::connect(fd, address.getAddress(), address.getAddressSize()), 0);
+    RawClient client(address);
     const std::string evil = UlmarComms::Core::instance()->getHostName() + "@evil";
-    DataFrame announce(1, CommandMessage::AddMessagePump, evil.c_str());
-    std::vector<unsigned char> bytes(announce.dataSize() + DataFrame::HeaderSize);
-    unsigned count = 0;
-    ASSERT_TRUE(announce.writeOut(bytes.data(), static_cast<unsigned>(bytes.size()), count));
-    ASSERT_EQ(::send(fd, bytes.data(), count, MSG_NOSIGNAL), static_cast<ssize_t>(count));
+    ASSERT_TRUE(client.sendAll(wireOf(DataFrame(1, CommandMessage::AddMessagePump, evil.c_str()))));
     ASSERT_TRUE(service.waitForEntries({kept.address(), evil}));
     ASSERT_EQ(service.server->links().size(), 2u);
 
     unsigned char header[DataFrame::HeaderSize];
     DataFrame::writeHeaderToBuffer(header, DataFrame::FrameTypeMessage, 0xFFFFFFFFu, 2);
-    ASSERT_EQ(::send(fd, header, sizeof(header), MSG_NOSIGNAL), static_cast<ssize_t>(sizeof(header)));
+    ASSERT_TRUE(client.sendAll(Bytes(header, header + sizeof(header))));
     ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1 && !service.hasEntry(evil); }, kDeadline))
         << service.table();
-    pollfd entry{fd, POLLIN, 0};
-    ASSERT_EQ(::poll(&entry, 1, static_cast<int>(kDeadline.count())), 1);
-    unsigned char scratch[16];
-    EXPECT_EQ(::recv(fd, scratch, sizeof(scratch), 0), 0) << "the service ended the link";
-    ::close(fd);
+    EXPECT_TRUE(client.endedByPeer(static_cast<int>(kDeadline.count()))) << "the service ended the link";
 
     // The honest process is untouched.
     EXPECT_TRUE(service.hasEntry(kept.address()));
@@ -358,6 +414,90 @@ TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
     ASSERT_TRUE(svc.join());
     ASSERT_EQ(kept.pump.post(kept.pump.createMessage(svc.address().c_str(), "fine")), 0);
     ASSERT_TRUE(svc.waitForCount(1));
+}
+
+// A frame whose payload does not parse, or whose type is unknown, costs that
+// frame: the same stream's next frame is delivered and the link stays, with
+// the pump it announced.
+TEST_F(LocalLinkTest, AFrameThatCannotBeDecodedCostsThatFrameNotTheLink)
+{
+    LogCapture log(UlmarComms::Core::LogWarning);
+    Service service(address);
+    Endpoint svc(service.local, "svc");
+    ASSERT_TRUE(svc.join());
+    RawClient client(address);
+    const std::string raw = UlmarComms::Core::instance()->getHostName() + "@raw";
+    ASSERT_TRUE(client.sendAll(wireOf(DataFrame(1, CommandMessage::AddMessagePump, raw.c_str()))));
+    ASSERT_TRUE(service.waitForEntries({raw}));
+
+    auto messageTo = [&](const std::string& method) {
+        MessageItem* message = MessageRouter::create(svc.address().c_str(), raw.c_str(), method.c_str());
+        Bytes bytes = wireOf(DataFrame(7, message));
+        MessageItem::release(message);
+        return bytes;
+    };
+    // A routable message whose end byte is wrong.
+    Bytes badPacket = messageTo("never");
+    badPacket.back() = 0;
+    const struct {
+        const char* name;
+        Bytes bad;
+        const char* line;
+    } cases[] = {
+        {"message packet", badPacket, "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get.!\n"},
+        {"command record", rawFrame(DataFrame::FrameTypeCommand, 8, {CommandMessage::AddMessagePump, 0, 0, 0, 99, 'x', 0}),
+         "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get for command.!\n"},
+        {"frame type", rawFrame(9, 9, {1, 2, 3}), "DataFrameHandler::processInboundCurrentFrame() this=%p frame is Unknown!\n"},
+    };
+    size_t delivered = 0;
+    for (const auto& item : cases) {
+        SCOPED_TRACE(item.name);
+        log.clear();
+        ASSERT_TRUE(client.sendAll(item.bad + messageTo(item.name)));
+        ASSERT_TRUE(svc.waitForCount(++delivered));
+        EXPECT_EQ(svc.received().back().method, item.name);
+        size_t lines = 0;
+        for (const auto& line : log.lines())
+            lines += std::string(line.format) == item.line ? 1 : 0;
+        EXPECT_EQ(lines, 1u);
+    }
+    EXPECT_EQ(svc.count(), delivered) << "nothing of a dropped frame was delivered";
+    EXPECT_EQ(service.server->links().size(), 1u);
+    EXPECT_TRUE(service.hasEntry(raw)) << service.table();
+    EXPECT_FALSE(client.endedByPeer(0));
+}
+
+// A key of 300 bytes wraps its one-byte length when written, so the receiver
+// cannot parse that packet: it costs that one message, nothing else.
+TEST_F(LocalLinkTest, AMessageWhoseKeyLengthWrapsIsDroppedAndTheLinkKeepsItsPumps)
+{
+    LogCapture log(UlmarComms::Core::LogError);
+    Service service(address);
+    Endpoint svc(service.local, "svc");
+    ASSERT_TRUE(svc.join());
+    Application app(address);
+    Endpoint first(app.router, "first");
+    Endpoint second(app.router, "second");
+    ASSERT_TRUE(first.join());
+    ASSERT_TRUE(second.join());
+    ASSERT_TRUE(app.proxy.start());
+    ASSERT_TRUE(service.waitForEntries({first.address(), second.address()}));
+
+    MessageItem* longKey = first.pump.createMessage(svc.address().c_str(), "long");
+    ASSERT_TRUE(longKey->add(std::string(300, 'k').c_str(), "v"));
+    ASSERT_EQ(first.pump.post(longKey), 0);
+    ASSERT_EQ(first.pump.post(first.pump.createMessage(svc.address().c_str(), "next")), 0);
+    ASSERT_TRUE(svc.waitForCount(1));
+    EXPECT_EQ(svc.received()[0].method, "next");
+    EXPECT_EQ(log.count("failed frame get.!"), 1u);
+
+    EXPECT_EQ(app.proxy.state(), SocketSystemRouterProxy::StateConnected);
+    EXPECT_EQ(service.server->links().size(), 1u);
+    EXPECT_TRUE(service.hasEntry(first.address())) << service.table();
+    EXPECT_TRUE(service.hasEntry(second.address())) << service.table();
+    ASSERT_EQ(second.pump.post(second.pump.createMessage(svc.address().c_str(), "still")), 0);
+    ASSERT_TRUE(svc.waitForCount(2));
+    EXPECT_EQ(svc.count(), 2u);
 }
 
 // ---------------------------------------------------------------------------
