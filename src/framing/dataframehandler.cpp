@@ -594,6 +594,7 @@ bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsig
         m_pOutboundCurrentFrame = m_batched.front();
         m_batched.pop_front();
     }
+    requeueUntouched();
     if (m_pOutboundCurrentFrame != nullptr) {
         Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Carry on with frame.\n",
                       static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0,
@@ -601,6 +602,27 @@ bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsig
         return true;
     }
     return pickNextFrame();
+}
+
+void DataFrameHandler::requeueUntouched()
+{
+    // Frames the socket took nothing of were not written: back at the head
+    // of their queues, a command queued meanwhile leaves before the messages
+    // among them, exactly as one frame at a time would have it.
+    try {
+        if (m_pOutboundCurrentFrame != nullptr && m_currentSent == 0) {
+            m_batched.push_front(m_pOutboundCurrentFrame);
+            m_pOutboundCurrentFrame = nullptr;
+        }
+        while (!m_batched.empty()) {
+            DataFrame* frame = m_batched.back();
+            auto& queue = frame->frameType() == DataFrame::FrameTypeCommand ? m_commandQueue : m_messageQueue;
+            queue.push_front(frame);
+            m_batched.pop_back();
+        }
+    } catch (...) {
+        // Those left batched are still taken first, in wire order.
+    }
 }
 
 void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,

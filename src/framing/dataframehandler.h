@@ -167,6 +167,9 @@ private:
     // Accounts count bytes as gone; true while a current frame is left to
     // write (outbound lock held).
     bool completeSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size);
+    // Returns frames of the last send that the socket took nothing of to the
+    // heads of their queues (outbound lock held).
+    void requeueUntouched();
     // A frame to build an outbound frame in: a spare one, else a new one
     // (outbound lock held).
     DataFrame* createOutbound();

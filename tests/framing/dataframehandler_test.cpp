@@ -14,10 +14,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -236,8 +238,8 @@ public:
     }
     void onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, unsigned char error) override
     {
-        if (count < size)
-            ++partialSends;
+        if (count < size && onPartialSend)
+            onPartialSend(buffer, count, size);
         DataFrameHandler::onSent(socket, buffer, count, size, error);
     }
 
@@ -275,7 +277,8 @@ public:
     bool echo = false;
     bool throwInOnError = false;
     std::atomic<bool> throwOnNextMessage{false};
-    std::atomic<int> partialSends{0};
+    // Called when a posted send completes in part, before the handler sees it.
+    std::function<void(const unsigned char* buffer, unsigned count, unsigned size)> onPartialSend;
 
 private:
     template <typename Change> void record(const std::string& event, Change change)
@@ -615,28 +618,62 @@ TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
     EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
 }
 
-// Many small frames against a peer that does not read: the connection stops
-// taking bytes in the middle of a batch, and the rest follows through the
-// selector from exactly where it stopped.
-TEST_F(FrameLinkTest, BatchesCutShortByAFullSocketResumeWhereTheyStopped)
+// Many small frames held and then flushed against a peer that does not read:
+// a send of a whole megabyte of them is posted, and the connection takes
+// only part of it once the peer reads. A command queued before that send completes leaves right
+// after the frame the connection stopped in: the frames it took nothing of
+// were not written yet. Every byte still arrives, resumed where it stopped.
+TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWritten)
 {
-    auto server = unixServer();
+    auto server = unixServer(0, 1u << 20);
     RawPeer peer;
     ASSERT_TRUE(peer.connectTo(server->address()));
     ASSERT_TRUE(server->waitForClients(1));
     Recorder* accepted = server->handler(0);
 
-    Bytes expected;
-    for (unsigned i = 1; i <= 3000; ++i) {
+    const unsigned total = 3000;
+    const Bytes command = commandFrame(total + 1, 7, "urgent");
+    std::mutex mutex;
+    Bytes untaken;
+    accepted->onPartialSend = [&](const unsigned char* buffer, unsigned count, unsigned size) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!untaken.empty())
+            return;
+        untaken.assign(buffer + count, buffer + size);
+        EXPECT_TRUE(accepted->addToOutbound(7, "urgent"));
+    };
+    Bytes plain;
+    std::vector<size_t> starts;
+    for (unsigned i = 1; i <= total; ++i) {
         MessageItem* message = makeMessage("n" + std::to_string(i), 700 + i % 300);
-        ASSERT_TRUE(accepted->addToOutbound(message));
-        append(expected, messageFrame(i, message));
+        ASSERT_TRUE(accepted->addToOutboundHeld(message));
+        starts.push_back(plain.size());
+        append(plain, messageFrame(i, message));
         MessageItem::release(message);
     }
-    ASSERT_GT(accepted->queuedFrames(), 0u) << "the socket cannot have taken megabytes unread";
+    // Written as a received block's messages are: the connection takes what
+    // it can at once and the next megabyte is posted, all before this returns.
+    accepted->flushOutbound();
+    ASSERT_GT(accepted->queuedFrames(), total / 2) << "the socket cannot have taken megabytes unread";
+
     Bytes received;
-    ASSERT_TRUE(peer.readExactly(expected.size(), received));
-    EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
+    ASSERT_TRUE(peer.readExactly(plain.size() + command.size(), received));
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ASSERT_GT(untaken.size(), 0u) << "a posted send of a megabyte completed in part";
+    }
+    // Where the connection stopped, in the stream the messages make alone.
+    const auto found = std::search(plain.begin(), plain.end(), untaken.begin(), untaken.end());
+    ASSERT_NE(found, plain.end());
+    const size_t stop = static_cast<size_t>(found - plain.begin());
+    const size_t ahead = static_cast<size_t>(std::lower_bound(starts.begin(), starts.end(), stop) - starts.begin());
+    ASSERT_LT(ahead, total);
+    const size_t nextEnd = ahead + 1 < total ? starts[ahead + 1] : plain.size();
+    EXPECT_LE(nextEnd, stop + untaken.size()) << "the send held whole frames the connection took nothing of";
+    Bytes expected(plain.begin(), plain.begin() + static_cast<long>(starts[ahead]));
+    append(expected, command);
+    expected.insert(expected.end(), plain.begin() + static_cast<long>(starts[ahead]), plain.end());
+    EXPECT_TRUE(received == expected) << "the command must follow the frame the connection stopped in";
     EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
 }
 
