@@ -620,11 +620,15 @@ TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
 
 // Many small frames held and then flushed against a peer that does not read:
 // a send of a whole megabyte of them is posted, and the connection takes
-// only part of it once the peer reads. A command queued before that send completes leaves right
-// after the frame the connection stopped in: the frames it took nothing of
-// were not written yet. Every byte still arrives, resumed where it stopped.
+// only part of it once the peer reads. A command queued before that send
+// completes leaves right after the frame the connection stopped in: the
+// frames it took nothing of were not written yet. Every byte still arrives,
+// resumed where it stopped.
 TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWritten)
 {
+    // Declared before the server: its handler's callbacks use them.
+    std::mutex mutex;
+    Bytes untaken;
     auto server = unixServer(0, 1u << 20);
     RawPeer peer;
     ASSERT_TRUE(peer.connectTo(server->address()));
@@ -633,8 +637,6 @@ TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWrit
 
     const unsigned total = 3000;
     const Bytes command = commandFrame(total + 1, 7, "urgent");
-    std::mutex mutex;
-    Bytes untaken;
     accepted->onPartialSend = [&](const unsigned char* buffer, unsigned count, unsigned size) {
         std::lock_guard<std::mutex> lock(mutex);
         if (!untaken.empty())

@@ -163,9 +163,8 @@ std::string valueOf(const Received& received, const char* key)
 typedef std::vector<unsigned char> Bytes;
 
 // The bytes a built frame puts on the wire.
-Bytes wireOf(const DataFrame& built)
+Bytes wireOf(DataFrame&& frame)
 {
-    DataFrame& frame = const_cast<DataFrame&>(built);
     Bytes bytes(frame.dataSize() + DataFrame::HeaderSize);
     unsigned count = 0;
     EXPECT_TRUE(frame.writeOut(bytes.data(), static_cast<unsigned>(bytes.size()), count));
@@ -439,15 +438,19 @@ TEST_F(LocalLinkTest, AFrameThatCannotBeDecodedCostsThatFrameNotTheLink)
     // A routable message whose end byte is wrong.
     Bytes badPacket = messageTo("never");
     badPacket.back() = 0;
+    // A command record whose text runs past the record.
+    const Bytes badRecord =
+        rawFrame(DataFrame::FrameTypeCommand, 8, {CommandMessage::AddMessagePump, 0, 0, 0, 99, 'x', 0});
     const struct {
         const char* name;
         Bytes bad;
         const char* line;
     } cases[] = {
         {"message packet", badPacket, "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get.!\n"},
-        {"command record", rawFrame(DataFrame::FrameTypeCommand, 8, {CommandMessage::AddMessagePump, 0, 0, 0, 99, 'x', 0}),
+        {"command record", badRecord,
          "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get for command.!\n"},
-        {"frame type", rawFrame(9, 9, {1, 2, 3}), "DataFrameHandler::processInboundCurrentFrame() this=%p frame is Unknown!\n"},
+        {"frame type", rawFrame(9, 9, {1, 2, 3}),
+         "DataFrameHandler::processInboundCurrentFrame() this=%p frame is Unknown!\n"},
     };
     size_t delivered = 0;
     for (const auto& item : cases) {
