@@ -910,6 +910,18 @@ unsigned MessageRouter::numberOfPumps()
     return m_count;
 }
 
+void MessageRouter::releasePumps()
+{
+    UlmarCommsSystem::MutexLocker table(m_tableLock);
+    for (unsigned i = 0; i < m_count; ++i) {
+        if (m_entries[i]->pump->m_pRouter == this)
+            m_entries[i]->pump->m_pRouter = nullptr;
+        delete m_entries[i];
+        m_entries[i] = nullptr;
+    }
+    m_count = 0;
+}
+
 bool MessageRouter::post(MessageItem* message)
 {
     bool consumed = false;

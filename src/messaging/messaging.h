@@ -353,6 +353,10 @@ public:
     MessagePump* findTargetMessagePump(const char* to);
     // Pumps in the table.
     unsigned numberOfPumps();
+    // Empties the table, leaving each pump in it without a router, without
+    // announcing anything: for an owner about to delete a finished router
+    // whose pumps live on (a later post through one gets "no router").
+    void releasePumps();
 
     // Routes one message: local pumps through the queue, others to the system
     // router. False and released when not started; false and NOT released
@@ -554,6 +558,9 @@ private:
     // sets interfaces, creates events and posts them.
     UlmarCommsSystem::Mutex m_lock;
     std::map<std::string, std::vector<EventEntry>> m_events;
+
+    // Only a router going away clears a pump's router.
+    friend class MessageRouter;
 };
 
 } // namespace UlmarComms

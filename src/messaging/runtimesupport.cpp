@@ -78,6 +78,7 @@ int32_t RuntimeSupport::s_counter = 0;
 
 RuntimeSupport::RuntimeSupport()
     : m_started(false),
+      m_socketsHeld(false),
       m_pSystemRouter(nullptr),
       m_pMessageRouter(nullptr),
       m_pNetworkRouter(nullptr),
@@ -151,6 +152,7 @@ int RuntimeSupport::ulmarCommsStart(const std::string& arg)
     Core* core = Core::instance();
     if (!Socket::init(static_cast<unsigned>(core->getNumber("socket.selection.noworkerthreads"))))
         return StartLinkFailed;
+    m_socketsHeld = true;
     if (m_pSystemRouter == nullptr) {
         SocketAddress address;
         linkAddress(arg, address);
@@ -177,8 +179,17 @@ int RuntimeSupport::ulmarCommsStart(const std::string& arg)
     return StartLinkFailed;
 }
 
+bool RuntimeSupport::holdsAnything() const
+{
+    return m_socketsHeld || m_pMessageRouter != nullptr || m_pSystemRouter != nullptr;
+}
+
+// Never started, or already shut down: nothing is logged and nothing is
+// touched, least of all a socket layer that another holder set up.
 int RuntimeSupport::ulmarCommsShutdown()
 {
+    if (!holdsAnything())
+        return 0;
     Core::message("RuntimeSupport::ulmarCommsShutdown() <<< 1\n");
     if (m_pMessageRouter != nullptr) {
         m_pMessageRouter->finish();
@@ -190,13 +201,13 @@ int RuntimeSupport::ulmarCommsShutdown()
     Core::message("RuntimeSupport::ulmarCommsShutdown() <<< 3\n");
     if (m_pSystemRouter != nullptr)
         m_pSystemRouter->finish();
-    delete m_pMessageRouter;
-    m_pMessageRouter = nullptr;
+    deleteMessageRouter();
     delete m_pSystemRouter;
     m_pSystemRouter = nullptr;
     Core::message("RuntimeSupport::ulmarCommsShutdown() <<< 4\n");
     Core::message("RuntimeSupport::ulmarCommsShutdown() <<< 5\n");
     Socket::deinit();
+    m_socketsHeld = false;
     Core::message("RuntimeSupport::systemRouterServiceStop() <<< \n");
     m_started = false;
     return 0;
@@ -207,6 +218,7 @@ int RuntimeSupport::systemRouterServiceStart(const std::string& arg)
     Core* core = Core::instance();
     if (!Socket::init(static_cast<unsigned>(core->getNumber("socket.selection.systemmode.noworkerthreads"))))
         return StartLinkFailed;
+    m_socketsHeld = true;
     const int routers = startServiceRouters(arg);
     if (routers != StartOk)
         return routers;
@@ -287,16 +299,27 @@ int RuntimeSupport::systemRouterServiceStop()
     delete m_pNetworkRouter;
     m_pNetworkRouter = nullptr;
     Core::message("RuntimeSupport::systemRouterServiceStop() >>> 4\n");
-    delete m_pMessageRouter;
-    m_pMessageRouter = nullptr;
+    deleteMessageRouter();
     Core::message("RuntimeSupport::systemRouterServiceStop() >>> 5\n");
     closeServiceLinks();
     delete m_pSystemRouter;
     m_pSystemRouter = nullptr;
     Core::message("RuntimeSupport::systemRouterServiceStop() >>> 6\n");
     Socket::deinit();
+    m_socketsHeld = false;
     Core::message("RuntimeSupport::systemRouterServiceStop() <<<\n");
     return 0;
+}
+
+// Pumps the application has not destroyed outlive the router: each is left
+// without one, so destroying it later only frees it and posting through it
+// answers "no router" instead of reaching a deleted router.
+void RuntimeSupport::deleteMessageRouter()
+{
+    if (m_pMessageRouter != nullptr)
+        m_pMessageRouter->releasePumps();
+    delete m_pMessageRouter;
+    m_pMessageRouter = nullptr;
 }
 
 // The listener leaves the links it accepted to their own sockets; once the

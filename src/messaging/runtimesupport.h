@@ -50,7 +50,7 @@ public:
 
     // Application start-up; 0, 91 or 92.
     int ulmarCommsStart(const std::string& arg);
-    // Application shut-down; always 0.
+    // Application shut-down; always 0. Does nothing when never started.
     int ulmarCommsShutdown();
     // Service start-up; 0, 90, 91 or 92.
     int systemRouterServiceStart(const std::string& arg);
@@ -81,8 +81,14 @@ private:
     bool linkAddress(const std::string& arg, UlmarCommsSystem::SocketAddress& address);
     int startServiceRouters(const std::string& arg);
     void closeServiceLinks();
+    // Leaves the remaining pumps without a router, then deletes the router.
+    void deleteMessageRouter();
+    // Whether a start-up left anything for a shut-down to undo.
+    bool holdsAnything() const;
 
     bool m_started;
+    // A start-up set up the socket layer and no shut-down has stopped it yet.
+    bool m_socketsHeld;
     UlmarComms::ISystemRouter* m_pSystemRouter;
     UlmarComms::MessageRouter* m_pMessageRouter;
     UlmarComms::INetworkRouter* m_pNetworkRouter;

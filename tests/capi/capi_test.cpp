@@ -5,6 +5,9 @@
 #include "ulmarcomms.h"
 
 #include "core/core.h"
+#include "messaging/runtimesupport.h"
+#include "platform/socket.h"
+#include "support/logcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +16,8 @@
 #include <unistd.h>
 
 using UlmarComms::Core;
+using UlmarCommsSDKSupport::RuntimeSupport;
+using UlmarCommsSystem::Socket;
 
 namespace {
 
@@ -47,8 +52,6 @@ TEST_F(CInterface, EverythingAnswersNotStarted)
 {
     int dummy = 0;
     void* handle = &dummy;
-    EXPECT_EQ(UlmarCommsShutdown(), 1);
-    EXPECT_EQ(UlmarCommsSystemShutdown(), 1);
     EXPECT_EQ(UlmarCommsCreateMessagePump("p", nullptr, noMessage, nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(UlmarCommsDestroyMessagePump(handle), 1);
     EXPECT_EQ(UlmarCommsMessagePumpAddress(handle), nullptr);
@@ -83,6 +86,25 @@ TEST_F(CInterface, EverythingAnswersNotStarted)
     // The setters work before start-up; the two socket option setters do nothing.
     EXPECT_EQ(UlmarCommsSocketsSetOptionString("k", "v"), 0);
     EXPECT_EQ(UlmarCommsScoketsSetOptionNumber("k", 1), 0);
+}
+
+TEST_F(CInterface, ShutdownWithoutStartChangesNothing)
+{
+    // A socket layer some other part of the process set up.
+    ASSERT_TRUE(Socket::init(1));
+    {
+        UlmarCommsTest::LogCapture log;
+        EXPECT_EQ(UlmarCommsShutdown(), 1);
+        EXPECT_EQ(UlmarCommsSystemShutdown(), 1);
+        // Application shutdown of a runtime that never started.
+        RuntimeSupport* runtime = RuntimeSupport::instanceInc();
+        ASSERT_NE(runtime, nullptr);
+        EXPECT_EQ(runtime->ulmarCommsShutdown(), 0);
+        RuntimeSupport::instanceRelease();
+        EXPECT_TRUE(log.lines().empty()) << log.lines().front().text;
+    }
+    EXPECT_NE(Socket::getSelector(), nullptr);
+    Socket::deinit();
 }
 
 TEST_F(CInterface, OptionSettersAreInsertOnly)
@@ -162,6 +184,36 @@ TEST_F(CInterface, StartedLibraryChecksItsArguments)
     EXPECT_EQ(UlmarCommsDestroyMessagePump(pump), 0);
     EXPECT_EQ(UlmarCommsShutdown(), 0);
     EXPECT_EQ(UlmarCommsShutdown(), 1);
+}
+
+// A pump left alive at shutdown, in either role, is cut off from the stopped
+// runtime: the next runtime neither reaches it nor is reached through it.
+TEST_F(CInterface, PumpLeftAtShutdownIsDetachedAndStillDestroyable)
+{
+    ASSERT_EQ(UlmarCommsStart(lonelyPipe().c_str()), 0);
+    void* old = UlmarCommsCreateMessagePump("capi/old", nullptr, noMessage, nullptr, nullptr, nullptr);
+    ASSERT_NE(old, nullptr);
+    void* kept = UlmarCommsCreateMessage(old, "capi/old", "kept");
+    ASSERT_EQ(UlmarCommsShutdown(), 0);
+    ASSERT_EQ(UlmarCommsStart(lonelyPipe().c_str()), 0);
+    void* fresh = UlmarCommsCreateMessagePump("capi/old", nullptr, noMessage, nullptr, nullptr, nullptr);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(UlmarCommsPostMessage(old, UlmarCommsCreateMessage(old, "capi/old", "late")), 6);
+    EXPECT_STREQ(UlmarCommsGetMethod(kept), "kept");
+    UlmarCommsDestroyMessage(kept);
+    EXPECT_EQ(UlmarCommsDestroyMessagePump(old), 0);
+    EXPECT_EQ(UlmarCommsDestroyMessagePump(fresh), 0);
+    ASSERT_EQ(UlmarCommsShutdown(), 0);
+
+    // The service's own pumps: the library still counts as started after
+    // the service stops, and its pumps have no router left.
+    Core::instance()->overrideSetting("ulmar.systemrouter.pipe.name", "capi_service_" + std::to_string(getpid()));
+    ASSERT_EQ(UlmarCommsSystemStartUp(nullptr), 0);
+    void* served = UlmarCommsCreateMessagePump("capi/served", nullptr, noMessage, nullptr, nullptr, nullptr);
+    ASSERT_NE(served, nullptr);
+    ASSERT_EQ(UlmarCommsSystemShutdown(), 0);
+    EXPECT_EQ(UlmarCommsPostMessage(served, UlmarCommsCreateMessage(served, "capi/served", "late")), 6);
+    EXPECT_EQ(UlmarCommsDestroyMessagePump(served), 0);
 }
 
 TEST_F(CInterface, StartTwiceCreatesNothingNew)
