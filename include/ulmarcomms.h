@@ -71,7 +71,8 @@ typedef void (*UlmarCommsLogger)(int level, const char* format, char* args);
 
 /* --- Life cycle ---------------------------------------------------------- */
 
-/* Starts the application runtime; arg is null, "" or "key=value;...". */
+/* Starts the application runtime; arg is null, "", "key=value;..." or a text
+   without '=', which is ignored. */
 int UlmarCommsStart(const char* arg);
 /* Shuts the application runtime down; 1 if not started, else 0. */
 int UlmarCommsShutdown(void);

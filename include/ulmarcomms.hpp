@@ -192,8 +192,9 @@ public:
     // Which start function was used.
     enum class Role { Application, Service };
 
-    // Starts the library as an application (UlmarCommsStart); arg is empty or
-    // "key=value;key=value" overrides of the settings table.
+    // Starts the library as an application (UlmarCommsStart); arg is empty,
+    // "key=value;key=value" overrides of the settings table, or a text
+    // without '=' (a name, say), which is ignored.
     static Result<Runtime> start(std::string_view arg = {}) { return acquire(Role::Application, arg); }
     // Starts the library as this machine's system router service
     // (UlmarCommsSystemStartUp). A process hosts the service once: after it

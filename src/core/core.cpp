@@ -166,8 +166,12 @@ void Core::installDefaults()
 // Every item is checked before any is applied, so a refused argument changes
 // nothing. Overrides replace the value outright: they are the one exception
 // to the insert-only rule, applied before start-up reads any setting.
+// Programs pass all sorts of text here (an application name, say); only a
+// text that uses '=' is read as overrides, anything else changes nothing.
 bool Core::applyStartArgument(const std::string& arg)
 {
+    if (arg.find('=') == std::string::npos)
+        return true;
     std::vector<std::string> items;
     splitOn(arg, ";", items);
     std::vector<Override> overrides;

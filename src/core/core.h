@@ -56,7 +56,8 @@ public:
     void overrideSetting(const std::string& key, const std::string& value);
     // Applies a start argument "key=value;..." of table keys (blank items
     // ignored, blanks trimmed); false, logged and nothing changed when any
-    // item is refused.
+    // item is refused. A text without '=' is not an override list: accepted
+    // and ignored.
     bool applyStartArgument(const std::string& arg);
 
     // This machine's host name, asked of the system once and cached.

@@ -116,14 +116,28 @@ TEST_F(CInterface, OptionSettersAreInsertOnly)
     EXPECT_EQ(Core::instance()->getString("capi.test.own.key"), "first");
 }
 
-TEST_F(CInterface, RefusedStartArgumentStartsNothing)
+TEST_F(CInterface, StartTextWithoutEqualsIsIgnoredAndBadOverridesAreRefused)
 {
     EXPECT_EQ(UlmarCommsStart("no.such.key=1"), 4);
-    EXPECT_EQ(UlmarCommsStart("ulmar.networkrouter"), 4);
+    EXPECT_EQ(UlmarCommsStart("ulmar.networkrouter=1;ulmar.networkrouter"), 4);
     EXPECT_EQ(UlmarCommsStart("ulmar.networkrouter=yes"), 4);
     EXPECT_EQ(UlmarCommsSystemStartUp("ulmar.networkrouter=yes"), 4);
     EXPECT_EQ(UlmarCommsShutdown(), 1) << "a refused start must leave the library not started";
     EXPECT_EQ(Core::instance()->getNumber("ulmar.networkrouter"), 0);
+
+    // A pipe nobody else uses, so the texts below need not name one.
+    Core::instance()->overrideSetting("ulmar.systemrouter.pipe.name", "capi_text_" + std::to_string(getpid()));
+    const auto numbers = Core::instance()->numberSettings();
+    const auto strings = Core::instance()->stringSettings();
+    for (const char* text : {"myapp", "", "my app; v2"}) {
+        ASSERT_EQ(UlmarCommsStart(text), 0) << text;
+        EXPECT_EQ(UlmarCommsShutdown(), 0) << text;
+        ASSERT_EQ(UlmarCommsSystemStartUp(text), 0) << text;
+        EXPECT_EQ(UlmarCommsSystemShutdown(), 0) << text;
+        EXPECT_EQ(UlmarCommsShutdown(), 0) << text;
+        EXPECT_EQ(Core::instance()->numberSettings(), numbers) << text;
+        EXPECT_EQ(Core::instance()->stringSettings(), strings) << text;
+    }
 }
 
 TEST_F(CInterface, StartedLibraryChecksItsArguments)

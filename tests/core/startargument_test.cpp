@@ -1,4 +1,5 @@
-// The start argument: overrides of table settings, all or nothing.
+// The start argument: overrides of table settings, all or nothing; a text
+// without '=' is ignored.
 #include "core/core.h"
 
 #include <gtest/gtest.h>
@@ -31,10 +32,10 @@ protected:
     std::map<std::string, std::string> m_strings;
 };
 
-TEST_F(StartArgument, EmptyArgumentChangesNothing)
+TEST_F(StartArgument, EmptyArgumentOrTextWithoutEqualsChangesNothing)
 {
-    EXPECT_TRUE(core()->applyStartArgument(""));
-    EXPECT_TRUE(core()->applyStartArgument(" ; ;  "));
+    for (const char* arg : {"", " ; ;  ", "myapp", "ulmar.networkrouter", "my app; ulmar.networkrouter; 1"})
+        EXPECT_TRUE(core()->applyStartArgument(arg)) << arg;
     EXPECT_EQ(core()->numberSettings(), m_numbers);
     EXPECT_EQ(core()->stringSettings(), m_strings);
 }

@@ -258,8 +258,9 @@ TEST(DaemonOptions, AcceptsAWholeStartArgument)
     // Service units and scripts pass the library's own form as one word.
     DaemonOptions options;
     std::string error;
-    ASSERT_EQ(parseDaemonOptions({"ulmar.systemrouter.pipe.name=a; socket.selection.noworkerthreads=2;", "--set",
-                                  "ulmar.systemrouter.ip4=1"},
+    // A word without '=' (a name, say) is accepted and adds nothing.
+    ASSERT_EQ(parseDaemonOptions({"myservice", "ulmar.systemrouter.pipe.name=a; socket.selection.noworkerthreads=2;",
+                                  "--set", "ulmar.systemrouter.ip4=1"},
                                  options, error),
               DaemonParse::Run)
         << error;
@@ -278,7 +279,7 @@ TEST(DaemonOptions, HelpVersionAndMistakes)
     EXPECT_EQ(parseDaemonOptions({"--version"}, options, error), DaemonParse::Version);
     EXPECT_NE(daemonUsage().find("--log-level N"), std::string::npos);
     for (const std::vector<std::string>& wrong :
-         std::vector<std::vector<std::string>>{{"--log-level", "5"}, {"--log-level"}, {"--set", "x"}, {"extra"}, {"--bogus"}}) {
+         std::vector<std::vector<std::string>>{{"--log-level", "5"}, {"--log-level"}, {"--set", "x"}, {"=1"}, {"--bogus"}}) {
         DaemonOptions fresh;
         error.clear();
         EXPECT_EQ(parseDaemonOptions(wrong, fresh, error), DaemonParse::Usage) << wrong[0];

@@ -25,9 +25,12 @@ bool splitInline(const std::string& arg, std::string& name, std::string& value)
 }
 
 // A whole start argument given as it would be passed to the library
-// ("key=value;key=value"), as service units and scripts pass it.
+// ("key=value;key=value"), as service units and scripts pass it. Like the
+// library, a word without '=' (a name, say) is accepted and ignored.
 bool addStartArgument(const std::string& argument, StartSettings& settings, std::string& error)
 {
+    if (argument.find('=') == std::string::npos)
+        return true;
     size_t start = 0;
     while (start <= argument.size()) {
         const size_t end = std::min(argument.find(';', start), argument.size());
@@ -97,7 +100,8 @@ std::string daemonUsage()
            "  --log-level N    lowest library log level written to stderr: 0 verbose,\n"
            "                   1 message, 2 warning (default), 3 error, 4 fatal\n"
            "  KEY=VALUE;...    a whole start argument, as the library takes it; its\n"
-           "                   items are added to the --set items\n"
+           "                   items are added to the --set items (a word without\n"
+           "                   '=' is accepted and ignored)\n"
            "  --help           show this text\n"
            "  --version        show the version\n"
            "\n"
