@@ -1407,17 +1407,30 @@ int MessagePump::postEvent(MessageItem* message)
         MessageItem* copy = MessageItem::createAndCopy(message);
         if (copy == nullptr)
             continue;
-        setSenderId(copy);
-        if (!copy->add(MessageItem::ArgumentKey_To, listener.address.c_str())
-            || !copy->add(MessageItem::ArgumentKey_Method, listener.returnMethod.c_str())) {
-            // A copy without its target would land on some other pump.
-            MessageItem::release(copy);
-            continue;
-        }
+        stampEventCopy(copy, listener);
         post(copy);
     }
     MessageItem::release(message);
     return Result_Ok;
+}
+
+// A copy with room for its three keys gets the sender id, then "_t" and "_m".
+// A copy of an event message too full for all three is still posted, with
+// the keys that fit taken in the order that keeps it deliverable: the target
+// first, then the method, then the sender id.
+void MessagePump::stampEventCopy(MessageItem* copy, const EventEntry& listener)
+{
+    const bool roomForAll = copy->numberOfArguments() + 3 <= MessageItem::s_maxNumberArguments;
+    if (roomForAll)
+        setSenderId(copy);
+    copy->add(MessageItem::ArgumentKey_To, listener.address.c_str());
+    copy->add(MessageItem::ArgumentKey_Method, listener.returnMethod.c_str());
+    if (roomForAll)
+        return;
+    setSenderId(copy);
+    Core::log(Core::LogWarning,
+              "MessagePump::post( %p ) this=%p Event copy for %s is full; posted with the keys that fit.\n",
+              static_cast<void*>(copy), static_cast<void*>(this), listener.address.c_str());
 }
 
 int MessagePump::postToRouter(MessageItem* message)

@@ -193,6 +193,20 @@ TEST_F(BuiltIn, EventsFanOutToListenersInRegistrationOrder)
     EXPECT_EQ(atSecond.method, "gotTick");
     // Copies are made in registration order, each with a fresh sender id.
     EXPECT_LT(std::stoul(atAsker.value("_s")), std::stoul(atSecond.value("_s")));
+
+    // 24 pairs leave room for one key only: the target, so every listener
+    // still gets its copy.
+    MessageItem* full = publisher.pump.createEventMessage("tick");
+    for (int i = 1; i < 24; ++i)
+        full->add(("k" + std::to_string(i)).c_str(), "v");
+    ASSERT_EQ(full->numberOfArguments(), 24);
+    ASSERT_EQ(publisher.pump.post(full), 0);
+    ASSERT_TRUE(asker.waitForCount(3));
+    ASSERT_TRUE(second.waitForCount(3));
+    EXPECT_EQ(asker.received().at(2).to, asker.address());
+    EXPECT_EQ(asker.received().at(2).value("k23"), "v");
+    EXPECT_EQ(second.received().at(2).to, second.address());
+    EXPECT_EQ(second.received().at(2).pairs.size(), 25u);
 }
 
 TEST_F(BuiltIn, EventCopiesForOtherHostsGoToTheSystemRouterWithExactPairs)
@@ -221,6 +235,22 @@ TEST_F(BuiltIn, EventCopiesForOtherHostsGoToTheSystemRouterWithExactPairs)
     ASSERT_EQ(running.system.postedCount(), 2u);
     EXPECT_EQ(running.system.posted()[1], (Pairs{{"_f", publisher.address()}, {"k", "v"}, {"_s", "2"},
                                                  {"_t", "farhost@listener"}, {"_m", "onRemoteTick"}}));
+
+    // Too full for all three keys: the target, then the method, fill the
+    // room left; the sender id that does not fit is still used up.
+    MessageItem* crowded = publisher.pump.createEventMessage("tick");
+    Pairs expected{{"_f", publisher.address()}};
+    for (int i = 1; i < 23; ++i) {
+        expected.emplace_back("k" + std::to_string(i), "v");
+        crowded->add(expected.back().first.c_str(), "v");
+    }
+    ASSERT_EQ(publisher.pump.post(crowded), 0);
+    ASSERT_EQ(running.system.postedCount(), 3u);
+    expected.insert(expected.end(), {{"_t", "farhost@listener"}, {"_m", "onRemoteTick"}});
+    EXPECT_EQ(running.system.posted()[2], expected);
+    MessageItem* next = publisher.pump.createMessage("farhost@listener", "after");
+    EXPECT_EQ(publisher.pump.handler(next), 4u);
+    MessageItem::release(next);
 }
 
 TEST_F(BuiltIn, EventsWithoutListenersOrUnknownAreHandledQuietly)
