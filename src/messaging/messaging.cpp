@@ -1407,8 +1407,10 @@ int MessagePump::postEvent(MessageItem* message)
         MessageItem* copy = MessageItem::createAndCopy(message);
         if (copy == nullptr)
             continue;
-        stampEventCopy(copy, listener);
-        post(copy);
+        if (stampEventCopy(copy, listener))
+            post(copy);
+        else
+            MessageItem::release(copy);
     }
     MessageItem::release(message);
     return Result_Ok;
@@ -1417,20 +1419,27 @@ int MessagePump::postEvent(MessageItem* message)
 // A copy with room for its three keys gets the sender id, then "_t" and "_m".
 // A copy of an event message too full for all three is still posted, with
 // the keys that fit taken in the order that keeps it deliverable: the target
-// first, then the method, then the sender id.
-void MessagePump::stampEventCopy(MessageItem* copy, const EventEntry& listener)
+// first, then the method, then the sender id. Only a copy with no room even
+// for its target is dropped: without one it would land on some other pump.
+bool MessagePump::stampEventCopy(MessageItem* copy, const EventEntry& listener)
 {
     const bool roomForAll = copy->numberOfArguments() + 3 <= MessageItem::s_maxNumberArguments;
     if (roomForAll)
         setSenderId(copy);
-    copy->add(MessageItem::ArgumentKey_To, listener.address.c_str());
+    if (!copy->add(MessageItem::ArgumentKey_To, listener.address.c_str())) {
+        Core::log(Core::LogWarning,
+                  "MessagePump::post( %p ) this=%p Event copy for %s has no room for its target; dropped.\n",
+                  static_cast<void*>(copy), static_cast<void*>(this), listener.address.c_str());
+        return false;
+    }
     copy->add(MessageItem::ArgumentKey_Method, listener.returnMethod.c_str());
     if (roomForAll)
-        return;
+        return true;
     setSenderId(copy);
     Core::log(Core::LogWarning,
               "MessagePump::post( %p ) this=%p Event copy for %s is full; posted with the keys that fit.\n",
               static_cast<void*>(copy), static_cast<void*>(this), listener.address.c_str());
+    return true;
 }
 
 int MessagePump::postToRouter(MessageItem* message)

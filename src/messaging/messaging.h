@@ -540,8 +540,9 @@ private:
     void answerRegistration(MessageItem* request);
     // Fans an event message out to its listeners.
     int postEvent(MessageItem* message);
-    // Adds a listener's sender id, "_t" and "_m" to its copy, as many as fit.
-    void stampEventCopy(MessageItem* copy, const EventEntry& listener);
+    // Adds a listener's sender id, "_t" and "_m" to its copy, as many as fit;
+    // false when not even the target fits.
+    bool stampEventCopy(MessageItem* copy, const EventEntry& listener);
     // Hands an ordinary message to the router.
     int postToRouter(MessageItem* message);
 

@@ -207,6 +207,20 @@ TEST_F(BuiltIn, EventsFanOutToListenersInRegistrationOrder)
     EXPECT_EQ(asker.received().at(2).value("k23"), "v");
     EXPECT_EQ(second.received().at(2).to, second.address());
     EXPECT_EQ(second.received().at(2).pairs.size(), 25u);
+
+    // 25 pairs leave no room for the target: no copy goes anywhere, and the
+    // next event arrives as the listeners' next message.
+    MessageItem* brim = publisher.pump.createEventMessage("tick");
+    for (int i = 1; i < 25; ++i)
+        brim->add(("k" + std::to_string(i)).c_str(), "brim");
+    ASSERT_EQ(publisher.pump.post(brim), 0);
+    MessageItem* after = publisher.pump.createEventMessage("tick");
+    after->add("count", "8");
+    ASSERT_EQ(publisher.pump.post(after), 0);
+    ASSERT_TRUE(asker.waitForCount(4));
+    ASSERT_TRUE(second.waitForCount(4));
+    EXPECT_EQ(asker.received().at(3).value("count"), "8");
+    EXPECT_EQ(second.received().at(3).value("count"), "8");
 }
 
 TEST_F(BuiltIn, EventCopiesForOtherHostsGoToTheSystemRouterWithExactPairs)
