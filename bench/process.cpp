@@ -1,0 +1,254 @@
+// Starting, reading and reaping child processes, and the daemon's life.
+// Output is read with poll(2) so that every wait has a deadline; a child
+// past its deadline is killed with SIGKILL and reported as status -1.
+#include "process.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace UlmarCommsBench {
+
+namespace {
+
+// Milliseconds until deadline (zero or less once it has passed).
+long long millisecondsLeft(Clock::time_point deadline)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+}
+
+// Waits up to timeoutMs for output and appends what arrives: 1 when some
+// did, 0 when none came in time, -1 when the output has ended.
+int readOutput(Child& child, long long timeoutMs)
+{
+    pollfd entry{child.output, POLLIN, 0};
+    if (::poll(&entry, 1, static_cast<int>(timeoutMs)) <= 0)
+        return 0;
+    char buffer[4096];
+    const ssize_t n = ::read(child.output, buffer, sizeof(buffer));
+    if (n <= 0)
+        return -1;
+    child.collected.append(buffer, static_cast<size_t>(n));
+    return 1;
+}
+
+// Closes the read end of the child's output, if open.
+void closeOutput(Child& child)
+{
+    if (child.output >= 0) {
+        ::close(child.output);
+        child.output = -1;
+    }
+}
+
+// Reaps the child, killing it at the deadline; its wait status, -1 if killed.
+int reap(const Child& child, Clock::time_point deadline)
+{
+    int status = 0;
+    while (true) {
+        const pid_t done = ::waitpid(child.pid, &status, WNOHANG);
+        if (done == child.pid)
+            return status;
+        if (Clock::now() >= deadline) {
+            ::kill(child.pid, SIGKILL);
+            ::waitpid(child.pid, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+// In the forked child: stdin from /dev/null, stdout to the pipe or away.
+void redirectStreams(bool captureOutput, int pipeWrite)
+{
+    const int null = ::open("/dev/null", O_RDONLY);
+    if (null >= 0)
+        ::dup2(null, STDIN_FILENO);
+    if (captureOutput) {
+        ::dup2(pipeWrite, STDOUT_FILENO);
+    } else if (null >= 0) {
+        // Only what goes wrong (stderr) reaches the user.
+        const int sink = ::open("/dev/null", O_WRONLY);
+        if (sink >= 0)
+            ::dup2(sink, STDOUT_FILENO);
+    }
+}
+
+// The daemon program: --daemon, else beside this program, else on PATH.
+std::string findDaemon(const Options& options)
+{
+    if (!options.daemon.empty())
+        return options.daemon;
+    const std::string self = selfPath();
+    const std::string dir = self.substr(0, self.rfind('/'));
+    for (const std::string& candidate : {dir + "/ulmarcommsd", dir + "/../tools/ulmarcommsd",
+                                         dir + "/../tools/ulmarcommsd/ulmarcommsd"}) {
+        if (::access(candidate.c_str(), X_OK) == 0)
+            return candidate;
+    }
+    return "ulmarcommsd";
+}
+
+// Whether something accepts on the daemon's local link: the library's
+// abstract name for a pipe, NUL-padded to the full address size.
+bool daemonAnswers(const std::string& pipe)
+{
+    sockaddr_un address;
+    std::memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "__%s.sock", pipe.c_str());
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    ::close(fd);
+    return ok;
+}
+
+} // namespace
+
+Child spawn(const std::string& program, const std::vector<std::string>& arguments, bool captureOutput)
+{
+    Child child;
+    int pipeFds[2] = {-1, -1};
+    if (captureOutput && ::pipe2(pipeFds, O_CLOEXEC) != 0)
+        return child;
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(program.c_str()));
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        redirectStreams(captureOutput, pipeFds[1]);
+        if (program.find('/') != std::string::npos)
+            ::execv(program.c_str(), argv.data());
+        else
+            ::execvp(program.c_str(), argv.data());
+        std::fprintf(stderr, "ulmarcomms-bench: cannot run %s: %s\n", program.c_str(), std::strerror(errno));
+        ::_exit(127);
+    }
+    if (captureOutput) {
+        ::close(pipeFds[1]);
+        child.output = pipeFds[0];
+    }
+    child.pid = pid;
+    return child;
+}
+
+int finish(Child& child, std::chrono::seconds limit)
+{
+    const Clock::time_point deadline = Clock::now() + limit;
+    while (child.output >= 0) {
+        const long long left = millisecondsLeft(deadline);
+        if (left <= 0)
+            break;
+        if (readOutput(child, std::min<long long>(left, 1000)) < 0) {
+            closeOutput(child);
+            break;
+        }
+    }
+    const int status = reap(child, deadline);
+    closeOutput(child);
+    if (status == -1)
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool awaitLine(Child& child, const std::string& line, std::chrono::seconds limit)
+{
+    const Clock::time_point deadline = Clock::now() + limit;
+    while (child.collected.find(line) == std::string::npos) {
+        const long long left = millisecondsLeft(deadline);
+        if (left <= 0 || readOutput(child, left) <= 0)
+            return false;
+    }
+    return true;
+}
+
+std::string selfPath()
+{
+    char path[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (n <= 0)
+        return "ulmarcomms-bench";
+    path[n] = '\0';
+    return path;
+}
+
+bool Daemon::start(Options& options)
+{
+    if (!options.pipe.empty()) {
+        if (!daemonAnswers(options.pipe)) {
+            std::fprintf(stderr, "ulmarcomms-bench: nothing answers on pipe '%s'\n", options.pipe.c_str());
+            return false;
+        }
+        return true;
+    }
+    options.pipe = "ulmarbench" + options.tag;
+    const std::string program = findDaemon(options);
+    child = spawn(program, {"--set", pipeSetting(options.pipe)}, false);
+    if (child.pid < 0)
+        return false;
+    ours = true;
+    return awaitListening(program, options.pipe);
+}
+
+bool Daemon::awaitListening(const std::string& program, const std::string& pipe)
+{
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+    while (Clock::now() < deadline) {
+        if (daemonAnswers(pipe))
+            return true;
+        int status = 0;
+        if (::waitpid(child.pid, &status, WNOHANG) == child.pid) {
+            std::fprintf(stderr, "ulmarcomms-bench: %s exited at start-up\n", program.c_str());
+            ours = false;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::fprintf(stderr, "ulmarcomms-bench: %s did not listen within 10 s\n", program.c_str());
+    stop();
+    return false;
+}
+
+void Daemon::stop()
+{
+    if (!ours)
+        return;
+    ::kill(child.pid, SIGTERM);
+    if (finish(child, std::chrono::seconds(10)) < 0)
+        std::fprintf(stderr, "ulmarcomms-bench: the daemon had to be killed\n");
+    ours = false;
+}
+
+long Daemon::residentKiB() const
+{
+    if (!ours)
+        return 0;
+    FILE* status = std::fopen(("/proc/" + std::to_string(child.pid) + "/status").c_str(), "r");
+    if (status == nullptr)
+        return 0;
+    char line[256];
+    long kib = 0;
+    while (std::fgets(line, sizeof(line), status) != nullptr) {
+        if (std::strncmp(line, "VmRSS:", 6) == 0)
+            kib = std::strtol(line + 6, nullptr, 10);
+    }
+    std::fclose(status);
+    return kib;
+}
+
+} // namespace UlmarCommsBench

@@ -1,0 +1,59 @@
+// Child processes and the daemon a run talks through.
+//
+// The coordinator runs every part as a separate process (this program again
+// with --role, or ulmarcommsd), so that the bus is measured across process
+// boundaries as applications use it. Children's stdout is read through a
+// pipe for their READY and RESULT lines; deadlines guard against a child
+// that hangs, which is then killed.
+#pragma once
+
+#include "common.h"
+#include "options.h"
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace UlmarCommsBench {
+
+// A child running this program (or the daemon); its stdout is kept.
+struct Child {
+    pid_t pid = -1;           // -1 when it could not be started
+    int output = -1;          // read end of its stdout, -1 when not captured
+    std::string collected;    // what it has written so far
+};
+
+// Starts program with arguments; with captureOutput its stdout is piped to
+// us, otherwise discarded (stderr always reaches the user).
+Child spawn(const std::string& program, const std::vector<std::string>& arguments, bool captureOutput);
+
+// Reads a child's output until it ends and reaps it; its exit status, or -1
+// when it overran the deadline (then it is killed).
+int finish(Child& child, std::chrono::seconds limit);
+
+// Reads a child's output until it contains line; false at the deadline or
+// when the output ends first.
+bool awaitLine(Child& child, const std::string& line, std::chrono::seconds limit);
+
+// The path of this program, for running it again in another role.
+std::string selfPath();
+
+// The ulmarcommsd a run uses: a private one it starts, or the one --pipe names.
+struct Daemon {
+    Child child;         // the private daemon
+    bool ours = false;   // whether child runs and must be stopped
+
+    // Checks the daemon on --pipe, or starts a private one and sets
+    // options.pipe to its pipe; false (with a message) when neither works.
+    bool start(Options& options);
+    // Stops the private daemon, if any.
+    void stop();
+    // The private daemon's resident memory in KiB, 0 when unknown.
+    long residentKiB() const;
+
+private:
+    // Waits until the daemon started as program listens on pipe.
+    bool awaitListening(const std::string& program, const std::string& pipe);
+};
+
+} // namespace UlmarCommsBench
