@@ -24,6 +24,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -135,18 +136,14 @@ int runCoordinator(Options options)
 // Runs the part options.role names; 2 for an unknown role.
 int runRole(const Options& options)
 {
-    if (options.role == "bus-server")
-        return runBusServer(options);
-    if (options.role == "bus-client")
-        return runBusClient(options);
-    if (options.role == "relay")
-        return runRelay(options);
-    if (options.role == "relay-server")
-        return runRelayServer(options);
-    if (options.role == "relay-client")
-        return runRelayClient(options);
-    if (options.role == "soak-app")
-        return runSoakApp(options);
+    static const std::map<std::string, int (*)(const Options&)> roles = {
+        {"bus-server", runBusServer},     {"bus-client", runBusClient},
+        {"relay", runRelay},              {"relay-server", runRelayServer},
+        {"relay-client", runRelayClient}, {"soak-app", runSoakApp},
+    };
+    const auto role = roles.find(options.role);
+    if (role != roles.end())
+        return role->second(options);
     std::fprintf(stderr, "ulmarcomms-bench: unknown role %s\n", options.role.c_str());
     return 2;
 }
