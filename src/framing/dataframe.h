@@ -14,6 +14,8 @@
 // a peer cannot make us hold memory it has only announced.
 #pragma once
 
+#include "core/limits.h"
+
 #include <cstdint>
 #include <string>
 
@@ -64,11 +66,10 @@ public:
     static constexpr unsigned HeaderSize = 9;
     // Buffer every frame starts with.
     static constexpr unsigned InitialBufferSize = 4096;
-    // Largest payload a frame is built with or accepted with: it bounds the
-    // memory one peer's frame can take (the receive buffer follows the
-    // bytes received up to this size). Real messages are a few kilobytes,
-    // so the bound never touches honest traffic.
-    static constexpr unsigned MaxDataSize = 64u * 1024u * 1024u;
+    // Largest payload a frame is built with or accepted with (core/limits.h).
+    // The receive buffer follows the bytes received up to this size; real
+    // messages are a few kilobytes, so the bound never touches honest traffic.
+    static constexpr unsigned MaxDataSize = Limits::FramePayloadBytes;
 
     // Why readIn refused a stream; the state is sticky.
     enum ReadError {

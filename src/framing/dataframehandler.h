@@ -32,6 +32,7 @@
 // outside the handler's own frames.
 #pragma once
 
+#include "core/limits.h"
 #include "framing/dataframe.h"
 #include "platform/mutex.h"
 #include "platform/socket.h"
@@ -53,9 +54,10 @@ public:
     // The socket class of the platform layer.
     typedef UlmarCommsSystem::Socket Socket;
 
-    // Bytes of frames one handler keeps queued at most; one frame is always
-    // accepted into an empty queue, so no single frame is ever refused here.
-    static constexpr uint64_t MaxQueuedBytes = 32u * 1024u * 1024u;
+    // Bytes of frames one handler keeps queued at most (core/limits.h); one
+    // frame is always accepted into an empty queue, so no single frame is
+    // ever refused here.
+    static constexpr uint64_t MaxQueuedBytes = Limits::LinkQueuedBytes;
 
     // Empty queues, no socket, no buffers.
     DataFrameHandler();

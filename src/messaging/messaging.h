@@ -17,6 +17,7 @@
 #pragma once
 
 #include "core/address.h"
+#include "core/limits.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
 
@@ -30,7 +31,8 @@ namespace UlmarComms {
 
 class MessageItem {
 public:
-    static constexpr int s_maxNumberArguments = 25;
+    // Pairs one message holds at most (core/limits.h).
+    static constexpr int s_maxNumberArguments = Limits::MessagePairs;
 
     // Reserved header keys.
     static const char* const ArgumentKey_To;
@@ -148,6 +150,7 @@ private:
     char* m_values[s_maxNumberArguments];
     uint32_t m_valueLengths[s_maxNumberArguments];
     uint8_t m_keyLengths[s_maxNumberArguments];
+    static_assert(Limits::MessageKeyBytes == UINT8_MAX, "a key's length travels in one byte");
     std::string m_eventName;
     // Where the next text goes and how many bytes are left there.
     char* m_pFreeText;
@@ -452,9 +455,8 @@ public:
     static constexpr int Result_NoRouter = 6;
     static constexpr int Result_NoSuchEvent = 1003;
 
-    // Listener entries one event keeps at most: peers register them, so the
-    // table is bounded.
-    static constexpr size_t s_maxListenersPerEvent = 1024;
+    // Listener entries one event keeps at most (core/limits.h).
+    static constexpr size_t s_maxListenersPerEvent = Limits::EventListeners;
 
     // Parses name into the pump's address (host filled in); does not join.
     MessagePump(const char* name, MessageRouter* router);

@@ -20,6 +20,7 @@
 // be waiting for this lock.
 #pragma once
 
+#include "core/limits.h"
 #include "framing/dataframehandler.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
@@ -65,8 +66,8 @@ public:
     static constexpr uint16_t DiscoveryTrailer = 0xAA87;
     // The only announcement type: host information.
     static constexpr unsigned char DiscoveryTypeHostInfo = 0;
-    // Size of the receive and the info buffers.
-    static constexpr unsigned DiscoveryBufferSize = 1024;
+    // Size of the receive and the info buffers (core/limits.h).
+    static constexpr unsigned DiscoveryBufferSize = Limits::DiscoveryDatagramBytes;
 
     // Why parseInfo refused a datagram.
     enum ParseResult {

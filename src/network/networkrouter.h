@@ -25,6 +25,7 @@
 // callbacks take the lock. docs/architecture.md gives the whole lock order.
 #pragma once
 
+#include "core/limits.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
@@ -101,13 +102,11 @@ public:
 
 class NetworkRouter : public INetworkRouter {
 public:
-    // Host names kept at most: every name a peer announces stays for good, so
-    // the count must be bounded against a flood of invented names.
-    static constexpr size_t MaxHostNames = 1024;
-    // Routing table entries kept at most, for the same reason.
-    static constexpr size_t MaxRoutingTableEntries = 4096;
-    // Longest host name accepted from a peer (the system's own limit is 64).
-    static constexpr size_t MaxHostNameLength = 255;
+    // Bounds on what peers make the router keep (core/limits.h): host names,
+    // routing table entries, and the length of one host name.
+    static constexpr size_t MaxHostNames = Limits::NetworkHostNames;
+    static constexpr size_t MaxRoutingTableEntries = Limits::RoutingTableEntries;
+    static constexpr size_t MaxHostNameLength = Limits::HostNameBytes;
 
     // No interfaces, work mode 0, all flags false.
     NetworkRouter();

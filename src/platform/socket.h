@@ -36,6 +36,7 @@
 // The socket layer logs through its own logger, gated like the core logger.
 #pragma once
 
+#include "core/limits.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
@@ -192,11 +193,11 @@ public:
 
     // The descriptor value of a socket that is not created.
     static constexpr int BadSocketValue = -1;
-    // The listen() backlog.
-    static constexpr int ListenBacklog = 256;
-    // Live accepted sockets one listener keeps at most; later clients are
-    // accepted and dropped at once.
-    static constexpr unsigned MaxAcceptedSockets = 1024;
+    // The listen() backlog (core/limits.h).
+    static constexpr int ListenBacklog = UlmarComms::Limits::ListenBacklog;
+    // Live accepted sockets one listener keeps at most (core/limits.h);
+    // later clients are accepted and dropped at once.
+    static constexpr unsigned MaxAcceptedSockets = UlmarComms::Limits::AcceptedSocketsPerListener;
 
     // The server-mode record a listening socket carries.
     class ServerMode {

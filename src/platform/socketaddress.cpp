@@ -2,6 +2,7 @@
 // local interfaces.
 #include "platform/socketaddress.h"
 
+#include "core/limits.h"
 #include "framing/dataobject.h"
 #include "platform/socket.h"
 
@@ -125,6 +126,9 @@ bool SocketAddress::setUNIXAddress(const std::string& name, const std::string& /
     // The first byte stays 0: the name lives in the abstract namespace and
     // the rest of the path stays NUL-padded, which is part of the name.
     std::snprintf(address->sun_path + 1, sizeof(address->sun_path) - 1, "__%s.sock", name.c_str());
+    // Less the leading NUL and snprintf's closing one.
+    static_assert(sizeof(address->sun_path) - 2 - (sizeof("__.sock") - 1) == UlmarComms::Limits::PipeNameBytes,
+                  "the longest pipe name kept whole");
     return true;
 }
 

@@ -1,0 +1,111 @@
+// Every bound a peer or an application can push against, in one table.
+//
+// Each entry: its value, its unit, why it is there, and the setting that
+// changes it. None of these is a setting today: they are fixed at build time.
+// The classes that enforce a bound keep their constant names as aliases of
+// these entries ("Alias:" below), so each number is written here only.
+//
+// Accounting (intended design, not built yet): a per-link account is kept by
+// the link's DataFrameHandler, charged where a frame joins its outbound queue
+// (enqueue) and released where the frame leaves it (written, or dropped when
+// the link is torn down). A per-user account, keyed by the uid behind an
+// accepted local link, is kept by the service's LocalSocketServerInterface;
+// each link charges its user's account alongside its own and releases both
+// when it ends.
+//
+// Not limits, and so not here: the transfer buffer sizes (the *.inbound.size
+// and *.outbound.size settings, NetworkRouterConnection::BufferSize) bound
+// one read or write, not what a link may hold, since longer frames move in
+// pieces; allocation block sizes and spare-object caches (SocketTimeout's
+// BlockSize, the handler's spare frames) grow with our own use only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace UlmarComms::Limits {
+
+// ------------------------------------------------------------- framing
+
+// Largest frame payload built or accepted, in bytes. Frames carry no
+// checksum, so a peer can announce any size: the receiver refuses a larger
+// header before allocating and ends the link. Setting: none.
+// Alias: DataFrame::MaxDataSize (src/framing/dataframe.h).
+constexpr unsigned FramePayloadBytes = 64u * 1024u * 1024u;
+
+// Bytes of frames one link keeps queued for sending, at most. A peer that
+// stops reading must not make us hold unbounded memory; one frame is always
+// accepted into an empty queue. Setting: none.
+// Alias: DataFrameHandler::MaxQueuedBytes (src/framing/dataframehandler.h).
+constexpr uint64_t LinkQueuedBytes = 32u * 1024u * 1024u;
+
+// A command record's text has no bound of its own: the record (5 bytes, the
+// text and its NUL) is one frame payload, so FramePayloadBytes bounds it.
+
+// ----------------------------------------------------------- messaging
+
+// Key/value pairs in one message, header pairs included. It sizes each
+// message's pair arrays and is the number applications are told; a received
+// packet with more pairs is refused. Setting: none.
+// Alias: MessageItem::s_maxNumberArguments (src/messaging/messaging.h).
+constexpr int MessagePairs = 25;
+
+// Longest key in bytes, its NUL included, that a message keeps intact when
+// it crosses a link: the length travels in one byte. A longer key is not
+// refused; its message cannot be read where it arrives and is dropped there.
+// Values have no bound of their own beyond FramePayloadBytes. Setting: none.
+// Checked against MessageItem's one-byte key lengths (src/messaging/messaging.h).
+constexpr unsigned MessageKeyBytes = 255;
+
+// Listener entries one event of one pump keeps, at most. Other pumps, here
+// or on a peer host, register them, so the table must be bounded;
+// registrations past it are not kept. Setting: none.
+// Alias: MessagePump::s_maxListenersPerEvent (src/messaging/messaging.h).
+constexpr size_t EventListeners = 1024;
+
+// ------------------------------------------------------------- sockets
+
+// The listen() backlog: connections the kernel holds for a listener before
+// they are accepted. Setting: none.
+// Alias: Socket::ListenBacklog (src/platform/socket.h).
+constexpr int ListenBacklog = 256;
+
+// Live accepted sockets one listener keeps, at most; later clients are
+// accepted and closed at once, so a connection flood cannot use up every
+// descriptor. Setting: none.
+// Alias: Socket::MaxAcceptedSockets (src/platform/socket.h).
+constexpr unsigned AcceptedSocketsPerListener = 1024;
+
+// Longest pipe name (ulmar.systemrouter.pipe.name) used whole, in bytes: the
+// abstract socket path "__NAME.sock" must fit sockaddr_un's 108-byte path
+// after its leading NUL. A longer name is cut to fit, so names that share
+// their first 104 bytes reach the same socket. The name is a setting; this
+// bound is not.
+// Checked against sockaddr_un (src/platform/socketaddress.cpp).
+constexpr size_t PipeNameBytes = 99;
+
+// ------------------------------------------------------------- network
+
+// Distinct host names the network router keeps, at most. Every name a peer
+// announces stays for good, so a flood of invented names must be bounded.
+// Setting: none.
+// Alias: NetworkRouter::MaxHostNames (src/network/networkrouter.h).
+constexpr size_t NetworkHostNames = 1024;
+
+// Routing table entries the network router keeps, at most, for the same
+// reason. Setting: none.
+// Alias: NetworkRouter::MaxRoutingTableEntries (src/network/networkrouter.h).
+constexpr size_t RoutingTableEntries = 4096;
+
+// Longest host name, in bytes, accepted from a peer (the system's own limit
+// is 64). Setting: none.
+// Alias: NetworkRouter::MaxHostNameLength (src/network/networkrouter.h).
+constexpr size_t HostNameBytes = 255;
+
+// Bytes of one discovery datagram, received or sent: a receive takes at
+// most this many (the rest of a longer datagram is lost), and an
+// announcement of our own that would not fit is not built. Setting: none.
+// Alias: NetworkRouterInterface::DiscoveryBufferSize (src/network/networkinterface.h).
+constexpr unsigned DiscoveryDatagramBytes = 1024;
+
+} // namespace UlmarComms::Limits
