@@ -8,8 +8,8 @@
 
 #include "core/core.h"
 #include "messaging/messaging.h"
-#include "messaging/runtimesupport.h"
 #include "platform/socket.h"
+#include "runtime/runtimesupport.h"
 
 #include <atomic>
 

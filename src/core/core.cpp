@@ -1,9 +1,7 @@
-// Settings with their defaults, the logging gate, the host name cache and
-// the error reply.
+// Settings with their defaults, the logging gate and the host name cache.
+// The error reply declared in core.h is built in src/messaging/errorreply.cpp,
+// beside the message record it fills in, so that core includes no other layer.
 #include "core/core.h"
-
-#include "messaging/messaging.h"
-#include "platform/mutex.h"
 
 #include "core/address.h"
 
@@ -12,10 +10,11 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdlib>
-#include <vector>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <unistd.h>
+#include <vector>
 
 namespace UlmarComms {
 
@@ -23,15 +22,17 @@ namespace {
 
 // The one logging lock; it exists from library load to unload, independently
 // of the singleton, so even the singleton's construction may log.
-UlmarCommsSystem::Mutex loggingProtection;
+// It is recursive, as every long-lived lock of the library is, so a log call
+// made while the lock is already held by the same thread cannot deadlock.
+std::recursive_mutex loggingProtection;
 
 const std::string emptyString;
 
 // Hands one call's arguments to the application's logger under the lock.
-void deliver(UlmarCommsSystem::Mutex* lock, Core::Logger logger, int level, const char* format,
+void deliver(std::recursive_mutex* lock, Core::Logger logger, int level, const char* format,
              va_list args)
 {
-    UlmarCommsSystem::MutexLocker locker(lock);
+    std::lock_guard<std::recursive_mutex> locker(*lock);
     // The logger receives the platform's va_list as char*, as applications
     // of this library expect.
     logger(level, format, reinterpret_cast<char*>(args));
@@ -296,45 +297,6 @@ void Core::log(int level, const char* format, ...)
     va_start(args, format);
     deliver(core->m_pLoggingProtection, logger, level, format, args);
     va_end(args);
-}
-
-MessageItem* Core::errorOut(MessageItem* failed, int code)
-{
-    if (failed == nullptr)
-        return nullptr;
-    const char* from = failed->value(MessageItem::ArgumentKey_From);
-    if (from == nullptr) {
-        log(LogError, "Core::errorOut( %p, %d ) No From.\n", static_cast<void*>(failed), code);
-        MessageItem::release(failed);
-        return nullptr;
-    }
-    const char* senderId = failed->value(MessageItem::ArgumentKey_SenderId);
-    if (senderId == nullptr) {
-        log(LogError, "Core::errorOut( %p, %d ) No SenderId.\n", static_cast<void*>(failed), code);
-        MessageItem::release(failed);
-        return nullptr;
-    }
-    MessageItem* reply = MessageItem::create();
-    if (reply == nullptr)
-        return nullptr;
-    char codeText[16];
-    std::snprintf(codeText, sizeof(codeText), "%d", code);
-    const char* to = failed->value(MessageItem::ArgumentKey_To);
-    bool built = reply->add(MessageItem::ArgumentKey_To, from)
-        && reply->add(MessageItem::ArgumentKey_ResponseId, senderId);
-    // A failed message without a "to" gets a reply without a "from": the
-    // pair is skipped rather than invented as an empty address.
-    if (built && to != nullptr)
-        built = reply->add(MessageItem::ArgumentKey_From, to);
-    built = built && reply->add(MessageItem::ArgumentKey_Mode, MessageItem::Mode_ErrorText)
-        && reply->add(MessageItem::ArgumentKey_SenderId, "0")
-        && reply->add(MessageItem::ArgumentKey_ErrorRoutingHostId, getHostName().c_str())
-        && reply->add(MessageItem::ArgumentKey_Method, codeText);
-    if (!built) {
-        MessageItem::release(reply);
-        return nullptr;
-    }
-    return reply;
 }
 
 } // namespace UlmarComms

@@ -11,11 +11,8 @@
 
 #include <atomic>
 #include <map>
+#include <mutex>
 #include <string>
-
-namespace UlmarCommsSystem {
-class Mutex;
-}
 
 namespace UlmarComms {
 
@@ -80,7 +77,7 @@ public:
 
     // Builds (does not send) the error reply to an undeliverable message.
     // Consumes `failed` when it has no "from" or no sender id; otherwise the
-    // caller keeps it.
+    // caller keeps it. Defined in src/messaging/errorreply.cpp.
     MessageItem* errorOut(MessageItem* failed, int code);
 
 private:
@@ -92,7 +89,7 @@ private:
     std::atomic<Logger> m_logger;
     // The file-scope logging lock (it lives from library load to unload,
     // apart from the singleton); every call into the logger holds it.
-    UlmarCommsSystem::Mutex* m_pLoggingProtection;
+    std::recursive_mutex* m_pLoggingProtection;
     std::atomic<int> m_loggingLevel;
     std::string m_hostName;
     std::map<std::string, std::string> m_strings;

@@ -1,4 +1,4 @@
-// Frames and command records: building, piecewise sending, reassembly.
+// Frames: building, piecewise sending, reassembly.
 //
 // The log texts stay byte for byte as they are, old names and misspellings
 // included, because operators grep the logs for them. Receiving is hardened
@@ -6,6 +6,7 @@
 // well-formed stream is read exactly as the wire format lays it out.
 #include "framing/dataframe.h"
 
+#include "core/bigendian.h"
 #include "core/core.h"
 #include "messaging/messaging.h"
 
@@ -17,21 +18,6 @@ namespace UlmarComms {
 
 namespace {
 
-const unsigned kCommandHeaderSize = 5;
-
-uint32_t readU32(const unsigned char* p)
-{
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);
-}
-
-void writeU32(unsigned char* p, uint32_t value)
-{
-    p[0] = static_cast<unsigned char>(value >> 24);
-    p[1] = static_cast<unsigned char>(value >> 16);
-    p[2] = static_cast<unsigned char>(value >> 8);
-    p[3] = static_cast<unsigned char>(value);
-}
-
 // A null text logged through %s would be undefined in the logger's printf.
 const char* printable(const char* text)
 {
@@ -39,51 +25,6 @@ const char* printable(const char* text)
 }
 
 } // namespace
-
-// ---------------------------------------------------------------- commands
-
-unsigned CommandMessage::calcBuffer(const char* text)
-{
-    // A null text answers 1 although toBuffer needs 5; senders pass "".
-    if (text == nullptr)
-        return 1;
-    return static_cast<unsigned>(std::strlen(text) + 6);
-}
-
-bool CommandMessage::toBuffer(unsigned& written, unsigned char code, const char* text,
-                              unsigned char* buffer, unsigned capacity)
-{
-    if (buffer == nullptr)
-        return false;
-    const size_t textLength = text != nullptr ? std::strlen(text) + 1 : 0;
-    const size_t needed = kCommandHeaderSize + textLength;
-    if (capacity < needed)
-        return false;
-    std::memset(buffer, 0, needed);
-    buffer[0] = code;
-    writeU32(buffer + 1, static_cast<uint32_t>(textLength));
-    if (textLength > 0)
-        std::memcpy(buffer + kCommandHeaderSize, text, textLength);
-    written = static_cast<unsigned>(needed);
-    return true;
-}
-
-bool CommandMessage::fromBuffer(const unsigned char* buffer, unsigned size, unsigned char& code,
-                                std::string& text)
-{
-    if (size <= 4 || buffer == nullptr)
-        return false;
-    code = buffer[0];
-    text.clear();
-    const uint32_t length = readU32(buffer + 1);
-    if (length == 0)
-        return true;
-    // The peer's length is not trusted to stay inside the record.
-    if (length > size - kCommandHeaderSize)
-        return false;
-    text.assign(reinterpret_cast<const char*>(buffer + kCommandHeaderSize), length);
-    return true;
-}
 
 // ------------------------------------------------------------ construction
 

@@ -1,4 +1,4 @@
-// The data frame every stream link carries, and the link command record.
+// The data frame every stream link carries.
 //
 // A frame is a 9-byte big-endian header (type, payload size, id) followed by
 // the payload: one serialised MessageItem or one command record. The same
@@ -15,6 +15,7 @@
 #pragma once
 
 #include "core/limits.h"
+#include "messaging/commandmessage.h"
 
 #include <cstdint>
 #include <string>
@@ -22,35 +23,6 @@
 namespace UlmarComms {
 
 class MessageItem;
-
-// The record a command frame carries: code (1 byte), text length L with the
-// NUL (4 bytes, big-endian), the text and its NUL. Static operations only.
-class CommandMessage {
-public:
-    // No command.
-    static constexpr unsigned char None = 0;
-    // A process router announces one of its pumps to the system router.
-    static constexpr unsigned char AddMessagePump = 1;
-    // A process router withdraws one of its pumps.
-    static constexpr unsigned char RemoveMessagePump = 2;
-    // A process router announces interface names served by one of its pumps.
-    static constexpr unsigned char AddInterfaceNamesToMessagePump = 3;
-    // Opens a network link: the connecting host tells its name.
-    static constexpr unsigned char NetworkHostName = 100;
-    // Answers NetworkHostName with the accepting host's name.
-    static constexpr unsigned char NetworkHostNameReply = 101;
-
-    // Bytes toBuffer needs for this text: strlen + 6; 1 for a null text.
-    static unsigned calcBuffer(const char* text);
-    // Writes the record; written receives its size. False for a null
-    // buffer or too little capacity.
-    static bool toBuffer(unsigned& written, unsigned char code, const char* text,
-                         unsigned char* buffer, unsigned capacity);
-    // Reads a record; the text keeps its NUL as last character. False for
-    // fewer than 5 bytes, a null buffer or a text running past size.
-    static bool fromBuffer(const unsigned char* buffer, unsigned size, unsigned char& code,
-                           std::string& text);
-};
 
 // One frame, built for sending or being reassembled from a stream.
 class DataFrame {

@@ -15,8 +15,9 @@
 // once.
 #include "messaging/messaging.h"
 
+#include "core/bigendian.h"
 #include "core/core.h"
-#include "framing/dataframe.h"
+#include "messaging/commandmessage.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -55,19 +56,6 @@ const size_t kMinTextBlockBytes = 512;
 bool isAddressKey(const char* key)
 {
     return key[0] == '_' && (key[1] == 't' || key[1] == 'f');
-}
-
-uint32_t readU32(const unsigned char* p)
-{
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);
-}
-
-void writeU32(unsigned char* p, uint32_t value)
-{
-    p[0] = static_cast<unsigned char>(value >> 24);
-    p[1] = static_cast<unsigned char>(value >> 16);
-    p[2] = static_cast<unsigned char>(value >> 8);
-    p[3] = static_cast<unsigned char>(value);
 }
 
 } // namespace

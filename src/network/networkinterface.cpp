@@ -18,6 +18,7 @@
 #include "network/networkinterface.h"
 
 #include "core/core.h"
+#include "framing/addressform.h"
 #include "framing/dataobject.h"
 #include "network/networkconnection.h"
 #include "network/networkrouter.h"
@@ -383,7 +384,7 @@ bool NetworkRouterInterface::writeHeader(DataObject& stream, unsigned char type,
                                          const std::string& hostName, const SocketAddress& address)
 {
     stream << static_cast<unsigned int>(0) << type << static_cast<unsigned int>(value) << hostName;
-    address.write(stream);
+    writeAddress(stream, address);
     stream << DiscoveryTrailer;
     if (!stream.isValid())
         return false;
@@ -406,7 +407,7 @@ bool NetworkRouterInterface::readHeader(DataObject& stream, unsigned length, Net
         return false;
     info.hostName.assign(nameLength, '\0');
     stream.readRaw(info.hostName.data(), nameLength);
-    info.address.read(stream);
+    readAddress(stream, info.address);
     stream >> info.trailer;
     if (!stream.isValid())
         return false;

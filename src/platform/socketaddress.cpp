@@ -3,7 +3,6 @@
 #include "platform/socketaddress.h"
 
 #include "core/limits.h"
-#include "framing/dataobject.h"
 #include "platform/socket.h"
 
 #include <arpa/inet.h>
@@ -280,36 +279,6 @@ bool SocketAddress::setAddressByFamily(const sockaddr* address, int family)
     clear();
     std::memcpy(&m_storage, address, size);
     m_storage.ss_family = static_cast<sa_family_t>(family);
-    return true;
-}
-
-bool SocketAddress::write(UlmarComms::DataObject& data) const
-{
-    data << static_cast<unsigned short>(m_storage.ss_family);
-    if (isIP4Address()) {
-        // Port and address are already in network order: copied as they are.
-        data.writeRaw(&ip4()->sin_port, 2);
-        data.writeRaw(&ip4()->sin_addr, 4);
-    }
-    return data.isValid();
-}
-
-bool SocketAddress::read(UlmarComms::DataObject& data)
-{
-    unsigned short family = 0;
-    data >> family;
-    if (!data.isValid() || family != AF_INET)
-        return false;
-    unsigned char port[2] = {0, 0};
-    unsigned char host[4] = {0, 0, 0, 0};
-    data.readRaw(port, sizeof(port));
-    data.readRaw(host, sizeof(host));
-    if (!data.isValid())
-        return false;
-    clear();
-    ip4()->sin_family = AF_INET;
-    std::memcpy(&ip4()->sin_port, port, sizeof(port));
-    std::memcpy(&ip4()->sin_addr, host, sizeof(host));
     return true;
 }
 

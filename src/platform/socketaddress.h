@@ -7,8 +7,9 @@
 // size: the name other programs connect to is "\0__NAME.sock" padded with NULs
 // to the end of the path, not just its visible characters.
 //
-// Two serialised forms exist for IPv4 addresses: the 8-byte written form used
-// inside discovery datagrams, and the older 7-byte buffer form.
+// Two serialised forms exist for IPv4 addresses: the older 7-byte buffer form
+// here, and the 8-byte written form used inside discovery datagrams, which
+// belongs to the stream it is written into (framing/addressform.h).
 //
 // NetworkInterface is one IPv4 address of one local interface, as the system
 // lists it, with its mask, broadcast and network addresses.
@@ -20,10 +21,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-
-namespace UlmarComms {
-class DataObject;
-}
 
 namespace UlmarCommsSystem {
 
@@ -98,10 +95,6 @@ public:
     // As copy(), for a raw pointer and an explicit family; false otherwise.
     bool setAddressByFamily(const sockaddr* address, int family);
 
-    // The 8-byte written form (2 bytes for other families); stream validity.
-    bool write(UlmarComms::DataObject& data) const;
-    // Reads the written form; other families consume 2 bytes and change nothing.
-    bool read(UlmarComms::DataObject& data);
     // The 7-byte form; a null buffer only reports the size.
     bool toBuffer(unsigned& written, unsigned char* buffer, unsigned capacity) const;
     // Loads the 7-byte form.

@@ -5,7 +5,7 @@
 #include "ulmarcomms.h"
 
 #include "core/core.h"
-#include "messaging/runtimesupport.h"
+#include "runtime/runtimesupport.h"
 #include "platform/socket.h"
 #include "support/logcapture.h"
 

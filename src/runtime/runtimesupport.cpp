@@ -1,5 +1,5 @@
 // Start-up and shut-down of both roles, and the pump and message forwarding.
-#include "messaging/runtimesupport.h"
+#include "runtime/runtimesupport.h"
 
 #include "core/core.h"
 #include "link/localsocketserverinterface.h"
@@ -7,8 +7,8 @@
 #include "network/networkrouter.h"
 #include "platform/socket.h"
 #include "platform/socketaddress.h"
+#include "runtime/systemroutermessagepump.h"
 #include "service/systemrouter.h"
-#include "service/systemroutermessagepump.h"
 
 #include <new>
 

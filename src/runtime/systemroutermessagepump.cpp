@@ -1,12 +1,12 @@
 // The system endpoint's queries. Answers are plain texts in the reply's
 // response field; an unknown method (or a request missing a required key)
 // gets error 1002.
-#include "service/systemroutermessagepump.h"
+#include "runtime/systemroutermessagepump.h"
 
 #include "core/address.h"
 #include "core/core.h"
-#include "messaging/runtimesupport.h"
 #include "network/networkrouter.h"
+#include "runtime/runtimesupport.h"
 #include "service/systemrouter.h"
 
 #include <sstream>

@@ -3,6 +3,10 @@
 // network router runs, the other hosts. It is an ordinary pump created
 // through the runtime, so its queries arrive on the service router's worker
 // thread like any other request.
+//
+// It sits beside the runtime rather than with the system router: it makes
+// its pump and sends its answers through the runtime, and reads the system
+// and network routers, so it depends on the layers the runtime assembles.
 #pragma once
 
 #include <atomic>

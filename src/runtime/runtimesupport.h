@@ -7,6 +7,10 @@
 //
 // Start-up and shut-down are called by one application thread and never from
 // a callback (shut-down joins the router worker that runs the callbacks).
+//
+// It is the composition root: the one place below the C interface that knows
+// every layer, so that no layer beneath has to include the ones above it to
+// be assembled. It lives in its own folder, just under the C interface.
 #pragma once
 
 #include "messaging/messaging.h"
