@@ -7,7 +7,8 @@
 #include "ulmarcomms.h"
 
 #include "core/core.h"
-#include "messaging/messaging.h"
+#include "messaging/messageitem.h"
+#include "messaging/messagepump.h"
 #include "platform/socket.h"
 #include "runtime/runtimesupport.h"
 

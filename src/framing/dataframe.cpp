@@ -8,7 +8,7 @@
 
 #include "core/bigendian.h"
 #include "core/core.h"
-#include "messaging/messaging.h"
+#include "messaging/messageitem.h"
 
 #include <algorithm>
 #include <cstring>

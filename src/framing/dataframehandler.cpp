@@ -8,7 +8,7 @@
 #include "framing/dataframehandler.h"
 
 #include "core/core.h"
-#include "messaging/messaging.h"
+#include "messaging/messageitem.h"
 #include "platform/thread.h"
 
 #include <algorithm>

@@ -24,7 +24,7 @@
 #pragma once
 
 #include "framing/dataframehandler.h"
-#include "messaging/messaging.h"
+#include "messaging/messagerouter.h"
 #include "platform/mutex.h"
 #include "service/systemrouter.h"
 

@@ -5,7 +5,7 @@
 // builds: core sits at the bottom of the layers and may not include the
 // messaging folder, while this file may include both.
 #include "core/core.h"
-#include "messaging/messaging.h"
+#include "messaging/messageitem.h"
 
 #include <cstdio>
 

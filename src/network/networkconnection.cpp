@@ -11,7 +11,7 @@
 
 #include "core/core.h"
 #include "framing/dataframe.h"
-#include "messaging/messaging.h"
+#include "messaging/messagerouter.h"
 #include "network/networkinterface.h"
 #include "network/networkrouter.h"
 #include "platform/socket.h"

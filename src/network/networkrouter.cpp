@@ -10,7 +10,7 @@
 #include "network/networkrouter.h"
 
 #include "core/core.h"
-#include "messaging/messaging.h"
+#include "messaging/messagerouter.h"
 #include "network/networkconnection.h"
 #include "network/networkinterface.h"
 

@@ -14,7 +14,7 @@
 #pragma once
 
 #include "core/address.h"
-#include "messaging/messaging.h"
+#include "messaging/messagerouter.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
 

@@ -3,6 +3,7 @@
 
 #include "core/core.h"
 #include "framing/dataframe.h"
+#include "messaging/messagepump.h"
 #include "network/networkrouter.h"
 #include "support/scopedhostname.h"
 #include "support/wait.h"

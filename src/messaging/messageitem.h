@@ -1,0 +1,165 @@
+// The message record that every part builds, reads and serialises.
+//
+// A message is an ordered list of at most 25 text pairs; the routing header
+// is a set of reserved keys inside that list. Messages are reference counted
+// by hand and have no lock: one thread owns a message at a time, and messages
+// cross threads only through a router queue, whose lock orders the hand-over.
+// Ownership: a message handed to a post operation is the receiver's from then
+// on; a delivered message is released after the callback unless the callback
+// took a reference.
+#pragma once
+
+#include "core/limits.h"
+
+#include <cstdint>
+#include <string>
+
+namespace UlmarComms {
+
+class MessageItem {
+public:
+    // Pairs one message holds at most (core/limits.h).
+    static constexpr int s_maxNumberArguments = Limits::MessagePairs;
+
+    // Reserved header keys.
+    static const char* const ArgumentKey_To;
+    static const char* const ArgumentKey_From;
+    static const char* const ArgumentKey_Mode;
+    static const char* const ArgumentKey_Method;
+    static const char* const ArgumentKey_Response;
+    static const char* const ArgumentKey_SenderId;
+    static const char* const ArgumentKey_ResponseId;
+    static const char* const ArgumentKey_ErrorRoutingHostId;
+
+    // Mode codes (the first character of "_M").
+    static constexpr char Mode_Normal = 'N';
+    static constexpr char Mode_Error = 'E';
+    // The same codes as texts, for adding as values.
+    static const char* const Mode_NormalText;
+    static const char* const Mode_ErrorText;
+
+    // Byte constants of the packet form; the command pair is declared only.
+    static constexpr unsigned char DataPacket_MessageHead = 0xA4;
+    static constexpr unsigned char DataPacket_MessageEnd = 0x8B;
+    static constexpr unsigned char DataPacket_CommandHead = 0xB4;
+    static constexpr unsigned char DataPacket_CommandEnd = 0x4B;
+
+    // A new empty message with count 1, or null when memory ran out.
+    static MessageItem* create();
+    // Drops one reference; the last one frees the message. Null is ignored.
+    static void release(MessageItem* item);
+    // A new message (count 1) with every pair of source added in order; the
+    // event name is not copied. Null for a null source.
+    static MessageItem* createAndCopy(MessageItem* source);
+
+    // Adds one reference.
+    void incrementCount();
+    // The current reference count.
+    int32_t count() const { return m_count; }
+
+    // Appends a pair; false for a null text, a full message or no memory.
+    // "_t"/"_f" values beginning with "localhost" get the host name instead.
+    bool add(const char* key, const char* value);
+    // Adds "_t", "_f", "_m", "_s" in that order; false at the first failure.
+    bool set(const char* to, const char* from, const char* method, const char* senderId);
+    // Adds "_r" then "_R"; false at the first failure.
+    bool setResponse(const char* response, const char* responseId);
+    // Names the event this message announces (never serialised).
+    void setEventName(const std::string& name);
+    // The event name; empty for ordinary messages.
+    const std::string& eventName() const { return m_eventName; }
+
+    // The number of stored pairs.
+    uint8_t numberOfArguments() const { return m_argumentCount; }
+    // The key of pair i, or null for a bad index.
+    const char* key(int i) const;
+    // The value of pair i, or null for a bad index.
+    const char* value(int i) const;
+    // The key of pair i and its stored length (NUL included).
+    const char* key(int i, unsigned& length) const;
+    // The value of pair i and its stored length (NUL included).
+    const char* value(int i, unsigned& length) const;
+    // Whether any pair has this key.
+    bool hasKey(const char* key) const;
+    // The value of the first pair with this key, or null.
+    const char* value(const char* key) const;
+    // Scans "_t" and "_f" (last occurrence wins); both outputs cleared first.
+    void getMandatoryRoutingFields(char** to, char** from) const;
+    // Scans the seven header keys (last occurrence wins); outputs whose key
+    // is absent are left as they were.
+    void getMandatoryFields(char** to, char** from, char** mode, char** senderId,
+                            char** responseId, char** response, char** method) const;
+
+    // Same pairs regardless of order (first values compared by key).
+    bool compare(const MessageItem* other) const;
+    // Same as compare.
+    bool operator==(const MessageItem& other) const { return compare(&other); }
+
+    // The size of the packet form in bytes.
+    uint32_t memSize() const;
+    // Static form used by the frame layer; null gives 0.
+    static uint32_t memSize(const MessageItem* item) { return item != nullptr ? item->memSize() : 0; }
+    // Writes the packet form; size always receives memSize().
+    bool toBuffer(unsigned& size, unsigned char* buffer, unsigned capacity) const;
+    // Reads a packet into this (empty) message; false for a malformed packet.
+    bool fromBuffer(const unsigned char* buffer, unsigned length);
+
+    // Next message while queued in a router queue; null otherwise.
+    MessageItem* m_pNext;
+
+private:
+    MessageItem();
+    ~MessageItem();
+    MessageItem(const MessageItem&) = delete;
+    MessageItem& operator=(const MessageItem&) = delete;
+
+    // Texts of an ordinary message fit here, so building, receiving and
+    // freeing one costs a single allocation: on the message path the
+    // allocator was the largest cost of all.
+    static constexpr unsigned s_inlineTextBytes = 320;
+
+    // A block taken when the texts outgrow the inline space; its bytes
+    // follow it. Blocks are never moved, so stored texts keep their address.
+    struct TextBlock {
+        TextBlock* next;
+    };
+
+    // Room for length text bytes; null when memory ran out.
+    char* allocateText(size_t length);
+    // Makes sure the next length text bytes need no further allocation.
+    bool reserveText(size_t length);
+    // Copies length bytes into the text storage; null when memory ran out.
+    char* storeBytes(const char* text, size_t length);
+
+    uint8_t m_argumentCount;
+    int32_t m_count;
+    char* m_keys[s_maxNumberArguments];
+    char* m_values[s_maxNumberArguments];
+    uint32_t m_valueLengths[s_maxNumberArguments];
+    uint8_t m_keyLengths[s_maxNumberArguments];
+    static_assert(Limits::MessageKeyBytes == UINT8_MAX, "a key's length travels in one byte");
+    std::string m_eventName;
+    // Where the next text goes and how many bytes are left there.
+    char* m_pFreeText;
+    size_t m_freeTextBytes;
+    // Overflow blocks, newest first.
+    TextBlock* m_pBlocks;
+    alignas(8) char m_inlineText[s_inlineTextBytes];
+};
+
+// Releases one reference of a message when the scope ends, however it ends:
+// a delivery that throws or returns early still gives its message back.
+class ReleaseOnExit {
+public:
+    // Takes over one reference of message (null is allowed).
+    explicit ReleaseOnExit(MessageItem* message) : m_pMessage(message) {}
+    // Releases the reference.
+    ~ReleaseOnExit() { MessageItem::release(m_pMessage); }
+    ReleaseOnExit(const ReleaseOnExit&) = delete;
+    ReleaseOnExit& operator=(const ReleaseOnExit&) = delete;
+
+private:
+    MessageItem* m_pMessage;
+};
+
+} // namespace UlmarComms

@@ -1,0 +1,696 @@
+// The router, its queue and its worker.
+//
+// Delivery runs on the router's one worker thread; the table lock is never
+// held while a pump's handler or the system router is called (only the pump's
+// own innermost lock may be taken under it, to read its interface names), so
+// callbacks may post, add and remove pumps freely, and remove() waits for an
+// in-flight delivery to that pump so that a removed pump can be deleted at
+// once.
+#include "messaging/messagerouter.h"
+
+#include "core/core.h"
+#include "messaging/commandmessage.h"
+#include "messaging/messagepump.h"
+
+#include <cstring>
+#include <cxxabi.h>
+#include <new>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+
+namespace UlmarComms {
+
+namespace {
+
+const unsigned kTableGrowth = 10;
+// The longest an idle worker sleeps; a kick normally ends the wait at once.
+const unsigned kWorkerWaitMs = 5;
+
+// The router whose worker is delivering on this thread, if any: a callback
+// that removes a pump or finishes the router must not wait for itself.
+thread_local const MessageRouter* t_pDeliveringRouter = nullptr;
+
+// Marks the calling thread as delivering for one router during one call.
+class DeliveryScope {
+public:
+    explicit DeliveryScope(const MessageRouter* router) : m_pPrevious(t_pDeliveringRouter)
+    {
+        t_pDeliveringRouter = router;
+    }
+    ~DeliveryScope() { t_pDeliveringRouter = m_pPrevious; }
+    DeliveryScope(const DeliveryScope&) = delete;
+    DeliveryScope& operator=(const DeliveryScope&) = delete;
+
+private:
+    const MessageRouter* m_pPrevious;
+};
+
+// What remove() waits on: the worker has left the pump.
+struct DeliveryWait {
+    const std::atomic<MessagePump*>* delivering;
+    const MessagePump* pump;
+};
+
+bool deliveryLeftPump(void* context)
+{
+    const DeliveryWait* wait = static_cast<const DeliveryWait*>(context);
+    return wait->delivering->load() != wait->pump;
+}
+
+} // namespace
+
+MessageQueue::MessageQueue() : m_pHead(nullptr), m_pTail(nullptr), m_count(0), m_closed(false) {}
+
+MessageQueue::~MessageQueue()
+{
+    // Leftovers are released here rather than leaked: once the owner is gone
+    // no one can pop them, and each holds the queue's one reference.
+    while (m_pHead != nullptr) {
+        MessageItem* message = m_pHead;
+        m_pHead = message->m_pNext;
+        message->m_pNext = nullptr;
+        MessageItem::release(message);
+    }
+}
+
+bool MessageQueue::push(MessageItem* message)
+{
+    if (m_closed || message == nullptr)
+        return false;
+    message->m_pNext = nullptr;
+    if (m_pTail != nullptr)
+        m_pTail->m_pNext = message;
+    else
+        m_pHead = message;
+    m_pTail = message;
+    ++m_count;
+    return true;
+}
+
+MessageItem* MessageQueue::pop()
+{
+    if (m_closed || m_pHead == nullptr)
+        return nullptr;
+    MessageItem* message = m_pHead;
+    m_pHead = message->m_pNext;
+    if (m_pHead == nullptr)
+        m_pTail = nullptr;
+    message->m_pNext = nullptr;
+    --m_count;
+    return message;
+}
+
+namespace {
+
+// The worker running on this thread, if any: its own kicks need no wake-up.
+thread_local const MessageRouterWorker* t_pRunningWorker = nullptr;
+
+} // namespace
+
+MessageRouterWorker::MessageRouterWorker(MessageRouter* router)
+    : m_pRouter(router), m_running(false), m_pending(false),
+      m_wakeHandle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), m_inInputWait(false), m_usingSystemRouter(false),
+      m_inputTaken(false)
+{
+}
+
+MessageRouterWorker::~MessageRouterWorker()
+{
+    if (m_wakeHandle >= 0)
+        close(m_wakeHandle);
+}
+
+bool MessageRouterWorker::start()
+{
+    if (m_pRouter == nullptr)
+        return false;
+    m_running = true;
+    return Thread::start();
+}
+
+void MessageRouterWorker::kick()
+{
+    // Only the first kick after the worker last emptied the queue needs to
+    // wake it; later ones find it still draining. The worker itself (input
+    // it completed while waiting) looks at the queue next anyway.
+    if (m_pending.exchange(true) || t_pRunningWorker == this)
+        return;
+    if (m_inInputWait.load())
+        wakeInputWait();
+    m_condition.broadcastLocked();
+}
+
+void MessageRouterWorker::wakeInputWait()
+{
+    if (m_wakeHandle < 0)
+        return;
+    const uint64_t one = 1;
+    // A full counter already wakes the wait; nothing else can fail here.
+    ssize_t written = write(m_wakeHandle, &one, sizeof(one));
+    (void)written;
+}
+
+void MessageRouterWorker::stopSoon()
+{
+    m_running = false;
+    wakeInputWait();
+    m_condition.broadcastLocked();
+}
+
+void MessageRouterWorker::shutdown()
+{
+    stopSoon();
+    waitToFinish();
+}
+
+void MessageRouterWorker::waitUntilSystemRouterReleased()
+{
+    // The caller stored the new system router first, so a worker that loads
+    // it from now on gets the new one; one still in the old is woken.
+    while (m_usingSystemRouter.load()) {
+        wakeInputWait();
+        std::this_thread::yield();
+    }
+}
+
+bool MessageRouterWorker::waitForInput()
+{
+    if (m_wakeHandle < 0)
+        return false;
+    m_inInputWait = true;
+    if (m_pending.load()) {
+        // A kick came in between: the queue has work.
+        m_inInputWait = false;
+        return true;
+    }
+    m_usingSystemRouter = true;
+    ISystemRouter* systemRouter = m_pRouter->systemRouter();
+    const int done = systemRouter != nullptr ? systemRouter->waitForInput(kWorkerWaitMs, m_wakeHandle)
+                                             : ISystemRouter::InputUnsupported;
+    m_usingSystemRouter = false;
+    m_inInputWait = false;
+    if (done == ISystemRouter::InputUnsupported)
+        return false;
+    m_inputTaken = done == ISystemRouter::InputTaken;
+    return true;
+}
+
+void MessageRouterWorker::releaseInput()
+{
+    m_inputTaken = false;
+    m_usingSystemRouter = true;
+    ISystemRouter* systemRouter = m_pRouter->systemRouter();
+    if (systemRouter != nullptr)
+        systemRouter->releaseInput();
+    m_usingSystemRouter = false;
+}
+
+bool MessageRouterWorker::hasPendingWork(void* worker)
+{
+    MessageRouterWorker* self = static_cast<MessageRouterWorker*>(worker);
+    return self->m_pending.load() || !self->m_running.load();
+}
+
+unsigned MessageRouterWorker::run()
+{
+    // The router's destructor may cancel this thread. Cancellation is allowed
+    // only in the idle wait, where the worker holds no message and no lock.
+    int previous = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    t_pRunningWorker = this;
+    while (m_running) {
+        MessageItem* message = m_pRouter->nextMessage();
+        if (message == nullptr) {
+            // Clear the flag, then look once more: a message pushed before
+            // the clear is seen now, one pushed after it sets the flag again
+            // and the wait below returns at once.
+            m_pending = false;
+            message = m_pRouter->nextMessage();
+        }
+        if (message == nullptr) {
+            // Idle: wait for the link's input here when the system router
+            // offers it, else on the condition.
+            if (waitForInput())
+                continue;
+            pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+            m_condition.timedWaitUnless(kWorkerWaitMs, &MessageRouterWorker::hasPendingWork, this);
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+            continue;
+        }
+        // Busy from here: the link's usual readers take over again.
+        if (m_inputTaken)
+            releaseInput();
+        deliver(message);
+    }
+    if (m_inputTaken)
+        releaseInput();
+    t_pRunningWorker = nullptr;
+    return 1;
+}
+
+void MessageRouterWorker::deliver(MessageItem* message)
+{
+    try {
+        if (!m_pRouter->processMessage(message))
+            Core::log(Core::LogError, "MessageRouterWorker::run() this=%p Failed to process message %p\n ",
+                      static_cast<void*>(this), static_cast<void*>(message));
+    } catch (...) {
+        // A thread cancellation (foreign, typeless) must run on; anything
+        // else is dropped: processMessage consumed the message already.
+        if (abi::__cxa_current_exception_type() == nullptr)
+            throw;
+    }
+}
+
+MessageRouter* MessageRouter::s_pMaster = nullptr;
+
+MessageRouter::MessageRouter()
+    : m_pSystemRouter(nullptr),
+      m_pWorker(nullptr),
+      m_entries(new MessageRouterEntry*[kTableGrowth]()),
+      m_count(0),
+      m_capacity(kTableGrowth),
+      m_pDelivering(nullptr),
+      m_removeWaiters(0)
+{
+}
+
+MessageRouter::~MessageRouter()
+{
+    MessageRouterWorker* worker = nullptr;
+    {
+        UlmarCommsSystem::MutexLocker queue(m_queueLock);
+        worker = m_pWorker;
+        m_pWorker = nullptr;
+    }
+    if (worker != nullptr) {
+        // An owner that did not finish() gets its worker killed, not asked to
+        // stop. The cancelled thread is still reaped before the object goes:
+        // it can only be cancelled while idle, so the join is short. A worker
+        // idle on the link's input is at no cancellation point: it is told
+        // to stop as well, and leaves at once.
+        worker->stopSoon();
+        worker->kill();
+        worker->waitToFinish();
+        // Killed idle, it may have left the link's read taken: the link's
+        // usual readers get it back (the system router outlives its routers).
+        if (worker->leftInputTaken()) {
+            if (ISystemRouter* systemRouter = m_pSystemRouter.load())
+                systemRouter->releaseInput();
+        }
+        delete worker;
+    }
+    if (s_pMaster == this)
+        s_pMaster = nullptr;
+    for (unsigned i = 0; i < m_count; ++i)
+        delete m_entries[i];
+    delete[] m_entries;
+    // m_queue's destructor releases the messages still queued.
+}
+
+bool MessageRouter::setSystemRouter(ISystemRouter* systemRouter)
+{
+    if (systemRouter == nullptr)
+        return false;
+    m_pSystemRouter = systemRouter;
+    waitForWorkerToLeaveSystemRouter();
+    return systemRouter->add(this);
+}
+
+void MessageRouter::detachSystemRouter(ISystemRouter* systemRouter)
+{
+    m_pSystemRouter.compare_exchange_strong(systemRouter, nullptr);
+    waitForWorkerToLeaveSystemRouter();
+}
+
+void MessageRouter::waitForWorkerToLeaveSystemRouter()
+{
+    MessageRouterWorker* worker = nullptr;
+    {
+        UlmarCommsSystem::MutexLocker queue(m_queueLock);
+        worker = m_pWorker;
+    }
+    // The worker's own callbacks never replace the system router, and the
+    // worker object lives until finish(), which the owner does not run
+    // concurrently with this.
+    if (worker != nullptr && !onWorkerThread())
+        worker->waitUntilSystemRouterReleased();
+}
+
+bool MessageRouter::start()
+{
+    if (m_pSystemRouter.load() == nullptr)
+        return false;
+    UlmarCommsSystem::MutexLocker queue(m_queueLock);
+    if (m_pWorker != nullptr)
+        return true;
+    MessageRouterWorker* worker = new (std::nothrow) MessageRouterWorker(this);
+    if (worker == nullptr)
+        return false;
+    if (!worker->start()) {
+        delete worker;
+        return false;
+    }
+    m_pWorker = worker;
+    return true;
+}
+
+bool MessageRouter::finish()
+{
+    if (onWorkerThread()) {
+        Core::log(Core::LogError, "MessageRouter::finish() this=%p called from its own worker thread.\n",
+                  static_cast<void*>(this));
+        return false;
+    }
+    MessageRouterWorker* worker = nullptr;
+    {
+        // Posts from now on are refused rather than stranded in the queue.
+        UlmarCommsSystem::MutexLocker queue(m_queueLock);
+        worker = m_pWorker;
+        m_pWorker = nullptr;
+    }
+    if (worker == nullptr)
+        return false;
+    worker->shutdown();
+    delete worker;
+    return true;
+}
+
+bool MessageRouter::isStarted()
+{
+    UlmarCommsSystem::MutexLocker queue(m_queueLock);
+    return m_pWorker != nullptr;
+}
+
+std::string MessageRouter::interfaceText(MessagePump* pump)
+{
+    return std::string(pump->address()) + ":" + pump->interfaceNames();
+}
+
+void MessageRouter::announce(unsigned char command, const std::string& text)
+{
+    ISystemRouter* systemRouter = m_pSystemRouter;
+    if (systemRouter == nullptr)
+        return;
+    try {
+        systemRouter->handleCommand(this, command, text.c_str());
+    } catch (...) {
+        Core::log(Core::LogError, "MessageRouter::announce( %d, %s ) this=%p The system router threw.\n",
+                  command, text.c_str(), static_cast<void*>(this));
+    }
+}
+
+bool MessageRouter::add(MessagePump* pump)
+{
+    if (pump == nullptr)
+        return false;
+    try {
+        UlmarCommsSystem::MutexLocker announcing(m_announceLock);
+        {
+            UlmarCommsSystem::MutexLocker table(m_tableLock);
+            if (m_count == m_capacity) {
+                MessageRouterEntry** grown = new (std::nothrow) MessageRouterEntry*[m_capacity + kTableGrowth]();
+                if (grown == nullptr)
+                    return false;
+                std::memcpy(grown, m_entries, sizeof(MessageRouterEntry*) * m_count);
+                delete[] m_entries;
+                m_entries = grown;
+                m_capacity += kTableGrowth;
+            }
+            m_entries[m_count] = new MessageRouterEntry{Address(pump->address()), pump};
+            ++m_count;
+        }
+        announce(CommandMessage::AddMessagePump, pump->address());
+        if (!pump->interfaceNames().empty())
+            announce(CommandMessage::AddInterfaceNamesToMessagePump, interfaceText(pump));
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+bool MessageRouter::remove(MessagePump* pump)
+{
+    if (pump == nullptr)
+        return false;
+    bool found = false;
+    {
+        UlmarCommsSystem::MutexLocker announcing(m_announceLock);
+        announce(CommandMessage::RemoveMessagePump, pump->address());
+        UlmarCommsSystem::MutexLocker table(m_tableLock);
+        for (unsigned i = 0; i < m_count; ++i) {
+            if (m_entries[i]->pump != pump)
+                continue;
+            delete m_entries[i];
+            // The table's order is not kept: the last entry takes the slot.
+            m_entries[i] = m_entries[m_count - 1];
+            m_entries[m_count - 1] = nullptr;
+            --m_count;
+            found = true;
+            break;
+        }
+    }
+    if (!found) {
+        Core::log(Core::LogWarning, "MessageRouter::remove( %s ) Failed to remove message pump from routing table.\n",
+                  pump->address());
+        return false;
+    }
+    waitForDeliveryToEnd(pump);
+    return true;
+}
+
+bool MessageRouter::onWorkerThread() const
+{
+    return t_pDeliveringRouter == this;
+}
+
+void MessageRouter::waitForDeliveryToEnd(MessagePump* pump)
+{
+    // A callback removing a pump (even its own) must not wait for itself; it
+    // knows the delivery up its stack.
+    if (onWorkerThread())
+        return;
+    DeliveryWait wait{&m_pDelivering, pump};
+    ++m_removeWaiters;
+    while (!deliveryLeftPump(&wait))
+        m_deliveryDone.timedWaitUnless(kWorkerWaitMs, &deliveryLeftPump, &wait);
+    --m_removeWaiters;
+}
+
+bool MessageRouter::changeInterfaceNames(MessagePump* pump, const char* names)
+{
+    if (pump == nullptr)
+        return false;
+    try {
+        UlmarCommsSystem::MutexLocker announcing(m_announceLock);
+        if (m_pSystemRouter.load() == nullptr) {
+            Core::log(Core::LogError, "MessageRouter::changeInterfaceNames( %s, %s ) No System Router.\n",
+                      pump->address(), names != nullptr ? names : "");
+            return false;
+        }
+        announce(CommandMessage::AddInterfaceNamesToMessagePump, interfaceText(pump));
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+MessagePump* MessageRouter::findLocked(const Address& target)
+{
+    MessagePump* best = nullptr;
+    int bestScore = -1;
+    for (unsigned i = 0; i < m_count; ++i) {
+        int score = 0;
+        // Only a strictly higher score replaces the kept entry: ties go to
+        // the earlier one.
+        if (m_entries[i]->address.match(target, score) && score > bestScore) {
+            bestScore = score;
+            best = m_entries[i]->pump;
+        }
+    }
+    return best;
+}
+
+MessagePump* MessageRouter::findTargetMessagePump(const char* to)
+{
+    try {
+        const Address target(to);
+        const std::string& ownHost = Core::instance()->getHostName();
+        if (!target.host().empty() && target.host() != ownHost) {
+            Core::log(Core::LogWarning, "Routing Table '%s' != '%s'\n", target.host().c_str(), ownHost.c_str());
+            return nullptr;
+        }
+        UlmarCommsSystem::MutexLocker table(m_tableLock);
+        return findLocked(target);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+unsigned MessageRouter::numberOfPumps()
+{
+    UlmarCommsSystem::MutexLocker table(m_tableLock);
+    return m_count;
+}
+
+void MessageRouter::releasePumps()
+{
+    UlmarCommsSystem::MutexLocker table(m_tableLock);
+    for (unsigned i = 0; i < m_count; ++i) {
+        if (m_entries[i]->pump->m_pRouter == this)
+            m_entries[i]->pump->m_pRouter = nullptr;
+        delete m_entries[i];
+        m_entries[i] = nullptr;
+    }
+    m_count = 0;
+}
+
+bool MessageRouter::post(MessageItem* message)
+{
+    bool consumed = false;
+    return post(message, consumed);
+}
+
+bool MessageRouter::post(MessageItem* message, bool& consumed)
+{
+    consumed = false;
+    Core::message("MessageRouter::post( %p ) this=%p\n", static_cast<void*>(message), static_cast<void*>(this));
+    if (message == nullptr)
+        return false;
+    if (!isStarted()) {
+        MessageItem::release(message);
+        consumed = true;
+        return false;
+    }
+    char* to = nullptr;
+    char* from = nullptr;
+    message->getMandatoryRoutingFields(&to, &from);
+    if (findTargetMessagePump(to) == nullptr) {
+        Core::message("MessageRouter::post( %p ) this=%p Passing to system router object.\n",
+                      static_cast<void*>(message), static_cast<void*>(this));
+        ISystemRouter* systemRouter = m_pSystemRouter;
+        if (systemRouter != nullptr && systemRouter->post(message)) {
+            consumed = true;
+            Core::message("MessageRouter::post( %p ) this=%p Posted message to system router\n",
+                          static_cast<void*>(message), static_cast<void*>(this));
+            return true;
+        }
+        // Refused: the message is still the caller's.
+        Core::log(Core::LogWarning, "MessageRouter::post( %p ) this=%p Failed to pass on message to system router\n",
+                  static_cast<void*>(message), static_cast<void*>(this));
+        return false;
+    }
+    Core::message("MessageRouter::post( %p ) this=%p posting onto the queue.\n", static_cast<void*>(message),
+                  static_cast<void*>(this));
+    UlmarCommsSystem::MutexLocker queue(m_queueLock);
+    consumed = true;
+    // The router may have been finished since the test above.
+    if (m_pWorker == nullptr || !m_queue.push(message)) {
+        MessageItem::release(message);
+        return false;
+    }
+    m_pWorker->kick();
+    return true;
+}
+
+MessageItem* MessageRouter::nextMessage()
+{
+    UlmarCommsSystem::MutexLocker queue(m_queueLock);
+    return m_queue.pop();
+}
+
+bool MessageRouter::processMessage(MessageItem* message)
+{
+    Core::message("MessageRouter::processMessage( %p ) this=%p\n", static_cast<void*>(message),
+                  static_cast<void*>(this));
+    if (message == nullptr) {
+        Core::log(Core::LogError, "MessageRouter::processMessage( %p ) this=%p Yep message is NULL!\n",
+                  static_cast<void*>(message), static_cast<void*>(this));
+        return false;
+    }
+    char* to = nullptr;
+    char* from = nullptr;
+    message->getMandatoryRoutingFields(&to, &from);
+    MessagePump* pump = nullptr;
+    {
+        // Found and marked in one step, so remove() either takes the entry
+        // first or sees this delivery and waits for it.
+        UlmarCommsSystem::MutexLocker table(m_tableLock);
+        pump = findTargetMessagePump(to);
+        m_pDelivering = pump;
+    }
+    if (pump == nullptr) {
+        Core::log(Core::LogWarning,
+                  "MessageRouter::processMessage( %p ) this=%p Unable to find message pump to route message to.\n",
+                  static_cast<void*>(message), static_cast<void*>(this));
+        MessageItem::release(message);
+        return false;
+    }
+    {
+        DeliveryScope scope(this);
+        pump->handleMessage(message);
+    }
+    m_pDelivering = nullptr;
+    if (m_removeWaiters.load() > 0)
+        m_deliveryDone.broadcastLocked();
+    return true;
+}
+
+void MessageRouter::commandHandler(unsigned char, const char*) {}
+
+bool MessageRouter::sendRoutingTableToSystemRouter()
+{
+    Core::message("MessageRouter::sendRoutingTableToSystemRouter() Doing it\n");
+    try {
+        UlmarCommsSystem::MutexLocker announcing(m_announceLock);
+        // add and remove also hold the announce lock, so this copy is the
+        // table as it stands until the announcements below are out.
+        std::vector<std::pair<std::string, std::string>> pumps;
+        {
+            UlmarCommsSystem::MutexLocker table(m_tableLock);
+            // The first pump added is deliberately not re-announced.
+            for (unsigned i = 1; i < m_count; ++i) {
+                MessagePump* pump = m_entries[i]->pump;
+                const bool hasInterfaces = !pump->interfaceNames().empty();
+                pumps.emplace_back(pump->address(), hasInterfaces ? interfaceText(pump) : std::string());
+            }
+        }
+        for (const auto& entry : pumps) {
+            Core::message("Telling Real System router about message Pump '%s'\n", entry.first.c_str());
+            announce(CommandMessage::AddMessagePump, entry.first);
+            if (entry.second.empty())
+                continue;
+            Core::message("Telling Real System router about message Pump interfaces '%s'\n", entry.second.c_str());
+            announce(CommandMessage::AddInterfaceNamesToMessagePump, entry.second);
+        }
+    } catch (...) {
+    }
+    return true;
+}
+
+MessageItem* MessageRouter::create(const char* to, const char* from, const char* method)
+{
+    MessageItem* message = MessageItem::create();
+    if (message == nullptr)
+        return nullptr;
+    if (!message->add(MessageItem::ArgumentKey_To, to) || !message->add(MessageItem::ArgumentKey_From, from)
+        || !message->add(MessageItem::ArgumentKey_Method, method)) {
+        MessageItem::release(message);
+        return nullptr;
+    }
+    return message;
+}
+
+bool MessageRouter::addKeyValuePair(MessageItem* message, const char* key, const char* value)
+{
+    return message != nullptr && message->add(key, value);
+}
+
+void MessageRouter::destroy(MessageItem* message)
+{
+    MessageItem::release(message);
+}
+
+} // namespace UlmarComms
