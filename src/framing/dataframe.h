@@ -79,6 +79,8 @@ public:
     unsigned id() const { return m_id; }
     // The buffer's capacity in bytes.
     unsigned capacity() const { return m_capacity; }
+    // The bytes the frame takes on the wire: header and payload.
+    uint64_t wireSize() const { return uint64_t(m_dataSize) + HeaderSize; }
 
     // Writes the 9-byte header.
     static void writeHeaderToBuffer(unsigned char* buffer, unsigned char type, unsigned size,

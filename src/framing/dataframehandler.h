@@ -1,11 +1,13 @@
-// Frames over one stream socket, and the listener that hands out such sockets.
+// Frames over one stream socket.
 //
 // DataFrameHandler queues outbound messages and link commands as frames and
 // writes them one frame at a time through the socket's asynchronous send
 // (commands overtake queued messages; a partial send is resumed where the
 // socket stopped). It reassembles inbound frames from whatever blocks recv
-// delivers and hands each complete frame to the subclass. DataFrameServer owns
-// a listening socket and hands every accepted connection to its subclass.
+// delivers and hands each complete frame to the subclass. The handler's
+// implementation is split by direction: dataframehandler.cpp (lifetime, the
+// socket, the receive path, the callbacks) and dataframeoutbound.cpp (the
+// queues and the frame in flight).
 //
 // Threads. onSent, onRecved, onError, onDisconnect and the subclass's
 // doHandleMessage/doHandleCommand run on selector worker threads; onConnected
@@ -244,53 +246,6 @@ private:
     std::atomic<Socket*> m_pSocket;
     // Callbacks of this handler running now, on any thread.
     std::atomic<int> m_callbacksRunning;
-};
-
-// A listening stream socket whose accepted connections go to the subclass.
-class DataFrameServer {
-public:
-    // The platform layer's socket and address classes.
-    typedef UlmarCommsSystem::Socket Socket;
-    typedef UlmarCommsSystem::SocketAddress SocketAddress;
-
-    // A server for this address; start() listens.
-    explicit DataFrameServer(const SocketAddress& address);
-
-    // A client was accepted on listener; the subclass owns accepted from here.
-    virtual void onClientConnect(Socket* listener, const SocketAddress& peer, Socket* accepted) = 0;
-    // An accepted client's connection ended (reported before its own callbacks).
-    virtual void onClientDisconnect(Socket* listener, Socket* accepted) = 0;
-    // Closes and deletes the listening socket.
-    virtual ~DataFrameServer();
-    // Creates, binds and listens (replacing an earlier listener); false on failure.
-    virtual bool start();
-    // Closes and deletes the listening socket.
-    virtual void finish();
-
-    // Owns its listener: not copyable.
-    DataFrameServer(const DataFrameServer&) = delete;
-    DataFrameServer& operator=(const DataFrameServer&) = delete;
-
-    // The listening socket, or null.
-    Socket* listeningSocket() const { return m_pSocket.load(); }
-    // The address listened on.
-    const SocketAddress& address() const { return m_address; }
-
-    // Client-connect trampoline: user data is the server.
-    static void onClientConnectFunction(Socket* listener, const SocketAddress& peer, Socket* accepted, void* user);
-    // Client-disconnect trampoline; re-arms the listener afterwards.
-    static void onClientDisconnectFunction(Socket* listener, Socket* accepted, void* user);
-
-private:
-    // Closes and deletes the listening socket, if any.
-    void dropListener();
-
-    // The byte the listener's re-arming receive names.
-    unsigned char m_scratch;
-    // The address listened on.
-    SocketAddress m_address;
-    // The listening socket (owned), or null.
-    std::atomic<Socket*> m_pSocket;
 };
 
 } // namespace UlmarComms

@@ -24,6 +24,7 @@
 #pragma once
 
 #include "framing/dataframehandler.h"
+#include "framing/dataframeserver.h"
 #include "messaging/messagerouter.h"
 #include "platform/mutex.h"
 #include "service/systemrouter.h"

@@ -22,6 +22,7 @@
 
 #include "core/limits.h"
 #include "framing/dataframehandler.h"
+#include "framing/dataframeserver.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 

@@ -5,6 +5,7 @@
 // in where the test needs to see or craft the exact bytes on the wire (slow
 // readers, ids and order, hostile input). Everything waits with deadlines.
 #include "framing/dataframehandler.h"
+#include "framing/dataframeserver.h"
 
 #include "core/core.h"
 #include "messaging/messaging.h"

@@ -1,0 +1,363 @@
+// Frame handler, outbound: the queues, the one frame in flight and the
+// asynchronous send that writes it, resumed where the socket stopped.
+//
+// The log texts stay byte for byte as they are, misspellings included,
+// because operators grep the logs for them.
+#include "framing/dataframehandler.h"
+
+#include "core/core.h"
+#include "messaging/messageitem.h"
+
+#include <algorithm>
+#include <new>
+#include <sys/socket.h>
+
+namespace UlmarComms {
+
+using UlmarCommsSystem::MutexLocker;
+using UlmarCommsSystem::Socket;
+
+namespace {
+
+// A null text logged through %s would be undefined in the logger's printf.
+const char* printable(const char* text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- outbound
+
+bool DataFrameHandler::addToOutbound(MessageItem* message)
+{
+    return addMessage(message, false);
+}
+
+bool DataFrameHandler::addToOutboundHeld(MessageItem* message)
+{
+    return addMessage(message, true);
+}
+
+void DataFrameHandler::flushOutbound()
+{
+    MutexLocker locker(m_outboundLock);
+    if (!m_heldFrames)
+        return;
+    m_heldFrames = false;
+    if (mayWrite())
+        sendOutbound();
+}
+
+bool DataFrameHandler::addMessage(MessageItem* message, bool hold)
+{
+    MutexLocker locker(m_outboundLock);
+    Core::verbose("DataFrameHandler::addToOutbound( [MessageItem] %p ) this=%p\n", static_cast<void*>(message),
+                  static_cast<void*>(this));
+    DataFrame* frame = nullptr;
+    try {
+        frame = createOutbound();
+        if (frame == nullptr || !frame->insertMessage(m_lastId + 1, message)) {
+            release(frame);
+            Core::log(Core::LogError, "DataFrameHandler::addToOutbound( %p ) this=%p Frame set failed.\n",
+                      static_cast<void*>(message), static_cast<void*>(this));
+            return false;
+        }
+    } catch (...) {
+        release(frame);
+        Core::log(Core::LogError,
+                  "DataFrameHandler::addToOutbound( %p ) this=%p Unhandled exception while trying to create "
+                  "dataframe from message.\n",
+                  static_cast<void*>(message), static_cast<void*>(this));
+        return false;
+    }
+    return enqueue(frame, false, hold);
+}
+
+bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
+{
+    MutexLocker locker(m_outboundLock);
+    const char* shown = printable(text);
+    Core::verbose("DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p\n", code, shown,
+                  static_cast<void*>(this));
+    DataFrame* frame = nullptr;
+    try {
+        frame = createOutbound();
+        if (frame == nullptr) {
+            Core::log(Core::LogError,
+                      "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Failed to create DataFrame.\n",
+                      code, shown, static_cast<void*>(this));
+            return false;
+        }
+        if (!frame->insertCommand(m_lastId + 1, code, text)) {
+            release(frame);
+            Core::log(Core::LogError,
+                      "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Failed to set DataFrame.\n",
+                      code, shown, static_cast<void*>(this));
+            return false;
+        }
+    } catch (...) {
+        release(frame);
+        Core::log(Core::LogError, "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Unhandled exception.\n",
+                  code, shown, static_cast<void*>(this));
+        return false;
+    }
+    return enqueue(frame, true, false);
+}
+
+bool DataFrameHandler::enqueue(DataFrame* frame, bool command, bool hold)
+{
+    // Held messages were queued as if written at once: a command must not
+    // overtake them, so they are tried before it joins the queue.
+    if (command && m_heldFrames) {
+        m_heldFrames = false;
+        if (mayWrite())
+            sendOutbound();
+    }
+    const uint64_t size = frame->wireSize();
+    // A peer that stops reading must not make us hold unbounded memory.
+    if (m_queuedBytes > 0 && m_queuedBytes + size > MaxQueuedBytes) {
+        Core::log(Core::LogError,
+                  "DataFrameHandler::addToOutbound() this=%p Outbound queue full (%llu bytes waiting), frame "
+                  "refused.\n",
+                  static_cast<void*>(this), static_cast<unsigned long long>(m_queuedBytes));
+        release(frame);
+        return false;
+    }
+    try {
+        (command ? m_commandQueue : m_messageQueue).push_back(frame);
+    } catch (...) {
+        release(frame);
+        Core::log(Core::LogError, "DataFrameHandler::addToOutbound() this=%p Unable to queue the frame.\n",
+                  static_cast<void*>(this));
+        return false;
+    }
+    m_lastId = frame->id();
+    m_queuedBytes += size;
+    if (hold) {
+        m_heldFrames = true;
+        return true;
+    }
+    m_heldFrames = false; // the write below takes them along
+    if (mayWrite() && !m_sending) {
+        Core::verbose("DataFrameHandler::addToOutbound() sendOutbound()\n");
+        sendOutbound();
+    }
+    return true;
+}
+
+void DataFrameHandler::sendOutbound()
+{
+    if (m_pOutboundCurrentFrame != nullptr) {
+        // Still being written; or kept from a link that went before the
+        // socket took any of it, which starts it again.
+        if (!m_outboundInFlight)
+            doSendOutboundData();
+        return;
+    }
+    if (!pickNextFrame())
+        return;
+    doSendOutboundData();
+}
+
+bool DataFrameHandler::pickNextFrame()
+{
+    Core::verbose("DataFrameHandler::sendOutbound() no current outbound.\n");
+    if (!m_batched.empty()) {
+        // Already chosen for a send that did not take them: they go first.
+        m_pOutboundCurrentFrame = m_batched.front();
+        m_batched.pop_front();
+    } else if (!m_commandQueue.empty()) {
+        Core::verbose("DataFrameHandler::sendOutbound() Sending Command.\n");
+        m_pOutboundCurrentFrame = m_commandQueue.front();
+        m_commandQueue.pop_front();
+    } else if (!m_messageQueue.empty()) {
+        Core::verbose("DataFrameHandler::sendOutbound() Sending message.\n");
+        m_pOutboundCurrentFrame = m_messageQueue.front();
+        m_messageQueue.pop_front();
+    } else {
+        m_sending = false;
+        Core::verbose("DataFrameHandler::sendOutbound() Not Sending At all.\n");
+        return false;
+    }
+    m_currentSent = 0;
+    m_outboundInFlight = false;
+    return true;
+}
+
+unsigned DataFrameHandler::fillOutboundBuffer()
+{
+    unsigned count = 0;
+    if (!m_pOutboundCurrentFrame->writeOut(m_pOutboundBuffer, m_outboundSize, count))
+        return 0;
+    if (m_pOutboundCurrentFrame->wireSize() - m_currentSent != count)
+        return count; // the current frame alone fills the buffer
+    // Whole frames that still fit follow in the same send, chosen by the
+    // same rule and in the same order as one at a time: the bytes on the
+    // wire do not change, only how many system calls carry them.
+    size_t batched = 0;
+    while (true) {
+        DataFrame* next = nullptr;
+        if (batched < m_batched.size()) {
+            next = m_batched[batched];
+        } else if (!m_commandQueue.empty()) {
+            next = m_commandQueue.front();
+        } else if (!m_messageQueue.empty()) {
+            next = m_messageQueue.front();
+        }
+        if (next == nullptr || next->wireSize() > m_outboundSize - count)
+            break;
+        unsigned written = 0;
+        if (!next->writeOut(m_pOutboundBuffer + count, m_outboundSize - count, written))
+            break;
+        if (batched == m_batched.size()) {
+            if (!m_commandQueue.empty() && next == m_commandQueue.front()) {
+                Core::verbose("DataFrameHandler::sendOutbound() Sending Command.\n");
+                m_commandQueue.pop_front();
+            } else {
+                Core::verbose("DataFrameHandler::sendOutbound() Sending message.\n");
+                m_messageQueue.pop_front();
+            }
+            m_batched.push_back(next);
+        }
+        ++batched;
+        count += written;
+    }
+    return count;
+}
+
+void DataFrameHandler::doSendOutboundData()
+{
+    if (m_pOutboundCurrentFrame == nullptr) {
+        Core::log(Core::LogError, "DataFrameHandler::doSendOutboundData() this=%p No current outbound frame.\n",
+                  static_cast<void*>(this));
+        return;
+    }
+    Socket* socket = m_pSocket.load();
+    if (socket == nullptr || m_outboundHeld)
+        return; // the frame waits for the next socket
+    unsigned count = 0;
+    while (true) {
+        count = fillOutboundBuffer();
+        if (count == 0) {
+            Core::log(Core::LogError,
+                      "DataFrameHandler::doSendOutboundData() this=%p writeOut on current frame failed.\n",
+                      static_cast<void*>(this));
+            return;
+        }
+        // Written here and now when the connection takes the bytes: no
+        // worker has to be woken to do it. Whatever it does not take goes
+        // through the selector as before, from where the socket stopped.
+        const unsigned taken = socket->trySend(m_pOutboundBuffer, count);
+        if (taken == 0)
+            break;
+        Core::verbose("DataFrameHandler::doSendOutboundData() this=%p Sent Bytes=%d \n", static_cast<void*>(this),
+                      taken);
+        if (!completeSent(socket, m_pOutboundBuffer, taken, count))
+            return;
+    }
+    const unsigned char error = socket->send(m_pOutboundBuffer, count);
+    if (error != Socket::NoSocketError) {
+        // Left current: the link ends through the error callback, or the
+        // next frame queued tries it again.
+        Core::log(Core::LogError,
+                  "DataFrameHandler::doSendOutboundData() this=%p socket=%p Failed to send data error:%d.\n",
+                  static_cast<void*>(this), static_cast<void*>(socket), error);
+        return;
+    }
+    m_outboundInFlight = true;
+    Core::verbose("DataFrameHandler::doSendOutboundData() this=%p Sent Bytes=%d \n", static_cast<void*>(this), count);
+}
+
+bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size)
+{
+    unsigned left = count;
+    while (m_pOutboundCurrentFrame != nullptr && left > 0) {
+        const unsigned part =
+            static_cast<unsigned>(std::min<uint64_t>(left, m_pOutboundCurrentFrame->wireSize() - m_currentSent));
+        left -= part;
+        m_currentSent += part;
+        if (!m_pOutboundCurrentFrame->doneWriteOut(part))
+            break;
+        m_queuedBytes -= m_pOutboundCurrentFrame->wireSize();
+        recycle(m_pOutboundCurrentFrame);
+        m_pOutboundCurrentFrame = nullptr;
+        m_currentSent = 0;
+        Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Finished with the frame.\n",
+                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0,
+                      static_cast<void*>(this));
+        if (m_batched.empty())
+            break;
+        m_pOutboundCurrentFrame = m_batched.front();
+        m_batched.pop_front();
+    }
+    requeueUntouched();
+    if (m_pOutboundCurrentFrame != nullptr) {
+        Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Carry on with frame.\n",
+                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0,
+                      static_cast<void*>(this));
+        return true;
+    }
+    return pickNextFrame();
+}
+
+void DataFrameHandler::requeueUntouched()
+{
+    // Frames the socket took nothing of were not written: back at the head
+    // of their queues, a command queued meanwhile leaves before the messages
+    // among them, exactly as one frame at a time would have it.
+    try {
+        if (m_pOutboundCurrentFrame != nullptr && m_currentSent == 0) {
+            m_batched.push_front(m_pOutboundCurrentFrame);
+            m_pOutboundCurrentFrame = nullptr;
+        }
+        while (!m_batched.empty()) {
+            DataFrame* frame = m_batched.back();
+            auto& queue = frame->frameType() == DataFrame::FrameTypeCommand ? m_commandQueue : m_messageQueue;
+            queue.push_front(frame);
+            m_batched.pop_back();
+        }
+    } catch (...) {
+        // Those left batched are still taken first, in wire order.
+    }
+}
+
+void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
+                              unsigned char error)
+{
+    MutexLocker locker(m_outboundLock);
+    if (buffer == &m_probe)
+        return; // the probe of a link being ended carries no frame
+    if (socket == nullptr || socket != m_pSocket.load()) {
+        Core::log(Core::LogError, "DataFrameHandler::onSent( %p, , %d, %d, %d ) this=%p Socket missmatch.\n",
+                  static_cast<void*>(socket), count, size, error, static_cast<void*>(this));
+        return;
+    }
+    if (m_pOutboundCurrentFrame == nullptr) {
+        Core::log(Core::LogWarning, "DataFrameHandler::onSent() m_pOutboundCurrentFrame == NULL\n");
+        return;
+    }
+    m_outboundInFlight = false;
+    if (completeSent(socket, buffer, count, size))
+        doSendOutboundData();
+}
+
+void DataFrameHandler::releaseOutboundFrames()
+{
+    for (DataFrame* frame : m_commandQueue)
+        release(frame);
+    for (DataFrame* frame : m_messageQueue)
+        release(frame);
+    m_commandQueue.clear();
+    m_messageQueue.clear();
+    for (DataFrame* frame : m_batched)
+        release(frame);
+    m_batched.clear();
+    release(m_pOutboundCurrentFrame);
+    m_pOutboundCurrentFrame = nullptr;
+    m_outboundInFlight = false;
+    m_currentSent = 0;
+    m_queuedBytes = 0;
+}
+
+} // namespace UlmarComms
