@@ -47,20 +47,20 @@ constexpr uint64_t LinkQueuedBytes = 32u * 1024u * 1024u;
 // Key/value pairs in one message, header pairs included. It sizes each
 // message's pair arrays and is the number applications are told; a received
 // packet with more pairs is refused. Setting: none.
-// Alias: MessageItem::s_maxNumberArguments (src/messaging/messaging.h).
+// Alias: MessageItem::s_maxNumberArguments (src/messaging/messageitem.h).
 constexpr int MessagePairs = 25;
 
 // Longest key in bytes, its NUL included, that a message keeps intact when
 // it crosses a link: the length travels in one byte. A longer key is not
 // refused; its message cannot be read where it arrives and is dropped there.
 // Values have no bound of their own beyond FramePayloadBytes. Setting: none.
-// Checked against MessageItem's one-byte key lengths (src/messaging/messaging.h).
+// Checked against MessageItem's one-byte key lengths (src/messaging/messageitem.h).
 constexpr unsigned MessageKeyBytes = 255;
 
 // Listener entries one event of one pump keeps, at most. Other pumps, here
 // or on a peer host, register them, so the table must be bounded;
 // registrations past it are not kept. Setting: none.
-// Alias: MessagePump::s_maxListenersPerEvent (src/messaging/messaging.h).
+// Alias: MessagePump::s_maxListenersPerEvent (src/messaging/messagepump.h).
 constexpr size_t EventListeners = 1024;
 
 // ------------------------------------------------------------- sockets
