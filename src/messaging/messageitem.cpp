@@ -111,13 +111,13 @@ void MessageItem::release(MessageItem* item)
 {
     if (item == nullptr)
         return;
-    if (--item->m_count <= 0)
+    if (item->m_count.fetch_sub(1, std::memory_order_acq_rel) <= 1)
         delete item;
 }
 
 void MessageItem::incrementCount()
 {
-    ++m_count;
+    m_count.fetch_add(1, std::memory_order_relaxed);
 }
 
 MessageItem* MessageItem::createAndCopy(MessageItem* source)

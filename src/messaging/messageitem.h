@@ -2,8 +2,13 @@
 //
 // A message is an ordered list of at most 25 text pairs; the routing header
 // is a set of reserved keys inside that list. Messages are reference counted
-// by hand and have no lock: one thread owns a message at a time, and messages
-// cross threads only through a router queue, whose lock orders the hand-over.
+// by hand and have no lock: one thread changes a message at a time, and
+// messages cross threads through a router queue, whose lock orders the
+// hand-over. The count itself is atomic, because an application may keep a
+// delivered message and release it on its own thread while the router
+// worker still holds its reference: adding a reference is relaxed (only a
+// holder of one can add another), dropping one is acquire-release, so that
+// every holder's last use happens before the message is freed.
 // Ownership: a message handed to a post operation is the receiver's from then
 // on; a delivered message is released after the callback unless the callback
 // took a reference.
@@ -11,6 +16,7 @@
 
 #include "core/limits.h"
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -55,7 +61,7 @@ public:
     // Adds one reference.
     void incrementCount();
     // The current reference count.
-    int32_t count() const { return m_count; }
+    int32_t count() const { return m_count.load(std::memory_order_relaxed); }
 
     // Appends a pair; false for a null text, a full message or no memory.
     // "_t"/"_f" values beginning with "localhost" get the host name instead.
@@ -132,7 +138,7 @@ private:
     char* storeBytes(const char* text, size_t length);
 
     uint8_t m_argumentCount;
-    int32_t m_count;
+    std::atomic<int32_t> m_count;
     char* m_keys[s_maxNumberArguments];
     char* m_values[s_maxNumberArguments];
     uint32_t m_valueLengths[s_maxNumberArguments];

@@ -12,6 +12,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -418,6 +419,22 @@ TEST_F(MessageItemTest, ReferenceCountKeepsTheMessageUntilTheLastRelease)
     EXPECT_STREQ(item->value("k"), "v"); // still alive: the sanitizer would object otherwise
     MessageItem::release(item);          // the last one frees it (the leak check sees that)
     MessageItem::release(nullptr);       // accepted, does nothing
+
+    // A kept message may be released on another thread while the router
+    // worker holds its own reference: no count is lost either way.
+    MessageItem* shared = MessageItem::create();
+    ASSERT_NE(shared, nullptr);
+    auto churn = [shared] {
+        for (int i = 0; i < 100000; ++i) {
+            shared->incrementCount();
+            MessageItem::release(shared);
+        }
+    };
+    std::thread other(churn);
+    churn();
+    other.join();
+    EXPECT_EQ(shared->count(), 1);
+    MessageItem::release(shared);
 }
 
 // ------------------------------------------------------------- packet form
