@@ -1,15 +1,52 @@
 // A private bus for one process test: a daemon on a pipe name no other test
-// uses, and helpers that run the client against it.
+// uses, and helpers that run the built programs against it.
 #pragma once
 
-#include "tools/childprocess.h"
+#include "support/childprocess.h"
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 namespace UlmarCommsToolsTest {
+
+using UlmarCommsTest::ChildProcess;
+
+// The path of a built program.
+inline std::string toolPath(const std::string& name)
+{
+    return std::string(ULMARCOMMS_TOOLS_DIR) + "/" + name;
+}
+
+// A pipe name no other test (or test process) uses.
+inline std::string uniquePipeName()
+{
+    static int counter = 0;
+    return "t" + std::to_string(getpid()) + "_" + std::to_string(++counter);
+}
+
+// The result of running a program to its end.
+struct RunResult {
+    std::optional<int> status;
+    std::string out;
+    std::string err;
+    std::string transcript() const { return "--- stdout:\n" + out + "--- stderr:\n" + err; }
+};
+
+// Runs a program to its end (killed after the timeout).
+inline RunResult runTool(const std::vector<std::string>& argv,
+                         std::chrono::milliseconds timeout = std::chrono::seconds(60))
+{
+    ChildProcess child(argv);
+    RunResult result;
+    result.status = child.waitExit(timeout);
+    result.out = child.out();
+    result.err = child.err();
+    return result;
+}
 
 // The --set item that puts a program on the given pipe name.
 inline std::string pipeSetting(const std::string& pipeName)
