@@ -11,6 +11,7 @@
 #include "messaging/messaging.h"
 #include "platform/socket.h"
 #include "support/logcapture.h"
+#include "support/rawpeer.h"
 #include "support/wait.h"
 
 #include <gtest/gtest.h>
@@ -39,12 +40,19 @@ using UlmarComms::DataFrameServer;
 using UlmarComms::MessageItem;
 using UlmarCommsSystem::Socket;
 using UlmarCommsSystem::SocketAddress;
+using UlmarCommsTest::Bytes;
+using UlmarCommsTest::commandFrame;
 using UlmarCommsTest::LogCapture;
+using UlmarCommsTest::messageFrame;
+using UlmarCommsTest::rawFrame;
+using UlmarCommsTest::RawPeer;
+using UlmarCommsTest::uniqueUnixAddress;
+using UlmarCommsTest::operator+;
+using UlmarCommsTest::append;
 using UlmarCommsTest::waitUntil;
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
 typedef std::vector<std::pair<std::string, std::string>> Pairs;
 
 const std::chrono::milliseconds kDeadline(10000);
@@ -82,61 +90,6 @@ Pairs expectedPairs(const std::string& tag, size_t padding)
     Pairs pairs = pairsOf(message);
     MessageItem::release(message);
     return pairs;
-}
-
-// The bytes a frame of this message or command puts on the wire.
-Bytes wireOf(DataFrame& frame)
-{
-    Bytes bytes(frame.dataSize() + DataFrame::HeaderSize);
-    unsigned count = 0;
-    EXPECT_TRUE(frame.writeOut(bytes.data(), static_cast<unsigned>(bytes.size()), count));
-    bytes.resize(count);
-    return bytes;
-}
-
-Bytes messageFrame(unsigned id, const MessageItem* message)
-{
-    DataFrame frame(id, message);
-    return wireOf(frame);
-}
-
-Bytes commandFrame(unsigned id, unsigned char code, const char* text)
-{
-    DataFrame frame(id, code, text);
-    return wireOf(frame);
-}
-
-Bytes rawFrame(unsigned char type, uint32_t size, uint32_t id, const Bytes& payload)
-{
-    Bytes bytes(DataFrame::HeaderSize);
-    DataFrame::writeHeaderToBuffer(bytes.data(), type, size, id);
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
-}
-
-void append(Bytes& to, const Bytes& more)
-{
-    to.insert(to.end(), more.begin(), more.end());
-}
-
-Bytes operator+(Bytes left, const Bytes& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-// An address unique to the test (and process).
-SocketAddress uniqueUnixAddress()
-{
-    const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string("dfh_") + info->test_suite_name() + "_" + info->name() + "_"
-        + std::to_string(getpid());
-    for (char& c : name)
-        if (c == '/')
-            c = '_';
-    SocketAddress address;
-    EXPECT_TRUE(address.setUNIXAddress(name));
-    return address;
 }
 
 SocketAddress loopbackAnyPort()
@@ -376,103 +329,6 @@ std::unique_ptr<Recorder> connectRecorder(const SocketAddress& address, unsigned
     return client;
 }
 
-// A plain POSIX stream peer, not built on this library.
-class RawPeer {
-public:
-    ~RawPeer() { closeNow(); }
-
-    bool connectTo(const SocketAddress& address)
-    {
-        m_fd = ::socket(address.isUNIXAddress() ? AF_UNIX : AF_INET, SOCK_STREAM, 0);
-        return m_fd >= 0 && ::connect(m_fd, address.getAddress(), address.getAddressSize()) == 0;
-    }
-    bool sendAll(const Bytes& bytes)
-    {
-        size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t n = ::send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-            if (n <= 0)
-                return false;
-            done += static_cast<size_t>(n);
-        }
-        return true;
-    }
-    // Reads exactly n bytes unless the deadline passes or the stream ends.
-    bool readExactly(size_t n, Bytes& out)
-    {
-        out.resize(n);
-        size_t done = 0;
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        while (done < n) {
-            if (!waitReadable(deadline))
-                return false;
-            const ssize_t got = ::recv(m_fd, out.data() + done, n - done, 0);
-            if (got <= 0)
-                return false;
-            done += static_cast<size_t>(got);
-        }
-        return true;
-    }
-    // Reads one frame: header fields and payload.
-    bool readFrame(unsigned char& type, uint32_t& id, Bytes& payload)
-    {
-        Bytes header;
-        if (!readExactly(DataFrame::HeaderSize, header))
-            return false;
-        unsigned size = 0;
-        unsigned frameId = 0;
-        DataFrame::readHeaderFromBuffer(header.data(), type, size, frameId);
-        id = frameId;
-        return readExactly(size, payload);
-    }
-    // True once the other side has ended the stream (bytes before the end
-    // are skipped).
-    bool waitForEnd()
-    {
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        unsigned char scratch[4096];
-        for (;;) {
-            if (!waitReadable(deadline))
-                return false;
-            const ssize_t got = ::recv(m_fd, scratch, sizeof(scratch), 0);
-            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR))
-                return true;
-        }
-    }
-    // Closes with a reset instead of an orderly end.
-    void resetNow()
-    {
-        linger option{1, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &option, sizeof(option));
-        closeNow();
-    }
-    void closeNow()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-        m_fd = -1;
-    }
-
-private:
-    bool waitReadable(std::chrono::steady_clock::time_point deadline)
-    {
-        for (;;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline
-                                                                                     - std::chrono::steady_clock::now());
-            if (left.count() <= 0)
-                return false;
-            pollfd entry{m_fd, POLLIN, 0};
-            const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
-            if (ready > 0)
-                return true;
-            if (ready < 0 && errno != EINTR)
-                return false;
-        }
-    }
-
-    int m_fd = -1;
-};
-
 class FrameLinkTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(Socket::init(3)); }
@@ -481,7 +337,7 @@ protected:
     // A started server on a unique UNIX name.
     std::unique_ptr<RecordingServer> unixServer(unsigned inbound = 0, unsigned outbound = 0)
     {
-        auto server = std::make_unique<RecordingServer>(uniqueUnixAddress(), inbound, outbound);
+        auto server = std::make_unique<RecordingServer>(uniqueUnixAddress("dfh_"), inbound, outbound);
         EXPECT_TRUE(server->start());
         return server;
     }

@@ -14,6 +14,7 @@
 #include "platform/sockettimeout.h"
 #include "service/systemrouter.h"
 #include "support/logcapture.h"
+#include "support/rawpeer.h"
 #include "support/wait.h"
 
 #include <gtest/gtest.h>
@@ -41,20 +42,18 @@ using UlmarCommsService::SystemRouter;
 using UlmarCommsSystem::Socket;
 using UlmarCommsSystem::SocketAddress;
 using UlmarCommsSystem::SocketTimeout;
+using UlmarCommsTest::Bytes;
 using UlmarCommsTest::LogCapture;
+using UlmarCommsTest::rawFrame;
+using UlmarCommsTest::RawPeer;
+using UlmarCommsTest::uniqueUnixAddress;
+using UlmarCommsTest::wireOf;
+using UlmarCommsTest::operator+;
 using UlmarCommsTest::waitUntil;
 
 namespace {
 
 const std::chrono::milliseconds kDeadline(10000);
-
-SocketAddress uniqueUnixAddress()
-{
-    const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-    SocketAddress address;
-    EXPECT_TRUE(address.setUNIXAddress(std::string("link_") + info->name() + "_" + std::to_string(getpid())));
-    return address;
-}
 
 // The service: system router, its listener and a router for its own pumps.
 struct Service {
@@ -148,81 +147,11 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(Socket::init(3));
-        address = uniqueUnixAddress();
+        address = uniqueUnixAddress("link_");
     }
     void TearDown() override { Socket::deinit(); }
 
     SocketAddress address;
-};
-
-std::string valueOf(const Received& received, const char* key)
-{
-    return received.value(key);
-}
-
-typedef std::vector<unsigned char> Bytes;
-
-// The bytes a built frame puts on the wire.
-Bytes wireOf(DataFrame&& frame)
-{
-    Bytes bytes(frame.dataSize() + DataFrame::HeaderSize);
-    unsigned count = 0;
-    EXPECT_TRUE(frame.writeOut(bytes.data(), static_cast<unsigned>(bytes.size()), count));
-    bytes.resize(count);
-    return bytes;
-}
-
-Bytes operator+(Bytes left, const Bytes& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-// A frame header followed by whatever payload bytes are given.
-Bytes rawFrame(unsigned char type, uint32_t id, const Bytes& payload)
-{
-    Bytes bytes(DataFrame::HeaderSize);
-    DataFrame::writeHeaderToBuffer(bytes.data(), type, static_cast<unsigned>(payload.size()), id);
-    return bytes + payload;
-}
-
-// A plain stream socket connected to the service, not built on this library.
-struct RawClient {
-    explicit RawClient(const SocketAddress& address) : fd(::socket(AF_UNIX, SOCK_STREAM, 0))
-    {
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ(::connect(fd, address.getAddress(), address.getAddressSize()), 0);
-    }
-    ~RawClient()
-    {
-        if (fd >= 0)
-            ::close(fd);
-    }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
-
-    bool sendAll(const Bytes& bytes)
-    {
-        size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-            if (n <= 0)
-                return false;
-            done += static_cast<size_t>(n);
-        }
-        return true;
-    }
-    // True when the other side ended the stream within the deadline.
-    bool endedByPeer(int timeoutMs)
-    {
-        pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, timeoutMs) != 1)
-            return false;
-        unsigned char scratch[16];
-        return ::recv(fd, scratch, sizeof(scratch), MSG_DONTWAIT) == 0;
-    }
-
-    int fd;
 };
 
 } // namespace
@@ -257,10 +186,10 @@ TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWays)
     ASSERT_EQ(first.pump.post(request), 0);
     ASSERT_TRUE(svc.waitForCount(1));
     EXPECT_EQ(svc.received()[0].method, "ping");
-    EXPECT_EQ(valueOf(svc.received()[0], "payload"), "over the link");
+    EXPECT_EQ(svc.received()[0].value("payload"), "over the link");
     ASSERT_TRUE(first.waitForCount(1));
     EXPECT_EQ(first.received()[0].kind, Received::Response);
-    EXPECT_EQ(valueOf(first.received()[0], MessageItem::ArgumentKey_Response), "pong");
+    EXPECT_EQ(first.received()[0].value(MessageItem::ArgumentKey_Response), "pong");
 
     // Service to application.
     MessageItem* notice = svc.pump.createMessage(second.address().c_str(), "notice");
@@ -394,7 +323,7 @@ TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
 
     // A plain peer announces a pump the honest way, then sends a header
     // announcing far more than any frame may hold.
-    RawClient client(address);
+    RawPeer client(address);
     const std::string evil = UlmarComms::Core::instance()->getHostName() + "@evil";
     ASSERT_TRUE(client.sendAll(wireOf(DataFrame(1, CommandMessage::AddMessagePump, evil.c_str()))));
     ASSERT_TRUE(service.waitForEntries({kept.address(), evil}));
@@ -405,7 +334,7 @@ TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
     ASSERT_TRUE(client.sendAll(Bytes(header, header + sizeof(header))));
     ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1 && !service.hasEntry(evil); }, kDeadline))
         << service.table();
-    EXPECT_TRUE(client.endedByPeer(static_cast<int>(kDeadline.count()))) << "the service ended the link";
+    EXPECT_TRUE(client.waitForEnd(kDeadline)) << "the service ended the link";
 
     // The honest process is untouched.
     EXPECT_TRUE(service.hasEntry(kept.address()));
@@ -424,7 +353,7 @@ TEST_F(LocalLinkTest, AFrameThatCannotBeDecodedCostsThatFrameNotTheLink)
     Service service(address);
     Endpoint svc(service.local, "svc");
     ASSERT_TRUE(svc.join());
-    RawClient client(address);
+    RawPeer client(address);
     const std::string raw = UlmarComms::Core::instance()->getHostName() + "@raw";
     ASSERT_TRUE(client.sendAll(wireOf(DataFrame(1, CommandMessage::AddMessagePump, raw.c_str()))));
     ASSERT_TRUE(service.waitForEntries({raw}));
@@ -440,7 +369,7 @@ TEST_F(LocalLinkTest, AFrameThatCannotBeDecodedCostsThatFrameNotTheLink)
     badPacket.back() = 0;
     // A command record whose text runs past the record.
     const Bytes badRecord =
-        rawFrame(DataFrame::FrameTypeCommand, 8, {CommandMessage::AddMessagePump, 0, 0, 0, 99, 'x', 0});
+        rawFrame(DataFrame::FrameTypeCommand, 7, 8, {CommandMessage::AddMessagePump, 0, 0, 0, 99, 'x', 0});
     const struct {
         const char* name;
         Bytes bad;
@@ -449,7 +378,7 @@ TEST_F(LocalLinkTest, AFrameThatCannotBeDecodedCostsThatFrameNotTheLink)
         {"message packet", badPacket, "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get.!\n"},
         {"command record", badRecord,
          "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get for command.!\n"},
-        {"frame type", rawFrame(9, 9, {1, 2, 3}),
+        {"frame type", rawFrame(9, 3, 9, {1, 2, 3}),
          "DataFrameHandler::processInboundCurrentFrame() this=%p frame is Unknown!\n"},
     };
     size_t delivered = 0;
@@ -467,7 +396,7 @@ TEST_F(LocalLinkTest, AFrameThatCannotBeDecodedCostsThatFrameNotTheLink)
     EXPECT_EQ(svc.count(), delivered) << "nothing of a dropped frame was delivered";
     EXPECT_EQ(service.server->links().size(), 1u);
     EXPECT_TRUE(service.hasEntry(raw)) << service.table();
-    EXPECT_FALSE(client.endedByPeer(0));
+    EXPECT_FALSE(client.waitForEnd(std::chrono::milliseconds(0)));
 }
 
 // A key of 300 bytes wraps its one-byte length when written, so the receiver

@@ -5,6 +5,8 @@
 
 #include "core/core.h"
 #include "messaging/messaging.h"
+#include "support/recordingsystemrouter.h"
+#include "support/wait.h"
 
 #include <chrono>
 #include <functional>
@@ -42,18 +44,7 @@ inline std::vector<std::string> keysOf(const MessageItem* message)
     return keys;
 }
 
-// Polls condition until it holds or the deadline passes.
-template <typename Condition>
-bool waitUntil(Condition condition, std::chrono::milliseconds deadline = std::chrono::milliseconds(10000))
-{
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end)
-            return condition();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
+using UlmarCommsTest::waitUntil;
 
 // This machine's host name as the library sees it.
 inline std::string host()
@@ -88,99 +79,7 @@ struct Received {
     bool has(const std::string& key) const { return value(key) != "<absent>"; }
 };
 
-// Stands in for the system router: records registrations, commands and the
-// messages it is given; it can be told to refuse messages.
-class RecordingSystemRouter : public ISystemRouter {
-public:
-    struct Command {
-        IMessageRouter* from;
-        unsigned char code;
-        std::string text;
-    };
-
-    ~RecordingSystemRouter() override
-    {
-        for (MessageItem* message : m_posted)
-            MessageItem::release(message);
-    }
-
-    bool start() override { return true; }
-    void finish() override {}
-    bool add(IMessageRouter* router) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_routers.push_back(router);
-        return true;
-    }
-    bool remove(IMessageRouter* router) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::erase(m_routers, router);
-        return true;
-    }
-    bool post(MessageItem* message) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_accept)
-            return false;
-        m_posted.push_back(message);
-        return true;
-    }
-    void handleCommand(IMessageRouter* from, unsigned char code, const char* text) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_commands.push_back(Command{from, code, text != nullptr ? text : "<null>"});
-    }
-
-    void setAccept(bool accept)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_accept = accept;
-    }
-    std::vector<IMessageRouter*> routers()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_routers;
-    }
-    std::vector<Command> commands()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_commands;
-    }
-    // Commands as "code text" lines, for compact comparisons.
-    std::vector<std::string> commandLines()
-    {
-        std::vector<std::string> lines;
-        for (const Command& command : commands())
-            lines.push_back(std::to_string(command.code) + " " + command.text);
-        return lines;
-    }
-    void clearCommands()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_commands.clear();
-    }
-    std::vector<Pairs> posted()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<Pairs> copies;
-        for (MessageItem* message : m_posted)
-            copies.push_back(pairsOf(message));
-        return copies;
-    }
-    size_t postedCount()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_posted.size();
-    }
-
-private:
-    std::mutex m_mutex;
-    bool m_accept = true;
-    std::vector<IMessageRouter*> m_routers;
-    std::vector<Command> m_commands;
-    std::vector<MessageItem*> m_posted;
-};
+using UlmarCommsTest::RecordingSystemRouter;
 
 // A pump whose callbacks record what arrives and then run optional hooks
 // (set hooks before anything is posted to the pump). Callbacks run on the

@@ -6,6 +6,7 @@
 #include "platform/socket.h"
 
 #include "network/network_support.h"
+#include "support/networkrouterstub.h"
 #include "support/logcapture.h"
 #include "support/scopedhostname.h"
 
@@ -19,13 +20,6 @@ using UlmarCommsSystem::SocketAddress;
 using namespace UlmarCommsTest;
 
 namespace {
-
-SocketAddress ip4(const char* host, const char* port)
-{
-    SocketAddress address;
-    address.setIP4Address(host, port);
-    return address;
-}
 
 // The announcement of "hostA" at 10.77.1.2:34001, written out by hand.
 const std::vector<unsigned char> HostAAnnouncement = {
@@ -47,21 +41,8 @@ NetworkRouterInterface::ParseResult parse(const std::vector<unsigned char>& byte
 }
 
 // A router double that records what discovery reports.
-class RecordingRouter : public UlmarComms::INetworkRouter {
+class RecordingRouter : public NetworkRouterStub {
 public:
-    bool post(const std::string&, UlmarComms::MessageItem*) override { return false; }
-    bool post(const std::string&, unsigned char, const char*) override { return false; }
-    bool getHostsSupportingInterfaces(const char*, const char*, const char*, const char*) override { return false; }
-    bool start() override { return true; }
-    void stop() override {}
-    bool add(UlmarComms::ISystemRouter*) override { return true; }
-    bool routingTableNewConnection(const std::string&, NetworkRouterInterface*,
-                                   UlmarComms::NetworkRouterConnection*) override
-    {
-        return true;
-    }
-    std::string getKnownHosts(bool) override { return std::string(); }
-    std::string getHostInfo(const std::string&) override { return std::string(); }
     void infoAboutHost(const std::string& hostName, const SocketAddress& address, NetworkRouterInterface*) override
     {
         std::lock_guard<std::mutex> guard(lock);

@@ -9,6 +9,7 @@
 
 #include "network/network_support.h"
 #include "support/logcapture.h"
+#include "support/rawpeer.h"
 #include "support/scopedhostname.h"
 
 #include <gtest/gtest.h>
@@ -136,28 +137,29 @@ TEST_F(NetworkConnection, HostNameExchangeOnTheWire)
 {
     LogCapture log;
     Side b(true);
-    RawFrameClient client(b.port);
-    ASSERT_TRUE(client.connected());
+    RawPeer client;
+    ASSERT_TRUE(client.connectTo(loopback(b.port)));
 
     // Messages flow before any name is given, but the table stays empty.
     MessageItem* item = request("hostA@pump", "early");
-    ASSERT_TRUE(client.sendMessage(1, item));
+    ASSERT_TRUE(client.sendAll(messageFrame(1, item)));
     MessageItem::release(item);
     ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 1; }));
     EXPECT_EQ(b.systemRouter.value(0, "k"), "early");
     EXPECT_EQ(b.router->routingTableSize(), 0u);
 
     // Other codes do nothing on a network link.
-    ASSERT_TRUE(client.sendCommand(2, CommandMessage::AddMessagePump, "rawhost@pump"));
-    ASSERT_TRUE(client.sendCommand(3, 101 + 1, "rawhost"));
+    ASSERT_TRUE(client.sendAll(commandFrame(2, CommandMessage::AddMessagePump, "rawhost@pump")));
+    ASSERT_TRUE(client.sendAll(commandFrame(3, 101 + 1, "rawhost")));
     ASSERT_TRUE(log.waitFor("NetworkRouterConnection::doHandleCommand( 102, 'rawhost' )"));
     EXPECT_EQ(b.router->routingTableSize(), 0u);
 
     // Command 100 is answered with 101 and this host's name.
-    ASSERT_TRUE(client.sendCommand(4, CommandMessage::NetworkHostName, "rawhost"));
+    ASSERT_TRUE(client.sendAll(commandFrame(4, CommandMessage::NetworkHostName, "rawhost")));
     unsigned char type = 0;
+    uint32_t id = 0;
     std::vector<unsigned char> payload;
-    ASSERT_TRUE(client.readFrame(type, payload));
+    ASSERT_TRUE(client.readFrame(type, id, payload));
     EXPECT_EQ(type, DataFrame::FrameTypeCommand);
     unsigned char code = 0;
     std::string text;
@@ -172,9 +174,9 @@ TEST_F(NetworkConnection, ClientLeavingIsForgottenAndDeletedOnce)
 {
     Side b(true);
     {
-        RawFrameClient client(b.port);
-        ASSERT_TRUE(client.connected());
-        ASSERT_TRUE(client.sendCommand(1, CommandMessage::NetworkHostName, "rawhost"));
+        RawPeer client;
+        ASSERT_TRUE(client.connectTo(loopback(b.port)));
+        ASSERT_TRUE(client.sendAll(commandFrame(1, CommandMessage::NetworkHostName, "rawhost")));
         ASSERT_TRUE(waitUntil([&] { return b.router->hostIsConnected("rawhost"); }));
         EXPECT_EQ(b.interface->connectionCount(), 1u);
     }

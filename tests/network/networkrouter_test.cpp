@@ -22,13 +22,6 @@ using namespace UlmarCommsTest;
 
 namespace {
 
-SocketAddress ip4(const char* host, const char* port)
-{
-    SocketAddress address;
-    address.setIP4Address(host, port);
-    return address;
-}
-
 // A router with two (not started) interfaces on two networks.
 class NetworkRouterTable : public ::testing::Test {
 protected:

@@ -5,6 +5,8 @@
 #include "platform/socketaddress.h"
 #include "platform/socketselector.h"
 
+#include "support/wait.h"
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -29,20 +31,9 @@
 #include <vector>
 
 using namespace UlmarCommsSystem;
+using UlmarCommsTest::waitUntil;
 
 namespace {
-
-// Polls a condition until it holds or the deadline passes.
-bool eventually(const std::function<bool()>& condition, int seconds = 10)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return condition();
-}
 
 // An abstract name no other test (or run) uses.
 std::string uniqueName(const char* what)
@@ -462,9 +453,9 @@ TEST_F(SocketTest, StreamRequestsCompleteThroughCallbacks)
     ASSERT_EQ(right.startReceiving(), Socket::NoSocketError);
 
     left.write("hello, ");
-    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "hello, "; }));
+    ASSERT_TRUE(waitUntil([&] { return left.read(&Endpoint::received) == "hello, "; }));
     left.write("world");
-    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "hello, world"; }));
+    ASSERT_TRUE(waitUntil([&] { return left.read(&Endpoint::received) == "hello, world"; }));
     EXPECT_EQ(right.read(&Endpoint::received), "hello, world");
     EXPECT_EQ(left.read(&Endpoint::bytesSent), 12u);
     EXPECT_TRUE(left.read(&Endpoint::errors).empty());
@@ -508,20 +499,20 @@ TEST_F(SocketTest, ATakenReadCompletesOnTheTakingThreadAndAReturnedOneOnTheSelec
 
     // The callback posted the next read, which the selector completes.
     peerWrites("y");
-    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "xy"; }));
+    ASSERT_TRUE(waitUntil([&] { return left.read(&Endpoint::received) == "xy"; }));
     EXPECT_NE(left.read(&Endpoint::lastReceiver), std::this_thread::get_id());
 
     // Given back before and after the bytes arrive.
     ASSERT_NE(a->takeRead(), Socket::BadSocketValue);
     a->returnRead();
     peerWrites("z");
-    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "xyz"; }));
+    ASSERT_TRUE(waitUntil([&] { return left.read(&Endpoint::received) == "xyz"; }));
     ASSERT_NE(a->takeRead(), Socket::BadSocketValue);
     peerWrites("w");
     ASSERT_TRUE(waitReadable(handle));
     EXPECT_EQ(left.read(&Endpoint::received), "xyz") << "nobody reads a taken read but its taker";
     a->returnRead();
-    ASSERT_TRUE(eventually([&] { return left.read(&Endpoint::received) == "xyzw"; }));
+    ASSERT_TRUE(waitUntil([&] { return left.read(&Endpoint::received) == "xyzw"; }));
 
     // The peer's end, found by the taker, is reported once.
     ASSERT_NE(a->takeRead(), Socket::BadSocketValue);
@@ -563,7 +554,7 @@ TEST_F(SocketTest, SecondSendBeforeCompletionIsRefusedAndTheFirstSurvives)
     }
     EXPECT_EQ(a->send(second, 6), Socket::UnknownError);
     ASSERT_EQ(right.startReceiving(), Socket::NoSocketError);
-    ASSERT_TRUE(eventually([&] { return right.read(&Endpoint::received).size() >= filler.size() + 5; }));
+    ASSERT_TRUE(waitUntil([&] { return right.read(&Endpoint::received).size() >= filler.size() + 5; }));
     EXPECT_EQ(left.read(&Endpoint::bytesSent), 5u);
     EXPECT_TRUE(right.read(&Endpoint::received) == filler + "first") << "the refused send must not leak out";
     destroy(left);
@@ -584,7 +575,8 @@ TEST_F(SocketTest, LargeTransfersResumeAfterPartialSends)
     for (size_t i = 0; i < payload.size(); ++i)
         payload[i] = static_cast<char>((i * 131 + i / 4096) & 0xFF);
     sender.write(payload);
-    ASSERT_TRUE(eventually([&] { return receiver.read(&Endpoint::received).size() >= payload.size(); }, 60));
+    ASSERT_TRUE(waitUntil([&] { return receiver.read(&Endpoint::received).size() >= payload.size(); },
+                          std::chrono::seconds(60)));
     EXPECT_TRUE(receiver.read(&Endpoint::received) == payload) << "bytes lost, reordered or duplicated";
     EXPECT_EQ(sender.read(&Endpoint::bytesSent), payload.size());
     // 4 MiB never fits a socket buffer in one go.
@@ -610,7 +602,8 @@ TEST_F(SocketTest, BlockingDescriptorsNeverBlockTheOnlyWorker)
     ASSERT_EQ(receiver.startReceiving(), Socket::NoSocketError);
     const std::string payload(2 * 1024 * 1024, 'b');
     sender.write(payload);
-    ASSERT_TRUE(eventually([&] { return receiver.read(&Endpoint::received).size() == payload.size(); }, 30));
+    ASSERT_TRUE(waitUntil([&] { return receiver.read(&Endpoint::received).size() == payload.size(); },
+                          std::chrono::seconds(30)));
     EXPECT_GT(sender.read(&Endpoint::partialSends), 0);
     destroy(sender);
     destroy(receiver);
@@ -665,12 +658,12 @@ TEST_F(SocketTest, DatagramsTravelOverLoopback)
         std::vector<unsigned char> bytes(text.begin(), text.end());
         const size_t before = senderSide.sent.size();
         ASSERT_EQ(sender.sendTo(to, bytes.data(), static_cast<unsigned>(bytes.size())), Socket::NoSocketError);
-        ASSERT_TRUE(eventually([&] {
+        ASSERT_TRUE(waitUntil([&] {
             std::lock_guard<std::mutex> guard(senderSide.lock);
             return senderSide.sent.size() > before;
         }));
     }
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
         std::lock_guard<std::mutex> guard(receiverSide.lock);
         return receiverSide.received.size() == messages.size();
     }));
@@ -705,7 +698,7 @@ TEST_F(SocketTest, AcceptedClientsReachTheListenerAndItsCallbacks)
     client->setConnectionCallback(nullptr, &Endpoint::onDisconnected, &clientSide);
     ASSERT_EQ(clientSide.startReceiving(), Socket::NoSocketError);
 
-    ASSERT_TRUE(eventually([&] { return server.accepted() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return server.accepted() == 1; }));
     SocketAddress clientAddress;
     ASSERT_EQ(client->getLocalAddress(clientAddress), Socket::NoSocketError);
     {
@@ -719,12 +712,12 @@ TEST_F(SocketTest, AcceptedClientsReachTheListenerAndItsCallbacks)
     EXPECT_TRUE(remote.match(address, true));
 
     clientSide.write("ping");
-    ASSERT_TRUE(eventually([&] { return clientSide.read(&Endpoint::received) == "ping"; }));
+    ASSERT_TRUE(waitUntil([&] { return clientSide.read(&Endpoint::received) == "ping"; }));
 
     // An orderly close: listener first, then the socket's own callbacks.
     Endpoint* accepted = server.endpoint(0);
     destroy(clientSide);
-    ASSERT_TRUE(eventually([&] { return accepted->read(&Endpoint::errors).size() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return accepted->read(&Endpoint::errors).size() == 1; }));
     EXPECT_EQ(accepted->read(&Endpoint::errors)[0], Socket::NoSocketError);
     EXPECT_EQ(accepted->read(&Endpoint::events),
               (std::vector<std::string>{"client-disconnect", "disconnected", "error"}));
@@ -738,7 +731,7 @@ TEST_F(SocketTest, GarbageThenResetEndsWithConnectionResetByPeer)
     const SocketAddress address = listenOnLoopback(server);
     const int raw = rawConnectTCP(address);
     ASSERT_GE(raw, 0);
-    ASSERT_TRUE(eventually([&] { return server.accepted() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return server.accepted() == 1; }));
     unsigned char garbage[4096];
     for (size_t i = 0; i < sizeof(garbage); ++i)
         garbage[i] = static_cast<unsigned char>(i * 7 + 3);
@@ -748,7 +741,7 @@ TEST_F(SocketTest, GarbageThenResetEndsWithConnectionResetByPeer)
     close(raw);
 
     Endpoint* accepted = server.endpoint(0);
-    ASSERT_TRUE(eventually([&] { return !accepted->read(&Endpoint::errors).empty(); }));
+    ASSERT_TRUE(waitUntil([&] { return !accepted->read(&Endpoint::errors).empty(); }));
     EXPECT_EQ(accepted->read(&Endpoint::errors), std::vector<unsigned char>{Socket::ConnectionResetByPeer});
     EXPECT_EQ(accepted->read(&Endpoint::events),
               (std::vector<std::string>{"client-disconnect", "disconnected", "error"}));
@@ -775,18 +768,18 @@ TEST_F(SocketTest, ManyClientsAreServedAndCleanedUpFromCallbacks)
     }
     for (int i = 0; i < clients; ++i) {
         const std::string expected = "client " + std::to_string(i) + ";";
-        ASSERT_TRUE(eventually([&] { return ends[i]->read(&Endpoint::received) == expected; })) << i;
+        ASSERT_TRUE(waitUntil([&] { return ends[i]->read(&Endpoint::received) == expected; })) << i;
     }
     EXPECT_EQ(server.accepted(), static_cast<size_t>(clients));
     EXPECT_EQ(server.listener->getAcceptedSockets().size(), static_cast<size_t>(clients));
 
     for (auto& end : ends)
         destroy(*end);
-    ASSERT_TRUE(eventually([&] { return server.listener->getAcceptedSockets().empty(); }))
+    ASSERT_TRUE(waitUntil([&] { return server.listener->getAcceptedSockets().empty(); }))
         << "deleted sockets leave their listener's list";
     for (int i = 0; i < clients; ++i) {
         Endpoint* accepted = server.endpoint(i);
-        ASSERT_TRUE(eventually([&] { return accepted->read(&Endpoint::deleted); }));
+        ASSERT_TRUE(waitUntil([&] { return accepted->read(&Endpoint::deleted); }));
         EXPECT_EQ(accepted->read(&Endpoint::errors).size(), 1u);
     }
     std::lock_guard<std::mutex> guard(server.lock);
@@ -799,7 +792,7 @@ TEST_F(SocketTest, AcceptedSocketsOutliveTheirListenerSafely)
     const SocketAddress address = listenOnLoopback(*server);
     const int raw = rawConnectTCP(address);
     ASSERT_GE(raw, 0);
-    ASSERT_TRUE(eventually([&] { return server->accepted() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return server->accepted() == 1; }));
 
     // Take the accepted socket away from the server, then drop the listener.
     Endpoint* accepted = server->endpoint(0);
@@ -816,7 +809,7 @@ TEST_F(SocketTest, AcceptedSocketsOutliveTheirListenerSafely)
     EXPECT_EQ(acceptedSocket->getParent(), nullptr);
 
     close(raw);
-    ASSERT_TRUE(eventually([&] { return !accepted->read(&Endpoint::errors).empty(); }));
+    ASSERT_TRUE(waitUntil([&] { return !accepted->read(&Endpoint::errors).empty(); }));
     EXPECT_EQ(accepted->read(&Endpoint::events), (std::vector<std::string>{"disconnected", "error"}));
     destroy(*kept);
 }
@@ -881,7 +874,7 @@ TEST_F(SocketTest, UNIXClientsConnectWithTheLibrary)
     ASSERT_EQ(client->connect(address, nullptr, nullptr, nullptr), Socket::NoSocketError);
     ASSERT_EQ(end.startReceiving(), Socket::NoSocketError);
     end.write("over the pipe");
-    ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::received) == "over the pipe"; }));
+    ASSERT_TRUE(waitUntil([&] { return end.read(&Endpoint::received) == "over the pipe"; }));
     EXPECT_EQ(Socket::createByAddressType(SocketAddress()), nullptr);
     destroy(end);
 }
@@ -904,9 +897,9 @@ TEST_F(SocketTest, ReadAndWriteFailingTogetherReportTheEndOnce)
         end.attach(socket);
         ASSERT_EQ(end.startReceiving(), Socket::NoSocketError);
         end.write(std::string(1024 * 1024, 'x')); // leaves a send outstanding
-        ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::partialSends) > 0; }));
+        ASSERT_TRUE(waitUntil([&] { return end.read(&Endpoint::partialSends) > 0; }));
         close(fds[1]);
-        ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::deleted); })) << "round " << round;
+        ASSERT_TRUE(waitUntil([&] { return end.read(&Endpoint::deleted); })) << "round " << round;
         EXPECT_EQ(end.read(&Endpoint::errors).size(), 1u) << "round " << round;
     }
 }
@@ -937,9 +930,9 @@ TEST_F(SocketTest, AFailedWriteAndALaterFailedReadEndTheConnectionOnce)
     Endpoint end;
     end.attach(socket);
     end.write(std::string(1024 * 1024, 'x'));
-    ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::partialSends) > 0; }));
+    ASSERT_TRUE(waitUntil([&] { return end.read(&Endpoint::partialSends) > 0; }));
     close(fds[1]);
-    ASSERT_TRUE(eventually([&] { return end.read(&Endpoint::errors).size() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return end.read(&Endpoint::errors).size() == 1; }));
     EXPECT_NE(end.read(&Endpoint::errors)[0], Socket::NoSocketError);
 
     {
@@ -949,7 +942,7 @@ TEST_F(SocketTest, AFailedWriteAndALaterFailedReadEndTheConnectionOnce)
     Socket::setLogger(&countShutdownLines);
     Socket::setLoggingLevel(1);
     ASSERT_EQ(end.startReceiving(), Socket::NoSocketError);
-    const bool readCompleted = eventually([&] {
+    const bool readCompleted = waitUntil([&] {
         std::lock_guard<std::mutex> guard(shutdownLinesLock);
         return shutdownLines == 1;
     });
@@ -973,9 +966,9 @@ TEST_F(SocketTest, DeletingFromAnotherThreadWaitsForARunningCallback)
         {
             Blocking* self = static_cast<Blocking*>(user);
             self->inCallback = true;
-            eventually([&] { return self->deleting.load(); });
+            waitUntil([&] { return self->deleting.load(); });
             // Give the delete every chance to return too early.
-            eventually([&] { return self->deleteReturned.load(); }, 1);
+            waitUntil([&] { return self->deleteReturned.load(); }, std::chrono::seconds(1));
             self->returnedEarly = self->deleteReturned.load();
             s->getUserData(); // still a live object
         }
@@ -986,7 +979,7 @@ TEST_F(SocketTest, DeletingFromAnotherThreadWaitsForARunningCallback)
     a->setStreamCallbacks(nullptr, &Blocking::onReceived, &blocking);
     ASSERT_EQ(a->recv(blocking.buffer, sizeof(blocking.buffer)), Socket::NoSocketError);
     ASSERT_EQ(::send(b->getHandle(), "x", 1, 0), 1);
-    ASSERT_TRUE(eventually([&] { return blocking.inCallback.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return blocking.inCallback.load(); }));
     std::thread deleter([&] {
         blocking.deleting = true;
         a->close();
@@ -1017,7 +1010,7 @@ TEST_F(SocketTest, ACallbackMayDeleteItsOwnSocketWithRequestsOutstanding)
     a->setStreamCallbacks(nullptr, &SelfDeleting::onReceived, &owner);
     ASSERT_EQ(a->recv(owner.buffer, sizeof(owner.buffer)), Socket::NoSocketError);
     ASSERT_EQ(::send(b->getHandle(), "bye", 3, 0), 3);
-    ASSERT_TRUE(eventually([&] { return owner.done.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return owner.done.load(); }));
     b->close();
     delete b;
 }

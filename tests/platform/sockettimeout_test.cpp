@@ -4,6 +4,8 @@
 #include "platform/sockettimeout.h"
 #include "platform/thread.h"
 
+#include "support/wait.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,19 +17,9 @@
 #include <vector>
 
 using namespace UlmarCommsSystem;
+using UlmarCommsTest::waitUntil;
 
 namespace {
-
-bool eventually(const std::function<bool()>& condition, int seconds = 10)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
 
 // Counts its firings and the tick of each.
 struct Counter {
@@ -78,7 +70,7 @@ protected:
     {
         Counter* marker = counter();
         ASSERT_TRUE(Socket::addToTimer(&Counter::fire, marker, 0, true));
-        ASSERT_TRUE(eventually([&] { return marker->fired() == 1; }));
+        ASSERT_TRUE(waitUntil([&] { return marker->fired() == 1; }));
     }
 
     std::vector<std::unique_ptr<Counter>> m_owned;
@@ -104,7 +96,7 @@ TEST_F(SocketTimeoutTest, OnceTimersFireOnceAndRepeatingOnesUntilRemoved)
     const unsigned added = Thread::tick();
     ASSERT_TRUE(Socket::addToTimer(&Counter::fire, once, 1500, true));
     ASSERT_TRUE(Socket::addToTimer(&Counter::fire, repeating, 0, false));
-    ASSERT_TRUE(eventually([&] { return repeating->fired() >= 3; }));
+    ASSERT_TRUE(waitUntil([&] { return repeating->fired() >= 3; }));
     EXPECT_EQ(once->fired(), 1u);
     EXPECT_EQ(SocketTimeout::instance()->count(&Counter::fire, once), 0u) << "a once-timer leaves the list";
     {
@@ -147,7 +139,7 @@ TEST_F(SocketTimeoutTest, RemovalBelowTheHeadRemovesButAnswersFalse)
     EXPECT_EQ(seen[0].second, "SocketTimeout::Remove( %p, %p ) Not removed!\n");
     EXPECT_EQ(SocketTimeout::instance()->count(&Counter::fire, first), 0u);
 
-    ASSERT_TRUE(eventually([&] { return second->fired() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return second->fired() == 1; }));
     EXPECT_EQ(first->fired(), 0u) << "it was removed all the same";
 }
 
@@ -187,7 +179,7 @@ TEST_F(SocketTimeoutTest, CallbacksMayAddAndRemoveTimers)
     };
     ASSERT_TRUE(Socket::addToTimer(&Counter::fire, adder, 0, true));
     ASSERT_TRUE(Socket::addToTimer(&Counter::fire, selfRemoving, 0, false));
-    ASSERT_TRUE(eventually([&] { return later->fired() == 1 && selfRemoving->fired() >= 2; }));
+    ASSERT_TRUE(waitUntil([&] { return later->fired() == 1 && selfRemoving->fired() >= 2; }));
     waitForTwoChecks();
     EXPECT_EQ(adder->fired(), 1u);
     EXPECT_EQ(later->fired(), 1u);
@@ -201,5 +193,5 @@ TEST_F(SocketTimeoutTest, ARestartedSelectorRunsTheTimersAgain)
     ASSERT_TRUE(Socket::init(2));
     Counter* once = counter();
     ASSERT_TRUE(Socket::addToTimer(&Counter::fire, once, 0, true));
-    EXPECT_TRUE(eventually([&] { return once->fired() == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return once->fired() == 1; }));
 }

@@ -5,6 +5,7 @@
 #include "framing/dataframe.h"
 #include "messaging/messagepump.h"
 #include "network/networkrouter.h"
+#include "support/networkrouterstub.h"
 #include "support/scopedhostname.h"
 #include "support/wait.h"
 
@@ -155,7 +156,7 @@ TEST_F(SystemRouterTest, LocalhostIsNotThisHostWhenFinding)
 }
 
 // Stands for the network router: keeps what is handed to it per host.
-class RecordingNetworkRouter : public UlmarComms::INetworkRouter {
+class RecordingNetworkRouter : public UlmarCommsTest::NetworkRouterStub {
 public:
     ~RecordingNetworkRouter() override
     {
@@ -169,21 +170,6 @@ public:
         return true;
     }
     bool post(const std::string&, unsigned char, const char*) override { return true; }
-    bool getHostsSupportingInterfaces(const char*, const char*, const char*, const char*) override { return false; }
-    bool start() override { return true; }
-    void stop() override {}
-    bool add(ISystemRouter*) override { return true; }
-    bool routingTableNewConnection(const std::string&, UlmarComms::NetworkRouterInterface*,
-                                   UlmarComms::NetworkRouterConnection*) override
-    {
-        return true;
-    }
-    std::string getKnownHosts(bool) override { return std::string(); }
-    std::string getHostInfo(const std::string&) override { return std::string(); }
-    void infoAboutHost(const std::string&, const UlmarCommsSystem::SocketAddress&,
-                       UlmarComms::NetworkRouterInterface*) override
-    {
-    }
 
     size_t count()
     {

@@ -11,7 +11,7 @@ namespace UlmarCommsTest {
 // Polls condition every millisecond until it holds (true) or timeout passes
 // (false, after one last look).
 template <typename Condition>
-bool waitUntil(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(5))
+bool waitUntil(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(10))
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
