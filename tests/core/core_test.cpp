@@ -96,126 +96,75 @@ TEST(CoreSettings, TableHoldsTheTwentyFiveDefaults)
     EXPECT_EQ(core()->numberSettings().count("ulmar.networkrouter.inStealthMode"), 0u);
 }
 
-TEST(CoreSettings, TableKeysAreInsertOnly)
+TEST(CoreSettings, KeysAreInsertOnlyPerMapAndAbsentKeysAreEmpty)
 {
+    // Defaults and new keys alike keep their first value.
     core()->addSetting("ulmar.networkrouter", 1);
     EXPECT_EQ(core()->getNumber("ulmar.networkrouter"), 0);
-    core()->addSetting("ulmar.systemrouter.pipe", 0);
-    EXPECT_EQ(core()->getNumber("ulmar.systemrouter.pipe"), 1);
     core()->addSetting("ulmar.systemrouter.pipe.name", std::string("elsewhere"));
     EXPECT_EQ(core()->getString("ulmar.systemrouter.pipe.name"), "ulmarcomms");
-}
-
-TEST(CoreSettings, NewKeyIsAddedAndItsFirstValueWins)
-{
     core()->addSetting("coretest.insertonly.number", 7);
-    EXPECT_EQ(core()->getNumber("coretest.insertonly.number"), 7);
     core()->addSetting("coretest.insertonly.number", 9);
     EXPECT_EQ(core()->getNumber("coretest.insertonly.number"), 7);
-
     core()->addSetting("coretest.insertonly.text", std::string("first"));
-    EXPECT_EQ(core()->getString("coretest.insertonly.text"), "first");
     core()->addSetting("coretest.insertonly.text", std::string("second"));
     EXPECT_EQ(core()->getString("coretest.insertonly.text"), "first");
-}
 
-TEST(CoreSettings, NumberAndTextMapsAreSeparate)
-{
-    core()->addSetting("coretest.separate.numberonly", 3);
-    EXPECT_EQ(core()->getString("coretest.separate.numberonly"), "");
+    // The number and text maps are separate; text is never parsed as a number.
     core()->addSetting("coretest.separate.textonly", std::string("12"));
-    EXPECT_EQ(core()->getNumber("coretest.separate.textonly"), 0) << "text is never parsed as a number";
-
-    // One key may live in both maps with unrelated values.
+    EXPECT_EQ(core()->getNumber("coretest.separate.textonly"), 0);
+    EXPECT_EQ(core()->getString("coretest.insertonly.number"), "");
     core()->addSetting("coretest.separate.both", 5);
     core()->addSetting("coretest.separate.both", std::string("five"));
     EXPECT_EQ(core()->getNumber("coretest.separate.both"), 5);
     EXPECT_EQ(core()->getString("coretest.separate.both"), "five");
-}
 
-TEST(CoreSettings, AbsentKeysGiveZeroAndOneSharedEmptyText)
-{
     EXPECT_EQ(core()->getNumber("coretest.absent"), 0);
     const std::string& first = core()->getString("coretest.absent.one");
-    const std::string& second = core()->getString("coretest.absent.two");
     EXPECT_TRUE(first.empty());
-    EXPECT_EQ(&first, &second);
+    EXPECT_EQ(&first, &core()->getString("coretest.absent.two")) << "one shared empty text";
     EXPECT_EQ(core()->numberSettings().count("coretest.absent"), 0u) << "a lookup stores nothing";
 }
 
 // ----------------------------------------------------------------- logging
 
-TEST(CoreLogging, DefaultLevelIsWarning)
+TEST(CoreLogging, TheLevelGatesEachCallAndLinesKeepTheirOwnLevel)
 {
-    EXPECT_EQ(Core::getLoggingLevel(), Core::LogWarning);
-    LogCapture capture(Core::LogWarning);
-    Core::verbose("CoreTest::verbose()\n");
-    Core::message("CoreTest::message()\n");
-    Core::log(Core::LogWarning, "CoreTest::warning()\n");
-    Core::log(Core::LogError, "CoreTest::error()\n");
-    Core::log(Core::LogFatal, "CoreTest::fatal()\n");
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].text, "CoreTest::warning()\n");
-    EXPECT_EQ(lines[1].text, "CoreTest::error()\n");
-    EXPECT_EQ(lines[2].text, "CoreTest::fatal()\n");
-}
+    EXPECT_EQ(Core::getLoggingLevel(), Core::LogWarning) << "the default level";
+    struct Case {
+        int threshold;
+        std::vector<int> passed; // levels of the lines that reach the logger, in order
+    };
+    // Each case logs: verbose(), message(), then log() at warning, error, fatal and 7.
+    const std::vector<Case> cases = {
+        {Core::LogWarning, {Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
+        {Core::LogError, {Core::LogError, Core::LogFatal, 7}},
+        {Core::LogMessage, {Core::LogMessage, Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
+        {Core::LogVerbose,
+         {Core::LogVerbose, Core::LogMessage, Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.threshold);
+        LogCapture capture(c.threshold);
+        Core::verbose("v %d\n", Core::LogVerbose);
+        Core::message("m %d\n", Core::LogMessage);
+        for (int level : {int(Core::LogWarning), int(Core::LogError), int(Core::LogFatal), 7})
+            Core::log(level, "l %d\n", level);
+        const auto lines = capture.lines();
+        ASSERT_EQ(lines.size(), c.passed.size());
+        for (size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(lines[i].level, c.passed[i]);
+            EXPECT_EQ(lines[i].text.substr(2), std::to_string(c.passed[i]) + "\n");
+        }
+    }
 
-TEST(CoreLogging, NoLoggerLogsNothingAtAnyLevel)
-{
     LogCapture capture(Core::LogVerbose);
-    Core::setLogger(nullptr); // the level stays at verbose
+    Core::setLogger(nullptr); // the level stays at verbose: no logger, no lines
     Core::verbose("CoreTest::verbose()\n");
     Core::message("CoreTest::message()\n");
     for (int level = Core::LogVerbose; level <= Core::LogFatal; ++level)
         Core::log(level, "CoreTest::log( %d )\n", level);
     EXPECT_TRUE(capture.lines().empty());
-}
-
-TEST(CoreLogging, LevelThreeDropsWarningsAndPassesErrors)
-{
-    LogCapture capture(Core::LogError);
-    Core::verbose("v\n");
-    Core::message("m\n");
-    Core::log(Core::LogWarning, "w\n");
-    Core::log(Core::LogError, "e\n");
-    Core::log(Core::LogFatal, "f\n");
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].level, Core::LogError);
-    EXPECT_EQ(lines[0].text, "e\n");
-    EXPECT_EQ(lines[1].level, Core::LogFatal);
-    EXPECT_EQ(lines[1].text, "f\n");
-}
-
-TEST(CoreLogging, MessageLevelPassesMessagesButNotVerbose)
-{
-    LogCapture capture(Core::LogMessage);
-    Core::verbose("v\n");
-    Core::message("m\n");
-    Core::log(Core::LogVerbose, "lv\n");
-    Core::log(Core::LogMessage, "lm\n");
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].level, Core::LogMessage);
-    EXPECT_EQ(lines[0].text, "m\n");
-    EXPECT_EQ(lines[1].level, Core::LogMessage);
-    EXPECT_EQ(lines[1].text, "lm\n");
-}
-
-TEST(CoreLogging, VerboseLevelPassesEverythingWithItsOwnLevel)
-{
-    LogCapture capture(Core::LogVerbose);
-    Core::verbose("v\n");
-    Core::message("m\n");
-    Core::log(Core::LogWarning, "w\n");
-    Core::log(7, "custom\n"); // any level at or above the threshold passes
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0].level, Core::LogVerbose);
-    EXPECT_EQ(lines[1].level, Core::LogMessage);
-    EXPECT_EQ(lines[2].level, Core::LogWarning);
-    EXPECT_EQ(lines[3].level, 7);
 }
 
 TEST(CoreLogging, LoggerGetsTheFormatUnchangedAndTheArguments)
@@ -318,20 +267,24 @@ MessageItem* failedMessage(bool withTo, bool withFrom, bool withSenderId)
 TEST(CoreErrorOut, BuildsTheReplyPairsInOrder)
 {
     ScopedHostName host("gamma");
-    MessageItem* failed = failedMessage(true, true, true);
-    MessageItem* reply = core()->errorOut(failed, 400);
-    ASSERT_NE(reply, nullptr);
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"_t", "alpha@app/client"}, {"_R", "17"}, {"_f", "beta@service/echo"}, {"_M", "E"},
-        {"_s", "0"},                {"_h", "gamma"}, {"_m", "400"},
-    };
-    EXPECT_EQ(pairsOf(reply), expected);
-    EXPECT_EQ(reply->count(), 1);
-    // The failed message is the caller's still: untouched and not released.
-    EXPECT_EQ(failed->count(), 1);
-    EXPECT_EQ(failed->numberOfArguments(), 5);
-    MessageItem::release(reply);
-    MessageItem::release(failed);
+    for (bool withTo : {true, false}) {
+        SCOPED_TRACE(withTo);
+        MessageItem* failed = failedMessage(withTo, true, true);
+        MessageItem* reply = core()->errorOut(failed, 400);
+        ASSERT_NE(reply, nullptr);
+        std::vector<std::pair<std::string, std::string>> expected = {
+            {"_t", "alpha@app/client"}, {"_R", "17"}, {"_M", "E"}, {"_s", "0"}, {"_h", "gamma"}, {"_m", "400"},
+        };
+        if (withTo) // the failed message's target answers as the sender
+            expected.insert(expected.begin() + 2, {"_f", "beta@service/echo"});
+        EXPECT_EQ(pairsOf(reply), expected);
+        EXPECT_EQ(reply->count(), 1);
+        // The failed message is the caller's still: untouched and not released.
+        EXPECT_EQ(failed->count(), 1);
+        EXPECT_EQ(failed->numberOfArguments(), withTo ? 5 : 4);
+        MessageItem::release(reply);
+        MessageItem::release(failed);
+    }
 }
 
 TEST(CoreErrorOut, CodeIsPrintedInDecimal)
@@ -347,57 +300,28 @@ TEST(CoreErrorOut, CodeIsPrintedInDecimal)
     }
 }
 
-TEST(CoreErrorOut, WithoutFromReturnsNullConsumesAndLogs)
+TEST(CoreErrorOut, WithoutFromOrSenderIdReturnsNullConsumesAndLogsOnce)
 {
-    LogCapture capture(Core::LogWarning);
-    MessageItem* failed = failedMessage(true, false, true);
-    failed->incrementCount(); // keep one reference to observe the consumed one
-    EXPECT_EQ(core()->errorOut(failed, 400), nullptr);
-    EXPECT_EQ(failed->count(), 1) << "errorOut must release the message it refuses";
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, Core::LogError);
-    EXPECT_STREQ(lines[0].format, "Core::errorOut( %p, %d ) No From.\n");
-    EXPECT_EQ(lines[0].text, "Core::errorOut( " + pointerText(failed) + ", 400 ) No From.\n");
-    MessageItem::release(failed);
-}
-
-TEST(CoreErrorOut, WithoutSenderIdReturnsNullConsumesAndLogs)
-{
-    LogCapture capture(Core::LogWarning);
-    MessageItem* failed = failedMessage(true, true, false);
-    failed->incrementCount();
-    EXPECT_EQ(core()->errorOut(failed, 1002), nullptr);
-    EXPECT_EQ(failed->count(), 1);
-    const auto lines = capture.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, Core::LogError);
-    EXPECT_STREQ(lines[0].format, "Core::errorOut( %p, %d ) No SenderId.\n");
-    EXPECT_EQ(lines[0].text, "Core::errorOut( " + pointerText(failed) + ", 1002 ) No SenderId.\n");
-    MessageItem::release(failed);
-}
-
-TEST(CoreErrorOut, WithoutFromAndSenderIdOnlyTheFromIsReported)
-{
-    LogCapture capture(Core::LogWarning);
-    MessageItem* failed = failedMessage(true, false, false);
-    EXPECT_EQ(core()->errorOut(failed, 400), nullptr); // consumed: the leak check sees it freed
-    ASSERT_EQ(capture.lines().size(), 1u);
-    EXPECT_EQ(capture.count("No From."), 1u);
-}
-
-TEST(CoreErrorOut, WithoutToTheReplyHasNoFrom)
-{
-    ScopedHostName host("gamma");
-    MessageItem* failed = failedMessage(false, true, true);
-    MessageItem* reply = core()->errorOut(failed, 400);
-    ASSERT_NE(reply, nullptr);
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"_t", "alpha@app/client"}, {"_R", "17"}, {"_M", "E"}, {"_s", "0"}, {"_h", "gamma"}, {"_m", "400"},
+    struct Case {
+        bool withFrom;
+        bool withSenderId;
+        const char* what;
     };
-    EXPECT_EQ(pairsOf(reply), expected);
-    MessageItem::release(reply);
-    MessageItem::release(failed);
+    for (const Case& c : {Case{false, true, "No From."}, Case{true, false, "No SenderId."},
+                          Case{false, false, "No From."}}) {
+        SCOPED_TRACE(c.what);
+        LogCapture capture(Core::LogWarning);
+        MessageItem* failed = failedMessage(true, c.withFrom, c.withSenderId);
+        failed->incrementCount(); // keep one reference to observe the consumed one
+        EXPECT_EQ(core()->errorOut(failed, 1002), nullptr);
+        EXPECT_EQ(failed->count(), 1) << "errorOut must release the message it refuses";
+        const auto lines = capture.lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].level, Core::LogError);
+        EXPECT_EQ(lines[0].format, std::string("Core::errorOut( %p, %d ) ") + c.what + "\n");
+        EXPECT_EQ(lines[0].text, "Core::errorOut( " + pointerText(failed) + ", 1002 ) " + c.what + "\n");
+        MessageItem::release(failed);
+    }
 }
 
 TEST(CoreErrorOut, NullMessageGivesNull)
