@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -92,66 +93,42 @@ protected:
 
 // ---------------------------------------------------------------- building
 
-TEST_F(MessageItemTest, CreateGivesAnEmptyMessageWithOneReference)
+TEST_F(MessageItemTest, AddStoresUpToTwentyFivePairsWithTheirLengths)
 {
     Message item = create();
     EXPECT_EQ(item->numberOfArguments(), 0);
     EXPECT_EQ(item->count(), 1);
     EXPECT_EQ(item->m_pNext, nullptr);
     EXPECT_TRUE(item->eventName().empty());
-}
-
-TEST_F(MessageItemTest, TwentySixthAddFailsAndLeavesTwentyFive)
-{
-    Message item = create();
-    for (int i = 0; i < MessageItem::s_maxNumberArguments; ++i)
-        ASSERT_TRUE(item->add(("k" + std::to_string(i)).c_str(), std::to_string(i * 3).c_str()));
-    EXPECT_FALSE(item->add("k25", "x"));
-    EXPECT_EQ(item->numberOfArguments(), 25);
-    EXPECT_STREQ(item->key(24), "k24");
-    EXPECT_STREQ(item->value(24), "72");
-    EXPECT_EQ(item->value("k25"), nullptr);
-}
-
-TEST_F(MessageItemTest, AddRefusesNullTexts)
-{
-    Message item = create();
     EXPECT_FALSE(item->add(nullptr, "v"));
     EXPECT_FALSE(item->add("k", nullptr));
     EXPECT_EQ(item->numberOfArguments(), 0);
-    EXPECT_TRUE(item->add("", "")) << "empty texts are texts";
-    EXPECT_EQ(item->numberOfArguments(), 1);
-}
-
-TEST_F(MessageItemTest, StoredLengthsIncludeTheNul)
-{
-    Message item = build({{"key", "value!"}});
+    ASSERT_TRUE(item->add("key", "value!"));
+    ASSERT_TRUE(item->add("key", "second")) << "duplicate keys are kept";
+    ASSERT_TRUE(item->add("", "")) << "empty texts are texts";
+    EXPECT_STREQ(item->value("key"), "value!") << "lookups see the first";
     unsigned length = 999;
     EXPECT_STREQ(item->key(0, length), "key");
-    EXPECT_EQ(length, 4u);
+    EXPECT_EQ(length, 4u) << "stored lengths include the NUL";
     EXPECT_STREQ(item->value(0, length), "value!");
     EXPECT_EQ(length, 7u);
-}
-
-TEST_F(MessageItemTest, BadIndexGivesNullAndLeavesTheLength)
-{
-    Message item = build({{"a", "b"}});
-    for (int index : {-1, 1, 25, -100}) {
+    for (int index : {-1, 3, 25, -100}) {
         SCOPED_TRACE(index);
-        unsigned length = 999;
+        length = 999;
         EXPECT_EQ(item->key(index), nullptr);
         EXPECT_EQ(item->value(index), nullptr);
         EXPECT_EQ(item->key(index, length), nullptr);
         EXPECT_EQ(item->value(index, length), nullptr);
         EXPECT_EQ(length, 999u);
     }
-}
 
-TEST_F(MessageItemTest, DuplicateKeysAreKeptAndLookupsSeeTheFirst)
-{
-    Message item = build({{"k", "first"}, {"k", "second"}});
-    EXPECT_EQ(item->numberOfArguments(), 2);
-    EXPECT_STREQ(item->value("k"), "first");
+    for (int i = 3; i < MessageItem::s_maxNumberArguments; ++i)
+        ASSERT_TRUE(item->add(("k" + std::to_string(i)).c_str(), std::to_string(i * 3).c_str()));
+    EXPECT_FALSE(item->add("k25", "x"));
+    EXPECT_EQ(item->numberOfArguments(), 25);
+    EXPECT_STREQ(item->key(24), "k24");
+    EXPECT_STREQ(item->value(24), "72");
+    EXPECT_EQ(item->value("k25"), nullptr);
 }
 
 // -------------------------------------------------------- "localhost" rule
@@ -173,17 +150,13 @@ TEST_F(MessageItemTest, LocalhostAtTheStartOfAnAddressIsTheHostName)
     unsigned length = 0;
     item->value(1, length);
     EXPECT_EQ(length, std::strlen("myhost/echo") + 1) << "the length is that of the stored text";
-}
 
-TEST_F(MessageItemTest, OtherTextsAreStoredUnchanged)
-{
     const Pairs unchanged = {
         {"_x", "localhost"},  {"_t", "LocalHost"},     {"_t", "xlocalhost"}, {"_t", "localhos"},
         {"t", "localhost"},   {"_T", "localhost"},     {"_m", "localhost"},  {"ft", "localhost"},
         {"_", "localhost"},   {"", "localhost"},
     };
-    Message item = build(unchanged);
-    EXPECT_EQ(pairsOf(*item), unchanged);
+    EXPECT_EQ(pairsOf(*build(unchanged)), unchanged);
 }
 
 TEST_F(MessageItemTest, SubstitutionFollowsTheCurrentHostName)
@@ -200,49 +173,53 @@ TEST_F(MessageItemTest, SubstitutionFollowsTheCurrentHostName)
 
 // ------------------------------------------------------------ header forms
 
-TEST_F(MessageItemTest, SetAddsTheFourRoutingKeysInOrder)
+TEST_F(MessageItemTest, SetAndSetResponseAddTheirKeysInOrderAndStopAtTheFirstFailure)
 {
     Message item = create();
     ASSERT_TRUE(item->set("beta@svc", "alpha@app", "ping", "5"));
-    EXPECT_EQ(pairsOf(*item), (Pairs{{"_t", "beta@svc"}, {"_f", "alpha@app"}, {"_m", "ping"}, {"_s", "5"}}));
-}
+    ASSERT_TRUE(item->setResponse("pong", "6"));
+    EXPECT_EQ(pairsOf(*item), (Pairs{{"_t", "beta@svc"}, {"_f", "alpha@app"}, {"_m", "ping"}, {"_s", "5"},
+                                     {"_r", "pong"}, {"_R", "6"}}));
 
-TEST_F(MessageItemTest, SetWithANullArgumentAddsNothing)
-{
-    Message item = create();
-    EXPECT_FALSE(item->set("t", "f", "m", nullptr));
-    EXPECT_FALSE(item->set(nullptr, "f", "m", "s"));
-    EXPECT_EQ(item->numberOfArguments(), 0);
-}
-
-TEST_F(MessageItemTest, SetStopsAtTheFirstFailure)
-{
-    Message item = create();
-    for (int i = 0; i < 23; ++i)
-        ASSERT_TRUE(item->add("p", "v"));
-    EXPECT_FALSE(item->set("t", "f", "m", "s"));
-    EXPECT_EQ(item->numberOfArguments(), 25);
-    EXPECT_STREQ(item->value("_t"), "t");
-    EXPECT_STREQ(item->value("_f"), "f");
-    EXPECT_FALSE(item->hasKey("_m"));
-}
-
-TEST_F(MessageItemTest, SetResponseAddsResponseThenResponseId)
-{
-    Message item = create();
-    ASSERT_TRUE(item->setResponse("pong", "5"));
-    EXPECT_EQ(pairsOf(*item), (Pairs{{"_r", "pong"}, {"_R", "5"}}));
     Message refused = create();
+    EXPECT_FALSE(refused->set("t", "f", "m", nullptr));
+    EXPECT_FALSE(refused->set(nullptr, "f", "m", "s"));
     EXPECT_FALSE(refused->setResponse(nullptr, "5"));
-    EXPECT_EQ(refused->numberOfArguments(), 0);
+    EXPECT_EQ(refused->numberOfArguments(), 0) << "a null argument adds nothing";
+
+    Message full = create();
+    for (int i = 0; i < 23; ++i)
+        ASSERT_TRUE(full->add("p", "v"));
+    EXPECT_FALSE(full->set("t", "f", "m", "s"));
+    EXPECT_EQ(full->numberOfArguments(), 25);
+    EXPECT_STREQ(full->value("_t"), "t");
+    EXPECT_STREQ(full->value("_f"), "f");
+    EXPECT_FALSE(full->hasKey("_m"));
 }
 
 // ----------------------------------------------------------------- lookups
 
-TEST_F(MessageItemTest, HasKeyComparesWholeKeys)
+namespace {
+
+// The seven outputs of the header scan, each starting at the given value.
+struct Header {
+    explicit Header(char* start = nullptr) : to(start), from(start), mode(start), senderId(start),
+                                             responseId(start), response(start), method(start) {}
+    void scan(const MessageItem& item)
+    {
+        const_cast<MessageItem&>(item).getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response,
+                                                          &method);
+    }
+    char *to, *from, *mode, *senderId, *responseId, *response, *method;
+};
+
+} // namespace
+
+TEST_F(MessageItemTest, HasKeyAndValueCompareWholeKeys)
 {
     Message empty = create();
     EXPECT_FALSE(empty->hasKey("_t"));
+    EXPECT_EQ(empty->value("k"), nullptr);
     Message item = build({{"_tail", "a"}, {"k", "v"}});
     EXPECT_FALSE(item->hasKey(nullptr));
     EXPECT_FALSE(item->hasKey("_t")) << "a prefix is not the key";
@@ -250,64 +227,35 @@ TEST_F(MessageItemTest, HasKeyComparesWholeKeys)
     EXPECT_TRUE(item->hasKey("_tail"));
     EXPECT_TRUE(item->hasKey("k"));
     EXPECT_EQ(item->value(static_cast<const char*>(nullptr)), nullptr);
-    EXPECT_EQ(empty->value("k"), nullptr);
+
+    Header header;
+    header.scan(*item);
+    EXPECT_STREQ(header.to, "a") << "_tail counts as the target in the header scan";
+    EXPECT_EQ(header.from, nullptr);
 }
 
-TEST_F(MessageItemTest, TailReportsItsValueAsTheTarget)
+TEST_F(MessageItemTest, HeaderScanFillsEachFieldBySecondCharacterAndSeesTheLast)
 {
-    Message item = build({{"_tail", "a"}});
-    char* to = nullptr;
-    char* from = nullptr;
-    char* mode = nullptr;
-    char* senderId = nullptr;
-    char* responseId = nullptr;
-    char* response = nullptr;
-    char* method = nullptr;
-    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
-    ASSERT_NE(to, nullptr);
-    EXPECT_STREQ(to, "a");
-    EXPECT_EQ(from, nullptr);
-}
+    Message item = build({{"_to", "T"}, {"_fx", "F"}, {"_Mode", "E"}, {"_method", "first"}, {"_resp", "r"},
+                          {"_sid", "S"}, {"_Rid", "R"}, {"_h", "H"}, {"x_t", "no"}, {"_z", "no"},
+                          {"_method", "M"}});
+    EXPECT_STREQ(item->value("_method"), "first") << "value() sees the first";
+    Header header;
+    header.scan(*item);
+    EXPECT_STREQ(header.to, "T");
+    EXPECT_STREQ(header.from, "F");
+    EXPECT_STREQ(header.mode, "E");
+    EXPECT_STREQ(header.method, "M");
+    EXPECT_STREQ(header.response, "r");
+    EXPECT_STREQ(header.senderId, "S");
+    EXPECT_STREQ(header.responseId, "R");
 
-TEST_F(MessageItemTest, ValueSeesTheFirstAndTheHeaderScanTheLast)
-{
-    Message item = build({{"_m", "first"}, {"_t", "t1"}, {"_m", "second"}, {"_t", "t2"}});
-    EXPECT_STREQ(item->value("_m"), "first");
+    Message routed = build({{"_m", "x"}, {"_f", "F"}, {"_s", "1"}, {"_to", "T"}, {"_t", "t2"}});
     char* to = nullptr;
     char* from = nullptr;
-    char* mode = nullptr;
-    char* senderId = nullptr;
-    char* responseId = nullptr;
-    char* response = nullptr;
-    char* method = nullptr;
-    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
-    EXPECT_STREQ(method, "second");
-    EXPECT_STREQ(to, "t2");
-    char* routingTo = nullptr;
-    char* routingFrom = nullptr;
-    item->getMandatoryRoutingFields(&routingTo, &routingFrom);
-    EXPECT_STREQ(routingTo, "t2");
-}
-
-TEST_F(MessageItemTest, HeaderScanFillsEachFieldBySecondCharacter)
-{
-    Message item = build({{"_to", "T"}, {"_fx", "F"}, {"_Mode", "E"}, {"_method", "M"}, {"_resp", "r"},
-                          {"_sid", "S"}, {"_Rid", "R"}, {"_h", "H"}, {"x_t", "no"}, {"_z", "no"}});
-    char* to = nullptr;
-    char* from = nullptr;
-    char* mode = nullptr;
-    char* senderId = nullptr;
-    char* responseId = nullptr;
-    char* response = nullptr;
-    char* method = nullptr;
-    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
-    EXPECT_STREQ(to, "T");
+    routed->getMandatoryRoutingFields(&to, &from);
+    EXPECT_STREQ(to, "t2") << "the routing scan sees the last too";
     EXPECT_STREQ(from, "F");
-    EXPECT_STREQ(mode, "E");
-    EXPECT_STREQ(method, "M");
-    EXPECT_STREQ(response, "r");
-    EXPECT_STREQ(senderId, "S");
-    EXPECT_STREQ(responseId, "R");
 }
 
 TEST_F(MessageItemTest, HeaderScanLeavesAbsentOutputsButRoutingScanClearsThem)
@@ -315,16 +263,10 @@ TEST_F(MessageItemTest, HeaderScanLeavesAbsentOutputsButRoutingScanClearsThem)
     char sentinelText[] = "sentinel";
     char* const sentinel = sentinelText;
     Message item = build({{"_m", "only"}, {"k", "v"}});
-    char* to = sentinel;
-    char* from = sentinel;
-    char* mode = sentinel;
-    char* senderId = sentinel;
-    char* responseId = sentinel;
-    char* response = sentinel;
-    char* method = sentinel;
-    item->getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response, &method);
-    EXPECT_STREQ(method, "only");
-    for (char* untouched : {to, from, mode, senderId, responseId, response})
+    Header header(sentinel);
+    header.scan(*item);
+    EXPECT_STREQ(header.method, "only");
+    for (char* untouched : {header.to, header.from, header.mode, header.senderId, header.responseId, header.response})
         EXPECT_EQ(untouched, sentinel);
 
     char* routingTo = sentinel;
@@ -334,31 +276,18 @@ TEST_F(MessageItemTest, HeaderScanLeavesAbsentOutputsButRoutingScanClearsThem)
     EXPECT_EQ(routingFrom, nullptr);
 }
 
-TEST_F(MessageItemTest, RoutingScanLooksOnlyAtTargetAndSender)
-{
-    Message item = build({{"_m", "x"}, {"_f", "F"}, {"_s", "1"}, {"_to", "T"}});
-    char* to = nullptr;
-    char* from = nullptr;
-    item->getMandatoryRoutingFields(&to, &from);
-    EXPECT_STREQ(to, "T");
-    EXPECT_STREQ(from, "F");
-}
-
 // -------------------------------------------------------------- comparison
 
-TEST_F(MessageItemTest, CompareIgnoresOrderAndEventName)
+TEST_F(MessageItemTest, CompareNeedsTheSameKeysValuesAndCountInAnyOrder)
 {
     Message one = build({{"a", "1"}, {"b", "2"}, {"c", "3"}});
     Message two = build({{"c", "3"}, {"a", "1"}, {"b", "2"}});
     one->setEventName("first");
     two->setEventName("second");
-    EXPECT_TRUE(one->compare(two.get()));
+    EXPECT_TRUE(one->compare(two.get())) << "order and event name do not count";
     EXPECT_TRUE(two->compare(one.get()));
     EXPECT_TRUE(*one == *two);
-}
 
-TEST_F(MessageItemTest, CompareNeedsTheSameKeysValuesAndCount)
-{
     Message base = build({{"a", "1"}, {"b", "2"}});
     EXPECT_FALSE(base->compare(nullptr));
     EXPECT_FALSE(base->compare(build({{"a", "1"}}).get()));
@@ -366,9 +295,7 @@ TEST_F(MessageItemTest, CompareNeedsTheSameKeysValuesAndCount)
     EXPECT_FALSE(base->compare(build({{"a", "1"}, {"b", "20"}}).get()));
     EXPECT_FALSE(base->compare(build({{"a", "1"}, {"B", "2"}}).get()));
     EXPECT_FALSE(*base == *build({{"a", "1"}, {"c", "2"}}));
-    Message emptyOne = create();
-    Message emptyTwo = create();
-    EXPECT_TRUE(emptyOne->compare(emptyTwo.get()));
+    EXPECT_TRUE(create()->compare(create().get()));
 }
 
 // ------------------------------------------------------ copies and counts
@@ -439,47 +366,42 @@ TEST_F(MessageItemTest, ReferenceCountKeepsTheMessageUntilTheLastRelease)
 
 // ------------------------------------------------------------- packet form
 
-TEST_F(MessageItemTest, EmptyMessageSerialisesToSevenBytesThatDoNotParseBack)
+TEST_F(MessageItemTest, PacketsAreByteExact)
 {
-    Message item = create();
-    EXPECT_EQ(item->memSize(), 7u);
-    EXPECT_EQ(MessageItem::memSize(item.get()), 7u);
+    Message empty = create();
+    EXPECT_EQ(empty->memSize(), 7u);
+    EXPECT_EQ(MessageItem::memSize(empty.get()), 7u);
     EXPECT_EQ(MessageItem::memSize(nullptr), 0u);
-    const Bytes expected = {0xA4, 0x00, 0x00, 0x00, 0x07, 0x00, 0x8B};
-    EXPECT_EQ(serialise(*item), expected);
+    const Bytes emptyPacket = {0xA4, 0x00, 0x00, 0x00, 0x07, 0x00, 0x8B};
+    EXPECT_EQ(serialise(*empty), emptyPacket);
     Message parsed = create();
-    EXPECT_FALSE(parse(expected, *parsed));
+    EXPECT_FALSE(parse(emptyPacket, *parsed)) << "an empty packet does not parse back";
     EXPECT_EQ(parsed->numberOfArguments(), 0);
-}
 
-TEST_F(MessageItemTest, OnePairPacketIsByteExact)
-{
     Message item = build({{"a", "bc"}});
     EXPECT_EQ(item->memSize(), 17u);
     const Bytes expected = {0xA4, 0x00, 0x00, 0x00, 0x11, 0x01, 0x02, 0x00, 0x00,
                             0x00, 0x03, 0x61, 0x00, 0x62, 0x63, 0x00, 0x8B};
     EXPECT_EQ(serialise(*item), expected);
-    Message parsed = create();
-    ASSERT_TRUE(parse(expected, *parsed));
+    Bytes longer = expected;
+    longer.insert(longer.end(), {0x00, 0x11, 0x22}); // a packet at the start of a longer buffer
+    ASSERT_TRUE(parse(longer, *parsed));
     EXPECT_EQ(pairsOf(*parsed), (Pairs{{"a", "bc"}}));
     unsigned length = 0;
     parsed->key(0, length);
     EXPECT_EQ(length, 2u);
     parsed->value(0, length);
     EXPECT_EQ(length, 3u);
-}
 
-TEST_F(MessageItemTest, LengthsAreFourByteBigEndian)
-{
+    // Lengths are four bytes, big-endian.
     const std::string big(70000, 'v'); // 70001 with its NUL: 0x00011171
-    Message item = build({{"k", big}});
-    const Bytes bytes = serialise(*item);
+    const Bytes bytes = serialise(*build({{"k", big}}));
     ASSERT_EQ(bytes.size(), 6u + 5u + 2u + 70001u + 1u); // 70015: 0x0001117F
     EXPECT_EQ(Bytes(bytes.begin() + 1, bytes.begin() + 5), (Bytes{0x00, 0x01, 0x11, 0x7F}));
     EXPECT_EQ(Bytes(bytes.begin() + 7, bytes.begin() + 11), (Bytes{0x00, 0x01, 0x11, 0x71}));
-    Message parsed = create();
-    ASSERT_TRUE(parse(bytes, *parsed));
-    EXPECT_EQ(parsed->value("k"), big);
+    Message parsedBig = create();
+    ASSERT_TRUE(parse(bytes, *parsedBig));
+    EXPECT_EQ(parsedBig->value("k"), big);
 }
 
 TEST_F(MessageItemTest, ToBufferOneByteShortFailsButReportsTheSize)
@@ -497,24 +419,6 @@ TEST_F(MessageItemTest, ToBufferOneByteShortFailsButReportsTheSize)
     EXPECT_TRUE(item->toBuffer(size, buffer.data(), needed));
     EXPECT_EQ(size, needed);
     EXPECT_EQ(buffer.back(), 0x8B);
-}
-
-TEST_F(MessageItemTest, WrongEndByteParsesThePairsButFails)
-{
-    Bytes bytes = serialise(*build({{"a", "bc"}, {"d", "e"}}));
-    bytes.back() = 0x8C;
-    Message parsed = create();
-    EXPECT_FALSE(parse(bytes, *parsed));
-    EXPECT_EQ(pairsOf(*parsed), (Pairs{{"a", "bc"}, {"d", "e"}}));
-}
-
-TEST_F(MessageItemTest, APacketAtTheStartOfALongerBufferParses)
-{
-    Bytes bytes = serialise(*build({{"a", "bc"}}));
-    bytes.insert(bytes.end(), {0x00, 0x11, 0x22});
-    Message parsed = create();
-    EXPECT_TRUE(parse(bytes, *parsed));
-    EXPECT_EQ(pairsOf(*parsed), (Pairs{{"a", "bc"}}));
 }
 
 // ------------------------------------------------------------- round trips
@@ -594,40 +498,45 @@ bool parsesAlone(const Bytes& bytes)
 
 } // namespace
 
-TEST_F(MessageItemTest, ThreePairFixtureHasTheExpectedLayout)
-{
-    const Bytes bytes = threePairPacket();
-    ASSERT_EQ(bytes.size(), 6u + (5 + 3 + 4) + (5 + 2 + 6) + (5 + 2 + 1) + 1u);
-    EXPECT_EQ(bytes[kFirstRecord], 3);
-    EXPECT_EQ(bytes[kSecondRecord], 2);
-    EXPECT_EQ(bytes[kSecondRecord + 5], 'k');
-    EXPECT_EQ(bytes[kThirdRecord], 2);
-    EXPECT_EQ(bytes[kThirdRecord + 5], 'm');
-    EXPECT_TRUE(parsesAlone(bytes));
-}
-
-TEST_F(MessageItemTest, HeaderFaultsAreRejected)
+TEST_F(MessageItemTest, DamagedHeadersAndRecordsAreRejected)
 {
     const Bytes good = threePairPacket();
+    ASSERT_EQ(good.size(), 6u + (5 + 3 + 4) + (5 + 2 + 6) + (5 + 2 + 1) + 1u);
+    ASSERT_EQ(good[kFirstRecord], 3);
+    ASSERT_EQ(good[kSecondRecord + 5], 'k');
+    ASSERT_EQ(good[kThirdRecord + 5], 'm');
+    ASSERT_TRUE(parsesAlone(good));
     Message target = create();
     EXPECT_FALSE(target->fromBuffer(nullptr, 40));
     EXPECT_FALSE(target->fromBuffer(good.data(), 0));
 
-    Bytes wrongHead = good;
-    wrongHead[0] = 0xB4;
-    EXPECT_FALSE(parsesAlone(wrongHead));
-
-    Bytes sizeTooLarge = good;
-    putU32(sizeTooLarge, 1, static_cast<uint32_t>(good.size() + 1));
-    EXPECT_FALSE(parsesAlone(sizeTooLarge));
-
-    Bytes countZero = good;
-    countZero[5] = 0;
-    EXPECT_FALSE(parsesAlone(countZero));
-
-    Bytes countTwentySix = good;
-    countTwentySix[5] = 26;
-    EXPECT_FALSE(parsesAlone(countTwentySix));
+    struct Damage {
+        const char* what;
+        std::function<void(Bytes&)> apply;
+    };
+    const std::vector<Damage> damages = {
+        {"wrong head byte", [](Bytes& b) { b[0] = 0xB4; }},
+        {"size past the buffer", [&](Bytes& b) { putU32(b, 1, static_cast<uint32_t>(good.size() + 1)); }},
+        {"no records", [](Bytes& b) { b[5] = 0; }},
+        {"twenty-six records", [](Bytes& b) { b[5] = 26; }},
+        {"more records than present", [](Bytes& b) { b[5] = 4; }},
+        {"value length all ones", [](Bytes& b) { putU32(b, kSecondRecord + 1, 0xFFFFFFFFu); }},
+        {"value length sign bit", [](Bytes& b) { putU32(b, kSecondRecord + 1, 0x80000000u); }},
+        {"value length 64 KiB", [](Bytes& b) { putU32(b, kSecondRecord + 1, 0x00010000u); }},
+        {"value length 100", [](Bytes& b) { putU32(b, kSecondRecord + 1, 100u); }},
+        {"value length 23", [](Bytes& b) { putU32(b, kSecondRecord + 1, 23u); }},
+        {"key length past the end", [](Bytes& b) { b[kThirdRecord] = 0xFF; }},
+        {"key without its NUL", [](Bytes& b) { b[kSecondRecord + 5 + 1] = 'X'; }},
+        {"value without its NUL", [](Bytes& b) { b[kSecondRecord + 5 + 2 + 5] = 'X'; }},
+        {"zero key length", [](Bytes& b) { b[kFirstRecord] = 0; }},
+        {"zero value length", [](Bytes& b) { putU32(b, kFirstRecord + 1, 0); }},
+    };
+    for (const Damage& damage : damages) {
+        SCOPED_TRACE(damage.what);
+        Bytes bytes = good;
+        damage.apply(bytes);
+        EXPECT_FALSE(parsesAlone(bytes));
+    }
 }
 
 TEST_F(MessageItemTest, TruncatedPacketsAreRejected)
@@ -647,52 +556,19 @@ TEST_F(MessageItemTest, TruncatedPacketsAreRejected)
     }
 }
 
-TEST_F(MessageItemTest, OverrunningRecordsAreRejected)
+TEST_F(MessageItemTest, AMissingOrWrongEndByteFailsAfterThePairsWereRead)
 {
-    const Bytes good = threePairPacket();
-    for (uint32_t valueLength : {0xFFFFFFFFu, 0x80000000u, 0x00010000u, 100u, 23u}) {
-        SCOPED_TRACE(valueLength);
-        Bytes bytes = good;
-        putU32(bytes, kSecondRecord + 1, valueLength);
-        EXPECT_FALSE(parsesAlone(bytes));
+    Bytes wrongEnd = threePairPacket();
+    wrongEnd.back() = 0x8C;
+    Bytes noEnd = threePairPacket();
+    noEnd.pop_back();
+    putU32(noEnd, 1, static_cast<uint32_t>(noEnd.size()));
+    for (const Bytes& bytes : {wrongEnd, noEnd}) {
+        Message parsed = create();
+        EXPECT_FALSE(parse(bytes, *parsed));
+        EXPECT_EQ(pairsOf(*parsed), (Pairs{{"_t", "b@x"}, {"k", "value"}, {"m", ""}}))
+            << "the pairs were read; the caller releases them";
     }
-    Bytes longKey = good;
-    longKey[kThirdRecord] = 0xFF; // beyond the end
-    EXPECT_FALSE(parsesAlone(longKey));
-
-    Bytes moreRecordsThanPresent = good;
-    moreRecordsThanPresent[5] = 4;
-    EXPECT_FALSE(parsesAlone(moreRecordsThanPresent));
-}
-
-TEST_F(MessageItemTest, RecordsWithoutTheirNulAreRejected)
-{
-    const Bytes good = threePairPacket();
-    Bytes keyWithoutNul = good;
-    keyWithoutNul[kSecondRecord + 5 + 1] = 'X'; // the NUL of "k"
-    EXPECT_FALSE(parsesAlone(keyWithoutNul));
-
-    Bytes valueWithoutNul = good;
-    valueWithoutNul[kSecondRecord + 5 + 2 + 5] = 'X'; // the NUL of "value"
-    EXPECT_FALSE(parsesAlone(valueWithoutNul));
-
-    Bytes zeroKeyLength = good;
-    zeroKeyLength[kFirstRecord] = 0;
-    EXPECT_FALSE(parsesAlone(zeroKeyLength));
-
-    Bytes zeroValueLength = good;
-    putU32(zeroValueLength, kFirstRecord + 1, 0);
-    EXPECT_FALSE(parsesAlone(zeroValueLength));
-}
-
-TEST_F(MessageItemTest, PacketWithoutItsEndByteIsRejected)
-{
-    Bytes bytes = threePairPacket();
-    bytes.pop_back();
-    putU32(bytes, 1, static_cast<uint32_t>(bytes.size()));
-    Message parsed = create();
-    EXPECT_FALSE(parse(bytes, *parsed));
-    EXPECT_EQ(parsed->numberOfArguments(), 3) << "the pairs were read; the caller releases them";
 }
 
 TEST_F(MessageItemTest, ParsingIntoAMessageThatHoldsPairsIsRefused)
