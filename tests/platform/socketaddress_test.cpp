@@ -34,17 +34,15 @@ std::vector<unsigned char> written(const SocketAddress& address)
 
 } // namespace
 
-TEST(SocketAddress, TextForms)
+TEST(SocketAddress, TextFormsWildcardBroadcastAndRefusedInput)
 {
     EXPECT_EQ(ip4("10.0.0.1", "13001").asString(), "10.0.0.1:13001");
     SocketAddress pipe;
     ASSERT_TRUE(pipe.setUNIXAddress("ulmarcomms", "ignored"));
     EXPECT_EQ(pipe.asString(), "#__ulmarcomms.sock");
     EXPECT_EQ(SocketAddress().asString(), "Needs Defining");
-}
 
-TEST(SocketAddress, WildcardAndBroadcastNeedNoLookupAndPrintTheTrace)
-{
+    // The wildcard and broadcast need no lookup; the wildcard prints its trace.
     testing::internal::CaptureStdout();
     SocketAddress any = ip4("*", "34001");
     const std::string printed = testing::internal::GetCapturedStdout();
@@ -52,10 +50,7 @@ TEST(SocketAddress, WildcardAndBroadcastNeedNoLookupAndPrintTheTrace)
     EXPECT_EQ(any.asString(), "0.0.0.0:34001");
     EXPECT_EQ(any.getPort(), 34001);
     EXPECT_EQ(ip4("broadcast", "34001").asString(), "255.255.255.255:34001");
-}
 
-TEST(SocketAddress, RejectsEmptyAndUnresolvableInput)
-{
     SocketAddress address;
     testing::internal::CaptureStdout();
     EXPECT_FALSE(address.setIP4Address("", ""));
@@ -88,7 +83,7 @@ TEST(SocketAddress, AddressSizesFollowTheSocketFamily)
     EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(nullptr), 0u);
 }
 
-TEST(SocketAddress, MatchComparesIPv4Only)
+TEST(SocketAddress, MatchAndPortsApplyToIPv4Only)
 {
     const SocketAddress a = ip4("127.0.0.1", "80");
     EXPECT_TRUE(a.match(ip4("127.0.0.1", "80"), true));
@@ -100,10 +95,7 @@ TEST(SocketAddress, MatchComparesIPv4Only)
     pipe2.setUNIXAddress("same");
     EXPECT_FALSE(pipe1.match(pipe2, true));
     EXPECT_FALSE(pipe1.match(pipe2, false));
-}
 
-TEST(SocketAddress, PortsApplyToIPv4Only)
-{
     SocketAddress address = ip4("127.0.0.1", "1");
     address.setPort(static_cast<unsigned short>(4242));
     EXPECT_EQ(address.asString(), "127.0.0.1:4242");
@@ -115,7 +107,7 @@ TEST(SocketAddress, PortsApplyToIPv4Only)
     EXPECT_EQ(pipe.getPort(), 0);
 }
 
-TEST(SocketAddress, WrittenFormIsEightBytesBigEndian)
+TEST(SocketAddress, WrittenFormIsEightBytesBigEndianForIPv4AndTheFamilyOtherwise)
 {
     // Only serialised, never contacted.
     const std::vector<unsigned char> expected{0x00, 0x02, 0x00, 0x50, 0xC0, 0xA8, 0x01, 0x02};
@@ -127,29 +119,23 @@ TEST(SocketAddress, WrittenFormIsEightBytesBigEndian)
     ASSERT_TRUE(UlmarComms::readAddress(data, back));
     EXPECT_EQ(data.size(), 8u);
     EXPECT_EQ(back.asString(), "192.168.1.2:80");
-}
 
-TEST(SocketAddress, OtherFamiliesWriteAndConsumeOnlyTheFamily)
-{
+    // Other families write and consume only the family.
     SocketAddress pipe;
     pipe.setUNIXAddress("x");
     EXPECT_EQ(written(pipe), (std::vector<unsigned char>{0x00, 0x01}));
 
-    unsigned char bytes[] = {0x00, 0x01, 0x00, 0x50, 0xC0, 0xA8, 0x01, 0x02};
+    unsigned char otherFamily[] = {0x00, 0x01, 0x00, 0x50, 0xC0, 0xA8, 0x01, 0x02};
     SocketAddress kept = ip4("127.0.0.1", "9");
-    DataObject data(bytes, sizeof(bytes), DataObject::ModeRead);
-    EXPECT_FALSE(UlmarComms::readAddress(data, kept));
-    EXPECT_EQ(data.size(), 2u);
+    DataObject otherData(otherFamily, sizeof(otherFamily), DataObject::ModeRead);
+    EXPECT_FALSE(UlmarComms::readAddress(otherData, kept));
+    EXPECT_EQ(otherData.size(), 2u);
     EXPECT_EQ(kept.asString(), "127.0.0.1:9");
-}
 
-TEST(SocketAddress, ReadingATruncatedRecordChangesNothing)
-{
-    unsigned char bytes[] = {0x00, 0x02, 0x00, 0x50, 0xC0};
-    SocketAddress kept = ip4("127.0.0.1", "9");
-    DataObject data(bytes, sizeof(bytes), DataObject::ModeRead);
-    EXPECT_FALSE(UlmarComms::readAddress(data, kept));
-    EXPECT_EQ(kept.asString(), "127.0.0.1:9");
+    unsigned char truncated[] = {0x00, 0x02, 0x00, 0x50, 0xC0};
+    DataObject shortData(truncated, sizeof(truncated), DataObject::ModeRead);
+    EXPECT_FALSE(UlmarComms::readAddress(shortData, kept));
+    EXPECT_EQ(kept.asString(), "127.0.0.1:9") << "a truncated record changes nothing";
 }
 
 TEST(SocketAddress, BufferFormIsSevenBytesButNeedsRoomForEight)
