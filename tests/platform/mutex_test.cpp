@@ -15,7 +15,7 @@
 using namespace UlmarCommsSystem;
 using UlmarCommsTest::waitUntil;
 
-TEST(Mutex, IsRecursiveAndExcludesOtherThreads)
+TEST(Mutex, IsRecursiveAndExcludesOtherThreadsUntilTheLastRelease)
 {
     Mutex mutex;
     ASSERT_EQ(mutex.lock(), 0);
@@ -32,16 +32,13 @@ TEST(Mutex, IsRecursiveAndExcludesOtherThreads)
     std::thread free([&] { taken = mutex.tryLock(); if (taken) mutex.release(); });
     free.join();
     EXPECT_TRUE(taken);
-}
 
-TEST(Mutex, SecondThreadBlocksUntilBothReleases)
-{
-    Mutex mutex;
+    // The blocking form waits until both releases.
     ASSERT_EQ(mutex.lock(), 0);
     ASSERT_EQ(mutex.lock(), 0);
     std::atomic<bool> trying{false};
     std::atomic<bool> acquired{false};
-    std::thread other([&] {
+    std::thread blocked([&] {
         trying = true;
         mutex.lock(); // blocking form
         acquired = true;
@@ -53,7 +50,7 @@ TEST(Mutex, SecondThreadBlocksUntilBothReleases)
     EXPECT_FALSE(waitUntil([&] { return acquired.load(); }, std::chrono::milliseconds(50)));
     ASSERT_EQ(mutex.release(), 0);
     EXPECT_TRUE(waitUntil([&] { return acquired.load(); }));
-    other.join();
+    blocked.join();
 }
 
 TEST(MutexLocker, HoldsForItsScopeAndNests)
@@ -122,25 +119,6 @@ TEST(ConditionValue, ShortWaitEndsByTimeOutAtItsDeadline)
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(95));
 }
 
-TEST(ConditionValue, WaitIsWokenBySignal)
-{
-    ConditionValue condition;
-    std::atomic<bool> done{false};
-    bool result = false;
-    std::thread waiter([&] {
-        result = condition.wait();
-        done = true;
-    });
-    // A signal that finds nobody waiting is lost, so keep signalling until
-    // the waiter has been woken.
-    EXPECT_TRUE(waitUntil([&] {
-        condition.signal();
-        return done.load();
-    }));
-    waiter.join();
-    EXPECT_TRUE(result);
-}
-
 TEST(ConditionValue, BroadcastWakesEveryWaiter)
 {
     ConditionValue condition;
@@ -159,23 +137,26 @@ TEST(ConditionValue, BroadcastWakesEveryWaiter)
         waiter.join();
 }
 
-TEST(ConditionValue, SignalBeforeWaitIsLost)
+TEST(ConditionValue, SignalBeforeWaitIsLostAndALaterOneWakesTheWaiter)
 {
     ConditionValue condition;
     EXPECT_TRUE(condition.signal());
     EXPECT_TRUE(condition.broadcast());
     std::atomic<bool> done{false};
+    bool result = false;
     std::thread waiter([&] {
-        condition.wait();
+        result = condition.wait();
         done = true;
     });
-    // Nothing was remembered: the waiter stays blocked until a new signal.
+    // Nothing was remembered: the waiter stays blocked until a new signal
+    // (one that finds nobody waiting yet is lost too, so keep signalling).
     EXPECT_FALSE(waitUntil([&] { return done.load(); }, std::chrono::milliseconds(50)));
     EXPECT_TRUE(waitUntil([&] {
         condition.signal();
         return done.load();
     }));
     waiter.join();
+    EXPECT_TRUE(result);
 }
 
 TEST(ConditionValueDeathTest, ReadWriteMutexAborts)
