@@ -61,7 +61,7 @@ TEST(MessageQueue, ClosedQueueRefusesAndReleasesLeftoversOnDestruction)
     MessageItem::release(refused);
 }
 
-TEST(MessageRouterAnnouncements, AddSendsAddressThenInterfaceTextAndRemoveSendsAddress)
+TEST(MessageRouterAnnouncements, AddChangeAndRemoveAreAnnouncedInOrder)
 {
     RecordingSystemRouter system;
     MessageRouter router;
@@ -84,14 +84,16 @@ TEST(MessageRouterAnnouncements, AddSendsAddressThenInterfaceTextAndRemoveSendsA
                                      }));
     for (const auto& command : system.commands())
         EXPECT_EQ(command.from, &router);
-    router.remove(&rich);
-}
 
-TEST(MessageRouterAnnouncements, RemovalIsAnnouncedEvenForAnUnknownPump)
-{
-    RecordingSystemRouter system;
-    MessageRouter router;
-    router.setSystemRouter(&system);
+    // A change of interfaces sends the pump's list.
+    system.clearCommands();
+    rich.setInterfaceNames("x,y");
+    EXPECT_TRUE(router.changeInterfaceNames(&rich, "x,y"));
+    EXPECT_EQ(system.commandLines(), std::vector<std::string>{"3 " + local("rich/one") + ":x,y"});
+    router.remove(&rich);
+
+    // Removal is announced even for a pump the router does not know.
+    system.clearCommands();
     MessagePump stranger("stranger", &router);
     EXPECT_FALSE(router.remove(&stranger));
     EXPECT_EQ(system.commandLines(), std::vector<std::string>{"2 " + local("stranger")});
@@ -105,20 +107,6 @@ TEST(MessageRouterAnnouncements, WithoutSystemRouterPumpsStillJoin)
     EXPECT_EQ(router.numberOfPumps(), 1u);
     EXPECT_FALSE(router.changeInterfaceNames(&pump, "x")) << "no system router to tell";
     EXPECT_TRUE(router.remove(&pump));
-}
-
-TEST(MessageRouterAnnouncements, ChangeInterfaceNamesSendsThePumpsList)
-{
-    RecordingSystemRouter system;
-    MessageRouter router;
-    router.setSystemRouter(&system);
-    MessagePump pump("iface", &router);
-    router.add(&pump);
-    pump.setInterfaceNames("x,y");
-    system.clearCommands();
-    EXPECT_TRUE(router.changeInterfaceNames(&pump, "x,y"));
-    EXPECT_EQ(system.commandLines(), std::vector<std::string>{"3 " + local("iface") + ":x,y"});
-    router.remove(&pump);
 }
 
 TEST(MessageRouterAnnouncements, ReannouncementSkipsTheFirstEntry)
