@@ -6,19 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <stdexcept>
 
 using namespace MessagingTest;
 
-namespace {
-
-typedef std::vector<std::string> Keys;
-
-} // namespace
-
-TEST(MessagePumpAddress, HostIsFilledInAndLocalhostReplaced)
+TEST(MessagePumpAddress, HostIsFilledInLocalhostReplacedAndInterfacesKept)
 {
     MessagePump plain("svc/a", nullptr);
     EXPECT_EQ(std::string(plain.address()), local("svc/a"));
@@ -26,10 +21,8 @@ TEST(MessagePumpAddress, HostIsFilledInAndLocalhostReplaced)
     EXPECT_EQ(std::string(named.address()), local("svc"));
     MessagePump remote("far@svc//b/", nullptr);
     EXPECT_EQ(std::string(remote.address()), "far@svc/b");
-}
 
-TEST(MessagePumpInterfaces, EmptyTextIsRefusedAndKeepsTheList)
-{
+    // An empty interface text is refused and keeps the list.
     MessagePump pump("p", nullptr);
     EXPECT_EQ(pump.getInterfaceNames(), nullptr);
     EXPECT_FALSE(pump.setInterfaceNames(nullptr));
@@ -42,42 +35,36 @@ TEST(MessagePumpBuilders, KeysComeInTheirFixedOrderWithExactTexts)
 {
     MessagePump pump("builder", nullptr);
     const std::string me = pump.address();
-
-    MessageItem* m = pump.createSystemListHostsMessage();
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "/system"}, {"_f", me}, {"_m", "#HsList"}, {"_s", "1"}}));
-    MessageItem::release(m);
-    m = pump.createListInterfacesMessage("dest");
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "dest"}, {"_f", me}, {"_m", "#IsList"}, {"_s", "2"}}));
-    MessageItem::release(m);
-    m = pump.createListEventsMessage("dest");
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "dest"}, {"_f", me}, {"_m", "#EsList"}, {"_s", "3"}}));
-    MessageItem::release(m);
-    m = pump.createHasInterfacesMessage("dest", "a,b");
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "dest"}, {"_f", me}, {"_m", "#IsHas"}, {"inters", "a,b"}, {"_s", "4"}}));
-    MessageItem::release(m);
-    m = pump.createListHostsSupportingInterfaces("i", true);
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "/system"}, {"_f", me}, {"_m", "NetHostSupportInterfaces"},
-                                 {"inters", "i"}, {"match", "1"}, {"_s", "5"}}));
-    MessageItem::release(m);
-    m = pump.createListHostsSupportingInterfaces("i", false);
-    EXPECT_STREQ(m->value("match"), "0");
-    MessageItem::release(m);
-    m = pump.createSystemGetAddressesSupportingInterfacesMessage("far", "i");
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "far@/system"}, {"_f", me}, {"_m", "#AdsSupIs"}, {"inters", "i"}, {"_s", "7"}}));
-    MessageItem::release(m);
-    m = pump.createSystemGetAddressesSupportingInterfacesMessage("", "i");
-    EXPECT_STREQ(m->value("_t"), "/system");
-    MessageItem::release(m);
-    m = pump.createEventRegistrationMessage("onTick", "dest", "tick", true);
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "dest"}, {"_f", me}, {"_m", "#reg"}, {"rname", "tick"}, {"retm", "onTick"},
-                                 {"_s", "9"}, {"reg", "t"}}));
-    MessageItem::release(m);
-    m = pump.createEventRegistrationMessage("onTick", "dest", "tick", false);
-    EXPECT_EQ(keysOf(m), (Keys{"_t", "_f", "_m", "rname", "retm", "_s"}));
-    MessageItem::release(m);
-    m = pump.createMessage("dest", "");
-    EXPECT_EQ(pairsOf(m), (Pairs{{"_t", "dest"}, {"_f", me}, {"_m", ""}, {"_s", "11"}}));
-    MessageItem::release(m);
+    // Each builder takes the next sender id.
+    const std::vector<std::pair<std::function<MessageItem*()>, Pairs>> cases = {
+        {[&] { return pump.createSystemListHostsMessage(); },
+         {{"_t", "/system"}, {"_f", me}, {"_m", "#HsList"}, {"_s", "1"}}},
+        {[&] { return pump.createListInterfacesMessage("dest"); },
+         {{"_t", "dest"}, {"_f", me}, {"_m", "#IsList"}, {"_s", "2"}}},
+        {[&] { return pump.createListEventsMessage("dest"); },
+         {{"_t", "dest"}, {"_f", me}, {"_m", "#EsList"}, {"_s", "3"}}},
+        {[&] { return pump.createHasInterfacesMessage("dest", "a,b"); },
+         {{"_t", "dest"}, {"_f", me}, {"_m", "#IsHas"}, {"inters", "a,b"}, {"_s", "4"}}},
+        {[&] { return pump.createListHostsSupportingInterfaces("i", true); },
+         {{"_t", "/system"}, {"_f", me}, {"_m", "NetHostSupportInterfaces"}, {"inters", "i"}, {"match", "1"}, {"_s", "5"}}},
+        {[&] { return pump.createListHostsSupportingInterfaces("i", false); },
+         {{"_t", "/system"}, {"_f", me}, {"_m", "NetHostSupportInterfaces"}, {"inters", "i"}, {"match", "0"}, {"_s", "6"}}},
+        {[&] { return pump.createSystemGetAddressesSupportingInterfacesMessage("far", "i"); },
+         {{"_t", "far@/system"}, {"_f", me}, {"_m", "#AdsSupIs"}, {"inters", "i"}, {"_s", "7"}}},
+        {[&] { return pump.createSystemGetAddressesSupportingInterfacesMessage("", "i"); },
+         {{"_t", "/system"}, {"_f", me}, {"_m", "#AdsSupIs"}, {"inters", "i"}, {"_s", "8"}}},
+        {[&] { return pump.createEventRegistrationMessage("onTick", "dest", "tick", true); },
+         {{"_t", "dest"}, {"_f", me}, {"_m", "#reg"}, {"rname", "tick"}, {"retm", "onTick"}, {"_s", "9"}, {"reg", "t"}}},
+        {[&] { return pump.createEventRegistrationMessage("onTick", "dest", "tick", false); },
+         {{"_t", "dest"}, {"_f", me}, {"_m", "#reg"}, {"rname", "tick"}, {"retm", "onTick"}, {"_s", "10"}}},
+        {[&] { return pump.createMessage("dest", ""); }, {{"_t", "dest"}, {"_f", me}, {"_m", ""}, {"_s", "11"}}},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        MessageItem* m = cases[i].first();
+        ASSERT_NE(m, nullptr) << "builder " << i;
+        EXPECT_EQ(pairsOf(m), cases[i].second) << "builder " << i;
+        MessageItem::release(m);
+    }
 }
 
 TEST(MessagePumpBuilders, RefuseMissingArguments)
