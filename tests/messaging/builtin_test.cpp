@@ -56,10 +56,8 @@ TEST_F(BuiltIn, IsHasComparesWholeNamesWithoutTrimming)
     // Without "inters" the answer is "false".
     MessageItem* bare = asker.pump.createMessage(ab.address().c_str(), "#IsHas");
     EXPECT_EQ(ask(bare), "false");
-}
 
-TEST_F(BuiltIn, IsHasSeesEmptyPiecesBetweenCommasAsNames)
-{
+    // An empty piece between commas is a name too.
     Endpoint gap(running.router, "gap", "a,,b");
     ASSERT_TRUE(gap.join());
     MessageItem* empty = asker.pump.createMessage(gap.address().c_str(), "#IsHas");
