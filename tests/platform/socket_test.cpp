@@ -375,30 +375,11 @@ TEST(SocketErrors, NothingCanBeCreatedWithoutASelector)
     EXPECT_EQ(socket.getHandle(), Socket::BadSocketValue);
 }
 
-TEST_F(SocketTest, OperationsOnTheWrongKindOfSocketAreRefused)
+TEST_F(SocketTest, OperationsBeforeCreateOrOnTheWrongKindOfSocketAreRefused)
 {
     unsigned char byte = 0;
-    SocketUDP udp;
-    ASSERT_EQ(udp.create(), Socket::NoSocketError);
-    EXPECT_EQ(udp.recv(&byte, 1), Socket::InvalidFunctionOnSocketType);
-    EXPECT_EQ(udp.send(&byte, 1), Socket::InvalidFunctionOnSocketType);
-
-    SocketTCPIP tcp;
-    ASSERT_EQ(tcp.create(), Socket::NoSocketError);
-    EXPECT_EQ(tcp.recvFrom(&byte, 1), Socket::InvalidFunctionOnSocketType);
-    EXPECT_EQ(tcp.sendTo(loopback(9), &byte, 1), Socket::InvalidFunctionOnSocketType);
-
-    EXPECT_EQ(tcp.create(), Socket::SocketAlreadlyCreated);
-    EXPECT_EQ(tcp.close(), Socket::NoSocketError);
-    EXPECT_EQ(tcp.close(), Socket::SocketNotCreated);
-    EXPECT_EQ(udp.close(), Socket::NoSocketError);
-}
-
-TEST_F(SocketTest, OperationsBeforeCreateReportNotCreated)
-{
-    unsigned char byte = 0;
-    SocketTCPIP tcp;
     SocketAddress peer;
+    SocketTCPIP tcp;
     EXPECT_EQ(tcp.recv(&byte, 1), Socket::SocketNotCreated);
     EXPECT_EQ(tcp.send(&byte, 1), Socket::SocketNotCreated);
     EXPECT_EQ(tcp.bind(loopback(0)), Socket::SocketNotCreated);
@@ -407,6 +388,18 @@ TEST_F(SocketTest, OperationsBeforeCreateReportNotCreated)
     EXPECT_EQ(tcp.set(Socket::BadSocketValue), Socket::SocketNotCreated);
     SocketUDP udp;
     EXPECT_EQ(udp.recvFrom(&byte, 1), Socket::SocketNotCreated);
+
+    ASSERT_EQ(udp.create(), Socket::NoSocketError);
+    EXPECT_EQ(udp.recv(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    EXPECT_EQ(udp.send(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    ASSERT_EQ(tcp.create(), Socket::NoSocketError);
+    EXPECT_EQ(tcp.recvFrom(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    EXPECT_EQ(tcp.sendTo(loopback(9), &byte, 1), Socket::InvalidFunctionOnSocketType);
+
+    EXPECT_EQ(tcp.create(), Socket::SocketAlreadlyCreated);
+    EXPECT_EQ(tcp.close(), Socket::NoSocketError);
+    EXPECT_EQ(tcp.close(), Socket::SocketNotCreated);
+    EXPECT_EQ(udp.close(), Socket::NoSocketError);
 }
 
 TEST_F(SocketTest, BindAndConnectFailuresCarryTheirCodes)
