@@ -313,6 +313,24 @@ TEST_F(LocalLinkTest, CloseAllLinksUnregistersAndDeletesEveryProxy)
     EXPECT_EQ(one.proxy.socket(), nullptr);
 }
 
+// A link whose listener has already gone ends through the link's own error
+// callback: the service side lets go of its socket by itself.
+TEST_F(LocalLinkTest, ALinkThatOutlivesItsListenerClosesItsOwnSocket)
+{
+    Service service(address);
+    Application leaving(address);
+    Endpoint pump(leaving.router, "pump");
+    ASSERT_TRUE(pump.join());
+    ASSERT_TRUE(leaving.proxy.start());
+    ASSERT_TRUE(service.waitForEntries({pump.address()}));
+    const std::vector<SocketMessageRouterProxy*> links = service.server->links();
+    ASSERT_EQ(links.size(), 1u);
+
+    service.server->finish(); // the listener goes; the accepted link stays
+    leaving.shutdown();
+    EXPECT_TRUE(waitUntil([&] { return links[0]->socket() == nullptr; }, kDeadline));
+}
+
 TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
 {
     Service service(address);
