@@ -536,6 +536,37 @@ TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWrit
     EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
 }
 
+// When a link goes, the frames handed to its socket (the one being written
+// and those posted in the same send) go with it; frames it never took wait
+// for the next link.
+TEST_F(FrameLinkTest, FramesHandedToAGoneSocketAreDroppedAndTheOthersWait)
+{
+    LogCapture log(UlmarComms::Core::LogWarning);
+    auto server = unixServer(0, 1u << 20);
+    RawPeer peer;
+    ASSERT_TRUE(peer.connectTo(server->address()));
+    ASSERT_TRUE(server->waitForClients(1));
+    Recorder* accepted = server->handler(0);
+
+    const unsigned total = 3000;
+    for (unsigned i = 1; i <= total; ++i) {
+        MessageItem* message = makeMessage("n" + std::to_string(i), 700);
+        ASSERT_TRUE(accepted->addToOutboundHeld(message));
+        MessageItem::release(message);
+    }
+    // The connection takes what it can at once and a megabyte more is
+    // posted; the peer reads nothing, so that send stays outstanding.
+    accepted->flushOutbound();
+    const size_t queued = accepted->queuedFrames();
+    ASSERT_GT(queued, total / 2);
+
+    accepted->dropSocket();
+    const size_t dropped = log.count("handed to a link that has gone");
+    EXPECT_GE(dropped, 2u) << "the frame being written and the frames posted with it";
+    EXPECT_GT(accepted->queuedFrames(), 0u) << "frames the socket never took wait";
+    EXPECT_LE(accepted->queuedFrames() + dropped, queued);
+}
+
 TEST_F(FrameLinkTest, CommandsOvertakeQueuedMessagesAndIdsRunAcrossBothKinds)
 {
     auto server = unixServer();
