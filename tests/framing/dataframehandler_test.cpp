@@ -515,12 +515,25 @@ TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWrit
     accepted->flushOutbound();
     ASSERT_GT(accepted->queuedFrames(), total / 2) << "the socket cannot have taken megabytes unread";
 
-    Bytes received;
-    ASSERT_TRUE(peer.readExactly(plain.size() + command.size(), received));
-    {
+    // The peer reads a little at a time and pauses after each piece until a
+    // send has completed in part: while it pauses, a send can take only the
+    // room that reading freed, never the whole megabyte at once.
+    auto sentInPart = [&] {
         std::lock_guard<std::mutex> lock(mutex);
-        ASSERT_GT(untaken.size(), 0u) << "a posted send of a megabyte completed in part";
+        return !untaken.empty();
+    };
+    Bytes received;
+    const size_t wanted = plain.size() + command.size();
+    while (!sentInPart() && received.size() + 4096 < wanted) {
+        Bytes piece;
+        ASSERT_TRUE(peer.readExactly(4096, piece));
+        append(received, piece);
+        waitUntil(sentInPart, std::chrono::milliseconds(20));
     }
+    ASSERT_TRUE(sentInPart()) << "a posted send of a megabyte completed in part";
+    Bytes rest;
+    ASSERT_TRUE(peer.readExactly(wanted - received.size(), rest));
+    append(received, rest);
     // Where the connection stopped, in the stream the messages make alone.
     const auto found = std::search(plain.begin(), plain.end(), untaken.begin(), untaken.end());
     ASSERT_NE(found, plain.end());
