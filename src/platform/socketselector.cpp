@@ -192,6 +192,11 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
 
 // ---------------------------------------------------------------------------
 // Completions
+//
+// The hold taken for an event keeps the socket object from being freed, but
+// its deletion may begin on another thread at any time; from then on
+// hold.socket() is null, and every step below that looks the socket up again
+// stops there: a socket on its way out has nothing left to complete.
 
 bool SocketSelectorWorker::processEvent(epoll_event* event)
 {
@@ -235,7 +240,10 @@ void SocketSelectorWorker::processAccept(SocketHold& hold)
 {
     Socket::message("SocketSelectorWorker::ProcessEvent() this=%p Socket in listening mode so doing connect\n",
                     static_cast<void*>(this));
-    const unsigned char code = hold.socket()->doAccept();
+    Socket* listener = hold.socket();
+    if (listener == nullptr)
+        return;
+    const unsigned char code = listener->doAccept();
     if (code == Socket::NoSocketError)
         return;
     Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent( epoll ) this=%p pTheSocket->doAccept() Failed error:%d.\n",
@@ -248,6 +256,8 @@ void SocketSelectorWorker::rearmOneShotRead(SocketHold& hold)
     // A one-shot stream registration reported something other than data
     // and so disarmed itself; the recv() still waiting must stay armed.
     Socket* socket = hold.socket();
+    if (socket == nullptr)
+        return;
     MutexLocker locker(hold.record()->lock);
     if (socket->getType() != SOCK_STREAM || socket->m_pServerMode != nullptr || !hold.record()->readRequest.pending
         || socket->m_handle == Socket::BadSocketValue)
@@ -381,6 +391,8 @@ void SocketSelectorWorker::reportStreamRead(SocketHold& hold, Socket::StreamCall
                                             const void* who)
 {
     Socket* socket = hold.socket();
+    if (socket == nullptr)
+        return;
     if (count < 0) {
         const unsigned char code = Socket::BSDSocketsErrorCode(error);
         Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent() this=%p recv errored error=%d errno=%d\n",
@@ -402,8 +414,8 @@ bool SocketSelectorWorker::rearmAfterNothing(SocketHold& hold)
     Socket* socket = hold.socket();
     BSDSocketPlatformData* record = hold.record();
     MutexLocker locker(record->lock);
-    if (socket->m_handle == Socket::BadSocketValue)
-        return true; // closed meanwhile: nothing to wait for
+    if (socket == nullptr || socket->m_handle == Socket::BadSocketValue)
+        return true; // being deleted or closed meanwhile: nothing to wait for
     record->readRequest.pending = true;
     if (socket->armRead(EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT))
         return true;
