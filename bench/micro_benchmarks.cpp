@@ -27,6 +27,7 @@ using UlmarComms::DataFrame;
 using UlmarComms::IMessageRouter;
 using UlmarComms::ISystemRouter;
 using UlmarComms::MessageItem;
+using UlmarComms::MessageRef;
 using UlmarComms::MessagePump;
 using UlmarComms::MessageRouter;
 
@@ -84,7 +85,7 @@ public:
     void finish() override {}
     bool add(IMessageRouter*) override { return true; }
     bool remove(IMessageRouter*) override { return true; }
-    bool post(MessageItem*) override { return false; }
+    bool post(MessageRef) override { return false; }
     void handleCommand(IMessageRouter*, unsigned char, const char*) override {}
 };
 
@@ -261,7 +262,7 @@ struct PumpPair {
         PumpPair* self = static_cast<PumpPair*>(context);
         MessageItem* reply = self->server.createReplyMessage(message, "ok");
         if (reply != nullptr)
-            self->server.post(reply);
+            self->server.post(MessageRef(reply));
     }
     static void onResponse(void* context, unsigned, MessageItem*)
     {
@@ -289,7 +290,7 @@ static void BM_PumpToPumpRequestReply(benchmark::State& state)
     const std::string payload(16, 'p');
     unsigned sent = 0;
     for (auto _ : state) {
-        pair.client.post(buildRequest(pair.client, "bench/server", payload));
+        pair.client.post(MessageRef(buildRequest(pair.client, "bench/server", payload)));
         pair.awaitReplies(++sent);
     }
     state.SetItemsProcessed(int64_t(state.iterations()));
@@ -305,7 +306,7 @@ static void BM_PumpToPumpPipelined64(benchmark::State& state)
     unsigned sent = 0;
     for (auto _ : state) {
         for (int i = 0; i < 64; ++i)
-            pair.client.post(buildRequest(pair.client, "bench/server", payload));
+            pair.client.post(MessageRef(buildRequest(pair.client, "bench/server", payload)));
         sent += 64;
         pair.awaitReplies(sent);
     }

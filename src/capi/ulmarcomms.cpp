@@ -248,10 +248,13 @@ ULMARCOMMS_API int UlmarCommsPostMessage(void* pump, void* message)
     RuntimeSupport* instance = runtime();
     if (instance == nullptr)
         return 1;
+    // Results 1 and 4 leave the message with the application: both are
+    // decided here, before the message is handed on. From here on the
+    // library holds it, whatever the result (2 included).
     if (pump == nullptr || message == nullptr)
         return 4;
     try {
-        return instance->ulmarCommsPostMessage(asPump(pump), asMessage(message));
+        return instance->ulmarCommsPostMessage(asPump(pump), UlmarComms::MessageRef(asMessage(message)));
     } catch (...) {
         return 2;
     }

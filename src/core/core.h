@@ -75,10 +75,10 @@ public:
     // Logs at the given level.
     static void log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-    // Builds (does not send) the error reply to an undeliverable message.
-    // Consumes `failed` when it has no "from" or no sender id; otherwise the
-    // caller keeps it. Defined in src/messaging/errorreply.cpp.
-    MessageItem* errorOut(MessageItem* failed, int code);
+    // Builds (does not send) the error reply to an undeliverable message;
+    // null when it has no "from" or no sender id. `failed` stays the
+    // caller's. Defined in src/messaging/errorreply.cpp.
+    MessageItem* errorOut(const MessageItem* failed, int code);
 
 private:
     Core();

@@ -68,9 +68,9 @@ void SocketMessageRouterProxy::setSocket(Socket* socket)
         socket->setUserData(this);
 }
 
-bool SocketMessageRouterProxy::postHeld(MessageItem* message)
+bool SocketMessageRouterProxy::postHeld(MessageRef message)
 {
-    return queueMessage(message, true);
+    return queueMessage(std::move(message), true);
 }
 
 void SocketMessageRouterProxy::flushHeld()
@@ -93,22 +93,22 @@ void SocketMessageRouterProxy::endDispatch()
         router->flushHeldWrites();
 }
 
-bool SocketMessageRouterProxy::post(MessageItem* message)
+bool SocketMessageRouterProxy::post(MessageRef message)
 {
-    return queueMessage(message, false);
+    return queueMessage(std::move(message), false);
 }
 
-bool SocketMessageRouterProxy::queueMessage(MessageItem* message, bool hold)
+bool SocketMessageRouterProxy::queueMessage(MessageRef message, bool hold)
 {
-    const bool queued = hold ? addToOutboundHeld(message) : addToOutbound(message);
+    // The frame holds a copy: the message is released either way.
+    const bool queued = hold ? addToOutboundHeld(message.get()) : addToOutbound(message.get());
     if (!queued) {
         Core::log(Core::LogError,
                   "SocketMessageRouterProxy::post( %p ) this=%p Failed to add the message to the outbound queue.\n",
-                  static_cast<void*>(message), static_cast<void*>(this));
+                  static_cast<void*>(message.get()), static_cast<void*>(this));
         return false;
     }
     Core::message("SocketMessageRouterProxy::post() Done.\n");
-    MessageItem::release(message);
     return true;
 }
 
@@ -119,20 +119,18 @@ void SocketMessageRouterProxy::commandHandler(unsigned char code, const char* te
                   code, printable(text), static_cast<void*>(this));
 }
 
-void SocketMessageRouterProxy::doHandleMessage(MessageItem* message)
+void SocketMessageRouterProxy::doHandleMessage(MessageItem* item)
 {
+    MessageRef message(item);
     ISystemRouter* router = m_pSystemRouter.load();
     if (router == nullptr) {
         Core::log(Core::LogError,
                   "SocketMessageRouterProxy::doHandleMessage() Unable to pass message on as no System router set on "
                   "object.\n");
-        MessageItem::release(message);
         return;
     }
-    if (!router->post(message)) {
+    if (!router->post(std::move(message)))
         Core::log(Core::LogError, "SocketMessageRouterProxy::doHandleMessage() post to system router failed.\n");
-        MessageItem::release(message); // a refused message stays ours
-    }
 }
 
 void SocketMessageRouterProxy::doHandleCommand(unsigned char code, const std::string& text)

@@ -19,8 +19,8 @@
 // a proxy owns its accepted socket. A proxy is deleted when its link drops
 // (through onClientDisconnect) or by closeAllLinks; the destructor of the
 // listener leaves proxies still listed alone. The system router is not owned.
-// A message given to a proxy's post belongs to the proxy once queued; a
-// message from the link goes to the system router, which takes it.
+// A proxy's post takes its message whatever the result (a frame holds a
+// copy); a message from the link is posted to the system router.
 #pragma once
 
 #include "framing/dataframehandler.h"
@@ -44,21 +44,22 @@ public:
 
     // The router that incoming traffic goes to; null detaches (and gives false).
     bool setSystemRouter(ISystemRouter* systemRouter) override;
-    // Queues a message for the process; false (caller keeps it) when refused.
-    bool post(MessageItem* message) override;
+    // Queues a copy of the message for the process and releases it; false
+    // when the copy could not be queued.
+    bool post(MessageRef message) override;
     // Queues a link command for the process.
     void commandHandler(unsigned char code, const char* text) override;
     // The link can queue messages unwritten until flushHeld.
     bool canHoldWrites() const override { return true; }
-    // Queues a message unwritten; false (caller keeps it) when refused.
-    bool postHeld(MessageItem* message) override;
+    // post, with the copy queued unwritten until flushHeld.
+    bool postHeld(MessageRef message) override;
     // Writes the messages postHeld queued.
     void flushHeld() override;
 
     // A command from the process goes to the system router, from this proxy.
     void doHandleCommand(unsigned char code, const std::string& text) override;
-    // A message from the process goes to the system router, which owns it.
-    void doHandleMessage(MessageItem* message) override;
+    // A message from the process (ours now) is posted to the system router.
+    void doHandleMessage(MessageItem* item) override;
     // Logs only.
     void onDisconnect(Socket* socket) override;
     // Closes and deletes the socket; the proxy stays until the listener drops it.
@@ -75,8 +76,8 @@ protected:
     void endDispatch() override;
 
 private:
-    // post and postHeld: queues the message and releases it.
-    bool queueMessage(MessageItem* message, bool hold);
+    // post and postHeld: queues a copy and releases the message.
+    bool queueMessage(MessageRef message, bool hold);
 
     // Where incoming traffic goes (not owned); null once detached.
     std::atomic<ISystemRouter*> m_pSystemRouter;

@@ -27,16 +27,6 @@ const char* printable(const char* text)
     return text != nullptr ? text : "(null)";
 }
 
-// A MessageRouter says whether a refused message was taken; any other
-// router takes a message only when it accepts it.
-bool postToRouter(IMessageRouter* router, MessageItem* message, bool& consumed)
-{
-    if (MessageRouter* local = dynamic_cast<MessageRouter*>(router))
-        return local->post(message, consumed);
-    consumed = router->post(message);
-    return consumed;
-}
-
 unsigned setting(const char* key)
 {
     const int value = Core::instance()->getNumber(key);
@@ -150,17 +140,16 @@ bool SocketSystemRouterProxy::isReconnectPending()
 
 // ----------------------------------------------------------------- traffic
 
-bool SocketSystemRouterProxy::post(MessageItem* message)
+bool SocketSystemRouterProxy::post(MessageRef message)
 {
     if (socket() == nullptr)
         return false;
-    if (!addToOutbound(message)) {
+    // The frame holds a copy: the message is done with either way.
+    if (!addToOutbound(message.get())) {
         Core::log(Core::LogError, "SocketSystemRouterProxy::post( %p ) this=%p Failed to add to the outbound queue.\n",
-                  static_cast<void*>(message), static_cast<void*>(this));
+                  static_cast<void*>(message.get()), static_cast<void*>(this));
         return false;
     }
-    // The frame holds a copy: the message is done with.
-    MessageItem::release(message);
     return true;
 }
 
@@ -177,22 +166,18 @@ void SocketSystemRouterProxy::handleCommand(IMessageRouter* router, unsigned cha
                   static_cast<void*>(router), code, printable(text), static_cast<void*>(this));
 }
 
-void SocketSystemRouterProxy::doHandleMessage(MessageItem* message)
+void SocketSystemRouterProxy::doHandleMessage(MessageItem* item)
 {
+    MessageRef message(item);
     IMessageRouter* router = m_pMessageRouter.load();
     if (router == nullptr) {
         Core::log(Core::LogError, "SocketSystemRouterProxy::doHandleMessage() this=%p message Router is NULL.\n",
                   static_cast<void*>(this));
-        MessageItem::release(message);
         return;
     }
-    bool consumed = false;
-    if (!postToRouter(router, message, consumed)) {
+    if (!router->post(std::move(message)))
         Core::log(Core::LogError, "SocketSystemRouterProxy::doHandleMessage() this=%p Unable to post message to message Router.\n",
                   static_cast<void*>(this));
-        if (!consumed)
-            MessageItem::release(message);
-    }
 }
 
 int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)

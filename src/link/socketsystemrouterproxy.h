@@ -19,9 +19,9 @@
 // selector worker). Only the timer flags are guarded by the proxy's lock,
 // which is never held across connect().
 //
-// Ownership. A message given to post belongs to the proxy once queued (it is
-// released after being copied into a frame); on refusal it stays the
-// caller's. Messages from the link go to the MessageRouter, which takes them.
+// Ownership. post takes its message whatever the result: a frame holds a
+// copy, and the message is released. Messages from the link are posted to the
+// MessageRouter.
 // The socket is the proxy's: created for each attempt, deleted on error, in
 // finish and in the destructor. The MessageRouter is not owned. The owner
 // calls finish() before deleting the proxy.
@@ -64,8 +64,9 @@ public:
     bool add(IMessageRouter* router) override;
     // Detaches router if it is the attached one (with a warning); true.
     bool remove(IMessageRouter* router) override;
-    // Queues a message for the service; false (caller keeps it) without a socket.
-    bool post(MessageItem* message) override;
+    // Queues a copy of the message for the service and releases it; false
+    // without a socket or when the copy could not be queued.
+    bool post(MessageRef message) override;
     // Queues a link command from the attached router.
     void handleCommand(IMessageRouter* router, unsigned char code, const char* text) override;
 
@@ -77,8 +78,8 @@ public:
     void onError(Socket* socket, unsigned char error) override;
     // A command from the service goes to the MessageRouter.
     void doHandleCommand(unsigned char code, const std::string& text) override;
-    // A message from the service goes to the MessageRouter, which owns it.
-    void doHandleMessage(MessageItem* message) override;
+    // A message from the service (ours now) is posted to the MessageRouter.
+    void doHandleMessage(MessageItem* item) override;
     // The idle router worker waits for the link itself and completes what
     // arrives on its own thread; see ISystemRouter.
     int waitForInput(unsigned ms, int wakeHandle) override;

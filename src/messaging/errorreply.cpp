@@ -11,20 +11,18 @@
 
 namespace UlmarComms {
 
-MessageItem* Core::errorOut(MessageItem* failed, int code)
+MessageItem* Core::errorOut(const MessageItem* failed, int code)
 {
     if (failed == nullptr)
         return nullptr;
     const char* from = failed->value(MessageItem::ArgumentKey_From);
     if (from == nullptr) {
-        log(LogError, "Core::errorOut( %p, %d ) No From.\n", static_cast<void*>(failed), code);
-        MessageItem::release(failed);
+        log(LogError, "Core::errorOut( %p, %d ) No From.\n", static_cast<const void*>(failed), code);
         return nullptr;
     }
     const char* senderId = failed->value(MessageItem::ArgumentKey_SenderId);
     if (senderId == nullptr) {
-        log(LogError, "Core::errorOut( %p, %d ) No SenderId.\n", static_cast<void*>(failed), code);
-        MessageItem::release(failed);
+        log(LogError, "Core::errorOut( %p, %d ) No SenderId.\n", static_cast<const void*>(failed), code);
         return nullptr;
     }
     MessageItem* reply = MessageItem::create();

@@ -301,30 +301,28 @@ int MessagePump::sendErrorMessage(int errorCode, MessageItem* request)
         }
         // An error reply consumes two sender ids; receivers have seen the gap.
         m_senderId.fetch_add(1);
-        MessageItem* posted = reply;
+        MessageRef posted(reply);
         reply = nullptr;
-        return post(posted);
+        return post(std::move(posted));
     } catch (...) {
         MessageItem::release(reply);
         return Result_NoMemory;
     }
 }
 
-int MessagePump::post(MessageItem* message)
+int MessagePump::post(MessageRef message)
 {
-    Core::message("MessagePump::post( %p ) this=%p\n", static_cast<void*>(message), static_cast<void*>(this));
-    if (message == nullptr)
+    Core::message("MessagePump::post( %p ) this=%p\n", static_cast<void*>(message.get()), static_cast<void*>(this));
+    if (!message)
         return Result_Null;
-    if (m_pRouter == nullptr) {
-        MessageItem::release(message);
+    if (m_pRouter == nullptr)
         return Result_NoRouter;
-    }
     if (!message->eventName().empty())
-        return postEvent(message);
-    return postToRouter(message);
+        return postEvent(std::move(message));
+    return postToRouter(std::move(message));
 }
 
-int MessagePump::postEvent(MessageItem* message)
+int MessagePump::postEvent(MessageRef message)
 {
     std::vector<EventEntry> listeners;
     bool found = false;
@@ -335,25 +333,17 @@ int MessagePump::postEvent(MessageItem* message)
         if (found)
             listeners = event->second;
     } catch (...) {
-        MessageItem::release(message);
         return Result_NoMemory;
     }
-    if (!found) {
-        MessageItem::release(message);
+    if (!found)
         return Result_NoSuchEvent;
-    }
     // One copy per listener, in registration order; the copies' own results
     // are not the poster's concern.
     for (const EventEntry& listener : listeners) {
-        MessageItem* copy = MessageItem::createAndCopy(message);
-        if (copy == nullptr)
-            continue;
-        if (stampEventCopy(copy, listener))
-            post(copy);
-        else
-            MessageItem::release(copy);
+        MessageRef copy(MessageItem::createAndCopy(message.get()));
+        if (copy && stampEventCopy(copy.get(), listener))
+            post(std::move(copy));
     }
-    MessageItem::release(message);
     return Result_Ok;
 }
 
@@ -383,29 +373,24 @@ bool MessagePump::stampEventCopy(MessageItem* copy, const EventEntry& listener)
     return true;
 }
 
-int MessagePump::postToRouter(MessageItem* message)
+int MessagePump::postToRouter(MessageRef message)
 {
-    Core::message("MessagePump::post( %p ) this=%p Posting to message router.\n", static_cast<void*>(message),
+    Core::message("MessagePump::post( %p ) this=%p Posting to message router.\n", static_cast<void*>(message.get()),
                   static_cast<void*>(this));
-    bool consumed = false;
-    const bool posted = m_pRouter->post(message, consumed);
-    if (!consumed) {
-        // The system router refused the message and the router handed it
-        // back. Whoever posted to the pump never touches it again, so its one
-        // reference ends here; the result stays 6.
-        MessageItem::release(message);
-    }
-    return posted ? Result_Ok : Result_NoRouter;
+    // The router takes the message either way; a refusal is result 6.
+    return m_pRouter->post(std::move(message)) ? Result_Ok : Result_NoRouter;
 }
 
-void MessagePump::handleMessage(MessageItem* message)
+void MessagePump::handleMessage(MessageRef held)
 {
-    Core::message("MessagePump::HandleMessage( %p ) this=%p\n", static_cast<void*>(message), static_cast<void*>(this));
-    if (message == nullptr)
+    Core::message("MessagePump::HandleMessage( %p ) this=%p\n", static_cast<void*>(held.get()),
+                  static_cast<void*>(this));
+    if (!held)
         return;
-    // Released however the delivery ends; after a callback nothing of the
-    // pump is touched, so a callback may even delete its own pump.
-    ReleaseOnExit release(message);
+    // Released however the delivery ends, when held goes; after a callback
+    // nothing of the pump is touched, so a callback may even delete its own
+    // pump.
+    MessageItem* message = held.get();
     try {
         char* to = nullptr;
         char* from = nullptr;
@@ -478,9 +463,9 @@ bool MessagePump::onBuiltInMessage(MessageItem* message, const char*, const char
 
 void MessagePump::reply(MessageItem* request, const char* response)
 {
-    MessageItem* answer = createReplyMessage(request, response);
-    if (answer != nullptr)
-        post(answer);
+    MessageRef answer(createReplyMessage(request, response));
+    if (answer)
+        post(std::move(answer));
 }
 
 void MessagePump::answerHasInterfaces(MessageItem* request)

@@ -108,11 +108,12 @@ public:
 
     // Builds and posts an error reply; the request stays the caller's.
     int sendErrorMessage(int errorCode, MessageItem* request);
-    // Posts (event messages fan out to the listeners). Always takes the
-    // message, whatever the result.
-    int post(MessageItem* message);
-    // Delivery (worker thread): error, reply or request; always consumes.
-    void handleMessage(MessageItem* message);
+    // Posts (event messages fan out to the listeners); takes the message
+    // whatever the result.
+    int post(MessageRef message);
+    // Delivery (worker thread): error, reply or request; the message is
+    // released after the callback.
+    void handleMessage(MessageRef message);
 
     // Creates an event (an existing one keeps its listeners); true.
     bool eventCreate(const std::string& name);
@@ -135,12 +136,12 @@ private:
     // The built-in "#reg".
     void answerRegistration(MessageItem* request);
     // Fans an event message out to its listeners.
-    int postEvent(MessageItem* message);
+    int postEvent(MessageRef message);
     // Adds a listener's sender id, "_t" and "_m" to its copy, as many as fit;
     // false when not even the target fits.
     bool stampEventCopy(MessageItem* copy, const EventEntry& listener);
     // Hands an ordinary message to the router.
-    int postToRouter(MessageItem* message);
+    int postToRouter(MessageRef message);
 
     std::string m_address;
     std::string m_interfaceNames;

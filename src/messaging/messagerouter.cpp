@@ -28,25 +28,6 @@ const unsigned kTableGrowth = 10;
 // The longest an idle worker sleeps; a kick normally ends the wait at once.
 const unsigned kWorkerWaitMs = 5;
 
-// The router whose worker is delivering on this thread, if any: a callback
-// that removes a pump or finishes the router must not wait for itself.
-thread_local const MessageRouter* t_pDeliveringRouter = nullptr;
-
-// Marks the calling thread as delivering for one router during one call.
-class DeliveryScope {
-public:
-    explicit DeliveryScope(const MessageRouter* router) : m_pPrevious(t_pDeliveringRouter)
-    {
-        t_pDeliveringRouter = router;
-    }
-    ~DeliveryScope() { t_pDeliveringRouter = m_pPrevious; }
-    DeliveryScope(const DeliveryScope&) = delete;
-    DeliveryScope& operator=(const DeliveryScope&) = delete;
-
-private:
-    const MessageRouter* m_pPrevious;
-};
-
 // What remove() waits on: the worker has left the pump.
 struct DeliveryWait {
     const std::atomic<MessagePump*>* delivering;
@@ -68,17 +49,17 @@ MessageQueue::~MessageQueue()
     // Leftovers are released here rather than leaked: once the owner is gone
     // no one can pop them, and each holds the queue's one reference.
     while (m_pHead != nullptr) {
-        MessageItem* message = m_pHead;
+        MessageRef message(m_pHead);
         m_pHead = message->m_pNext;
         message->m_pNext = nullptr;
-        MessageItem::release(message);
     }
 }
 
-bool MessageQueue::push(MessageItem* message)
+bool MessageQueue::push(MessageRef queued)
 {
-    if (m_closed || message == nullptr)
+    if (m_closed || !queued)
         return false;
+    MessageItem* message = queued.release();
     message->m_pNext = nullptr;
     if (m_pTail != nullptr)
         m_pTail->m_pNext = message;
@@ -89,11 +70,11 @@ bool MessageQueue::push(MessageItem* message)
     return true;
 }
 
-MessageItem* MessageQueue::pop()
+MessageRef MessageQueue::pop()
 {
     if (m_closed || m_pHead == nullptr)
-        return nullptr;
-    MessageItem* message = m_pHead;
+        return MessageRef();
+    MessageRef message(m_pHead);
     m_pHead = message->m_pNext;
     if (m_pHead == nullptr)
         m_pTail = nullptr;
@@ -102,17 +83,10 @@ MessageItem* MessageQueue::pop()
     return message;
 }
 
-namespace {
-
-// The worker running on this thread, if any: its own kicks need no wake-up.
-thread_local const MessageRouterWorker* t_pRunningWorker = nullptr;
-
-} // namespace
-
 MessageRouterWorker::MessageRouterWorker(MessageRouter* router)
     : m_pRouter(router), m_running(false), m_pending(false),
       m_wakeHandle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), m_inInputWait(false), m_usingSystemRouter(false),
-      m_inputTaken(false)
+      m_releaseWaiters(0), m_releases(0), m_inputTaken(false)
 {
 }
 
@@ -135,7 +109,7 @@ void MessageRouterWorker::kick()
     // Only the first kick after the worker last emptied the queue needs to
     // wake it; later ones find it still draining. The worker itself (input
     // it completed while waiting) looks at the queue next anyway.
-    if (m_pending.exchange(true) || t_pRunningWorker == this)
+    if (m_pending.exchange(true) || m_pRouter->onWorkerThread())
         return;
     if (m_inInputWait.load())
         wakeInputWait();
@@ -168,11 +142,38 @@ void MessageRouterWorker::shutdown()
 void MessageRouterWorker::waitUntilSystemRouterReleased()
 {
     // The caller stored the new system router first, so a worker that loads
-    // it from now on gets the new one; one still in the old is woken.
-    while (m_usingSystemRouter.load()) {
-        wakeInputWait();
-        std::this_thread::yield();
+    // it from now on gets the new one; one still in the old is woken and
+    // wakes us as it leaves. Any call that ends after we counted ourselves
+    // ends the wait: the one in the old router ends no later than that.
+    ++m_releaseWaiters;
+    {
+        std::unique_lock<std::mutex> lock(m_releaseLock);
+        const uint64_t seen = m_releases;
+        while (m_usingSystemRouter.load() && m_releases == seen) {
+            wakeInputWait();
+            m_released.wait(lock);
+        }
     }
+    --m_releaseWaiters;
+}
+
+void MessageRouterWorker::enterSystemRouter()
+{
+    m_usingSystemRouter = true;
+}
+
+void MessageRouterWorker::leaveSystemRouter()
+{
+    m_usingSystemRouter = false;
+    // A waiter counted itself before it looked at the flag, so either it saw
+    // the flag clear or we see it here and wake it under its lock.
+    if (m_releaseWaiters.load() == 0)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(m_releaseLock);
+        ++m_releases;
+    }
+    m_released.notify_all();
 }
 
 bool MessageRouterWorker::waitForInput()
@@ -185,11 +186,11 @@ bool MessageRouterWorker::waitForInput()
         m_inInputWait = false;
         return true;
     }
-    m_usingSystemRouter = true;
+    enterSystemRouter();
     ISystemRouter* systemRouter = m_pRouter->systemRouter();
     const int done = systemRouter != nullptr ? systemRouter->waitForInput(kWorkerWaitMs, m_wakeHandle)
                                              : ISystemRouter::InputUnsupported;
-    m_usingSystemRouter = false;
+    leaveSystemRouter();
     m_inInputWait = false;
     if (done == ISystemRouter::InputUnsupported)
         return false;
@@ -200,11 +201,11 @@ bool MessageRouterWorker::waitForInput()
 void MessageRouterWorker::releaseInput()
 {
     m_inputTaken = false;
-    m_usingSystemRouter = true;
+    enterSystemRouter();
     ISystemRouter* systemRouter = m_pRouter->systemRouter();
     if (systemRouter != nullptr)
         systemRouter->releaseInput();
-    m_usingSystemRouter = false;
+    leaveSystemRouter();
 }
 
 bool MessageRouterWorker::hasPendingWork(void* worker)
@@ -219,17 +220,17 @@ unsigned MessageRouterWorker::run()
     // only in the idle wait, where the worker holds no message and no lock.
     int previous = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
-    t_pRunningWorker = this;
+    m_pRouter->m_workerThread = std::this_thread::get_id();
     while (m_running) {
-        MessageItem* message = m_pRouter->nextMessage();
-        if (message == nullptr) {
+        MessageRef message = m_pRouter->nextMessage();
+        if (!message) {
             // Clear the flag, then look once more: a message pushed before
             // the clear is seen now, one pushed after it sets the flag again
             // and the wait below returns at once.
             m_pending = false;
             message = m_pRouter->nextMessage();
         }
-        if (message == nullptr) {
+        if (!message) {
             // Idle: wait for the link's input here when the system router
             // offers it, else on the condition.
             if (waitForInput())
@@ -242,23 +243,25 @@ unsigned MessageRouterWorker::run()
         // Busy from here: the link's usual readers take over again.
         if (m_inputTaken)
             releaseInput();
-        deliver(message);
+        deliver(std::move(message));
     }
     if (m_inputTaken)
         releaseInput();
-    t_pRunningWorker = nullptr;
+    m_pRouter->m_workerThread = std::thread::id();
     return 1;
 }
 
-void MessageRouterWorker::deliver(MessageItem* message)
+void MessageRouterWorker::deliver(MessageRef message)
 {
+    // Only the address is logged after a failure: the message is gone then.
+    const void* shown = message.get();
     try {
-        if (!m_pRouter->processMessage(message))
+        if (!m_pRouter->processMessage(std::move(message)))
             Core::log(Core::LogError, "MessageRouterWorker::run() this=%p Failed to process message %p\n ",
-                      static_cast<void*>(this), static_cast<void*>(message));
+                      static_cast<void*>(this), shown);
     } catch (...) {
         // A thread cancellation (foreign, typeless) must run on; anything
-        // else is dropped: processMessage consumed the message already.
+        // else is dropped: processMessage took the message.
         if (abi::__cxa_current_exception_type() == nullptr)
             throw;
     }
@@ -269,6 +272,7 @@ MessageRouter* MessageRouter::s_pMaster = nullptr;
 MessageRouter::MessageRouter()
     : m_pSystemRouter(nullptr),
       m_pWorker(nullptr),
+      m_workerThread(),
       m_entries(new MessageRouterEntry*[kTableGrowth]()),
       m_count(0),
       m_capacity(kTableGrowth),
@@ -463,7 +467,7 @@ bool MessageRouter::remove(MessagePump* pump)
 
 bool MessageRouter::onWorkerThread() const
 {
-    return t_pDeliveringRouter == this;
+    return m_workerThread.load() == std::this_thread::get_id();
 }
 
 void MessageRouter::waitForDeliveryToEnd(MessagePump* pump)
@@ -547,67 +551,56 @@ void MessageRouter::releasePumps()
     m_count = 0;
 }
 
-bool MessageRouter::post(MessageItem* message)
+bool MessageRouter::post(MessageRef message)
 {
-    bool consumed = false;
-    return post(message, consumed);
-}
-
-bool MessageRouter::post(MessageItem* message, bool& consumed)
-{
-    consumed = false;
-    Core::message("MessageRouter::post( %p ) this=%p\n", static_cast<void*>(message), static_cast<void*>(this));
-    if (message == nullptr)
+    // The address stays printable after the message has been handed on.
+    const void* shown = message.get();
+    Core::message("MessageRouter::post( %p ) this=%p\n", shown, static_cast<void*>(this));
+    if (!message || !isStarted())
         return false;
-    if (!isStarted()) {
-        MessageItem::release(message);
-        consumed = true;
-        return false;
-    }
     char* to = nullptr;
     char* from = nullptr;
     message->getMandatoryRoutingFields(&to, &from);
-    if (findTargetMessagePump(to) == nullptr) {
-        Core::message("MessageRouter::post( %p ) this=%p Passing to system router object.\n",
-                      static_cast<void*>(message), static_cast<void*>(this));
-        ISystemRouter* systemRouter = m_pSystemRouter;
-        if (systemRouter != nullptr && systemRouter->post(message)) {
-            consumed = true;
-            Core::message("MessageRouter::post( %p ) this=%p Posted message to system router\n",
-                          static_cast<void*>(message), static_cast<void*>(this));
-            return true;
-        }
-        // Refused: the message is still the caller's.
-        Core::log(Core::LogWarning, "MessageRouter::post( %p ) this=%p Failed to pass on message to system router\n",
-                  static_cast<void*>(message), static_cast<void*>(this));
-        return false;
-    }
-    Core::message("MessageRouter::post( %p ) this=%p posting onto the queue.\n", static_cast<void*>(message),
-                  static_cast<void*>(this));
+    if (findTargetMessagePump(to) == nullptr)
+        return passToSystemRouter(std::move(message));
+    Core::message("MessageRouter::post( %p ) this=%p posting onto the queue.\n", shown, static_cast<void*>(this));
     UlmarCommsSystem::MutexLocker queue(m_queueLock);
-    consumed = true;
     // The router may have been finished since the test above.
-    if (m_pWorker == nullptr || !m_queue.push(message)) {
-        MessageItem::release(message);
+    if (m_pWorker == nullptr || !m_queue.push(std::move(message)))
         return false;
-    }
     m_pWorker->kick();
     return true;
 }
 
-MessageItem* MessageRouter::nextMessage()
+bool MessageRouter::passToSystemRouter(MessageRef message)
+{
+    const void* shown = message.get();
+    Core::message("MessageRouter::post( %p ) this=%p Passing to system router object.\n", shown,
+                  static_cast<void*>(this));
+    ISystemRouter* systemRouter = m_pSystemRouter;
+    if (systemRouter != nullptr && systemRouter->post(std::move(message))) {
+        Core::message("MessageRouter::post( %p ) this=%p Posted message to system router\n", shown,
+                      static_cast<void*>(this));
+        return true;
+    }
+    Core::log(Core::LogWarning, "MessageRouter::post( %p ) this=%p Failed to pass on message to system router\n",
+              shown, static_cast<void*>(this));
+    return false;
+}
+
+MessageRef MessageRouter::nextMessage()
 {
     UlmarCommsSystem::MutexLocker queue(m_queueLock);
     return m_queue.pop();
 }
 
-bool MessageRouter::processMessage(MessageItem* message)
+bool MessageRouter::processMessage(MessageRef message)
 {
-    Core::message("MessageRouter::processMessage( %p ) this=%p\n", static_cast<void*>(message),
+    const void* shown = message.get();
+    Core::message("MessageRouter::processMessage( %p ) this=%p\n", shown, static_cast<void*>(this));
+    if (!message) {
+        Core::log(Core::LogError, "MessageRouter::processMessage( %p ) this=%p Yep message is NULL!\n", shown,
                   static_cast<void*>(this));
-    if (message == nullptr) {
-        Core::log(Core::LogError, "MessageRouter::processMessage( %p ) this=%p Yep message is NULL!\n",
-                  static_cast<void*>(message), static_cast<void*>(this));
         return false;
     }
     char* to = nullptr;
@@ -624,14 +617,10 @@ bool MessageRouter::processMessage(MessageItem* message)
     if (pump == nullptr) {
         Core::log(Core::LogWarning,
                   "MessageRouter::processMessage( %p ) this=%p Unable to find message pump to route message to.\n",
-                  static_cast<void*>(message), static_cast<void*>(this));
-        MessageItem::release(message);
+                  shown, static_cast<void*>(this));
         return false;
     }
-    {
-        DeliveryScope scope(this);
-        pump->handleMessage(message);
-    }
+    pump->handleMessage(std::move(message));
     m_pDelivering = nullptr;
     if (m_removeWaiters.load() > 0)
         m_deliveryDone.broadcastLocked();

@@ -13,8 +13,12 @@
 #include "platform/thread.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace UlmarComms {
 
@@ -36,8 +40,8 @@ public:
     virtual bool add(IMessageRouter* router) = 0;
     // Forgets a process router.
     virtual bool remove(IMessageRouter* router) = 0;
-    // Takes the message when it returns true; on false the caller keeps it.
-    virtual bool post(MessageItem* message) = 0;
+    // Routes one message; takes it whatever the result (false: not routed).
+    virtual bool post(MessageRef message) = 0;
     // A link command from a process router (codes: CommandMessage).
     virtual void handleCommand(IMessageRouter* from, unsigned char command, const char* text) = 0;
     // Attaches the router to other hosts; only the system router uses it.
@@ -72,8 +76,8 @@ public:
     virtual ~IMessageRouter() = default;
     // Attaches the system router; false for null.
     virtual bool setSystemRouter(ISystemRouter* systemRouter) = 0;
-    // Routes one message (see MessageRouter::post for ownership).
-    virtual bool post(MessageItem* message) = 0;
+    // Routes one message; takes it whatever the result (false: not routed).
+    virtual bool post(MessageRef message) = 0;
     // A link command from the system router.
     virtual void commandHandler(unsigned char command, const char* text) = 0;
     // Announces the router's pumps again; the base has nothing to announce.
@@ -81,14 +85,17 @@ public:
     // Whether postHeld queues without writing (links do, routers do not).
     virtual bool canHoldWrites() const { return false; }
     // post, but a link only queues the message until flushHeld.
-    virtual bool postHeld(MessageItem* message) { return post(message); }
+    virtual bool postHeld(MessageRef message) { return post(std::move(message)); }
     // Writes what postHeld queued.
     virtual void flushHeld() {}
+    // Whether the router has stopped and drops what it is posted: a refusal
+    // from it leaves nobody to answer.
+    virtual bool isStopped() { return false; }
 };
 
 // Intrusive FIFO of messages linked through MessageItem::m_pNext. It has no
 // lock of its own: its owner's queue lock guards it. Queued messages belong
-// to the queue.
+// to the queue; a message it refuses is released.
 class MessageQueue {
 public:
     MessageQueue();
@@ -97,10 +104,10 @@ public:
     MessageQueue(const MessageQueue&) = delete;
     MessageQueue& operator=(const MessageQueue&) = delete;
 
-    // Appends; false (message untouched) when closed or null.
-    bool push(MessageItem* message);
-    // Unlinks the oldest message; null when closed or empty.
-    MessageItem* pop();
+    // Appends; false (and the message released) when closed or empty.
+    bool push(MessageRef message);
+    // Unlinks the oldest message; empty when closed or empty.
+    MessageRef pop();
     // Messages queued.
     uint32_t count() const { return m_count; }
     // Closes the queue for good: push and pop refuse from then on.
@@ -130,7 +137,7 @@ public:
     // Tells the loop to end and wakes it, without joining.
     void stopSoon();
     // Returns once the worker no longer uses the system router it read
-    // before the caller replaced it.
+    // before the caller replaced it (woken by the worker, not polled).
     void waitUntilSystemRouterReleased();
     // Whether the worker ended with a link read taken (after it was joined).
     bool leftInputTaken() const { return m_inputTaken; }
@@ -143,11 +150,15 @@ private:
     void releaseInput();
     // Ends an input wait at once.
     void wakeInputWait();
+    // Marks the start of a call into the system router.
+    void enterSystemRouter();
+    // Marks its end and wakes a waitUntilSystemRouterReleased in progress.
+    void leaveSystemRouter();
 
     // The wait predicate: work was announced since the worker last looked.
     static bool hasPendingWork(void* worker);
     // One message through the router; an escaping exception is dropped.
-    void deliver(MessageItem* message);
+    void deliver(MessageRef message);
 
     MessageRouter* m_pRouter;
     std::atomic<bool> m_running;
@@ -162,6 +173,16 @@ private:
     std::atomic<bool> m_inInputWait;
     // The worker is calling into the system router it loaded.
     std::atomic<bool> m_usingSystemRouter;
+    // waitUntilSystemRouterReleased calls in progress; the worker takes the
+    // release lock to wake them only then. Paired with m_usingSystemRouter
+    // (both sequentially consistent), so one side always sees the other.
+    std::atomic<int> m_releaseWaiters;
+    // Guards m_releases; a leaf lock (std::mutex), held for a count or a wait.
+    std::mutex m_releaseLock;
+    // Calls into the system router that ended while a waiter was counted.
+    uint64_t m_releases;
+    // Signalled after m_releases changes.
+    std::condition_variable m_released;
     // The last input wait timed out with the link's read taken (worker only).
     bool m_inputTaken;
 };
@@ -220,14 +241,13 @@ public:
     void releasePumps();
 
     // Routes one message: local pumps through the queue, others to the system
-    // router. False and released when not started; false and NOT released
-    // when the system router refused it (the caller still owns it).
-    bool post(MessageItem* message) override;
-    // post() that also says whether the message was taken (queued, forwarded
-    // or released); when consumed is false the caller still owns it.
-    bool post(MessageItem* message, bool& consumed);
-    // Delivers one message to its pump (worker thread); always consumes it.
-    bool processMessage(MessageItem* message);
+    // router. Takes the message whatever the result; false when not started,
+    // finished meanwhile or refused by the system router.
+    bool post(MessageRef message) override;
+    // Delivers one message to its pump (worker thread).
+    bool processMessage(MessageRef message);
+    // A router without a worker drops what it is posted.
+    bool isStopped() override { return !isStarted(); }
     // Commands from the system router mean nothing to a process router.
     void commandHandler(unsigned char command, const char* text) override;
     // Announces every pump but the first in the table again (the first is
@@ -248,8 +268,10 @@ public:
 private:
     friend class MessageRouterWorker;
 
-    // The next queued message, under the queue lock; null when none.
-    MessageItem* nextMessage();
+    // The next queued message, under the queue lock; empty when none.
+    MessageRef nextMessage();
+    // Hands a message with no local pump to the system router.
+    bool passToSystemRouter(MessageRef message);
     // Best entry for target; caller holds the table lock.
     MessagePump* findLocked(const Address& target);
     // The text of an interface announcement: address ":" interface list.
@@ -260,12 +282,15 @@ private:
     void waitForDeliveryToEnd(MessagePump* pump);
     // Returns once the worker no longer uses a system router just replaced.
     void waitForWorkerToLeaveSystemRouter();
-    // Whether the calling thread is this router's worker inside a delivery.
+    // Whether the calling thread is this router's worker.
     bool onWorkerThread() const;
 
     std::atomic<ISystemRouter*> m_pSystemRouter;
     // Guarded by the queue lock; posts test it where they push.
     MessageRouterWorker* m_pWorker;
+    // The worker's thread while its loop runs, else no thread: a callback
+    // (always on the worker) must not wait for the worker, nor need a kick.
+    std::atomic<std::thread::id> m_workerThread;
     UlmarCommsSystem::Mutex m_tableLock;
     MessageRouterEntry** m_entries;
     unsigned m_count;

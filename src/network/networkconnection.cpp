@@ -160,21 +160,18 @@ void NetworkRouterConnection::enterInRoutingTable(const std::string& hostName)
 void NetworkRouterConnection::doHandleMessage(MessageItem* item)
 {
     Core::message("NetworkRouterConnection::doHandleMessage( %p )\n", static_cast<void*>(item));
+    MessageRef message(item);
     INetworkRouter* router = m_pInterface->getNetworkRouter();
     if (router == nullptr) {
         Core::log(Core::LogError, "NetworkRouterConnection::doHandleMessage() unable to get Network Router object.\n");
-        MessageItem::release(item);
         return;
     }
     ISystemRouter* systemRouter = router->getSystemRouter();
     if (systemRouter == nullptr) {
         Core::log(Core::LogError, "NetworkRouterConnection::doHandleMessage() unable to get System Router object.\n");
-        MessageItem::release(item);
         return;
     }
-    // A router that refuses leaves the message with us.
-    if (!systemRouter->post(item))
-        MessageItem::release(item);
+    systemRouter->post(std::move(message));
 }
 
 } // namespace UlmarComms

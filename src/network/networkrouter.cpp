@@ -84,19 +84,16 @@ bool NetworkRouterRoutingTableEntry::connect()
     return false;
 }
 
-bool NetworkRouterRoutingTableEntry::post(MessageItem* item)
+bool NetworkRouterRoutingTableEntry::post(MessageRef item)
 {
-    if (item == nullptr)
+    if (!item)
         return false;
     if (!connect()) {
         Core::log(Core::LogError, "NetworkRouterRoutingTableEntry::post( %p ) Failed to connect()\n",
-                  static_cast<void*>(item));
+                  static_cast<void*>(item.get()));
         return false;
     }
-    if (!m_pConnection->addToOutbound(item))
-        return false;
-    MessageItem::release(item);
-    return true;
+    return m_pConnection->addToOutbound(item.get());
 }
 
 bool NetworkRouterRoutingTableEntry::post(unsigned char code, const char* text)
@@ -374,20 +371,18 @@ bool NetworkRouter::withConnection(const std::string& host,
     return sent;
 }
 
-bool NetworkRouter::post(const std::string& host, MessageItem* item)
+bool NetworkRouter::post(const std::string& host, MessageRef item)
 {
-    if (item == nullptr)
+    if (!item)
         return false;
-    const bool queued = withConnection(host, [&](NetworkRouterConnection* connection) {
-        if (connection->addToOutbound(item))
+    // The frame holds a copy: item is released on return, queued or not.
+    return withConnection(host, [&](NetworkRouterConnection* connection) {
+        if (connection->addToOutbound(item.get()))
             return true;
         Core::log(Core::LogError, "NetworkRouter::post( %p ) Failed to queue the message for host '%s'\n",
-                  static_cast<void*>(item), host.c_str());
+                  static_cast<void*>(item.get()), host.c_str());
         return false;
     });
-    if (queued)
-        MessageItem::release(item);
-    return queued;
 }
 
 bool NetworkRouter::post(const std::string& host, unsigned char code, const char* text)
@@ -435,16 +430,16 @@ bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, con
     // The query to this host itself is addressed with a capital S.
     targets.push_back(Core::instance()->getHostName() + "@System");
     for (const std::string& to : targets) {
-        MessageItem* item = MessageItem::create();
-        if (item == nullptr)
+        MessageRef item(MessageItem::create());
+        if (!item)
             return false;
         const bool built = item->add(MessageItem::ArgumentKey_To, to.c_str())
                            && item->add(MessageItem::ArgumentKey_Method, "#AddressSupportingInterfaces")
-                           && addIfSet(item, MessageItem::ArgumentKey_From, from)
-                           && addIfSet(item, MessageItem::ArgumentKey_SenderId, sender)
-                           && addIfSet(item, "inters", interfaces) && addIfSet(item, "match", match);
-        if (!built || !systemRouter->post(item))
-            MessageItem::release(item);
+                           && addIfSet(item.get(), MessageItem::ArgumentKey_From, from)
+                           && addIfSet(item.get(), MessageItem::ArgumentKey_SenderId, sender)
+                           && addIfSet(item.get(), "inters", interfaces) && addIfSet(item.get(), "match", match);
+        if (built)
+            systemRouter->post(std::move(item));
     }
     return true;
 }

@@ -26,6 +26,7 @@
 #pragma once
 
 #include "core/limits.h"
+#include "messaging/messageitem.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
@@ -38,7 +39,6 @@
 
 namespace UlmarComms {
 
-class MessageItem;
 class ISystemRouter;
 class NetworkRouterInterface;
 class NetworkRouterConnection;
@@ -46,9 +46,9 @@ class NetworkRouterConnection;
 class INetworkRouter {
 public:
     virtual ~INetworkRouter() = default;
-    // Queues a message for a host; on true the router has released it, on
-    // false the caller still owns it.
-    virtual bool post(const std::string& host, MessageItem* item) = 0;
+    // Queues a copy of a message for a host and releases the message, whatever
+    // the result; false when the host has no way or the copy was not queued.
+    virtual bool post(const std::string& host, MessageRef item) = 0;
     // Queues a link command for a host.
     virtual bool post(const std::string& host, unsigned char code, const char* text) = 0;
     // Asks every known host which addresses support the interfaces.
@@ -85,8 +85,8 @@ public:
 
     // Makes sure the entry has a connection, opening one through the interface.
     bool connect();
-    // Queues a message on the connection; on true the item has been released.
-    bool post(MessageItem* item);
+    // Queues a copy on the connection; releases the item whatever the result.
+    bool post(MessageRef item);
     // Queues a link command on the connection.
     bool post(unsigned char code, const char* text);
 
@@ -115,7 +115,7 @@ public:
     NetworkRouter(const NetworkRouter&) = delete;
     NetworkRouter& operator=(const NetworkRouter&) = delete;
 
-    bool post(const std::string& host, MessageItem* item) override;
+    bool post(const std::string& host, MessageRef item) override;
     bool post(const std::string& host, unsigned char code, const char* text) override;
     bool getHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
                                       const char* match) override;

@@ -375,9 +375,9 @@ MessageItem* RuntimeSupport::ulmarCommsCreateReplyMessage(MessagePump* pump, Mes
     return pump->createReplyMessage(request, response);
 }
 
-int RuntimeSupport::ulmarCommsPostMessage(MessagePump* pump, MessageItem* message)
+int RuntimeSupport::ulmarCommsPostMessage(MessagePump* pump, UlmarComms::MessageRef message)
 {
-    return pump->post(message);
+    return pump->post(std::move(message));
 }
 
 int RuntimeSupport::ulmarCommsSendErrorMessage(MessagePump* pump, MessageItem* request, int code)

@@ -72,8 +72,8 @@ public:
     // Builds a reply to request.
     UlmarComms::MessageItem* ulmarCommsCreateReplyMessage(UlmarComms::MessagePump* pump,
                                                           UlmarComms::MessageItem* request, const char* response);
-    // Posts through the pump; the pump's result code.
-    int ulmarCommsPostMessage(UlmarComms::MessagePump* pump, UlmarComms::MessageItem* message);
+    // Posts through the pump, which takes the message; the pump's result code.
+    int ulmarCommsPostMessage(UlmarComms::MessagePump* pump, UlmarComms::MessageRef message);
     // Sends an error reply; the pump's result code.
     int ulmarCommsSendErrorMessage(UlmarComms::MessagePump* pump, UlmarComms::MessageItem* request, int code);
     // Releases one reference (only while a message router exists).

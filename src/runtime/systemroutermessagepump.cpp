@@ -10,7 +10,6 @@
 #include "service/systemrouter.h"
 
 #include <sstream>
-#include <thread>
 #include <vector>
 
 using UlmarCommsSDKSupport::RuntimeSupport;
@@ -42,7 +41,9 @@ UlmarCommsService::SystemRouter* realRouter(ISystemRouter* router)
 
 } // namespace
 
-SystemRouterMessagePump::SystemRouterMessagePump() : m_pPump(nullptr), m_pSystemRouter(nullptr) {}
+SystemRouterMessagePump::SystemRouterMessagePump() : m_pPump(nullptr), m_registering(false), m_pSystemRouter(nullptr)
+{
+}
 
 bool SystemRouterMessagePump::doRegister(ISystemRouter* router)
 {
@@ -54,9 +55,25 @@ bool SystemRouterMessagePump::doRegister(ISystemRouter* router)
     RuntimeSupport* runtime = RuntimeSupport::instance();
     if (runtime == nullptr)
         return false;
-    m_pPump = runtime->ulmarCommsCreateMessagePump(PumpName, this, &onMessageCallback, &onMessageResponseCallback,
-                                                   &onErrorCallback, InterfaceName);
-    return m_pPump != nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_registerLock);
+        m_registering = true;
+    }
+    MessagePump* pump = runtime->ulmarCommsCreateMessagePump(PumpName, this, &onMessageCallback,
+                                                             &onMessageResponseCallback, &onErrorCallback,
+                                                             InterfaceName);
+    finishRegistering(pump);
+    return pump != nullptr;
+}
+
+void SystemRouterMessagePump::finishRegistering(void* pump)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_registerLock);
+        m_pPump = pump;
+        m_registering = false;
+    }
+    m_registered.notify_all();
 }
 
 void SystemRouterMessagePump::unregister()
@@ -70,15 +87,16 @@ void SystemRouterMessagePump::unregister()
 
 // The pump handle as seen from a callback. A query that arrives between the
 // pump joining the router and doRegister storing the handle waits for the
-// store, which follows at once on the registering thread.
+// store, which follows at once on the registering thread: that thread never
+// waits for the router worker, so the wait always ends.
 void* SystemRouterMessagePump::pump()
 {
     void* handle = m_pPump.load();
-    for (int spins = 0; handle == nullptr && spins < 100000; ++spins) {
-        std::this_thread::yield();
-        handle = m_pPump.load();
-    }
-    return handle;
+    if (handle != nullptr)
+        return handle;
+    std::unique_lock<std::mutex> lock(m_registerLock);
+    m_registered.wait(lock, [this] { return !m_registering; });
+    return m_pPump.load();
 }
 
 void SystemRouterMessagePump::onMessageCallback(void* context, void* message, const char* to, const char* method)
@@ -122,9 +140,8 @@ void SystemRouterMessagePump::onMessage(void* message, const char* to, const cha
             break;
     }
     if (answer != nullptr) {
-        // A post that fails has already released the reply: the pump takes
-        // every message it is given, so it is not destroyed again here.
-        if (runtime->ulmarCommsPostMessage(static_cast<MessagePump*>(pump()), asMessage(answer)) != 0)
+        // The pump takes the reply whatever the result.
+        if (runtime->ulmarCommsPostMessage(static_cast<MessagePump*>(pump()), MessageRef(asMessage(answer))) != 0)
             Core::log(Core::LogWarning, "SystemRouterMessagePump::OnMessage() Failed to post the replay to method='%s'\n",
                       methodText.c_str());
         return;

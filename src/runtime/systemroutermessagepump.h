@@ -10,6 +10,8 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 
 namespace UlmarCommsSDKSupport {
@@ -69,12 +71,22 @@ public:
     std::string dumpSystemRoutingTable();
 
 private:
+    // Builds the reply to request with text as its response.
     void* reply(UlmarCommsSDKSupport::RuntimeSupport* runtime, void* request, const std::string& text);
+    // The pump handle as a callback sees it; waits while doRegister runs.
     void* pump();
+    // Ends a registration: stores the handle and wakes callbacks waiting.
+    void finishRegistering(void* pump);
 
     // Set by doRegister once the pump has joined; a query can arrive before
-    // that store, on the router worker, so it is atomic and awaited there.
+    // that store, on the router worker, so it is awaited there.
     std::atomic<void*> m_pPump;
+    // Guards m_registering; a leaf lock (std::mutex), held for a test or a wait.
+    std::mutex m_registerLock;
+    // doRegister is creating the pump: a query may come before the handle.
+    bool m_registering;
+    // Signalled when a registration ends.
+    std::condition_variable m_registered;
     ISystemRouter* m_pSystemRouter;
 };
 

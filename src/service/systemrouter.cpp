@@ -25,22 +25,12 @@ const char* textOrEmpty(const char* text)
     return text != nullptr ? text : "";
 }
 
-// Hands a message to a process router. On false, consumed says whether the
-// router took the message anyway (the process router releases what it cannot
-// queue; a link proxy that refuses leaves the message with the caller).
-bool postToRouter(IMessageRouter* router, MessageItem* message, bool& consumed)
-{
-    if (auto* local = dynamic_cast<UlmarComms::MessageRouter*>(router))
-        return local->post(message, consumed);
-    consumed = router->post(message);
-    return consumed;
-}
-
 // Depth of post() calls on this thread: a process router that cannot deliver
 // what it was handed passes it back here, and a second pass means the table
 // and that router disagree (a pump matching as a prefix registered over
 // another's entry). Such a message has no path; without this it would bounce
-// between the two until the stack ran out.
+// between the two until the stack ran out. It is thread_local because posts
+// run on many threads at once and only a nesting on one stack is a loop.
 thread_local int t_postDepth = 0;
 
 // Counts one post() on this thread for the lifetime of the guard.
@@ -233,15 +223,15 @@ RoutingEntry* SystemRouter::find(const Address& address)
     return best;
 }
 
-bool SystemRouter::post(MessageItem* message)
+bool SystemRouter::post(UlmarComms::MessageRef message)
 {
     char* to = nullptr;
     char* from = nullptr;
     message->getMandatoryRoutingFields(&to, &from);
-    Core::message("SystemRouter::post( %p ) to='%s' from='%s'\n", static_cast<void*>(message), textOrEmpty(to),
+    Core::message("SystemRouter::post( %p ) to='%s' from='%s'\n", static_cast<void*>(message.get()), textOrEmpty(to),
                   textOrEmpty(from));
     if (t_postDepth > 0) {
-        rejectMessage(message, to, from);
+        rejectMessage(std::move(message), to, from);
         return true;
     }
     {
@@ -250,33 +240,26 @@ bool SystemRouter::post(MessageItem* message)
         MutexLocker locker(m_tableLock);
         RoutingEntry* entry = find(target);
         if (entry != nullptr && entry->router != nullptr) {
-            Core::message("SystemRouter::post( %p ) Posting to message router\n", static_cast<void*>(message));
-            // The result is not looked at; a router that refused left the
-            // message with us, and nothing else will free it.
-            bool consumed = false;
+            Core::message("SystemRouter::post( %p ) Posting to message router\n", static_cast<void*>(message.get()));
+            // The result is not looked at: the router took the message
+            // either way.
             if (t_holdDepth > 0 && entry->router->canHoldWrites()) {
-                consumed = entry->router->postHeld(message);
-                if (consumed)
+                if (entry->router->postHeld(std::move(message)))
                     rememberHeld(entry->router);
             } else {
-                postToRouter(entry->router, message, consumed);
+                entry->router->post(std::move(message));
             }
-            if (!consumed)
-                MessageItem::release(message);
             return true;
         }
     }
-    Core::message("SystemRouter::post( %p ) Adding to message queue.\n", static_cast<void*>(message));
+    Core::message("SystemRouter::post( %p ) Adding to message queue.\n", static_cast<void*>(message.get()));
     bool queued = false;
     {
         MutexLocker locker(m_queueLock);
-        queued = m_queue.push(message);
+        queued = m_queue.push(std::move(message));
     }
-    if (!queued) {
-        MessageItem::release(message);
-        return true;
-    }
-    m_wakeUp.broadcastLocked();
+    if (queued)
+        m_wakeUp.broadcastLocked();
     return true;
 }
 
@@ -318,19 +301,19 @@ void SystemRouter::flushHeldWrites()
 unsigned SystemRouter::run()
 {
     while (m_running) {
-        MessageItem* message = nullptr;
+        UlmarComms::MessageRef message;
         {
             MutexLocker locker(m_queueLock);
             message = m_queue.pop();
         }
-        if (message == nullptr) {
+        if (!message) {
             // The queue is checked again under the condition's own mutex, so
             // a post between the pop above and this wait is not slept through.
             m_wakeUp.timedWaitUnless(5, &SystemRouter::hasQueuedMessages, this);
             continue;
         }
         Core::message("SystemRouter::Run()\n");
-        processMessage(message);
+        processMessage(std::move(message));
     }
     return 0;
 }
@@ -342,9 +325,10 @@ bool SystemRouter::hasQueuedMessages(void* router)
     return self->m_queue.count() > 0 || !self->m_running;
 }
 
-void SystemRouter::processMessage(MessageItem* message)
+void SystemRouter::processMessage(UlmarComms::MessageRef message)
 {
-    Core::message("SystemRouter::ProcessMessage( %p )\n", static_cast<void*>(message));
+    const void* shown = message.get();
+    Core::message("SystemRouter::ProcessMessage( %p )\n", shown);
     char* to = nullptr;
     char* from = nullptr;
     message->getMandatoryRoutingFields(&to, &from);
@@ -357,23 +341,21 @@ void SystemRouter::processMessage(MessageItem* message)
         // only while this thread is stopped.
         UlmarComms::INetworkRouter* network = m_pNetworkRouter.load();
         if (network != nullptr) {
-            Core::verbose("SystemRouter::ProcessMessage( %p ) Passing onto network router\n",
-                          static_cast<void*>(message));
-            if (!network->post(host, message)) {
+            Core::verbose("SystemRouter::ProcessMessage( %p ) Passing onto network router\n", shown);
+            if (!network->post(host, std::move(message)))
                 Core::log(Core::LogError,
-                          "SystemRouter::ProcessMessage( %p ) Failed to post onto the network router.\n",
-                          static_cast<void*>(message));
-                MessageItem::release(message);
-            }
+                          "SystemRouter::ProcessMessage( %p ) Failed to post onto the network router.\n", shown);
             return;
         }
     } else if (deliverLocally(message, target)) {
         return;
     }
-    rejectMessage(message, to, from);
+    rejectMessage(std::move(message), to, from);
 }
 
-bool SystemRouter::deliverLocally(MessageItem* message, const Address& target)
+// Posts a reference of its own, so that a message the router refuses is
+// still here to be answered; message stays the caller's.
+bool SystemRouter::deliverLocally(const UlmarComms::MessageRef& message, const Address& target)
 {
     MutexLocker locker(m_tableLock);
     RoutingEntry* entry = find(target);
@@ -381,19 +363,16 @@ bool SystemRouter::deliverLocally(MessageItem* message, const Address& target)
         return false;
     if (entry->router == nullptr) {
         Core::log(Core::LogError, "RoutingEntry::Post( [message] %p ) No message router object running.\n",
-                  static_cast<void*>(message));
+                  static_cast<void*>(message.get()));
         return false;
     }
-    bool consumed = false;
-    if (postToRouter(entry->router, message, consumed))
+    if (entry->router->post(message.share()))
         return true;
     Core::log(Core::LogError, "RoutingEntry::Post( [message] %p ) Post on message router object failed.\n",
-              static_cast<void*>(message));
-    if (consumed) {
-        // The router released it; nothing is left to answer for.
-        return true;
-    }
-    return false;
+              static_cast<void*>(message.get()));
+    // A stopped router dropped it: the service is going down and nobody is
+    // answered. A link that could not queue it gets the sender told.
+    return entry->router->isStopped();
 }
 
 // No path: answer with error 400 unless the message is itself an error (so
@@ -401,16 +380,15 @@ bool SystemRouter::deliverLocally(MessageItem* message, const Address& target)
 // inverse of what its log line suggests: an error reply goes only to a sender
 // this machine's table does not hold (a sender on another host), and the check
 // stays so.
-void SystemRouter::rejectMessage(MessageItem* message, const char* to, const char* from)
+void SystemRouter::rejectMessage(UlmarComms::MessageRef message, const char* to, const char* from)
 {
+    const void* shown = message.get();
     Core::log(Core::LogWarning, "SystemRouter::ProcessMessage( %p ) rejecting message as no path was found to '%s'\n",
-              static_cast<void*>(message), textOrEmpty(to));
+              shown, textOrEmpty(to));
     Address sender(textOrEmpty(from));
     const char* mode = message->value(MessageItem::ArgumentKey_Mode);
     if (mode != nullptr && mode[0] == MessageItem::Mode_Error) {
-        Core::message("SystemRouter::ProcessMessage( %p ) Got an error off an error message.\n",
-                      static_cast<void*>(message));
-        MessageItem::release(message);
+        Core::message("SystemRouter::ProcessMessage( %p ) Got an error off an error message.\n", shown);
         return;
     }
     bool senderKnown = false;
@@ -420,25 +398,17 @@ void SystemRouter::rejectMessage(MessageItem* message, const char* to, const cha
     }
     if (senderKnown) {
         Core::message("SystemRouter::ProcessMessage( %p ) Unable to send back an error message as return address no longer exists.\n",
-                      static_cast<void*>(message));
-        MessageItem::release(message);
+                      shown);
         return;
     }
-    // errorOut consumes a message that lacks "from" or a sender id; only the
-    // others are still ours to release afterwards.
-    const bool consumedByErrorOut = !message->hasKey(MessageItem::ArgumentKey_From)
-        || !message->hasKey(MessageItem::ArgumentKey_SenderId);
-    MessageItem* reply = Core::instance()->errorOut(message, 400);
-    if (reply == nullptr) {
+    UlmarComms::MessageRef reply(Core::instance()->errorOut(message.get(), 400));
+    if (!reply) {
         Core::log(Core::LogError, "SystemRouter::ProcessMessage( %p ) Unable to create return error message.\n",
-                  static_cast<void*>(message));
-    } else if (!post(reply)) {
-        Core::log(Core::LogError, "SystemRouter::ProcessMessage( %p ) Unable to post error message.\n",
-                  static_cast<void*>(message));
-        MessageItem::release(reply);
+                  shown);
+        return;
     }
-    if (!consumedByErrorOut)
-        MessageItem::release(message);
+    if (!post(std::move(reply)))
+        Core::log(Core::LogError, "SystemRouter::ProcessMessage( %p ) Unable to post error message.\n", shown);
 }
 
 bool SystemRouter::interfaceDoesAddressSupport(const Address& address, const std::string& interface)

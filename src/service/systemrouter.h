@@ -80,8 +80,8 @@ public:
     UlmarComms::INetworkRouter* networkRouter() const { return m_pNetworkRouter.load(); }
     // Remembers the system endpoint (informational).
     void setSystemRouterMessagePump(UlmarComms::SystemRouterMessagePump* pump) { m_pSystemRouterMessagePump = pump; }
-    // Takes ownership of message and routes it; always true.
-    bool post(UlmarComms::MessageItem* message) override;
+    // Routes a message (it takes it); always true.
+    bool post(UlmarComms::MessageRef message) override;
     // Acts on a link command from a process router.
     void handleCommand(UlmarComms::IMessageRouter* from, unsigned char command, const char* text) override;
     // Messages this thread posts to links are queued unwritten until the
@@ -107,10 +107,14 @@ protected:
     unsigned run() override;
 
 private:
+    // The wait predicate of the thread: queued work or a stop.
     static bool hasQueuedMessages(void* router);
-    void processMessage(UlmarComms::MessageItem* message);
-    bool deliverLocally(UlmarComms::MessageItem* message, const UlmarComms::Address& target);
-    void rejectMessage(UlmarComms::MessageItem* message, const char* to, const char* from);
+    // The full routing decision for a queued message (system router thread).
+    void processMessage(UlmarComms::MessageRef message);
+    // Posts a share of message to its local entry; false when it has no path.
+    bool deliverLocally(const UlmarComms::MessageRef& message, const UlmarComms::Address& target);
+    // Answers an undeliverable message with error 400 where that is due.
+    void rejectMessage(UlmarComms::MessageRef message, const char* to, const char* from);
     // Notes that link holds unwritten messages posted by this thread.
     void rememberHeld(UlmarComms::IMessageRouter* link);
     void replaceInterfaces(const char* text);

@@ -35,6 +35,7 @@ using UlmarComms::DataFrame;
 using UlmarComms::IMessageRouter;
 using UlmarComms::LocalSocketServerInterface;
 using UlmarComms::MessageItem;
+using UlmarComms::MessageRef;
 using UlmarComms::MessageRouter;
 using UlmarComms::SocketMessageRouterProxy;
 using UlmarComms::SocketSystemRouterProxy;
@@ -165,7 +166,7 @@ TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWays)
     Endpoint svc(service.local, "svc");
     ASSERT_TRUE(svc.join());
     svc.requestHook = [&](MessageItem* request, const char*, const char*) {
-        svc.pump.post(svc.pump.createReplyMessage(request, "pong"));
+        svc.pump.post(MessageRef(svc.pump.createReplyMessage(request, "pong")));
     };
 
     Application app(address);
@@ -183,7 +184,7 @@ TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWays)
     // Application to service, and the reply back.
     MessageItem* request = first.pump.createMessage(svc.address().c_str(), "ping");
     request->add("payload", "over the link");
-    ASSERT_EQ(first.pump.post(request), 0);
+    ASSERT_EQ(first.pump.post(MessageRef(request)), 0);
     ASSERT_TRUE(svc.waitForCount(1));
     EXPECT_EQ(svc.received()[0].method, "ping");
     EXPECT_EQ(svc.received()[0].value("payload"), "over the link");
@@ -193,7 +194,7 @@ TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWays)
 
     // Service to application.
     MessageItem* notice = svc.pump.createMessage(second.address().c_str(), "notice");
-    ASSERT_EQ(svc.pump.post(notice), 0);
+    ASSERT_EQ(svc.pump.post(MessageRef(notice)), 0);
     ASSERT_TRUE(second.waitForCount(1));
     EXPECT_EQ(second.received()[0].method, "notice");
 }
@@ -213,7 +214,7 @@ TEST_F(LocalLinkTest, TheLinkWorksOverTcpOnLoopback)
     ASSERT_TRUE(service.waitForEntries({caller.address()}));
 
     for (int i = 0; i < 50; ++i)
-        ASSERT_EQ(caller.pump.post(caller.pump.createMessage(svc.address().c_str(), "tick")), 0);
+        ASSERT_EQ(caller.pump.post(MessageRef(caller.pump.createMessage(svc.address().c_str(), "tick"))), 0);
     ASSERT_TRUE(svc.waitForCount(50));
 }
 
@@ -248,7 +249,7 @@ TEST_F(LocalLinkTest, AfterTheServiceRestartsTheApplicationReconnectsAndAnnounce
     // The restored link carries traffic again.
     Endpoint svc(service->local, "svc");
     ASSERT_TRUE(svc.join());
-    ASSERT_EQ(third.pump.post(third.pump.createMessage(svc.address().c_str(), "again")), 0);
+    ASSERT_EQ(third.pump.post(MessageRef(third.pump.createMessage(svc.address().c_str(), "again"))), 0);
     ASSERT_TRUE(svc.waitForCount(1));
 }
 
@@ -279,7 +280,7 @@ TEST_F(LocalLinkTest, AnApplicationThatGoesIsRemovedFromTheSystemRoutersTable)
     // The remaining link still carries traffic.
     Endpoint svc(service.local, "svc");
     ASSERT_TRUE(svc.join());
-    ASSERT_EQ(kept.pump.post(kept.pump.createMessage(svc.address().c_str(), "still here")), 0);
+    ASSERT_EQ(kept.pump.post(MessageRef(kept.pump.createMessage(svc.address().c_str(), "still here"))), 0);
     ASSERT_TRUE(svc.waitForCount(1));
 }
 
@@ -358,7 +359,7 @@ TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
     EXPECT_TRUE(service.hasEntry(kept.address()));
     Endpoint svc(service.local, "svc");
     ASSERT_TRUE(svc.join());
-    ASSERT_EQ(kept.pump.post(kept.pump.createMessage(svc.address().c_str(), "fine")), 0);
+    ASSERT_EQ(kept.pump.post(MessageRef(kept.pump.createMessage(svc.address().c_str(), "fine"))), 0);
     ASSERT_TRUE(svc.waitForCount(1));
 }
 
@@ -435,8 +436,8 @@ TEST_F(LocalLinkTest, AMessageWhoseKeyLengthWrapsIsDroppedAndTheLinkKeepsItsPump
 
     MessageItem* longKey = first.pump.createMessage(svc.address().c_str(), "long");
     ASSERT_TRUE(longKey->add(std::string(300, 'k').c_str(), "v"));
-    ASSERT_EQ(first.pump.post(longKey), 0);
-    ASSERT_EQ(first.pump.post(first.pump.createMessage(svc.address().c_str(), "next")), 0);
+    ASSERT_EQ(first.pump.post(MessageRef(longKey)), 0);
+    ASSERT_EQ(first.pump.post(MessageRef(first.pump.createMessage(svc.address().c_str(), "next"))), 0);
     ASSERT_TRUE(svc.waitForCount(1));
     EXPECT_EQ(svc.received()[0].method, "next");
     EXPECT_EQ(log.count("failed frame get.!"), 1u);
@@ -445,7 +446,7 @@ TEST_F(LocalLinkTest, AMessageWhoseKeyLengthWrapsIsDroppedAndTheLinkKeepsItsPump
     EXPECT_EQ(service.server->links().size(), 1u);
     EXPECT_TRUE(service.hasEntry(first.address())) << service.table();
     EXPECT_TRUE(service.hasEntry(second.address())) << service.table();
-    ASSERT_EQ(second.pump.post(second.pump.createMessage(svc.address().c_str(), "still")), 0);
+    ASSERT_EQ(second.pump.post(MessageRef(second.pump.createMessage(svc.address().c_str(), "still"))), 0);
     ASSERT_TRUE(svc.waitForCount(2));
     EXPECT_EQ(svc.count(), 2u);
 }
@@ -453,13 +454,12 @@ TEST_F(LocalLinkTest, AMessageWhoseKeyLengthWrapsIsDroppedAndTheLinkKeepsItsPump
 // ---------------------------------------------------------------------------
 // The process side on its own
 
-TEST_F(LocalLinkTest, WithoutALinkPostIsRefusedAndTheCallerKeepsTheMessage)
+TEST_F(LocalLinkTest, WithoutALinkPostIsRefusedAndTakesTheMessage)
 {
     SocketSystemRouterProxy proxy(address);
-    MessageItem* message = MessageRouter::create("somewhere@else", "me@here", "m");
-    EXPECT_FALSE(proxy.post(message));
-    EXPECT_EQ(message->count(), 1) << "the caller still owns it";
-    MessageItem::release(message);
+    MessageRef message(MessageRouter::create("somewhere@else", "me@here", "m"));
+    EXPECT_FALSE(proxy.post(message.share()));
+    EXPECT_EQ(message->count(), 1) << "the proxy dropped its reference";
     EXPECT_EQ(proxy.queuedFrames(), 0u);
     proxy.finish();
 }
@@ -601,6 +601,6 @@ TEST_F(LocalLinkTest, TwoApplicationsGetTwoProxiesInOrderOfAcceptance)
     ASSERT_TRUE(service.waitForEntries({late.address()}));
     Endpoint svc(service.local, "svc");
     ASSERT_TRUE(svc.join());
-    ASSERT_EQ(svc.pump.post(svc.pump.createMessage(late.address().c_str(), "for two")), 0);
+    ASSERT_EQ(svc.pump.post(MessageRef(svc.pump.createMessage(late.address().c_str(), "for two"))), 0);
     ASSERT_TRUE(late.waitForCount(1));
 }

@@ -20,7 +20,7 @@ protected:
     std::string ask(MessageItem* request)
     {
         const size_t before = asker.count();
-        EXPECT_EQ(asker.pump.post(request), 0);
+        EXPECT_EQ(asker.pump.post(MessageRef(request)), 0);
         if (!asker.waitForCount(before + 1))
             return "<no reply>";
         const Received reply = asker.received().at(before);
@@ -70,11 +70,11 @@ TEST_F(BuiltIn, IsHasOnAPumpWithoutInterfacesStaysSilent)
     Endpoint silent(running.router, "silent");
     ASSERT_TRUE(silent.join());
     silent.requestHook = [&](MessageItem* request, const char*, const char*) {
-        silent.pump.post(silent.pump.createReplyMessage(request, "barrier"));
+        silent.pump.post(MessageRef(silent.pump.createReplyMessage(request, "barrier")));
     };
-    ASSERT_EQ(asker.pump.post(asker.pump.createHasInterfacesMessage(silent.address().c_str(), "a")), 0);
+    ASSERT_EQ(asker.pump.post(MessageRef(asker.pump.createHasInterfacesMessage(silent.address().c_str(), "a"))), 0);
     // A reply to the "#IsHas" would be queued before the barrier's reply.
-    ASSERT_EQ(asker.pump.post(asker.pump.createMessage(silent.address().c_str(), "ping")), 0);
+    ASSERT_EQ(asker.pump.post(MessageRef(asker.pump.createMessage(silent.address().c_str(), "ping"))), 0);
     ASSERT_TRUE(asker.waitForCount(1));
     running.router.finish();
     const auto replies = asker.received();
@@ -142,8 +142,8 @@ TEST_F(BuiltIn, OtherHashMethodsGoToTheMessageCallback)
 {
     Endpoint target(running.router, "target");
     ASSERT_TRUE(target.join());
-    ASSERT_EQ(asker.pump.post(asker.pump.createMessage(target.address().c_str(), "#HsList")), 0);
-    ASSERT_EQ(asker.pump.post(asker.pump.createMessage(target.address().c_str(), "#custom")), 0);
+    ASSERT_EQ(asker.pump.post(MessageRef(asker.pump.createMessage(target.address().c_str(), "#HsList"))), 0);
+    ASSERT_EQ(asker.pump.post(MessageRef(asker.pump.createMessage(target.address().c_str(), "#custom"))), 0);
     ASSERT_TRUE(target.waitForCount(2));
     EXPECT_EQ(target.received()[0].method, "#HsList");
     EXPECT_EQ(target.received()[1].method, "#custom");
@@ -167,8 +167,8 @@ TEST_F(BuiltIn, EventsFanOutToListenersInRegistrationOrder)
     ASSERT_TRUE(second.join());
     publisher.pump.eventCreate("tick");
     EXPECT_EQ(askRegister(publisher, "tick", "onTick", true), "y");
-    EXPECT_EQ(second.pump.post(second.pump.createEventRegistrationMessage("gotTick", publisher.address().c_str(),
-                                                                           "tick", true)),
+    EXPECT_EQ(second.pump.post(MessageRef(second.pump.createEventRegistrationMessage(
+                  "gotTick", publisher.address().c_str(), "tick", true))),
               0);
     ASSERT_TRUE(second.waitForCount(1));
     ASSERT_EQ(publisher.pump.eventListeners("tick").size(), 2u);
@@ -177,7 +177,7 @@ TEST_F(BuiltIn, EventsFanOutToListenersInRegistrationOrder)
     ASSERT_NE(event, nullptr);
     EXPECT_EQ(pairsOf(event), (Pairs{{"_f", publisher.address()}}));
     event->add("count", "7");
-    ASSERT_EQ(publisher.pump.post(event), 0);
+    ASSERT_EQ(publisher.pump.post(MessageRef(event)), 0);
 
     ASSERT_TRUE(asker.waitForCount(2));
     ASSERT_TRUE(second.waitForCount(2));
@@ -198,7 +198,7 @@ TEST_F(BuiltIn, EventsFanOutToListenersInRegistrationOrder)
     for (int i = 1; i < 24; ++i)
         full->add(("k" + std::to_string(i)).c_str(), "v");
     ASSERT_EQ(full->numberOfArguments(), 24);
-    ASSERT_EQ(publisher.pump.post(full), 0);
+    ASSERT_EQ(publisher.pump.post(MessageRef(full)), 0);
     ASSERT_TRUE(asker.waitForCount(3));
     ASSERT_TRUE(second.waitForCount(3));
     EXPECT_EQ(asker.received().at(2).to, asker.address());
@@ -211,10 +211,10 @@ TEST_F(BuiltIn, EventsFanOutToListenersInRegistrationOrder)
     MessageItem* brim = publisher.pump.createEventMessage("tick");
     for (int i = 1; i < 25; ++i)
         brim->add(("k" + std::to_string(i)).c_str(), "brim");
-    ASSERT_EQ(publisher.pump.post(brim), 0);
+    ASSERT_EQ(publisher.pump.post(MessageRef(brim)), 0);
     MessageItem* after = publisher.pump.createEventMessage("tick");
     after->add("count", "8");
-    ASSERT_EQ(publisher.pump.post(after), 0);
+    ASSERT_EQ(publisher.pump.post(MessageRef(after)), 0);
     ASSERT_TRUE(asker.waitForCount(4));
     ASSERT_TRUE(second.waitForCount(4));
     EXPECT_EQ(asker.received().at(3).value("count"), "8");
@@ -235,7 +235,7 @@ TEST_F(BuiltIn, EventCopiesForOtherHostsGoToTheSystemRouterWithExactPairs)
     remote->add("rname", "tick");
     remote->add("retm", "onRemoteTick");
     remote->add("reg", "t");
-    ASSERT_TRUE(running.router.post(remote));
+    ASSERT_TRUE(running.router.post(MessageRef(remote)));
     // Its "y" reply goes to the other host, i.e. to the system router.
     ASSERT_TRUE(waitUntil([&] { return running.system.postedCount() == 1; }));
     EXPECT_EQ(running.system.posted()[0],
@@ -243,7 +243,7 @@ TEST_F(BuiltIn, EventCopiesForOtherHostsGoToTheSystemRouterWithExactPairs)
 
     MessageItem* event = publisher.pump.createEventMessage("tick");
     event->add("k", "v");
-    ASSERT_EQ(publisher.pump.post(event), 0);
+    ASSERT_EQ(publisher.pump.post(MessageRef(event)), 0);
     ASSERT_EQ(running.system.postedCount(), 2u);
     EXPECT_EQ(running.system.posted()[1], (Pairs{{"_f", publisher.address()}, {"k", "v"}, {"_s", "2"},
                                                  {"_t", "farhost@listener"}, {"_m", "onRemoteTick"}}));
@@ -256,7 +256,7 @@ TEST_F(BuiltIn, EventCopiesForOtherHostsGoToTheSystemRouterWithExactPairs)
         expected.emplace_back("k" + std::to_string(i), "v");
         crowded->add(expected.back().first.c_str(), "v");
     }
-    ASSERT_EQ(publisher.pump.post(crowded), 0);
+    ASSERT_EQ(publisher.pump.post(MessageRef(crowded)), 0);
     ASSERT_EQ(running.system.postedCount(), 3u);
     expected.insert(expected.end(), {{"_t", "farhost@listener"}, {"_m", "onRemoteTick"}});
     EXPECT_EQ(running.system.posted()[2], expected);
@@ -271,10 +271,10 @@ TEST_F(BuiltIn, EventsWithoutListenersOrUnknownAreHandledQuietly)
     ASSERT_TRUE(publisher.join());
     publisher.pump.eventCreate("lonely");
     MessageItem* event = publisher.pump.createEventMessage("lonely");
-    EXPECT_EQ(publisher.pump.post(event), 0);
+    EXPECT_EQ(publisher.pump.post(MessageRef(event)), 0);
     MessageItem* stale = publisher.pump.createEventMessage("lonely");
     publisher.pump.eventDestroy("lonely");
-    EXPECT_EQ(publisher.pump.post(stale), 1003);
+    EXPECT_EQ(publisher.pump.post(MessageRef(stale)), 1003);
     running.router.finish();
     EXPECT_EQ(running.system.postedCount(), 0u);
     EXPECT_EQ(asker.count(), 0u);

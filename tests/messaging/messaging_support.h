@@ -21,6 +21,7 @@ namespace MessagingTest {
 using UlmarComms::IMessageRouter;
 using UlmarComms::ISystemRouter;
 using UlmarComms::MessageItem;
+using UlmarComms::MessageRef;
 using UlmarComms::MessagePump;
 using UlmarComms::MessageRouter;
 

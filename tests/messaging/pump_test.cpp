@@ -129,10 +129,10 @@ TEST(MessagePumpIds, HandlerReadsTheSenderId)
 TEST(MessagePumpPost, ResultCodesAndOwnership)
 {
     MessagePump orphan("orphan", nullptr);
-    EXPECT_EQ(orphan.post(nullptr), 4);
+    EXPECT_EQ(orphan.post(MessageRef(nullptr)), 4);
     MessageItem* m = orphan.createMessage("d", "m");
     m->incrementCount();
-    EXPECT_EQ(orphan.post(m), 6) << "no router";
+    EXPECT_EQ(orphan.post(MessageRef(m)), 6) << "no router";
     EXPECT_EQ(m->count(), 1) << "and released";
     MessageItem::release(m);
 
@@ -141,7 +141,7 @@ TEST(MessagePumpPost, ResultCodesAndOwnership)
     MessageItem* event = MessageItem::create();
     event->setEventName("undeclared");
     event->incrementCount();
-    EXPECT_EQ(pump.post(event), 1003);
+    EXPECT_EQ(pump.post(MessageRef(event)), 1003);
     EXPECT_EQ(event->count(), 1);
     MessageItem::release(event);
 }
@@ -176,12 +176,12 @@ protected:
 TEST_F(MessagePumpExchange, RequestAndReplyRoundTrip)
 {
     bob.requestHook = [&](MessageItem* request, const char*, const char*) {
-        bob.pump.post(bob.pump.createReplyMessage(request, "pong"));
+        bob.pump.post(MessageRef(bob.pump.createReplyMessage(request, "pong")));
     };
     MessageItem* ping = alice.pump.createMessage(bob.address().c_str(), "ping");
     ping->add("payload", "42");
     const unsigned id = alice.pump.handler(ping);
-    ASSERT_EQ(alice.pump.post(ping), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(ping)), 0);
 
     ASSERT_TRUE(alice.waitForCount(1));
     const Received request = bob.received().at(0);
@@ -206,7 +206,7 @@ TEST_F(MessagePumpExchange, ErrorRepliesReachTheErrorCallbackAndUseTwoIds)
     };
     MessageItem* ask = alice.pump.createMessage(bob.address().c_str(), "fail");
     EXPECT_STREQ(ask->value("_s"), "1") << "a pump's first message carries id 1";
-    ASSERT_EQ(alice.pump.post(ask), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(ask)), 0);
     ASSERT_TRUE(alice.waitForCount(1));
     const Received error = alice.received().at(0);
     EXPECT_EQ(error.kind, Received::Error);
@@ -225,7 +225,7 @@ TEST_F(MessagePumpExchange, ErrorWithoutMethodGivesCodeTwo)
     error->add("_t", alice.address().c_str());
     error->add("_M", "E");
     error->add("_R", "9");
-    ASSERT_TRUE(running.router.post(error));
+    ASSERT_TRUE(running.router.post(MessageRef(error)));
     ASSERT_TRUE(alice.waitForCount(1));
     EXPECT_EQ(alice.received().at(0).kind, Received::Error);
     EXPECT_EQ(alice.received().at(0).responseId, 9u);
@@ -239,12 +239,12 @@ TEST_F(MessagePumpExchange, ResponseIdZeroOrNotANumberMeansARequest)
         message->add("_t", alice.address().c_str());
         message->add("_m", "hello");
         message->add("_R", responseId);
-        ASSERT_TRUE(running.router.post(message));
+        ASSERT_TRUE(running.router.post(MessageRef(message)));
     }
     MessageItem* reply = MessageItem::create();
     reply->add("_t", alice.address().c_str());
     reply->add("_R", "5");
-    ASSERT_TRUE(running.router.post(reply));
+    ASSERT_TRUE(running.router.post(MessageRef(reply)));
     ASSERT_TRUE(alice.waitForCount(3));
     const auto received = alice.received();
     EXPECT_EQ(received[0].kind, Received::Request);
@@ -260,8 +260,8 @@ TEST_F(MessagePumpExchange, AThrowingCallbackDoesNotStopTheWorker)
         if (std::string(method) == "boom")
             throw std::runtime_error("application failure");
     };
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "boom")), 0);
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "after")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "boom"))), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "after"))), 0);
     ASSERT_TRUE(bob.waitForCount(2));
     EXPECT_EQ(bob.received().at(1).method, "after");
 }
@@ -273,7 +273,7 @@ TEST_F(MessagePumpExchange, CallbacksMayKeepAMessageByTakingAReference)
         request->incrementCount();
         kept = request;
     };
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "keep")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "keep"))), 0);
     ASSERT_TRUE(bob.waitForCount(1));
     running.router.finish(); // orders the worker's writes before our reads
     ASSERT_NE(kept, nullptr);
@@ -290,20 +290,20 @@ TEST_F(MessagePumpExchange, CallbacksMayAddAndRemovePumps)
         if (what == "spawn") {
             carol = std::make_unique<Endpoint>(running.router, "carol");
             ASSERT_TRUE(carol->join());
-            bob.pump.post(bob.pump.createMessage(carol->address().c_str(), "welcome"));
+            bob.pump.post(MessageRef(bob.pump.createMessage(carol->address().c_str(), "welcome")));
         } else if (what == "leave") {
             EXPECT_TRUE(running.router.remove(&bob.pump));
         }
     };
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "spawn")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "spawn"))), 0);
     ASSERT_TRUE(waitUntil([&] { return running.router.numberOfPumps() == 3; }));
     ASSERT_TRUE(waitUntil([&] { return carol->count() == 1; }));
     EXPECT_EQ(carol->received().at(0).method, "welcome");
 
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "leave")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "leave"))), 0);
     ASSERT_TRUE(waitUntil([&] { return running.router.numberOfPumps() == 2; }));
     // bob is gone from the table: a message for it now goes to the system router.
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "late")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "late"))), 0);
     EXPECT_EQ(running.system.postedCount(), 1u);
     EXPECT_EQ(bob.count(), 2u);
     running.router.finish();
@@ -320,7 +320,7 @@ TEST_F(MessagePumpExchange, RemoveWaitsForADeliveryInProgress)
         waitUntil([&] { return release.load(); });
         callbackDone = true;
     };
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "slow")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "slow"))), 0);
     ASSERT_TRUE(waitUntil([&] { return inCallback.load(); }));
 
     std::atomic<bool> removed{false};
@@ -343,9 +343,9 @@ TEST_F(MessagePumpExchange, ReplyRefusedByTheSystemRouterIsReleasedOnce)
     bob.requestHook = [&](MessageItem* request, const char*, const char*) {
         MessageItem* reply = bob.pump.createReplyMessage(request, "x");
         reply->add("_t", "elsewhere"); // the first "_t" still wins for value(), routing uses the last
-        EXPECT_EQ(bob.pump.post(reply), 6);
+        EXPECT_EQ(bob.pump.post(MessageRef(reply)), 6);
     };
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(bob.address().c_str(), "q")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "q"))), 0);
     ASSERT_TRUE(bob.waitForCount(1));
     // Nothing reached alice; the leak checker proves the reply was freed.
     running.router.finish();
@@ -368,7 +368,7 @@ TEST(MessagePumpConcurrency, ManyThreadsPostWithoutLossAndInOrderPerSender)
         threads.emplace_back([&, t] {
             for (int i = 0; i < kMessages; ++i) {
                 MessageItem* m = senders[t]->createMessage(sink.address().c_str(), "n");
-                if (senders[t]->post(m) != 0)
+                if (senders[t]->post(MessageRef(m)) != 0)
                     ++failures;
             }
         });
@@ -402,13 +402,13 @@ TEST(MessagePumpConcurrency, PingPongChainsAcrossPumps)
     std::atomic<int> rounds{0};
     std::atomic<bool> done{false};
     server.requestHook = [&](MessageItem* request, const char*, const char*) {
-        server.pump.post(server.pump.createReplyMessage(request, "ok"));
+        server.pump.post(MessageRef(server.pump.createReplyMessage(request, "ok")));
     };
     // The next request is posted from an application thread, not the worker.
     std::thread driver([&] {
         for (int i = 0; i < kRounds; ++i) {
             const size_t before = client.count();
-            client.pump.post(client.pump.createMessage(server.address().c_str(), "go"));
+            client.pump.post(MessageRef(client.pump.createMessage(server.address().c_str(), "go")));
             if (!client.waitForCount(before + 1))
                 break;
             ++rounds;

@@ -28,37 +28,33 @@ TEST(MessageQueue, IsFirstInFirstOutAndLinksThroughTheMessage)
     MessageQueue queue;
     MessageItem* a = MessageItem::create();
     MessageItem* b = MessageItem::create();
-    EXPECT_FALSE(queue.push(nullptr));
-    ASSERT_TRUE(queue.push(a));
-    ASSERT_TRUE(queue.push(b));
+    EXPECT_FALSE(queue.push(MessageRef()));
+    ASSERT_TRUE(queue.push(MessageRef(a)));
+    ASSERT_TRUE(queue.push(MessageRef(b)));
     EXPECT_EQ(queue.count(), 2u);
     EXPECT_EQ(a->m_pNext, b);
-    EXPECT_EQ(queue.pop(), a);
+    MessageRef first = queue.pop();
+    EXPECT_EQ(first.get(), a);
     EXPECT_EQ(a->m_pNext, nullptr);
-    EXPECT_EQ(queue.pop(), b);
-    EXPECT_EQ(queue.pop(), nullptr);
+    EXPECT_EQ(queue.pop().get(), b);
+    EXPECT_FALSE(queue.pop());
     EXPECT_EQ(queue.count(), 0u);
-    MessageItem::release(a);
-    MessageItem::release(b);
 }
 
 TEST(MessageQueue, ClosedQueueRefusesAndReleasesLeftoversOnDestruction)
 {
-    MessageItem* kept = MessageItem::create();
-    kept->incrementCount(); // our own reference survives the queue's
-    MessageItem* refused = MessageItem::create();
+    MessageRef kept(MessageItem::create());
+    MessageRef refused(MessageItem::create());
     {
         MessageQueue queue;
-        ASSERT_TRUE(queue.push(kept));
+        ASSERT_TRUE(queue.push(kept.share()));
         queue.lock();
-        EXPECT_FALSE(queue.push(refused));
-        EXPECT_EQ(queue.pop(), nullptr);
+        EXPECT_FALSE(queue.push(refused.share()));
+        EXPECT_EQ(refused->count(), 1) << "a refused push releases the message";
+        EXPECT_FALSE(queue.pop());
         EXPECT_EQ(queue.count(), 1u);
     }
     EXPECT_EQ(kept->count(), 1) << "the queue's reference is dropped with it";
-    EXPECT_EQ(refused->count(), 1) << "a refused push leaves the message alone";
-    MessageItem::release(kept);
-    MessageItem::release(refused);
 }
 
 TEST(MessageRouterAnnouncements, AddChangeAndRemoveAreAnnouncedInOrder)
@@ -225,81 +221,65 @@ TEST(MessageRouterLifecycle, StartNeedsASystemRouterAndCanBeRepeated)
     EXPECT_TRUE(router.finish());
 }
 
-TEST(MessageRouterPost, BeforeStartTheMessageIsReleased)
-{
-    MessageRouter router;
-    MessageItem* message = messageTo("anywhere");
-    message->incrementCount();
-    EXPECT_FALSE(router.post(message));
-    EXPECT_EQ(message->count(), 1) << "the router dropped its reference";
-    EXPECT_FALSE(router.post(nullptr));
-    MessageItem::release(message);
-}
 
 TEST(MessageRouterPost, UnknownTargetsGoToTheSystemRouter)
 {
     RunningRouter running;
     Endpoint echo(running.router, "echo");
     ASSERT_TRUE(echo.join());
-    ASSERT_TRUE(running.router.post(messageTo("nobody/here", "1")));
-    ASSERT_TRUE(running.router.post(messageTo("elsewhere-" + host() + "@echo", "2")));
+    ASSERT_TRUE(running.router.post(MessageRef(messageTo("nobody/here", "1"))));
+    ASSERT_TRUE(running.router.post(MessageRef(messageTo("elsewhere-" + host() + "@echo", "2"))));
     ASSERT_EQ(running.system.postedCount(), 2u) << "handed over synchronously";
     const auto posted = running.system.posted();
     EXPECT_EQ(posted[0].at(1).second, "1");
     EXPECT_EQ(posted[1].at(1).second, "2");
     // A local message posted afterwards arrives; the other-host one never did.
-    ASSERT_TRUE(running.router.post(messageTo(local("echo"), "3")));
+    ASSERT_TRUE(running.router.post(MessageRef(messageTo(local("echo"), "3"))));
     ASSERT_TRUE(echo.waitForCount(1));
     EXPECT_EQ(echo.received().at(0).value("marker"), "3");
     EXPECT_EQ(echo.count(), 1u);
 }
 
-TEST(MessageRouterPost, RefusalBySystemRouterLeavesTheMessageWithTheCaller)
+// Every refusal takes the message: the router drops exactly the one
+// reference it was given, and a pump reports the refusal as result 6.
+TEST(MessageRouterPost, ARefusedPostTakesTheMessage)
 {
-    RunningRouter running;
-    running.system.setAccept(false);
-    MessageItem* message = messageTo("nobody");
-    bool consumed = true;
-    EXPECT_FALSE(running.router.post(message, consumed));
-    EXPECT_FALSE(consumed);
-    EXPECT_EQ(message->count(), 1);
-    EXPECT_FALSE(running.router.post(message)) << "the plain form behaves the same";
-    EXPECT_EQ(message->count(), 1);
-    MessageItem::release(message);
+    enum class Refusal { NotStarted, SystemRouterRefuses, Finished };
+    for (Refusal refusal : {Refusal::NotStarted, Refusal::SystemRouterRefuses, Refusal::Finished}) {
+        SCOPED_TRACE(static_cast<int>(refusal));
+        RunningRouter running;
+        MessageRouter neverStarted;
+        neverStarted.setSystemRouter(&running.system);
+        MessageRouter& router = refusal == Refusal::NotStarted ? neverStarted : running.router;
+        Endpoint echo(router, "echo");
+        ASSERT_TRUE(echo.join());
+        std::string to = "echo";
+        if (refusal == Refusal::Finished)
+            running.router.finish();
+        if (refusal == Refusal::SystemRouterRefuses) {
+            running.system.setAccept(false);
+            to = "nobody";
+        }
+        MessageRef kept(messageTo(to));
+        EXPECT_FALSE(router.post(kept.share()));
+        EXPECT_EQ(kept->count(), 1) << "the router dropped its reference";
 
-    // Through a pump the refused message is released exactly once: result 6.
-    MessagePump pump("sender", &running.router);
-    MessageItem* viaPump = pump.createMessage("nobody", "m");
-    viaPump->incrementCount();
-    EXPECT_EQ(pump.post(viaPump), 6);
-    EXPECT_EQ(viaPump->count(), 1);
-    MessageItem::release(viaPump);
-}
-
-TEST(MessageRouterPost, AfterFinishLocalMessagesAreReleased)
-{
-    RunningRouter running;
-    Endpoint echo(running.router, "echo");
-    echo.join();
-    running.router.finish();
-    MessageItem* message = messageTo("echo");
-    message->incrementCount();
-    bool consumed = false;
-    EXPECT_FALSE(running.router.post(message, consumed));
-    EXPECT_TRUE(consumed);
-    EXPECT_EQ(message->count(), 1);
-    MessageItem::release(message);
+        MessagePump pump("sender", &router);
+        MessageRef viaPump(pump.createMessage(to.c_str(), "m"));
+        EXPECT_EQ(pump.post(viaPump.share()), 6);
+        EXPECT_EQ(viaPump->count(), 1);
+    }
+    MessageRouter idle;
+    EXPECT_FALSE(idle.post(MessageRef()));
 }
 
 TEST(MessageRouterDelivery, AMessageWithoutPumpIsDroppedOnDelivery)
 {
     RunningRouter running;
-    MessageItem* message = messageTo("gone");
-    message->incrementCount();
-    EXPECT_FALSE(running.router.processMessage(message));
+    MessageRef message(messageTo("gone"));
+    EXPECT_FALSE(running.router.processMessage(message.share()));
     EXPECT_EQ(message->count(), 1) << "released, no error reply";
-    EXPECT_FALSE(running.router.processMessage(nullptr));
-    MessageItem::release(message);
+    EXPECT_FALSE(running.router.processMessage(MessageRef()));
     EXPECT_EQ(running.system.postedCount(), 0u);
 }
 
@@ -326,7 +306,7 @@ TEST(MessageRouterLifecycle, DestroyingARunningRouterStopsItsWorkerAndClearsMast
     MessagePump sink("sink", router.get());
     ASSERT_TRUE(sink.setCallbacks(nullptr, nullptr, nullptr, nullptr));
     for (int i = 0; i < 50; ++i)
-        router->post(messageTo("sink"));
+        router->post(MessageRef(messageTo("sink")));
     router->remove(&sink);
     // Messages for the removed pump may still be queued: the destructor
     // stops the worker and releases them (the leak checker watches).

@@ -21,6 +21,7 @@
 using UlmarComms::CommandMessage;
 using UlmarComms::DataFrame;
 using UlmarComms::MessageItem;
+using UlmarComms::MessageRef;
 using UlmarComms::NetworkRouter;
 using UlmarComms::NetworkRouterInterface;
 using UlmarCommsSystem::SocketAddress;
@@ -78,7 +79,7 @@ TEST_F(NetworkConnection, FirstPostConnectsExchangesNamesAndDelivers)
     a.router->infoAboutHost("hostB", loopback(b.port), a.interface);
 
     MessageItem* item = request("hostB@pump", "one");
-    ASSERT_TRUE(a.router->post("hostB", item));
+    ASSERT_TRUE(a.router->post("hostB", MessageRef(item)));
     ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 1; }));
     EXPECT_EQ(b.systemRouter.value(0, MessageItem::ArgumentKey_To), "hostB@pump");
     EXPECT_EQ(b.systemRouter.value(0, "k"), "one");
@@ -93,8 +94,8 @@ TEST_F(NetworkConnection, FirstPostConnectsExchangesNamesAndDelivers)
     EXPECT_EQ(a.interface->connectionCount(), 1u);
 
     // Later posts reuse the connection, in order.
-    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "two")));
-    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "three")));
+    ASSERT_TRUE(a.router->post("hostB", MessageRef(request("hostB@pump", "two"))));
+    ASSERT_TRUE(a.router->post("hostB", MessageRef(request("hostB@pump", "three"))));
     ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 3; }));
     EXPECT_EQ(b.systemRouter.value(1, "k"), "two");
     EXPECT_EQ(b.systemRouter.value(2, "k"), "three");
@@ -108,7 +109,7 @@ TEST_F(NetworkConnection, PeerGoingAwayClearsTheEntryAndTheNextPostReconnects)
     auto b = std::make_unique<Side>(true);
     const unsigned short port = b->port;
     a.router->infoAboutHost("hostB", loopback(port), a.interface);
-    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "one")));
+    ASSERT_TRUE(a.router->post("hostB", MessageRef(request("hostB@pump", "one"))));
     ASSERT_TRUE(waitUntil([&] { return b->systemRouter.count() == 1; }));
     ASSERT_TRUE(waitUntil([&] { return a.interface->connectionCount() == 1; }));
 
@@ -126,7 +127,7 @@ TEST_F(NetworkConnection, PeerGoingAwayClearsTheEntryAndTheNextPostReconnects)
     network.setIP4Address("127.0.0.0", "0");
     ASSERT_TRUE(restarted.add(loopback(port), loopback(freeLoopbackPort(SOCK_DGRAM)), network));
     ASSERT_TRUE(restarted.interfaceAt(0)->messagingStart());
-    ASSERT_TRUE(a.router->post("hostB", request("hostB@pump", "again")));
+    ASSERT_TRUE(a.router->post("hostB", MessageRef(request("hostB@pump", "again"))));
     ASSERT_TRUE(waitUntil([&] { return systemRouter.count() == 1; }));
     EXPECT_EQ(systemRouter.value(0, "k"), "again");
     EXPECT_TRUE(a.router->hostIsConnected("hostB"));
@@ -199,8 +200,7 @@ TEST_F(NetworkConnection, EntryConnectCountsASecondFailedStartAsConnected)
     EXPECT_TRUE(entry.m_pConnection->isInitiator());
     EXPECT_TRUE(log.contains("NetworkRouterConnection::connect() Failed to do the connect() on the socket."));
     EXPECT_TRUE(entry.connect());
-    MessageItem* item = request("hostB@pump", "via entry");
-    EXPECT_TRUE(entry.post(item));
+    EXPECT_TRUE(entry.post(MessageRef(request("hostB@pump", "via entry"))));
     EXPECT_TRUE(entry.post(CommandMessage::AddMessagePump, "ignored"));
     ASSERT_TRUE(waitUntil([&] { return b.systemRouter.count() == 1; }));
     EXPECT_EQ(b.systemRouter.value(0, "k"), "via entry");
@@ -217,11 +217,11 @@ TEST_F(NetworkConnection, BothHostsPostingAtOnce)
     std::atomic<int> posted{0};
     std::thread fromA([&] {
         for (int i = 0; i < 20; ++i)
-            posted += a.router->post("hostB", request("hostB@pump", "from a")) ? 1 : 0;
+            posted += a.router->post("hostB", MessageRef(request("hostB@pump", "from a"))) ? 1 : 0;
     });
     std::thread fromB([&] {
         for (int i = 0; i < 20; ++i)
-            posted += b.router->post("hostA", request("hostA@pump", "from b")) ? 1 : 0;
+            posted += b.router->post("hostA", MessageRef(request("hostA@pump", "from b"))) ? 1 : 0;
     });
     fromA.join();
     fromB.join();
@@ -244,9 +244,7 @@ TEST_F(NetworkConnection, StopWhileTrafficFlows)
     std::atomic<bool> running{true};
     std::thread sender([&] {
         while (running) {
-            MessageItem* item = request("hostB@pump", "flood");
-            if (!a.router->post("hostB", item))
-                MessageItem::release(item);
+            a.router->post("hostB", MessageRef(request("hostB@pump", "flood")));
         }
     });
     ASSERT_TRUE(waitUntil([&] { return b->systemRouter.count() > 10; }));

@@ -15,6 +15,7 @@
 #include <sstream>
 
 using UlmarComms::MessageItem;
+using UlmarComms::MessageRef;
 using UlmarComms::NetworkRouter;
 using UlmarComms::NetworkRouterInterface;
 using UlmarCommsSystem::SocketAddress;
@@ -131,15 +132,14 @@ TEST_F(NetworkRouterTable, RoutingTableIsBounded)
     EXPECT_EQ(router.routingTableSize(), NetworkRouter::MaxRoutingTableEntries);
 }
 
-TEST_F(NetworkRouterTable, PostToAnUnknownHostLeavesTheMessageWithTheCaller)
+TEST_F(NetworkRouterTable, PostToAnUnknownHostTakesTheMessage)
 {
-    MessageItem* item = MessageItem::create();
+    MessageRef item(MessageItem::create());
     ASSERT_TRUE(item->set("nowhere@pump", "me@pump", "m", "1"));
-    EXPECT_FALSE(router.post("nowhere", item));
-    EXPECT_EQ(item->count(), 1);
+    EXPECT_FALSE(router.post("nowhere", item.share()));
+    EXPECT_EQ(item->count(), 1) << "the router dropped its reference";
     EXPECT_FALSE(router.post("nowhere", UlmarComms::CommandMessage::NetworkHostName, "x"));
-    EXPECT_FALSE(router.post("nowhere", nullptr));
-    MessageItem::release(item);
+    EXPECT_FALSE(router.post("nowhere", MessageRef()));
 }
 
 TEST(NetworkRouterPost, HostWhoseListenerIsDownEndsWithoutAConnection)
@@ -154,16 +154,15 @@ TEST(NetworkRouterPost, HostWhoseListenerIsDownEndsWithoutAConnection)
         router.infoAboutHost("hostB", loopback(closed), router.interfaceAt(0));
         // Usually the connect only starts here: the message waits on the new
         // connection, which is stored at once and fails on a worker. A
-        // refusal the kernel gives at once fails the post, and the message
-        // stays the caller's.
-        MessageItem* item = MessageItem::create();
+        // refusal the kernel gives at once fails the post; the router takes
+        // the message either way.
+        MessageRef item(MessageItem::create());
         ASSERT_TRUE(item->set("hostB@pump", "me@pump", "m", "1"));
-        if (router.post("hostB", item)) {
+        if (router.post("hostB", std::move(item))) {
             EXPECT_TRUE(waitUntil([&] { return log.contains("NetworkRouterConnection::onError("); }));
         } else {
             EXPECT_TRUE(log.contains("NetworkRouter::post( %message% ) Failed to on connectTo( '127.0.0.1:"
                                      + std::to_string(closed) + "' )"));
-            MessageItem::release(item);
         }
         EXPECT_TRUE(waitUntil([&] { return !router.hostIsConnected("hostB"); }));
         EXPECT_NE(router.getRoutingTable().find("hostB,true,"), std::string::npos);
@@ -176,7 +175,7 @@ TEST(NetworkRouterPost, HostWhoseListenerIsDownEndsWithoutAConnection)
         entry.m_pInterface = router.interfaceAt(0);
         EXPECT_TRUE(entry.connect());
         EXPECT_NE(entry.m_pConnection, nullptr);
-        EXPECT_FALSE(entry.post(nullptr));
+        EXPECT_FALSE(entry.post(MessageRef()));
     }
     UlmarCommsSystem::Socket::deinit();
 }

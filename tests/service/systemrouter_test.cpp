@@ -21,6 +21,7 @@ using UlmarComms::CommandMessage;
 using UlmarComms::IMessageRouter;
 using UlmarComms::ISystemRouter;
 using UlmarComms::MessageItem;
+using UlmarComms::MessageRef;
 using UlmarCommsService::SystemRouter;
 using UlmarCommsTest::ScopedHostName;
 using UlmarCommsTest::waitUntil;
@@ -30,18 +31,13 @@ namespace {
 // Stands for a process router: keeps what it is handed (or refuses it).
 class RecordingRouter : public IMessageRouter {
 public:
-    ~RecordingRouter() override
-    {
-        for (MessageItem* message : m_messages)
-            MessageItem::release(message);
-    }
     bool setSystemRouter(ISystemRouter*) override { return true; }
-    bool post(MessageItem* message) override
+    bool post(MessageRef message) override
     {
         if (m_refuse)
             return false;
         std::lock_guard<std::mutex> guard(m_lock);
-        m_messages.push_back(message);
+        m_messages.push_back(std::move(message));
         return true;
     }
     void commandHandler(unsigned char, const char*) override {}
@@ -54,13 +50,13 @@ public:
     MessageItem* at(size_t i)
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        return m_messages.at(i);
+        return m_messages.at(i).get();
     }
     std::atomic<bool> m_refuse{false};
 
 private:
     std::mutex m_lock;
-    std::vector<MessageItem*> m_messages;
+    std::vector<MessageRef> m_messages;
 };
 
 MessageItem* request(const char* to, const char* from, const char* senderId = "7")
@@ -118,7 +114,7 @@ TEST_F(SystemRouterTest, PrefixRegistrationUpdatesTheExistingEntry)
     m_router.add(&m_appA, "alpha@a/b");
     m_router.add(&m_appB, "alpha@a");
     EXPECT_EQ(dump(), "# System Routing Table \nAddress,Interfaces\nalpha@a/b,\n");
-    m_router.post(request("alpha@a/b", "alpha@x"));
+    m_router.post(MessageRef(request("alpha@a/b", "alpha@x")));
     EXPECT_EQ(m_appB.count(), 1u);
     EXPECT_EQ(m_appA.count(), 0u);
 }
@@ -140,10 +136,10 @@ TEST_F(SystemRouterTest, BestScoreWinsAndTiesGoToTheEarlierEntry)
     // "x/deep/er" matches entry "x" as a prefix, so it only changes its router.
     m_router.add(&m_appB, "alpha@x/deep/er");
     EXPECT_EQ(dump(), "# System Routing Table \nAddress,Interfaces\nalpha@x,\nalpha@y,\n");
-    m_router.post(request("alpha@Y/z", "alpha@s"));
+    m_router.post(MessageRef(request("alpha@Y/z", "alpha@s")));
     EXPECT_EQ(m_appB.count(), 1u);
     // An address without names matches every entry with score 0: the first.
-    m_router.post(request("alpha@", "alpha@s"));
+    m_router.post(MessageRef(request("alpha@", "alpha@s")));
     EXPECT_EQ(m_appB.count(), 2u); // entry x now belongs to B
 }
 
@@ -158,15 +154,10 @@ TEST_F(SystemRouterTest, LocalhostIsNotThisHostWhenFinding)
 // Stands for the network router: keeps what is handed to it per host.
 class RecordingNetworkRouter : public UlmarCommsTest::NetworkRouterStub {
 public:
-    ~RecordingNetworkRouter() override
-    {
-        for (auto& sent : m_sent)
-            MessageItem::release(sent.second);
-    }
-    bool post(const std::string& host, MessageItem* item) override
+    bool post(const std::string& host, MessageRef item) override
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        m_sent.emplace_back(host, item);
+        m_sent.emplace_back(host, std::move(item));
         return true;
     }
     bool post(const std::string&, unsigned char, const char*) override { return true; }
@@ -179,12 +170,12 @@ public:
     std::pair<std::string, MessageItem*> at(size_t i)
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        return m_sent.at(i);
+        return {m_sent.at(i).first, m_sent.at(i).second.get()};
     }
 
 private:
     std::mutex m_lock;
-    std::vector<std::pair<std::string, MessageItem*>> m_sent;
+    std::vector<std::pair<std::string, MessageRef>> m_sent;
 };
 
 TEST_F(SystemRouterTest, MessagesForOtherHostsGoToTheNetworkRouter)
@@ -193,7 +184,7 @@ TEST_F(SystemRouterTest, MessagesForOtherHostsGoToTheNetworkRouter)
     m_router.setNetworkRouter(&network);
     ASSERT_TRUE(m_router.start());
     m_router.add(&m_appA, "alpha@far"); // a local pump of the same name is never used
-    m_router.post(request("beta@far", "alpha@asker"));
+    m_router.post(MessageRef(request("beta@far", "alpha@asker")));
     ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
     EXPECT_EQ(network.at(0).first, "beta");
     EXPECT_STREQ(network.at(0).second->value("_t"), "beta@far");
@@ -208,7 +199,7 @@ TEST_F(SystemRouterTest, NoPathAnswersARemoteSenderWithError400)
     m_router.setNetworkRouter(&network);
     ASSERT_TRUE(m_router.start());
     // The sender has no entry here (it is on beta), so it is told.
-    m_router.post(request("alpha@missing", "beta@asker", "12"));
+    m_router.post(MessageRef(request("alpha@missing", "beta@asker", "12")));
     ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
     MessageItem* reply = network.at(0).second;
     EXPECT_EQ(network.at(0).first, "beta");
@@ -230,15 +221,15 @@ TEST_F(SystemRouterTest, NoPathStaysSilentForKnownSendersErrorsAndSenderless)
     ASSERT_TRUE(m_router.start());
     m_router.add(&m_appA, "alpha@asker");
     // The sender has an entry: no reply (the inverted test is kept).
-    m_router.post(request("alpha@missing", "alpha@asker"));
+    m_router.post(MessageRef(request("alpha@missing", "alpha@asker")));
     // An error that cannot be delivered is dropped, never bounced.
     MessageItem* error = request("alpha@missing", "beta@asker");
     error->add("_M", "E");
-    m_router.post(error);
+    m_router.post(MessageRef(error));
     // Without a sender id no reply can be built (and nothing is freed twice).
-    m_router.post(request("alpha@missing", "beta@asker", nullptr));
+    m_router.post(MessageRef(request("alpha@missing", "beta@asker", nullptr)));
     // A probe that is answered proves the three before it were processed.
-    m_router.post(request("alpha@missing", "beta@probe"));
+    m_router.post(MessageRef(request("alpha@missing", "beta@probe")));
     ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
     EXPECT_STREQ(network.at(0).second->value("_t"), "beta@probe");
     EXPECT_EQ(m_appA.count(), 0u);
@@ -250,7 +241,7 @@ TEST_F(SystemRouterTest, RefusingRouterDoesNotLeakTheMessage)
 {
     m_appA.m_refuse = true;
     m_router.add(&m_appA, "alpha@refuser");
-    EXPECT_TRUE(m_router.post(request("alpha@refuser", "alpha@x")));
+    EXPECT_TRUE(m_router.post(MessageRef(request("alpha@refuser", "alpha@x"))));
     EXPECT_EQ(m_appA.count(), 0u); // released by the system router (ASan checks)
 }
 
@@ -299,7 +290,7 @@ TEST_F(SystemRouterTest, RouterThatPassesAMessageBackEndsItInsteadOfLooping)
     m_router.add(&m_appA, "alpha@a");
     UlmarComms::MessagePump pump("a/y", &process);
     ASSERT_TRUE(pump.setCallbacks(nullptr, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(m_router.post(request("alpha@a/z", "alpha@s")));
+    EXPECT_TRUE(m_router.post(MessageRef(request("alpha@a/z", "alpha@s"))));
     EXPECT_EQ(m_appA.count(), 0u);
     process.remove(&pump);
     process.finish();

@@ -11,7 +11,7 @@ namespace UlmarCommsTest {
 
 class NetworkRouterStub : public UlmarComms::INetworkRouter {
 public:
-    bool post(const std::string&, UlmarComms::MessageItem*) override { return false; }
+    bool post(const std::string&, UlmarComms::MessageRef) override { return false; }
     bool post(const std::string&, unsigned char, const char*) override { return false; }
     bool getHostsSupportingInterfaces(const char*, const char*, const char*, const char*) override { return false; }
     bool start() override { return true; }

@@ -22,12 +22,6 @@ public:
         std::string text;
     };
 
-    ~RecordingSystemRouter() override
-    {
-        for (UlmarComms::MessageItem* message : m_posted)
-            UlmarComms::MessageItem::release(message);
-    }
-
     bool start() override { return true; }
     void finish() override {}
     bool add(UlmarComms::IMessageRouter* router) override
@@ -42,12 +36,12 @@ public:
         std::erase(m_routers, router);
         return true;
     }
-    bool post(UlmarComms::MessageItem* message) override
+    bool post(UlmarComms::MessageRef message) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_accept)
             return false;
-        m_posted.push_back(message);
+        m_posted.push_back(std::move(message));
         return true;
     }
     void handleCommand(UlmarComms::IMessageRouter* from, unsigned char code, const char* text) override
@@ -88,7 +82,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         std::vector<std::vector<std::pair<std::string, std::string>>> copies;
-        for (UlmarComms::MessageItem* message : m_posted) {
+        for (const UlmarComms::MessageRef& message : m_posted) {
             copies.emplace_back();
             for (int i = 0; i < message->numberOfArguments(); ++i)
                 copies.back().emplace_back(message->key(i), message->value(i));
@@ -114,7 +108,7 @@ private:
     bool m_accept = true;
     std::vector<UlmarComms::IMessageRouter*> m_routers;
     std::vector<Command> m_commands;
-    std::vector<UlmarComms::MessageItem*> m_posted;
+    std::vector<UlmarComms::MessageRef> m_posted;
 };
 
 } // namespace UlmarCommsTest
