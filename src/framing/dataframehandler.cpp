@@ -61,17 +61,6 @@ private:
     DataFrameHandler* m_pHandler;
 };
 
-class DataFrameHandler::DispatchScope {
-public:
-    explicit DispatchScope(DataFrameHandler* handler) : m_pHandler(handler) {}
-    ~DispatchScope() { m_pHandler->endDispatch(); }
-    DispatchScope(const DispatchScope&) = delete;
-    DispatchScope& operator=(const DispatchScope&) = delete;
-
-private:
-    DataFrameHandler* m_pHandler;
-};
-
 // ---------------------------------------------------------------- lifetime
 
 DataFrameHandler::DataFrameHandler()
@@ -79,7 +68,8 @@ DataFrameHandler::DataFrameHandler()
       m_linkEnding(false),
       m_sending(false), m_lastId(0), m_pOutboundBuffer(nullptr), m_outboundSize(0),
       m_pOutboundCurrentFrame(nullptr), m_outboundInFlight(false), m_currentSent(0), m_queuedBytes(0),
-      m_outboundHeld(false), m_heldFrames(false), m_probe(0), m_pSocket(nullptr), m_callbacksRunning(0)
+      m_outboundHeld(false), m_batchedFrames(false), m_pBatchMember(std::make_shared<WriteBatch::Member>(this)),
+      m_probe(0), m_pSocket(nullptr), m_callbacksRunning(0)
 {
     Core::verbose("DataFrameHandler::DataFrameHandler() this=%p\n", static_cast<void*>(this));
 }
@@ -87,6 +77,9 @@ DataFrameHandler::DataFrameHandler()
 DataFrameHandler::~DataFrameHandler()
 {
     Core::verbose("DataFrameHandler::~DataFrameHandler() this=%p\n", static_cast<void*>(this));
+    // A batch still open on any thread skips this handler from here on; one
+    // writing it right now is waited for.
+    WriteBatch::forget(*m_pBatchMember);
     // The socket stays open (it is the owner's), but it must not call into
     // a handler that is gone.
     Socket* socket = takeSocket();
@@ -381,10 +374,9 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
         postRecv(socket);
         posted = true;
     }
-    // Messages this block sends on to other links are written once the
-    // whole block is dispatched, in one send per link instead of one each.
-    beginDispatch();
-    DispatchScope dispatching(this);
+    // Messages this block sends on to links are written once the whole
+    // block is dispatched, in one send per link instead of one each.
+    WriteBatch batch;
     unsigned offset = 0;
     while (offset < count) {
         bool complete = false;

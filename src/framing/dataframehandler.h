@@ -16,6 +16,10 @@
 // frames are dispatched); the outbound lock guards the queues, the frame being
 // written and the socket pointer. Lock order: inbound before outbound.
 //
+// Batching. onRecved dispatches a received block inside a WriteBatch
+// (writebatch.h): message frames queued on that thread meanwhile, on this
+// handler or any other, are written once per handler when the block ends.
+//
 // Ownership. The socket is the owner's (the subclass or whoever set it); the
 // handler never deletes it. An owner detaches the socket (takeSocket) before
 // deleting it, and deletes it without holding any lock that the handler's
@@ -36,6 +40,7 @@
 
 #include "core/limits.h"
 #include "framing/dataframe.h"
+#include "framing/writebatch.h"
 #include "platform/mutex.h"
 #include "platform/socket.h"
 #include "platform/socketaddress.h"
@@ -43,6 +48,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <vector>
 #include <string>
 
@@ -92,15 +98,11 @@ public:
     bool createBuffers(unsigned inbound, unsigned outbound);
     // Posts one receive of the whole inbound buffer on the socket.
     bool recvData();
-    // Queues a message frame (the message stays the caller's).
+    // Queues a message frame (the message stays the caller's); while a
+    // WriteBatch is open on this thread it is written when the batch ends.
     bool addToOutbound(MessageItem* message);
-    // Queues a command frame.
+    // Queues a command frame, written at once behind the frames batched before it.
     bool addToOutbound(unsigned char code, const char* text);
-    // Queues a message frame without trying to write it: the caller queues
-    // more and then calls flushOutbound once, so they share one send.
-    bool addToOutboundHeld(MessageItem* message);
-    // Writes the frames queued by addToOutboundHeld, if the link may write.
-    void flushOutbound();
 
     // A new empty frame, or null.
     DataFrame* create();
@@ -142,10 +144,6 @@ public:
     static void onDisconnectFunction(Socket* socket, void* user);
 
 protected:
-    // Called with the inbound lock held before and after the frames of one
-    // received block are dispatched; the defaults do nothing.
-    virtual void beginDispatch() {}
-    virtual void endDispatch() {}
     // Waits until no callback of this handler runs on another thread. Owners
     // call it before destroying state that callbacks use: a callback that
     // took the socket (onError) no longer keeps its deletion waiting.
@@ -154,8 +152,14 @@ protected:
 private:
     // Counts a callback in progress for waitForCallbacksToEnd.
     class CallbackScope;
-    // Calls endDispatch when a block's dispatch ends, however it ends.
-    class DispatchScope;
+    // Writes the frames it batched when a batch ends.
+    friend class WriteBatch;
+
+    // Writes the message frames waiting for a batch, if the link may write.
+    void writeBatched();
+    // Lists this handler with the batch open on this thread; false when none
+    // is open (outbound lock held).
+    bool joinBatch();
 
     // Picks the next frame when none is being written (outbound lock held).
     void sendOutbound();
@@ -180,11 +184,9 @@ private:
     // Keeps a sent frame's buffer for the next outbound frame, or frees it
     // (outbound lock held).
     void recycle(DataFrame* frame);
-    // Builds and queues a message frame, written at once unless held.
-    bool addMessage(MessageItem* message, bool hold);
-    // Appends a built frame, or refuses it when the queue is full; writes
-    // unless held (outbound lock held).
-    bool enqueue(DataFrame* frame, bool command, bool hold);
+    // Appends a built frame, or refuses it when the queue is full; writes it
+    // unless a batch is open for it (outbound lock held).
+    bool enqueue(DataFrame* frame, bool command);
     // Whether frames may be written now (outbound lock held).
     bool mayWrite() const;
     // Forgets the socket; the frame in flight is kept only if nothing of it left.
@@ -236,8 +238,10 @@ private:
     uint64_t m_queuedBytes;
     // Set by holdOutbound: frames queue but none is written.
     bool m_outboundHeld;
-    // Message frames were queued by addToOutboundHeld and not yet written.
-    bool m_heldFrames;
+    // Message frames wait, unwritten, for the end of a batch.
+    bool m_batchedFrames;
+    // What batches keep of this handler; cleared when it is destroyed.
+    std::shared_ptr<WriteBatch::Member> m_pBatchMember;
     // Sent frames kept for reuse, so a frame sent costs no allocation.
     std::vector<DataFrame*> m_spareFrames;
     // One byte written after a shutdown to make the socket report its end.

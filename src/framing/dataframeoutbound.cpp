@@ -1,5 +1,7 @@
 // Frame handler, outbound: the queues, the one frame in flight and the
-// asynchronous send that writes it, resumed where the socket stopped.
+// asynchronous send that writes it, resumed where the socket stopped. A
+// message frame queued while a WriteBatch is open on the calling thread
+// waits in the queue until the batch ends (writebatch.h).
 //
 // The log texts stay byte for byte as they are, misspellings included,
 // because operators grep the logs for them.
@@ -31,26 +33,6 @@ const char* printable(const char* text)
 
 bool DataFrameHandler::addToOutbound(MessageItem* message)
 {
-    return addMessage(message, false);
-}
-
-bool DataFrameHandler::addToOutboundHeld(MessageItem* message)
-{
-    return addMessage(message, true);
-}
-
-void DataFrameHandler::flushOutbound()
-{
-    MutexLocker locker(m_outboundLock);
-    if (!m_heldFrames)
-        return;
-    m_heldFrames = false;
-    if (mayWrite())
-        sendOutbound();
-}
-
-bool DataFrameHandler::addMessage(MessageItem* message, bool hold)
-{
     MutexLocker locker(m_outboundLock);
     Core::verbose("DataFrameHandler::addToOutbound( [MessageItem] %p ) this=%p\n", static_cast<void*>(message),
                   static_cast<void*>(this));
@@ -71,7 +53,7 @@ bool DataFrameHandler::addMessage(MessageItem* message, bool hold)
                   static_cast<void*>(message), static_cast<void*>(this));
         return false;
     }
-    return enqueue(frame, false, hold);
+    return enqueue(frame, false);
 }
 
 bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
@@ -102,15 +84,15 @@ bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
                   code, shown, static_cast<void*>(this));
         return false;
     }
-    return enqueue(frame, true, false);
+    return enqueue(frame, true);
 }
 
-bool DataFrameHandler::enqueue(DataFrame* frame, bool command, bool hold)
+bool DataFrameHandler::enqueue(DataFrame* frame, bool command)
 {
-    // Held messages were queued as if written at once: a command must not
+    // Batched messages were queued as if written at once: a command must not
     // overtake them, so they are tried before it joins the queue.
-    if (command && m_heldFrames) {
-        m_heldFrames = false;
+    if (command && m_batchedFrames) {
+        m_batchedFrames = false;
         if (mayWrite())
             sendOutbound();
     }
@@ -134,16 +116,32 @@ bool DataFrameHandler::enqueue(DataFrame* frame, bool command, bool hold)
     }
     m_lastId = frame->id();
     m_queuedBytes += size;
-    if (hold) {
-        m_heldFrames = true;
+    if (!command && joinBatch()) {
+        m_batchedFrames = true;
         return true;
     }
-    m_heldFrames = false; // the write below takes them along
+    m_batchedFrames = false; // the write below takes them along
     if (mayWrite() && !m_sending) {
         Core::verbose("DataFrameHandler::addToOutbound() sendOutbound()\n");
         sendOutbound();
     }
     return true;
+}
+
+bool DataFrameHandler::joinBatch()
+{
+    WriteBatch* batch = WriteBatch::current();
+    return batch != nullptr && batch->add(m_pBatchMember);
+}
+
+void DataFrameHandler::writeBatched()
+{
+    MutexLocker locker(m_outboundLock);
+    if (!m_batchedFrames)
+        return; // written meanwhile, by a command or by another batch
+    m_batchedFrames = false;
+    if (mayWrite())
+        sendOutbound();
 }
 
 void DataFrameHandler::sendOutbound()

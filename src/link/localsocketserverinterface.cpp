@@ -35,7 +35,7 @@ unsigned setting(const char* key)
 
 // ======================================================= router proxy
 
-SocketMessageRouterProxy::SocketMessageRouterProxy() : m_pSystemRouter(nullptr), m_pDispatchRouter(nullptr)
+SocketMessageRouterProxy::SocketMessageRouterProxy() : m_pSystemRouter(nullptr)
 {
     Core::message("SocketMessageRouterProxy::SocketMessageRouterProxy() this=%p\n", static_cast<void*>(this));
     const unsigned outbound = setting("socketmessagerouterproxy.outbound.size");
@@ -68,41 +68,11 @@ void SocketMessageRouterProxy::setSocket(Socket* socket)
         socket->setUserData(this);
 }
 
-bool SocketMessageRouterProxy::postHeld(MessageRef message)
-{
-    return queueMessage(std::move(message), true);
-}
-
-void SocketMessageRouterProxy::flushHeld()
-{
-    flushOutbound();
-}
-
-void SocketMessageRouterProxy::beginDispatch()
-{
-    m_pDispatchRouter = m_pSystemRouter.load();
-    if (m_pDispatchRouter != nullptr)
-        m_pDispatchRouter->holdWrites();
-}
-
-void SocketMessageRouterProxy::endDispatch()
-{
-    ISystemRouter* router = m_pDispatchRouter;
-    m_pDispatchRouter = nullptr;
-    if (router != nullptr)
-        router->flushHeldWrites();
-}
-
 bool SocketMessageRouterProxy::post(MessageRef message)
 {
-    return queueMessage(std::move(message), false);
-}
-
-bool SocketMessageRouterProxy::queueMessage(MessageRef message, bool hold)
-{
-    // The frame holds a copy: the message is released either way.
-    const bool queued = hold ? addToOutboundHeld(message.get()) : addToOutbound(message.get());
-    if (!queued) {
+    // Posted while a received block is dispatched on this thread, the frame
+    // is written when that block ends (framing/writebatch.h).
+    if (!addToOutbound(message.get())) {
         Core::log(Core::LogError,
                   "SocketMessageRouterProxy::post( %p ) this=%p Failed to add the message to the outbound queue.\n",
                   static_cast<void*>(message.get()), static_cast<void*>(this));

@@ -49,12 +49,6 @@ public:
     bool post(MessageRef message) override;
     // Queues a link command for the process.
     void commandHandler(unsigned char code, const char* text) override;
-    // The link can queue messages unwritten until flushHeld.
-    bool canHoldWrites() const override { return true; }
-    // post, with the copy queued unwritten until flushHeld.
-    bool postHeld(MessageRef message) override;
-    // Writes the messages postHeld queued.
-    void flushHeld() override;
 
     // A command from the process goes to the system router, from this proxy.
     void doHandleCommand(unsigned char code, const std::string& text) override;
@@ -70,20 +64,9 @@ public:
     // The attached system router, or null.
     ISystemRouter* systemRouter() const { return m_pSystemRouter.load(); }
 
-protected:
-    // A received block's messages for other links are held until it ends.
-    void beginDispatch() override;
-    void endDispatch() override;
-
 private:
-    // post and postHeld: queues a copy and releases the message.
-    bool queueMessage(MessageRef message, bool hold);
-
     // Where incoming traffic goes (not owned); null once detached.
     std::atomic<ISystemRouter*> m_pSystemRouter;
-    // The router asked to hold writes for the block being dispatched
-    // (inbound lock held).
-    ISystemRouter* m_pDispatchRouter;
 };
 
 // The listener of the local link, attached to the real system router.

@@ -46,11 +46,6 @@ public:
     virtual void handleCommand(IMessageRouter* from, unsigned char command, const char* text) = 0;
     // Attaches the router to other hosts; only the system router uses it.
     virtual void setNetworkRouter(INetworkRouter*) {}
-    // From here until the matching flushHeldWrites, messages this thread
-    // posts to links are queued there unwritten; the flush writes them, one
-    // send per link. Calls nest. The defaults do nothing.
-    virtual void holdWrites() {}
-    virtual void flushHeldWrites() {}
 
     // What waitForInput did.
     enum InputWait {
@@ -82,12 +77,6 @@ public:
     virtual void commandHandler(unsigned char command, const char* text) = 0;
     // Announces the router's pumps again; the base has nothing to announce.
     virtual bool sendRoutingTableToSystemRouter() { return true; }
-    // Whether postHeld queues without writing (links do, routers do not).
-    virtual bool canHoldWrites() const { return false; }
-    // post, but a link only queues the message until flushHeld.
-    virtual bool postHeld(MessageRef message) { return post(std::move(message)); }
-    // Writes what postHeld queued.
-    virtual void flushHeld() {}
     // Whether the router has stopped and drops what it is posted: a refusal
     // from it leaves nobody to answer.
     virtual bool isStopped() { return false; }

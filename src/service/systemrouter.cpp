@@ -39,17 +39,6 @@ struct PostDepthGuard {
     ~PostDepthGuard() { --t_postDepth; }
 };
 
-// A link's receive path holds writes while it dispatches one block: the
-// links its messages go to are written once at the end, not once each.
-thread_local int t_holdDepth = 0;
-
-// A link with messages queued unwritten on this thread, and its router.
-struct HeldLink {
-    const SystemRouter* owner;
-    IMessageRouter* link;
-};
-thread_local std::vector<HeldLink> t_heldLinks;
-
 } // namespace
 
 SystemRouter::SystemRouter()
@@ -112,8 +101,6 @@ bool SystemRouter::add(IMessageRouter* router, const char* address)
     MutexLocker locker(m_tableLock);
     // Prefix matching means a pump whose leading names equal an existing entry
     // updates that entry instead of adding one.
-    if (router != nullptr && std::find(m_links.begin(), m_links.end(), router) == m_links.end())
-        m_links.push_back(router);
     RoutingEntry* entry = find(parsed);
     if (entry != nullptr) {
         entry->router = router;
@@ -132,9 +119,6 @@ bool SystemRouter::remove(IMessageRouter* router)
     auto listed = std::find(m_routers.begin(), m_routers.end(), router);
     if (listed != m_routers.end())
         m_routers.erase(listed);
-    auto link = std::find(m_links.begin(), m_links.end(), router);
-    if (link != m_links.end())
-        m_links.erase(link);
     for (auto it = m_routingTable.begin(); it != m_routingTable.end();) {
         if ((*it)->router == router) {
             delete *it;
@@ -243,12 +227,7 @@ bool SystemRouter::post(UlmarComms::MessageRef message)
             Core::message("SystemRouter::post( %p ) Posting to message router\n", static_cast<void*>(message.get()));
             // The result is not looked at: the router took the message
             // either way.
-            if (t_holdDepth > 0 && entry->router->canHoldWrites()) {
-                if (entry->router->postHeld(std::move(message)))
-                    rememberHeld(entry->router);
-            } else {
-                entry->router->post(std::move(message));
-            }
+            entry->router->post(std::move(message));
             return true;
         }
     }
@@ -261,41 +240,6 @@ bool SystemRouter::post(UlmarComms::MessageRef message)
     if (queued)
         m_wakeUp.broadcastLocked();
     return true;
-}
-
-void SystemRouter::holdWrites()
-{
-    ++t_holdDepth;
-}
-
-void SystemRouter::rememberHeld(IMessageRouter* link)
-{
-    for (const HeldLink& held : t_heldLinks) {
-        if (held.owner == this && held.link == link)
-            return;
-    }
-    t_heldLinks.push_back(HeldLink{this, link});
-}
-
-void SystemRouter::flushHeldWrites()
-{
-    if (t_holdDepth > 0)
-        --t_holdDepth;
-    if (t_holdDepth > 0 || t_heldLinks.empty())
-        return;
-    // Under the table lock a link still listed cannot be deleted: links are
-    // removed from the table before they go. One removed meanwhile took its
-    // queue with it.
-    MutexLocker locker(m_tableLock);
-    for (auto held = t_heldLinks.begin(); held != t_heldLinks.end();) {
-        if (held->owner != this) {
-            ++held;
-            continue;
-        }
-        if (std::find(m_links.begin(), m_links.end(), held->link) != m_links.end())
-            held->link->flushHeld();
-        held = t_heldLinks.erase(held);
-    }
 }
 
 unsigned SystemRouter::run()

@@ -84,12 +84,6 @@ public:
     bool post(UlmarComms::MessageRef message) override;
     // Acts on a link command from a process router.
     void handleCommand(UlmarComms::IMessageRouter* from, unsigned char command, const char* text) override;
-    // Messages this thread posts to links are queued unwritten until the
-    // matching flushHeldWrites (calls nest).
-    void holdWrites() override;
-    // Writes what this thread held, on every link still known; the last of
-    // nested calls does it.
-    void flushHeldWrites() override;
 
     // The best local entry for address; the caller holds the table lock.
     RoutingEntry* find(const UlmarComms::Address& address);
@@ -115,17 +109,11 @@ private:
     bool deliverLocally(const UlmarComms::MessageRef& message, const UlmarComms::Address& target);
     // Answers an undeliverable message with error 400 where that is due.
     void rejectMessage(UlmarComms::MessageRef message, const char* to, const char* from);
-    // Notes that link holds unwritten messages posted by this thread.
-    void rememberHeld(UlmarComms::IMessageRouter* link);
     void replaceInterfaces(const char* text);
 
     UlmarCommsSystem::Mutex m_tableLock;
     std::vector<UlmarComms::IMessageRouter*> m_routers;
     std::vector<RoutingEntry*> m_routingTable;
-    // Every router that delivered to an entry and was not removed since: a
-    // held link found here is still alive, since links are removed before
-    // they are deleted.
-    std::vector<UlmarComms::IMessageRouter*> m_links;
     UlmarCommsSystem::Mutex m_queueLock;
     UlmarComms::MessageQueue m_queue;
     UlmarComms::SystemRouterMessagePump* m_pSystemRouterMessagePump;

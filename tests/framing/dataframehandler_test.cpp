@@ -6,6 +6,7 @@
 // readers, ids and order, hostile input). Everything waits with deadlines.
 #include "framing/dataframehandler.h"
 #include "framing/dataframeserver.h"
+#include "framing/writebatch.h"
 
 #include "core/core.h"
 #include "messaging/messaging.h"
@@ -38,6 +39,7 @@ using UlmarComms::DataFrame;
 using UlmarComms::DataFrameHandler;
 using UlmarComms::DataFrameServer;
 using UlmarComms::MessageItem;
+using UlmarComms::WriteBatch;
 using UlmarCommsSystem::Socket;
 using UlmarCommsSystem::SocketAddress;
 using UlmarCommsTest::Bytes;
@@ -163,11 +165,13 @@ public:
         const Pairs pairs = pairsOf(message);
         if (echo)
             addToOutbound(message);
-        MessageItem::release(message);
         std::string tag = "?";
         for (const auto& pair : pairs)
             if (pair.first == MessageItem::ArgumentKey_Method)
                 tag = pair.second;
+        if (onMessage)
+            onMessage(message, tag);
+        MessageItem::release(message);
         record("message:" + tag, [&] { m_messages.push_back(pairs); });
         if (throwOnNextMessage.exchange(false))
             throw std::runtime_error("subclass failure");
@@ -231,6 +235,8 @@ public:
     bool echo = false;
     bool throwInOnError = false;
     std::atomic<bool> throwOnNextMessage{false};
+    // Called with each message received, on the thread dispatching it.
+    std::function<void(MessageItem* message, const std::string& tag)> onMessage;
     // Called when a posted send completes in part, before the handler sees it.
     std::function<void(const unsigned char* buffer, unsigned count, unsigned size)> onPartialSend;
 
@@ -289,6 +295,15 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         return i < m_handlers.size() ? m_handlers[i] : nullptr;
+    }
+    // Unlists and deletes a handler, closing its link.
+    void destroy(Recorder* handler)
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_handlers.erase(std::find(m_handlers.begin(), m_handlers.end(), handler));
+        }
+        delete handler;
     }
     bool waitForClients(size_t n)
     {
@@ -475,8 +490,8 @@ TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
     EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
 }
 
-// Many small frames held and then flushed against a peer that does not read:
-// a send of a whole megabyte of them is posted, and the connection takes
+// Many small frames batched and then written against a peer that does not
+// read: a send of a whole megabyte of them is posted, and the connection takes
 // only part of it once the peer reads. A command queued before that send
 // completes leaves right after the frame the connection stopped in: the
 // frames it took nothing of were not written yet. Every byte still arrives,
@@ -503,16 +518,19 @@ TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWrit
     };
     Bytes plain;
     std::vector<size_t> starts;
-    for (unsigned i = 1; i <= total; ++i) {
-        MessageItem* message = makeMessage("n" + std::to_string(i), 700 + i % 300);
-        ASSERT_TRUE(accepted->addToOutboundHeld(message));
-        starts.push_back(plain.size());
-        append(plain, messageFrame(i, message));
-        MessageItem::release(message);
+    {
+        // Written as a received block's messages are: when the batch ends,
+        // the connection takes what it can at once and the next megabyte is
+        // posted, all before the scope is left.
+        WriteBatch batch;
+        for (unsigned i = 1; i <= total; ++i) {
+            MessageItem* message = makeMessage("n" + std::to_string(i), 700 + i % 300);
+            ASSERT_TRUE(accepted->addToOutbound(message));
+            starts.push_back(plain.size());
+            append(plain, messageFrame(i, message));
+            MessageItem::release(message);
+        }
     }
-    // Written as a received block's messages are: the connection takes what
-    // it can at once and the next megabyte is posted, all before this returns.
-    accepted->flushOutbound();
     ASSERT_GT(accepted->queuedFrames(), total / 2) << "the socket cannot have taken megabytes unread";
 
     // The peer reads a little at a time and pauses after each piece until a
@@ -562,14 +580,17 @@ TEST_F(FrameLinkTest, FramesHandedToAGoneSocketAreDroppedAndTheOthersWait)
     Recorder* accepted = server->handler(0);
 
     const unsigned total = 3000;
-    for (unsigned i = 1; i <= total; ++i) {
-        MessageItem* message = makeMessage("n" + std::to_string(i), 700);
-        ASSERT_TRUE(accepted->addToOutboundHeld(message));
-        MessageItem::release(message);
+    {
+        // At the batch's end the connection takes what it can at once and a
+        // megabyte more is posted; the peer reads nothing, so that send
+        // stays outstanding.
+        WriteBatch batch;
+        for (unsigned i = 1; i <= total; ++i) {
+            MessageItem* message = makeMessage("n" + std::to_string(i), 700);
+            ASSERT_TRUE(accepted->addToOutbound(message));
+            MessageItem::release(message);
+        }
     }
-    // The connection takes what it can at once and a megabyte more is
-    // posted; the peer reads nothing, so that send stays outstanding.
-    accepted->flushOutbound();
     const size_t queued = accepted->queuedFrames();
     ASSERT_GT(queued, total / 2);
 
@@ -623,42 +644,63 @@ TEST_F(FrameLinkTest, CommandsOvertakeQueuedMessagesAndIdsRunAcrossBothKinds)
     MessageItem::release(third);
 }
 
-// Held messages wait for the flush, or for the next frame written normally;
-// a command queued after them does not overtake them, since without holding
-// they would already have left.
-TEST_F(FrameLinkTest, HeldMessagesLeaveAtTheFlushAndAreNotOvertakenByALaterCommand)
+// A received block that fans out to other links: the messages it queues on
+// them, on this thread, wait until the whole block is dispatched and then
+// leave in the order queued; a command queued meanwhile writes the messages
+// waiting before it and goes at once, so it overtakes none of them; a link
+// deleted before the block ends is not written (nor touched) afterwards.
+TEST_F(FrameLinkTest, ABlocksMessagesForOtherLinksLeaveWhenTheBlockEnds)
 {
     auto server = unixServer();
-    RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
+    RawPeer source;
+    RawPeer sink;
+    RawPeer gone;
+    size_t linked = 0;
+    for (RawPeer* peer : {&source, &sink, &gone}) {
+        ASSERT_TRUE(peer->connectTo(server->address()));
+        ASSERT_TRUE(server->waitForClients(++linked));
+    }
+    Recorder* to = server->handler(1);
+    Recorder* doomed = server->handler(2);
+    std::mutex mutex;
+    std::vector<unsigned> waiting; // the sink link's queue after each step
+    server->handler(0)->onMessage = [&](MessageItem* message, const std::string& tag) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (tag == "doomed") {
+            EXPECT_TRUE(doomed->addToOutbound(message));
+            server->destroy(doomed);
+            return;
+        }
+        if (tag == "command")
+            EXPECT_TRUE(to->addToOutbound(5, "after"));
+        else
+            EXPECT_TRUE(to->addToOutbound(message));
+        waiting.push_back(to->queuedFrames());
+    };
 
+    const std::vector<std::string> tags = {"s1", "s2", "doomed", "command", "s3", "s4"};
+    Bytes block;
     Bytes expected;
     unsigned id = 0;
-    auto holdOne = [&](const std::string& tag) {
-        MessageItem* message = makeMessage(tag, 12);
-        ASSERT_TRUE(accepted->addToOutboundHeld(message));
-        append(expected, messageFrame(++id, message));
+    for (const std::string& tag : tags) {
+        MessageItem* message = makeMessage(tag, 40);
+        append(block, messageFrame(1, message));
+        if (tag == "command")
+            append(expected, commandFrame(++id, 5, "after"));
+        else if (tag != "doomed")
+            append(expected, messageFrame(++id, message));
         MessageItem::release(message);
-    };
-    holdOne("h1");
-    holdOne("h2");
-    EXPECT_EQ(accepted->queuedFrames(), 2u) << "held messages are not written before the flush";
-    accepted->flushOutbound();
-    holdOne("h3");
-    ASSERT_TRUE(accepted->addToOutbound(5, "after"));
-    append(expected, commandFrame(++id, 5, "after"));
-    holdOne("h4");
-    MessageItem* plain = makeMessage("plain", 3);
-    ASSERT_TRUE(accepted->addToOutbound(plain));
-    append(expected, messageFrame(++id, plain));
-    MessageItem::release(plain);
+    }
+    ASSERT_TRUE(source.sendAll(block)); // one write, so one block
 
     Bytes received;
-    ASSERT_TRUE(peer.readExactly(expected.size(), received));
+    ASSERT_TRUE(sink.readExactly(expected.size(), received));
     EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
-    EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(waiting, (std::vector<unsigned>{1, 2, 0, 1, 2})) << "messages wait for the block's end; a command does not";
+    Bytes none;
+    EXPECT_FALSE(gone.readExactly(1, none)) << "a link deleted during the block is never written";
+    EXPECT_TRUE(waitUntil([&] { return to->queuedFrames() == 0; }, kDeadline));
 }
 
 TEST_F(FrameLinkTest, FramesQueuedBeforeTheLinkLeaveOnceReleasedCommandsFirst)
