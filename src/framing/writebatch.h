@@ -10,7 +10,9 @@
 // bytes of each link and their order are those of writing at once. A
 // command frame is not batched: it first writes the message frames waiting
 // before it on its handler, so it never overtakes them (see
-// DataFrameHandler::enqueue).
+// DataFrameHandler::enqueue). No application callback runs inside a block's
+// dispatch (messages for pumps are queued for the router workers), so what
+// a batch keeps back leaves as soon as the routing of that block is done.
 //
 // Threads. A batch belongs to the thread whose call stack opened it and is
 // only ever touched by that thread. A handler may be destroyed on another
