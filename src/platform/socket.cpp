@@ -18,7 +18,6 @@
 #include <mutex>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 using UlmarComms::Core;
@@ -41,6 +40,30 @@ template <typename Function> void* functionAsPointer(Function function)
 }
 
 } // namespace
+
+// ---------------------------------------------------------------------------
+// Transfers and closing
+
+void BSDSocketPlatformData::closeHandle(int handle)
+{
+    // No transfer begins while the lock is held; one already running is a
+    // single non-blocking system call on this number, which must not be
+    // reused until it returns.
+    if (transfers == 0)
+        ::close(handle);
+    else
+        closedHandles.push_back(handle);
+}
+
+void BSDSocketPlatformData::endTransfer()
+{
+    MutexLocker locker(lock);
+    if (--transfers > 0)
+        return;
+    for (int handle : closedHandles)
+        ::close(handle);
+    closedHandles.clear();
+}
 
 // ---------------------------------------------------------------------------
 // Set-up
@@ -201,21 +224,17 @@ unsigned char Socket::close()
     MutexLocker locker(m_platform->lock);
     if (m_handle == BadSocketValue)
         return SocketNotCreated;
-    // No transfer can begin while the lock is held; one already running is
-    // a single non-blocking system call.
-    while (m_platform->transfers.load() > 0)
-        std::this_thread::yield();
     const int selector = selectorHandle.load();
     epoll_ctl(selector, EPOLL_CTL_DEL, m_handle, nullptr);
     if (m_platform->writeHandle != BadSocketValue) {
         if (m_platform->writeRequest.pending || m_platform->connecting)
             epoll_ctl(selector, EPOLL_CTL_DEL, m_platform->writeHandle, nullptr);
-        ::close(m_platform->writeHandle);
+        m_platform->closeHandle(m_platform->writeHandle);
         m_platform->writeHandle = BadSocketValue;
     }
     int on = 1;
     setsockopt(m_handle, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    ::close(m_handle);
+    m_platform->closeHandle(m_handle);
     m_handle = BadSocketValue;
     m_platform->readRequest.pending = false;
     m_platform->readTaken = false;

@@ -75,6 +75,13 @@ struct BSDSocketPlatformData {
     // A record with a fresh, never reused id for its owner.
     explicit BSDSocketPlatformData(Socket* owner);
 
+    // Begins a transfer on an open descriptor (lock held).
+    void beginTransfer() { ++transfers; }
+    // Ends a transfer and closes what close() left to it (takes the lock).
+    void endTransfer();
+    // Closes handle now, or once the transfers running on it end (lock held).
+    void closeHandle(int handle);
+
     // Identifies the socket in selector registrations.
     const uint64_t id;
     // Guards the descriptors, requests, callbacks and flags of the socket.
@@ -90,9 +97,11 @@ struct BSDSocketPlatformData {
     bool readTaken = false;
     // Stream transfers running on the descriptors without the lock, so that
     // a receive and a send of one socket do not wait for each other; begun
-    // under the lock while the descriptor is open, and close() waits for
-    // them before a descriptor number can be reused.
-    std::atomic<unsigned> transfers{0};
+    // and ended under the lock.
+    unsigned transfers = 0;
+    // Descriptors close() took away while transfers still used them: the
+    // last transfer to end closes them, so a number is never reused under it.
+    std::vector<int> closedHandles;
     // Set once the connection has been reported ended; cleared by set().
     bool ended = false;
     // A connectAsync() is under way: the write handle is registered for its

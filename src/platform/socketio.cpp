@@ -137,13 +137,13 @@ unsigned Socket::trySend(const unsigned char* buffer, unsigned size)
             || m_platform->ended)
             return 0;
         handle = m_platform->writeHandle >= 0 ? m_platform->writeHandle : m_handle;
-        ++m_platform->transfers;
+        m_platform->beginTransfer();
     }
     message("Doing send() on a socket.\n");
     // Outside the lock, so a worker receiving on this socket meanwhile is
-    // not kept waiting; close() waits for the transfer instead.
+    // not kept waiting; a close() meanwhile leaves the descriptor to it.
     const ssize_t count = ::send(handle, buffer, size, MSG_NOSIGNAL | MSG_DONTWAIT);
-    --m_platform->transfers;
+    m_platform->endTransfer();
     return count > 0 ? static_cast<unsigned>(count) : 0;
 }
 

@@ -351,7 +351,7 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
                 }
             } else {
                 streamHandle = socket->m_handle;
-                ++record->transfers;
+                record->beginTransfer();
             }
         }
     }
@@ -360,7 +360,7 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
         // socket from another thread does not wait for it.
         count = ::recv(streamHandle, buffer, size, MSG_DONTWAIT);
         error = errno;
-        --record->transfers;
+        record->endTransfer();
         if (count < 0 && wouldBlock(error) && rearmAfterNothing(hold))
             return;
     }
@@ -446,11 +446,11 @@ void SocketSelectorWorker::completeTakenRead(SocketHold& hold)
         if (received == nullptr)
             return;
         handle = socket->m_handle;
-        ++record->transfers;
+        record->beginTransfer();
     }
     const ssize_t count = ::recv(handle, buffer, size, MSG_DONTWAIT);
     const int error = errno;
-    --record->transfers;
+    record->endTransfer();
     // Readiness without data: the selector waits for it again.
     if (count < 0 && wouldBlock(error) && rearmAfterNothing(hold))
         return;
