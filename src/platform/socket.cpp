@@ -10,6 +10,7 @@
 
 #include "core/core.h"
 #include "platform/socketinternal.h"
+#include "platform/socketreaper.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -178,6 +179,9 @@ unsigned char Socket::connect(const SocketAddress& address, ConnectionCallback c
         return code;
     }
     SetNonBlocking(handle);
+    // The connected callback runs here, not on a worker, but it may hand
+    // objects to the reaper all the same.
+    SocketReaper::Section section;
     onConnectedAction();
     return NoSocketError;
 }

@@ -5,6 +5,7 @@
 
 #include "core/core.h"
 #include "platform/socketinternal.h"
+#include "platform/socketreaper.h"
 #include "platform/socketselector.h"
 #include "platform/sockettimeout.h"
 
@@ -79,6 +80,8 @@ void Socket::deinit()
     selectorHandle = -1;
     selector->stop();
     delete selector;
+    // No worker is left to reap: what was handed over goes now.
+    SocketReaper::drain();
 }
 
 SocketSelector* Socket::getSelector()

@@ -12,6 +12,7 @@
 
 #include "core/core.h"
 #include "platform/socket.h"
+#include "platform/socketreaper.h"
 #include "platform/sockettimeout.h"
 
 #include <cerrno>
@@ -36,12 +37,32 @@ bool wouldBlock(int error)
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
+// The running selector's reap eventfd, -1 when none runs.
+std::atomic<int> reapWakeHandle{-1};
+
+void kickReaper()
+{
+    const int handle = reapWakeHandle.load();
+    const uint64_t one = 1;
+    if (handle >= 0 && write(handle, &one, sizeof(one)) < 0 && errno != EAGAIN)
+        Socket::log(Core::LogError, "SocketSelector: unable to wake a worker to reap errno=%d\n", errno);
+}
+
+void drainReapWake(int handle)
+{
+    uint64_t count = 0;
+    while (handle >= 0 && read(handle, &count, sizeof(count)) > 0) {
+    }
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
 // Selector
 
-SocketSelector::SocketSelector() : m_handle(-1), m_maxEvents(40), m_timeout(500), m_wakeHandle(-1) {}
+SocketSelector::SocketSelector() : m_handle(-1), m_maxEvents(40), m_timeout(500), m_wakeHandle(-1), m_reapHandle(-1)
+{
+}
 
 SocketSelector::~SocketSelector()
 {
@@ -68,6 +89,17 @@ bool SocketSelector::start(unsigned n)
         wake.data.u64 = WakeToken;
         epoll_ctl(handle, EPOLL_CTL_ADD, m_wakeHandle, &wake);
     }
+    // Edge-triggered: each hand-over to an idle reaper wakes one worker or
+    // few; without it the workers still reap after every wait time-out.
+    m_reapHandle = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (m_reapHandle >= 0) {
+        epoll_event reap{};
+        reap.events = EPOLLIN | EPOLLET;
+        reap.data.u64 = ReapToken;
+        epoll_ctl(handle, EPOLL_CTL_ADD, m_reapHandle, &reap);
+        reapWakeHandle = m_reapHandle;
+        SocketReaper::setKick(&kickReaper);
+    }
     m_handle = handle;
     for (unsigned i = 0; i < n; ++i) {
         SocketSelectorWorker* worker = new SocketSelectorWorker(this, handle);
@@ -84,8 +116,11 @@ bool SocketSelector::start(unsigned n)
 void SocketSelector::stop()
 {
     Socket::message("SocketSelector::Stop()\n");
-    // New registrations fail from here on.
+    // New registrations fail from here on, and hand-overs reap at once on
+    // the caller's thread (Socket::deinit destroys the rest).
     const int handle = m_handle.exchange(-1);
+    SocketReaper::setKick(nullptr);
+    reapWakeHandle = -1;
     for (SocketSelectorWorker* worker : m_workers)
         worker->stop();
     if (m_wakeHandle >= 0) {
@@ -104,6 +139,9 @@ void SocketSelector::stop()
     if (m_wakeHandle >= 0)
         ::close(m_wakeHandle);
     m_wakeHandle = -1;
+    if (m_reapHandle >= 0)
+        ::close(m_reapHandle);
+    m_reapHandle = -1;
     Socket::message("SocketSelector::Stop() Done\n");
 }
 
@@ -177,6 +215,10 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
         for (int i = 0; i < count; ++i) {
             if (events[i].data.u64 == SocketSelector::WakeToken)
                 continue;
+            if (events[i].data.u64 == SocketSelector::ReapToken) {
+                drainReapWake(reapWakeHandle.load());
+                continue;
+            }
             try {
                 if (!processEvent(&events[i]))
                     Socket::log(Core::LogError, "SocketSelectorWorker::Run() ProcessEvent failed.\n");
@@ -187,6 +229,8 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
         }
         if (timers)
             SocketTimeout::instance()->handle();
+        // Between turns this worker is in no section, so it may destroy.
+        SocketReaper::reap();
     }
 }
 
@@ -200,6 +244,8 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
 
 bool SocketSelectorWorker::processEvent(epoll_event* event)
 {
+    // Whatever this event calls stays alive until it has been completed.
+    SocketReaper::Section section;
     const uint64_t data = event->data.u64;
     SocketHold hold = SocketHold::byId(data >> 2);
     if (hold.socket() == nullptr) {
@@ -425,6 +471,7 @@ bool SocketSelectorWorker::rearmAfterNothing(SocketHold& hold)
 
 void SocketSelectorWorker::completeTakenRead(SocketHold& hold)
 {
+    SocketReaper::Section section;
     Socket* socket = hold.socket();
     BSDSocketPlatformData* record = hold.record();
     if (socket == nullptr)

@@ -11,6 +11,13 @@
 // Stopping wakes the workers through an eventfd in the same epoll set and
 // closes the epoll descriptor only after every worker has been joined, so no
 // worker ever waits on a descriptor number that may have been reused.
+//
+// Lifetime. The selector alone decides when an object it may still call is
+// destroyed (socketreaper.h): each event is completed inside a reaper
+// section, owners hand what they are done with to the reaper, and after
+// every turn a worker destroys what no section can still be using. A second
+// eventfd, written when the first object is handed over, wakes one worker
+// for that; Socket::deinit destroys what is left once the workers are gone.
 #pragma once
 
 #include "platform/socket.h"
@@ -81,6 +88,8 @@ class SocketSelector {
 public:
     // The registration data that only wakes the workers.
     static constexpr uint64_t WakeToken = 0;
+    // The registration data that wakes a worker to reap (no record has id 0).
+    static constexpr uint64_t ReapToken = 3;
 
     SocketSelector();
     // Stops the workers if that has not been done.
@@ -109,6 +118,8 @@ private:
     std::vector<SocketSelectorWorker*> m_workers;
     // The eventfd that wakes every worker at stop.
     int m_wakeHandle;
+    // The eventfd that wakes a worker to reap.
+    int m_reapHandle;
 };
 
 } // namespace UlmarCommsSystem
