@@ -10,7 +10,7 @@
 
 #include "core/core.h"
 #include "messaging/messageitem.h"
-#include "platform/thread.h"
+#include "platform/socketreaper.h"
 
 #include <algorithm>
 #include <utility>
@@ -26,40 +26,12 @@ using UlmarCommsSystem::SocketAddress;
 
 namespace {
 
-// Handlers whose callbacks this thread is running, innermost last: a handler
-// waiting for its callbacks to end must not wait for its own thread.
-thread_local std::vector<const DataFrameHandler*> t_callbacksOfThisThread;
-
 int asNumber(const void* pointer)
 {
     return static_cast<int>(reinterpret_cast<intptr_t>(pointer));
 }
 
 } // namespace
-
-// Counts one callback of a handler for the lifetime of the scope. The
-// decrement is the scope's last touch of the handler, so a waiter that sees
-// the count drop may destroy it at once.
-class DataFrameHandler::CallbackScope {
-public:
-    explicit CallbackScope(DataFrameHandler* handler) : m_pHandler(handler)
-    {
-        m_pHandler->m_callbacksRunning.fetch_add(1);
-        t_callbacksOfThisThread.push_back(handler);
-    }
-    ~CallbackScope()
-    {
-        auto mine = std::find(t_callbacksOfThisThread.rbegin(), t_callbacksOfThisThread.rend(), m_pHandler);
-        if (mine != t_callbacksOfThisThread.rend())
-            t_callbacksOfThisThread.erase(std::next(mine).base());
-        m_pHandler->m_callbacksRunning.fetch_sub(1);
-    }
-    CallbackScope(const CallbackScope&) = delete;
-    CallbackScope& operator=(const CallbackScope&) = delete;
-
-private:
-    DataFrameHandler* m_pHandler;
-};
 
 // ---------------------------------------------------------------- lifetime
 
@@ -69,7 +41,7 @@ DataFrameHandler::DataFrameHandler()
       m_sending(false), m_lastId(0), m_pOutboundBuffer(nullptr), m_outboundSize(0),
       m_pOutboundCurrentFrame(nullptr), m_outboundInFlight(false), m_currentSent(0), m_queuedBytes(0),
       m_outboundHeld(false), m_batchedFrames(false), m_pBatchMember(std::make_shared<WriteBatch::Member>(this)),
-      m_probe(0), m_pSocket(nullptr), m_callbacksRunning(0)
+      m_probe(0), m_pSocket(nullptr)
 {
     Core::verbose("DataFrameHandler::DataFrameHandler() this=%p\n", static_cast<void*>(this));
 }
@@ -80,15 +52,9 @@ DataFrameHandler::~DataFrameHandler()
     // A batch still open on any thread skips this handler from here on; one
     // writing it right now is waited for.
     WriteBatch::forget(*m_pBatchMember);
-    // The socket stays open (it is the owner's), but it must not call into
-    // a handler that is gone.
-    Socket* socket = takeSocket();
-    if (socket != nullptr) {
-        socket->setStreamCallbacks(nullptr, nullptr, nullptr);
-        socket->setErrorCallback(nullptr, nullptr);
-        socket->setConnectionCallback(nullptr, nullptr, nullptr);
-    }
-    waitForCallbacksToEnd();
+    // Normally retireLink() has run already; a handler deleted directly
+    // must not leave a socket that calls into it either.
+    DataFrameHandler::retireLink();
     {
         MutexLocker locker(m_outboundLock);
         releaseOutboundFrames();
@@ -188,13 +154,24 @@ void DataFrameHandler::release(DataFrame* frame)
     delete frame;
 }
 
-void DataFrameHandler::waitForCallbacksToEnd()
+void DataFrameHandler::release(DataFrameHandler* handler)
 {
-    const int own = static_cast<int>(
-        std::count(t_callbacksOfThisThread.begin(), t_callbacksOfThisThread.end(), this));
-    // Only teardown waits here, and callbacks are short: polling is enough.
-    while (m_callbacksRunning.load() > own)
-        UlmarCommsSystem::Thread::sleep(1);
+    if (handler == nullptr)
+        return;
+    handler->retireLink();
+    UlmarCommsSystem::SocketReaper::deferDelete(handler);
+}
+
+void DataFrameHandler::retireLink()
+{
+    // The socket stays open (it is the owner's); cleared under its lock, its
+    // callbacks no longer lead here once this returns.
+    Socket* socket = takeSocket();
+    if (socket == nullptr)
+        return;
+    socket->setStreamCallbacks(nullptr, nullptr, nullptr);
+    socket->setErrorCallback(nullptr, nullptr);
+    socket->setConnectionCallback(nullptr, nullptr, nullptr);
 }
 
 // ------------------------------------------------------------------ socket
@@ -513,7 +490,6 @@ void DataFrameHandler::onSentFunction(Socket* socket, unsigned char* buffer, uns
     DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
     if (handler == nullptr)
         return;
-    CallbackScope scope(handler);
     try {
         handler->onSent(socket, buffer, count, size, error);
     } catch (...) {
@@ -530,7 +506,6 @@ void DataFrameHandler::onRecvedFunction(Socket* socket, unsigned char* buffer, u
     DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
     if (handler == nullptr)
         return;
-    CallbackScope scope(handler);
     try {
         handler->onRecved(socket, buffer, count, size, error);
     } catch (...) {
@@ -548,7 +523,6 @@ void DataFrameHandler::onErrorFunction(Socket* socket, unsigned char error, void
     DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
     if (handler == nullptr)
         return;
-    CallbackScope scope(handler);
     try {
         handler->onError(socket, error);
     } catch (...) {
@@ -563,7 +537,6 @@ void DataFrameHandler::onConnectedFunction(Socket* socket, void* user)
     DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
     if (handler == nullptr)
         return;
-    CallbackScope scope(handler);
     try {
         handler->onConnected(socket);
     } catch (...) {
@@ -579,7 +552,6 @@ void DataFrameHandler::onDisconnectFunction(Socket* socket, void* user)
     DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
     if (handler == nullptr)
         return;
-    CallbackScope scope(handler);
     try {
         handler->onDisconnect(socket);
     } catch (...) {

@@ -27,6 +27,15 @@
 // frame holds a serialised copy. A message handed to doHandleMessage belongs
 // to the subclass.
 //
+// Lifetime. A handler that a socket may still call is not deleted but
+// released: release() runs retireLink() at once (by default the socket is
+// forgotten and its callbacks cleared, so no callback of it starts any more)
+// and hands the handler to the selector's reaper, which deletes it once no
+// callback that began before can still be running (platform/socketreaper.h).
+// That works from inside the handler's own callbacks too. Deleting directly
+// is only for a handler no socket has called, or whose owner has waited
+// (SocketReaper::synchronize) after detaching it.
+//
 // A frame whose payload does not parse (a message packet or command record
 // that contradicts itself) or whose type is unknown is logged and dropped:
 // its header said where it ends, so the link stays and the next frame is read.
@@ -87,6 +96,14 @@ public:
     virtual void doHandleMessage(MessageItem* message) = 0;
     // Releases queued frames and buffers; does not close or delete the socket.
     virtual ~DataFrameHandler();
+    // Retires the handler's link at once and hands the handler to the reaper
+    // (see the file comment); null does nothing.
+    static void release(DataFrameHandler* handler);
+    // Releases instead of deleting, for owners that hold a handler in a smart pointer.
+    struct Releaser {
+        // Releases handler.
+        void operator()(DataFrameHandler* handler) const { release(handler); }
+    };
     // Installs the callbacks on the socket and uses it from now on.
     virtual void setSocket(Socket* socket);
 
@@ -144,14 +161,12 @@ public:
     static void onDisconnectFunction(Socket* socket, void* user);
 
 protected:
-    // Waits until no callback of this handler runs on another thread. Owners
-    // call it before destroying state that callbacks use: a callback that
-    // took the socket (onError) no longer keeps its deletion waiting.
-    void waitForCallbacksToEnd();
+    // What release() does before the handler goes to the reaper: forgets
+    // the socket and clears its callbacks. Owners of the socket override it
+    // to close and delete it, and to leave whatever lists hold the handler.
+    virtual void retireLink();
 
 private:
-    // Counts a callback in progress for waitForCallbacksToEnd.
-    class CallbackScope;
     // Writes the frames it batched when a batch ends.
     friend class WriteBatch;
 
@@ -248,8 +263,6 @@ private:
     unsigned char m_probe;
     // Written under both locks, so either lock gives a stable view.
     std::atomic<Socket*> m_pSocket;
-    // Callbacks of this handler running now, on any thread.
-    std::atomic<int> m_callbacksRunning;
 };
 
 } // namespace UlmarComms

@@ -2,13 +2,13 @@
 //
 // Claim before use: a proxy leaves the connections list (under its lock)
 // before anything else is done to it, so of the link's own drop and
-// closeAllLinks exactly one deletes it. A proxy whose deletion is racing
-// with its own socket's callback stays valid for that callback, because
-// deleting the proxy deletes its socket, which waits for the callback.
+// closeAllLinks exactly one releases it. A released proxy stays valid for a
+// callback of its socket still running: the reaper deletes it only after.
 #include "link/localsocketserverinterface.h"
 
 #include "core/core.h"
 #include "platform/socket.h"
+#include "platform/socketreaper.h"
 
 #include <algorithm>
 
@@ -46,13 +46,18 @@ SocketMessageRouterProxy::SocketMessageRouterProxy() : m_pSystemRouter(nullptr)
 SocketMessageRouterProxy::~SocketMessageRouterProxy()
 {
     Core::message("SocketMessageRouterProxy::~SocketMessageRouterProxy() this=%p\n", static_cast<void*>(this));
+    // Released proxies have no socket left; one deleted directly never had
+    // a callback run.
+    SocketMessageRouterProxy::retireLink();
+}
+
+void SocketMessageRouterProxy::retireLink()
+{
     Socket* socket = takeSocket();
-    if (socket != nullptr) {
-        socket->close();
-        delete socket; // waits for this socket's callbacks on other workers
-    }
-    // onError may have taken the socket and still be on its way out.
-    waitForCallbacksToEnd();
+    if (socket == nullptr)
+        return;
+    socket->close();
+    delete socket; // waits for this socket's callbacks on other workers
 }
 
 bool SocketMessageRouterProxy::setSystemRouter(ISystemRouter* systemRouter)
@@ -270,7 +275,7 @@ void LocalSocketServerInterface::remove(SocketMessageRouterProxy* proxy)
     }
     Core::message("LSSInterface::Remove( %p ) this=%p Removed a connection.\n", static_cast<void*>(proxy),
                   static_cast<void*>(this));
-    delete proxy; // closes and deletes its socket
+    DataFrameHandler::release(proxy); // closes and deletes its socket now
 }
 
 void LocalSocketServerInterface::closeAllLinks()
@@ -282,15 +287,18 @@ void LocalSocketServerInterface::closeAllLinks()
             claimed.swap(m_connections);
         }
         if (claimed.empty())
-            return;
+            break;
         Core::message("LocalSocketServerInterface::closeAllLinks() this=%p Closing %u links.\n",
                       static_cast<void*>(this), static_cast<unsigned>(claimed.size()));
         for (SocketMessageRouterProxy* proxy : claimed) {
             proxy->setSystemRouter(nullptr);
             m_pLinkedSystemRouter->remove(proxy);
-            delete proxy;
+            DataFrameHandler::release(proxy);
         }
     }
+    // A callback of a link already running may still reach the system
+    // router, which the owner deletes next.
+    UlmarCommsSystem::SocketReaper::synchronize();
 }
 
 std::vector<SocketMessageRouterProxy*> LocalSocketServerInterface::links()

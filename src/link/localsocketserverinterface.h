@@ -16,9 +16,10 @@
 // is deleted (deleting waits for the proxy's socket callbacks).
 //
 // Ownership. The listener owns its proxies (listed in order of acceptance);
-// a proxy owns its accepted socket. A proxy is deleted when its link drops
-// (through onClientDisconnect) or by closeAllLinks; the destructor of the
-// listener leaves proxies still listed alone. The system router is not owned.
+// a proxy owns its accepted socket. A proxy is released to the reaper
+// (DataFrameHandler::release) when its link drops (through
+// onClientDisconnect) or by closeAllLinks; the destructor of the listener
+// leaves proxies still listed alone. The system router is not owned.
 // A proxy's post takes its message whatever the result (a frame holds a
 // copy); a message from the link is posted to the system router.
 #pragma once
@@ -39,7 +40,8 @@ class SocketMessageRouterProxy : public IMessageRouter, public DataFrameHandler 
 public:
     // No system router yet; buffers from the "socketmessagerouterproxy.*" settings.
     SocketMessageRouterProxy();
-    // Closes and deletes a socket still held.
+    // Closes and deletes a socket still held (a proxy never linked); linked
+    // ones are released, not deleted.
     ~SocketMessageRouterProxy() override;
 
     // The router that incoming traffic goes to; null detaches (and gives false).
@@ -63,6 +65,10 @@ public:
 
     // The attached system router, or null.
     ISystemRouter* systemRouter() const { return m_pSystemRouter.load(); }
+
+protected:
+    // Closes and deletes the socket (release() calls it).
+    void retireLink() override;
 
 private:
     // Where incoming traffic goes (not owned); null once detached.
@@ -88,11 +94,12 @@ public:
 
     // Whether proxy is one of this listener's links (logged when not).
     bool isValid(SocketMessageRouterProxy* proxy);
-    // Detaches and unregisters proxy, and deletes it if it is listed here.
+    // Detaches and unregisters proxy, and releases it if it is listed here.
     void remove(SocketMessageRouterProxy* proxy);
     // Closes every accepted link: each proxy is unregistered from the system
-    // router and deleted. Safe while the selector runs; call it after the
-    // system router has finished (so no new link is accepted).
+    // router and released, and the callbacks still running end before it
+    // returns. Safe while the selector runs, never from a callback; call it
+    // after the system router has finished (so no new link is accepted).
     void closeAllLinks();
 
     // The links, in order of acceptance.

@@ -9,6 +9,7 @@
 
 #include "core/core.h"
 #include "platform/socket.h"
+#include "platform/socketreaper.h"
 #include "platform/sockettimeout.h"
 
 #include <poll.h>
@@ -49,15 +50,18 @@ SocketSystemRouterProxy::SocketSystemRouterProxy(const SocketAddress& systemRout
 SocketSystemRouterProxy::~SocketSystemRouterProxy()
 {
     Core::message("SocketSystemRouterProxy::~SocketSystemRouterProxy() this=%p.\n", static_cast<void*>(this));
+    SocketSystemRouterProxy::retireLink();
+    Core::message("SocketSystemRouterProxy::~SocketSystemRouterProxy() Done.\n");
+}
+
+void SocketSystemRouterProxy::retireLink()
+{
     // The runtime deletes a proxy whose start failed without finishing it,
     // and a failed create schedules a retry: an entry left behind would fire
     // on a deleted proxy.
     if (SocketTimeout::instance()->count(onDoReconnect, this) > 0)
         Socket::removeFromTimer(onDoReconnect, this);
     dropSocket(false);
-    // A callback that took the socket (onError) may still be on its way out.
-    waitForCallbacksToEnd();
-    Core::message("SocketSystemRouterProxy::~SocketSystemRouterProxy() Done.\n");
 }
 
 void SocketSystemRouterProxy::dropSocket(bool close)
@@ -100,11 +104,11 @@ void SocketSystemRouterProxy::finish()
     // An error that was being handled meanwhile may have scheduled an
     // attempt, or an attempt may just have made a socket; nothing of the
     // link may outlive finish(), since the owner deletes the proxy next.
-    waitForCallbacksToEnd();
+    UlmarCommsSystem::SocketReaper::synchronize();
     while (socket() != nullptr || SocketTimeout::instance()->count(onDoReconnect, this) > 0) {
         Socket::removeFromTimer(onDoReconnect, this);
         dropSocket(true);
-        waitForCallbacksToEnd();
+        UlmarCommsSystem::SocketReaper::synchronize();
     }
 }
 

@@ -24,7 +24,9 @@
 // MessageRouter.
 // The socket is the proxy's: created for each attempt, deleted on error, in
 // finish and in the destructor. The MessageRouter is not owned. The owner
-// calls finish() before deleting the proxy.
+// calls finish() before deleting the proxy: finish() waits for the callbacks
+// still running, so none runs once it returns (or it releases the proxy,
+// DataFrameHandler::release, and the reaper deletes it later).
 #pragma once
 
 #include "framing/dataframehandler.h"
@@ -53,12 +55,15 @@ public:
     // A proxy for the service at systemRouterAddress; it does not connect yet.
     explicit SocketSystemRouterProxy(const SocketAddress& systemRouterAddress);
     // Deletes a socket still held and any retry still scheduled; owners call
-    // finish() first (the runtime may not, after a failed start).
+    // finish() first (the runtime may not, after a failed start, when no
+    // callback can have run).
     ~SocketSystemRouterProxy() override;
 
     // Goes live and starts connecting: false only when no socket could be made.
     bool start() override;
-    // Stops reconnecting and closes the link (leaves the proxy live, on purpose).
+    // Stops reconnecting and closes the link (leaves the proxy live, on
+    // purpose); waits for the callbacks still running, so never call it from
+    // one.
     void finish() override;
     // Attaches the process's router (replacing any earlier one); true.
     bool add(IMessageRouter* router) override;
@@ -105,6 +110,10 @@ public:
     bool isReconnectPending();
     // The attached router, or null.
     IMessageRouter* messageRouter() const { return m_pMessageRouter.load(); }
+
+protected:
+    // Removes the retry and deletes the socket (release() calls it).
+    void retireLink() override;
 
 private:
     // Closes and deletes whatever socket the handler still holds.

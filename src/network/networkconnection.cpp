@@ -5,8 +5,9 @@
 // leaves the routing table (under the router's lock, so a post that holds the
 // lock finishes with it first, and no later host-name command can enter it
 // again), then deletes its socket, which waits for that socket's callbacks on
-// other workers. The object itself goes only when no callback of it runs any
-// more: the frame handler's trampoline still touches it after onError.
+// other workers. The object itself goes through the reaper, only when no
+// callback of it runs any more: the frame handler's trampoline still touches
+// it after onError.
 #include "network/networkconnection.h"
 
 #include "core/core.h"
@@ -23,18 +24,16 @@ using UlmarCommsSystem::SocketAddress;
 namespace UlmarComms {
 
 NetworkRouterConnection::NetworkRouterConnection(NetworkRouterInterface* interface, const SocketAddress& remote)
-    : m_initiator(false), m_pInterface(interface), m_remote(remote), m_closing(false), m_pinned(false), m_answeredHostName(false)
+    : m_initiator(false), m_pInterface(interface), m_remote(remote), m_closing(false), m_answeredHostName(false)
 {
     createBuffers(BufferSize, BufferSize);
 }
 
-NetworkRouterConnection::~NetworkRouterConnection()
-{
-    retire();
-    waitForCallbacksToEnd();
-}
+// Released before it is deleted: retireLink() has run, and its interface
+// may be gone by now.
+NetworkRouterConnection::~NetworkRouterConnection() = default;
 
-void NetworkRouterConnection::retire()
+void NetworkRouterConnection::retireLink()
 {
     m_closing = true;
     INetworkRouter* router = m_pInterface != nullptr ? m_pInterface->getNetworkRouter() : nullptr;
@@ -118,8 +117,8 @@ void NetworkRouterConnection::onError(Socket* socket, unsigned char error)
         return;
     }
     Core::log(Core::LogError, "NetworkRouterConnection::onError( %p, %d )\n", static_cast<void*>(socket), error);
-    // The interface retires it now and deletes it once this callback has
-    // returned (unless a stop has already taken it, which then deletes it).
+    // The interface releases it now and the reaper deletes it once this
+    // callback has returned (unless a stop has already taken it out).
     m_pInterface->remove(this);
 }
 

@@ -6,11 +6,13 @@
 // in its routing table. The host that sends first connects; the other accepts.
 //
 // Ownership. The connection owns its socket (it closes and deletes it when it
-// is retired or destroyed) and is owned by its interface's connections list
-// once it has completed or been accepted. A connection that errs is retired
-// at once by the interface's remove() and deleted exactly once, later, when
-// its error callback has returned; a connection the interface has already
-// taken out (while stopping) is deleted by the stop instead.
+// is retired) and is owned by its interface's connections list once it has
+// completed or been accepted. Whoever takes it out of that list (the
+// interface's remove() when it errs, or a stop) releases it exactly once
+// (DataFrameHandler::release): it is retired at once and the reaper deletes
+// it once its callbacks, the error callback that released it included, have
+// returned. Code that uses a connection it did not take out of the list
+// (the opener, just after connectTo) does so inside a reaper section.
 //
 // Threads. Every callback runs on a selector worker thread, onConnected
 // included: connect() only starts the connect, so the system router's thread
@@ -38,8 +40,6 @@ public:
 
     // An accepting (not initiating) connection to remote; buffers of 4096.
     NetworkRouterConnection(NetworkRouterInterface* interface, const UlmarCommsSystem::SocketAddress& remote);
-    // Retires, then waits until no callback of it runs on another thread.
-    ~NetworkRouterConnection() override;
     NetworkRouterConnection(const NetworkRouterConnection&) = delete;
     NetworkRouterConnection& operator=(const NetworkRouterConnection&) = delete;
 
@@ -56,9 +56,6 @@ public:
 
     // Starts a non-blocking connect of the socket to the remote address.
     bool connect();
-    // Leaves the routing table for good, then closes and deletes the socket;
-    // the object stays until deleted. Safe inside its own callbacks.
-    void retire();
 
     // Marks the connection as the one this host opened.
     void setInitiator(bool initiator) { m_initiator = initiator; }
@@ -70,15 +67,15 @@ public:
     const UlmarCommsSystem::SocketAddress& getRemoteAddress() const { return m_remote; }
     // The host name the peer gave, empty until the exchange.
     std::string getRemoteHostName() const;
-    // Set once destruction has begun: the routing table must not take it again.
+    // Set once it has been released: the routing table must not take it again.
     bool isClosing() const { return m_closing.load(); }
-    // Keeps a retired connection from being deleted while its opener still
-    // holds it (set by connectTo, cleared by the opener when done with it).
-    void pin() { m_pinned = true; }
-    // The opener is done with it.
-    void unpin() { m_pinned = false; }
-    // Whether its opener still holds it.
-    bool isPinned() const { return m_pinned.load(); }
+
+protected:
+    // Only the reaper deletes a connection.
+    ~NetworkRouterConnection() override;
+    // Leaves the routing table for good, then closes and deletes the socket
+    // (release() calls it; safe inside its own callbacks).
+    void retireLink() override;
 
 private:
     // Enters the connection in the routing table under the peer's name.
@@ -88,7 +85,6 @@ private:
     NetworkRouterInterface* m_pInterface;
     UlmarCommsSystem::SocketAddress m_remote;
     std::atomic<bool> m_closing;
-    std::atomic<bool> m_pinned;
     // Whether command 100 has been answered (receive path only).
     bool m_answeredHostName;
     // Written once by the receive path; read by queries.

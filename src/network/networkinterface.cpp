@@ -7,14 +7,14 @@
 // only the embedded length and fields that fit decide whether it is taken, a
 // wrong trailer is tolerated with an error logged.
 //
-// Deleting connections. A connection that errs asks remove() to take it out
-// of the list on its own socket's worker; remove() retires it at once (out of
-// the routing table, socket closed and deleted) and keeps it among the
-// retired, which are deleted by the next connect, accept or stop, outside
-// that callback. stop() takes the remaining ones out and deletes them itself.
-// Each connection is in the list at most once and whoever takes it out owns
-// its deletion, so it is deleted exactly once. stop() also waits for
-// retirements that remove() has begun, since those still reach this interface.
+// Releasing connections. A connection that errs asks remove() to take it out
+// of the list on its own socket's worker; remove() releases it at once (out
+// of the routing table, socket closed and deleted) and the selector's reaper
+// deletes it once that callback has returned. stop() takes the remaining ones
+// out and releases them itself. Each connection is in the list at most once
+// and whoever takes it out releases it, so it is deleted exactly once. stop()
+// then waits until the callbacks running meanwhile have ended, since a
+// remove() among them still reaches this interface.
 #include "network/networkinterface.h"
 
 #include "core/core.h"
@@ -23,6 +23,7 @@
 #include "network/networkconnection.h"
 #include "network/networkrouter.h"
 #include "platform/socket.h"
+#include "platform/socketreaper.h"
 
 #include <algorithm>
 #include <cstring>
@@ -57,7 +58,7 @@ void limitConnectTime(Socket* socket)
 NetworkRouterInterface::NetworkRouterInterface(INetworkRouter* router, const SocketAddress& local,
                                                const SocketAddress& broadcast, const SocketAddress& network)
     : DataFrameServer(local), m_pNetworkRouter(router), m_broadcast(broadcast), m_network(network),
-      m_pDiscovery(nullptr), m_infoLength(0), m_local(local), m_discoveryStopping(false), m_deleting(0)
+      m_pDiscovery(nullptr), m_infoLength(0), m_local(local), m_discoveryStopping(false)
 {
     std::memset(m_receiveBuffer, 0, sizeof(m_receiveBuffer));
     std::memset(m_infoBuffer, 0, sizeof(m_infoBuffer));
@@ -189,15 +190,11 @@ void NetworkRouterInterface::messagingStop()
     for (NetworkRouterConnection* connection : takeConnections()) {
         if (m_pNetworkRouter != nullptr)
             m_pNetworkRouter->removeConnection(connection);
-        delete connection;
+        DataFrameHandler::release(connection);
     }
-    // A connection that remove() is retiring on a worker still reaches this
+    // A connection that remove() is releasing on a worker still reaches this
     // interface and the router.
-    {
-        std::unique_lock<std::mutex> locker(m_deletingLock);
-        m_deletingDone.wait(locker, [this] { return m_deleting == 0; });
-    }
-    reapRetired();
+    UlmarCommsSystem::SocketReaper::synchronize();
 }
 
 bool NetworkRouterInterface::takeConnection(NetworkRouterConnection* connection)
@@ -229,46 +226,11 @@ void NetworkRouterInterface::add(NetworkRouterConnection* connection)
 
 void NetworkRouterInterface::remove(NetworkRouterConnection* connection)
 {
-    {
-        MutexLocker locker(m_connectionsLock);
-        auto found = std::find(m_connections.begin(), m_connections.end(), connection);
-        if (found == m_connections.end())
-            return;
-        m_connections.erase(found);
-        std::lock_guard<std::mutex> counting(m_deletingLock);
-        ++m_deleting;
-    }
-    // Retired without the list lock: deleting its socket waits for the
+    // Released without the list lock: deleting its socket waits for the
     // socket's other callbacks, which may be waiting for that lock. The
-    // object is deleted later, since the caller is usually its own callback.
-    connection->retire();
-    std::lock_guard<std::mutex> counting(m_deletingLock);
-    m_retired.push_back(connection);
-    --m_deleting;
-    m_deletingDone.notify_all();
-}
-
-void NetworkRouterInterface::reapRetired()
-{
-    std::vector<NetworkRouterConnection*> retired;
-    {
-        std::lock_guard<std::mutex> counting(m_deletingLock);
-        retired.swap(m_retired);
-    }
-    // A retired connection's socket is gone, so at most the end of its error
-    // callback still runs; its destructor waits for that and nothing else.
-    // One whose opener still holds it waits for the next round.
-    std::vector<NetworkRouterConnection*> kept;
-    for (NetworkRouterConnection* connection : retired) {
-        if (connection->isPinned())
-            kept.push_back(connection);
-        else
-            delete connection;
-    }
-    if (!kept.empty()) {
-        std::lock_guard<std::mutex> counting(m_deletingLock);
-        m_retired.insert(m_retired.end(), kept.begin(), kept.end());
-    }
+    // caller is usually its own callback; the reaper deletes it afterwards.
+    if (takeConnection(connection))
+        DataFrameHandler::release(connection);
 }
 
 bool NetworkRouterInterface::hasConnection(NetworkRouterConnection* connection)
@@ -285,7 +247,6 @@ size_t NetworkRouterInterface::connectionCount()
 
 NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& address)
 {
-    reapRetired();
     const std::string text = address.asString();
     Core::message("NetworkRouterInterface::connectTo( '%s' )\n", text.c_str());
     if (!address.isIP4Address()) {
@@ -314,8 +275,6 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
     connection->setInitiator(true);
     // Frames queue until the connection stands; it then names this host first.
     connection->holdOutbound();
-    // Should it fail at once, it stays until the caller has looked at it.
-    connection->pin();
     // Listed before the connect starts: a failure is reported on a worker,
     // and only a listed connection is retired and deleted by remove().
     add(connection);
@@ -323,7 +282,7 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
         Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to start connection.\n");
         // No callback follows a connect that could not start.
         if (takeConnection(connection))
-            delete connection;
+            DataFrameHandler::release(connection);
         return nullptr;
     }
     Core::message("NetworkRouterInterface::connectTo( '%s' ) Setup\n", text.c_str());
@@ -333,7 +292,6 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
 void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clientAddress, Socket* client)
 {
     Core::message("NetworkRouterInterface::onClientConnect()\n");
-    reapRetired();
     if (client == nullptr)
         return;
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, clientAddress);

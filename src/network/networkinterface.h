@@ -12,12 +12,11 @@
 //
 // Threads. onRecvedFrom, onClientConnect and onClientDisconnect run on
 // selector worker threads, the broadcast on the timer worker, connectTo on the
-// system router's thread (it starts the connect and waits for no host, only
-// for the end of a retired connection's callback), and connection
-// callbacks (add / remove) on selector workers. The connections list has its
-// own lock, never held while a connection is deleted: deleting a connection
-// deletes its socket, which waits for that socket's callbacks, and those may
-// be waiting for this lock.
+// system router's thread (it starts the connect and waits for nothing), and
+// connection callbacks (add / remove) on selector workers. The connections
+// list has its own lock, never held while a connection is released:
+// releasing a connection deletes its socket, which waits for that socket's
+// callbacks, and those may be waiting for this lock.
 #pragma once
 
 #include "core/limits.h"
@@ -27,9 +26,7 @@
 #include "platform/socketaddress.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -101,11 +98,10 @@ public:
     NetworkRouterConnection* connectTo(const UlmarCommsSystem::SocketAddress& address);
     // Takes ownership of a connection (once; a second add does nothing).
     void add(NetworkRouterConnection* connection);
-    // Erases a connection and retires it; it is deleted once its callback
-    // has returned (no effect if it is not ours).
+    // Erases a connection and releases it (DataFrameHandler::release): the
+    // reaper deletes it once its callbacks have returned (no effect if it is
+    // not ours).
     void remove(NetworkRouterConnection* connection);
-    // Deletes the connections retired so far.
-    void reapRetired();
     // Whether the connection is one of ours.
     bool hasConnection(NetworkRouterConnection* connection);
     // The number of connections held.
@@ -117,7 +113,8 @@ public:
     bool discoveryStop();
     // Starts the stream listener.
     bool messagingStart();
-    // Stops the listener and deletes every connection.
+    // Stops the listener, releases every connection and waits for the
+    // callbacks still running (never from a callback).
     void messagingStop();
     // Builds the announcement into the info buffer.
     void buildInfoBuffer();
@@ -186,14 +183,6 @@ private:
     UlmarCommsSystem::Mutex m_discoveryLock;
     // Set by discoveryStop before the socket goes: the last receive is not re-armed.
     std::atomic<bool> m_discoveryStopping;
-    // Guards m_retired and m_deleting.
-    std::mutex m_deletingLock;
-    // Signalled when a retirement ends.
-    std::condition_variable m_deletingDone;
-    // Retirements remove() has begun and not finished; stop waits for none.
-    unsigned m_deleting;
-    // Connections retired and waiting to be deleted.
-    std::vector<NetworkRouterConnection*> m_retired;
 };
 
 } // namespace UlmarComms

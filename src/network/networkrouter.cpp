@@ -5,7 +5,7 @@
 // forgotten, so texts and ids stay stable across stop and start. The table
 // points at connections but does not own them: the interfaces do. A
 // connection that goes away clears every entry that points at it (through
-// removeConnection, from its destructor) before its socket goes, so no entry
+// removeConnection, when it is released) before its socket goes, so no entry
 // ever holds a dangling connection.
 #include "network/networkrouter.h"
 
@@ -13,6 +13,7 @@
 #include "messaging/messagerouter.h"
 #include "network/networkconnection.h"
 #include "network/networkinterface.h"
+#include "platform/socketreaper.h"
 
 #include <algorithm>
 #include <functional>
@@ -66,6 +67,9 @@ bool NetworkRouterRoutingTableEntry::connect()
                   "NetworkRouterRoutingTableEntry::connect() Failed to create new connection object.\n");
         return false;
     }
+    // Should the connection fail at once, it is released on a worker; the
+    // section keeps it alive while it is looked at here.
+    UlmarCommsSystem::SocketReaper::Section section;
     m_pConnection = m_pInterface->connectTo(m_address);
     if (m_pConnection == nullptr) {
         Core::log(Core::LogError,
@@ -76,7 +80,6 @@ bool NetworkRouterRoutingTableEntry::connect()
     // and the entry counts as connected; a second start that succeeds means
     // the first did not really happen.
     const bool startedAgain = m_pConnection->connect();
-    m_pConnection->unpin();
     if (!startedAgain)
         return true;
     Core::log(Core::LogError,
@@ -335,12 +338,15 @@ bool NetworkRouter::withConnection(const std::string& host,
         if (entry->m_pConnection != nullptr)
             return send(entry->m_pConnection);
     }
-    // A new link is started without the router lock: connectTo deletes
-    // retired connections, whose teardown reaches this lock from other
-    // threads. Starting never waits for the host (the connect completes on a
-    // worker), so the connect lock is held only briefly; it keeps stop()
-    // from taking the interface or the entry away meanwhile.
+    // A new link is started without the router lock: a connection that
+    // fails at once is released, which reaches this lock. Starting never
+    // waits for the host (the connect completes on a worker), so the connect
+    // lock is held only briefly; it keeps stop() from taking the interface or
+    // the entry away meanwhile. The section, entered under the connect lock
+    // (stop() waits for sections while holding it), keeps a connection that
+    // fails at once alive while it is looked at here.
     MutexLocker connecting(m_connectLock);
+    UlmarCommsSystem::SocketReaper::Section section;
     NetworkRouterRoutingTableEntry* entry = nullptr;
     NetworkRouterInterface* interface = nullptr;
     SocketAddress address;
@@ -360,15 +366,11 @@ bool NetworkRouter::withConnection(const std::string& host,
     if (connection == nullptr || connection->isClosing()) {
         Core::log(Core::LogError, "NetworkRouter::post( %%message%% ) Failed to on connectTo( '%s' )\n",
                   address.asString().c_str());
-        if (connection != nullptr)
-            connection->unpin();
         return false;
     }
     if (entry->m_pConnection == nullptr)
         entry->m_pConnection = connection;
-    const bool sent = send(connection);
-    connection->unpin();
-    return sent;
+    return send(connection);
 }
 
 bool NetworkRouter::post(const std::string& host, MessageRef item)

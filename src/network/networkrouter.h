@@ -18,8 +18,8 @@
 // is posted to the system router under it (the fan-out query reads its
 // targets, lets the lock go, then posts). A new link is started outside the
 // router lock, under a separate connect lock that also keeps stop() waiting:
-// starting one deletes retired connections, whose teardown takes the router
-// lock on other threads. The connect itself never waits for the host.
+// a connection that fails at once is released there, which takes the router
+// lock. The connect itself never waits for the host.
 // stop() never holds the router lock while it deletes interfaces or
 // connections: deleting a socket waits for its callbacks, and those
 // callbacks take the lock. docs/architecture.md gives the whole lock order.

@@ -138,18 +138,16 @@ private:
 };
 
 // A handler that records what arrives. It owns its socket: the error
-// callback closes and deletes it, as every owner of a link does.
+// callback closes and deletes it, as every owner of a link does, and so does
+// its release.
 class Recorder : public DataFrameHandler {
 public:
     Recorder(unsigned inbound = 0, unsigned outbound = 0, Journal* journal = nullptr) : m_pJournal(journal)
     {
         createBuffers(inbound, outbound);
     }
-    ~Recorder() override
-    {
-        dropSocket();
-        waitForCallbacksToEnd();
-    }
+
+    void retireLink() override { dropSocket(); }
 
     void dropSocket()
     {
@@ -269,7 +267,7 @@ public:
     {
         finish();
         for (Recorder* handler : handlers())
-            delete handler;
+            DataFrameHandler::release(handler);
     }
 
     void onClientConnect(Socket*, const SocketAddress&, Socket* accepted) override
@@ -328,10 +326,13 @@ private:
     std::vector<Recorder*> m_handlers;
 };
 
+// A recorder the test owns: released, not deleted, when it goes.
+using RecorderPtr = std::unique_ptr<Recorder, DataFrameHandler::Releaser>;
+
 // A connected client handler built on the library's sockets.
-std::unique_ptr<Recorder> connectRecorder(const SocketAddress& address, unsigned inbound = 0, unsigned outbound = 0)
+RecorderPtr connectRecorder(const SocketAddress& address, unsigned inbound = 0, unsigned outbound = 0)
 {
-    auto client = std::make_unique<Recorder>(inbound, outbound);
+    RecorderPtr client(new Recorder(inbound, outbound));
     Socket* socket = Socket::createByAddressType(address);
     EXPECT_NE(socket, nullptr);
     EXPECT_EQ(socket->create(), Socket::NoSocketError);
@@ -702,7 +703,8 @@ TEST_F(FrameLinkTest, ABlocksMessagesForOtherLinksLeaveWhenTheBlockEnds)
 TEST_F(FrameLinkTest, FramesQueuedBeforeTheLinkLeaveOnceReleasedCommandsFirst)
 {
     auto server = unixServer();
-    Recorder client;
+    RecorderPtr owned(new Recorder());
+    Recorder& client = *owned;
     ASSERT_TRUE(queueMessage(client, "early", 3));
     ASSERT_TRUE(client.addToOutbound(1, "announce"));
     EXPECT_EQ(client.queuedFrames(), 2u) << "without a socket, frames wait";
@@ -852,7 +854,7 @@ TEST_F(FrameLinkTest, ManyConnectionsToOneServerEachGetTheirOwnLink)
     const size_t clients = 24;
     auto server = tcpServer();
     server->echo = true;
-    std::vector<std::unique_ptr<Recorder>> peers;
+    std::vector<RecorderPtr> peers;
     for (size_t i = 0; i < clients; ++i)
         peers.push_back(connectRecorder(server->boundAddress()));
     ASSERT_TRUE(server->waitForClients(clients));
