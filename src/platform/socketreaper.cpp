@@ -77,6 +77,18 @@ void leaveSlot(unsigned slot)
         wake();
 }
 
+// Starts the wait for what came in, when nothing else is waiting and the
+// slot not current is empty (list lock held): sections that begin from now
+// on no longer hold it back.
+void advance()
+{
+    const unsigned now = current.load();
+    if (!waiting.empty() || incoming.empty() || readers[1 - now].load() != 0)
+        return;
+    waiting.swap(incoming);
+    current.store(1 - now);
+}
+
 // Takes what is due (list lock held); moves the slot on when it may.
 void collectDue(std::vector<Entry>& due)
 {
@@ -164,6 +176,7 @@ void SocketReaper::defer(Destroy destroy, void* object)
         incoming.push_back(Entry{destroy, object});
         listed.fetch_add(1);
         first = pendingCount.fetch_add(1) == 0;
+        advance();
     }
     void (*wake)() = kick.load();
     if (wake == nullptr) {

@@ -3,6 +3,7 @@
 // selector workers.
 #include "platform/socket.h"
 #include "platform/socketaddress.h"
+#include "platform/socketreaper.h"
 #include "platform/socketselector.h"
 
 #include "support/wait.h"
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <poll.h>
@@ -983,6 +985,60 @@ TEST_F(SocketTest, DeletingFromAnotherThreadWaitsForARunningCallback)
     EXPECT_FALSE(blocking.returnedEarly.load()) << "delete returned while a callback still ran";
     b->close();
     delete b;
+}
+
+// What is handed to the reaper outlives every section that began before the
+// hand-over and, when nothing else waits, only those; synchronize() returns
+// only once they have ended.
+TEST_F(SocketTest, TheReaperWaitsForEarlierSectionsOnly)
+{
+    struct SectionThread {
+        std::promise<void> leave;
+        std::thread thread;
+        void start()
+        {
+            std::promise<void> entered;
+            std::future<void> inside = entered.get_future();
+            thread = std::thread([this, &entered, gate = leave.get_future()]() mutable {
+                SocketReaper::Section section;
+                entered.set_value();
+                gate.wait();
+            });
+            inside.wait();
+        }
+        void end()
+        {
+            leave.set_value();
+            thread.join();
+        }
+    };
+    std::atomic<int> destroyed{0};
+    const SocketReaper::Destroy count = [](void* counter) { static_cast<std::atomic<int>*>(counter)->fetch_add(1); };
+
+    SectionThread before;
+    SectionThread after;
+    before.start();
+    SocketReaper::defer(count, &destroyed);
+    after.start();
+    SocketReaper::reap();
+    EXPECT_EQ(destroyed.load(), 0) << "destroyed while a section that began before still ran";
+    before.end();
+    EXPECT_TRUE(waitUntil([&] { return destroyed.load() == 1; })) << "a section begun later held it back";
+    after.end();
+
+    SectionThread running;
+    running.start();
+    std::atomic<bool> synchronized{false};
+    std::thread waiter([&] {
+        SocketReaper::synchronize();
+        synchronized = true;
+    });
+    SocketReaper::reap();
+    EXPECT_FALSE(synchronized.load()) << "synchronize() returned while an earlier section ran";
+    running.end();
+    waiter.join();
+    EXPECT_TRUE(synchronized.load());
+    EXPECT_EQ(SocketReaper::pending(), 0u);
 }
 
 TEST_F(SocketTest, ACallbackMayDeleteItsOwnSocketWithRequestsOutstanding)
