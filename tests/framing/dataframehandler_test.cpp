@@ -11,6 +11,7 @@
 #include "core/core.h"
 #include "messaging/messaging.h"
 #include "platform/socket.h"
+#include "platform/socketreaper.h"
 #include "support/logcapture.h"
 #include "support/rawpeer.h"
 #include "support/wait.h"
@@ -42,6 +43,7 @@ using UlmarComms::MessageItem;
 using UlmarComms::WriteBatch;
 using UlmarCommsSystem::Socket;
 using UlmarCommsSystem::SocketAddress;
+using UlmarCommsSystem::SocketReaper;
 using UlmarCommsTest::Bytes;
 using UlmarCommsTest::commandFrame;
 using UlmarCommsTest::LogCapture;
@@ -268,6 +270,9 @@ public:
         finish();
         for (Recorder* handler : handlers())
             DataFrameHandler::release(handler);
+        // An error callback that took its socket may still be writing to
+        // the journal.
+        SocketReaper::synchronize();
     }
 
     void onClientConnect(Socket*, const SocketAddress&, Socket* accepted) override
