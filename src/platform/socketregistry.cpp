@@ -34,6 +34,9 @@ std::unordered_map<uint64_t, std::shared_ptr<BSDSocketPlatformData>> registry;
 std::atomic<uint64_t> nextRecordId{1};
 
 // Records this thread holds, to tell own holds from others' at deletion.
+// Thread-local because only the deleting thread can tell which holds are its
+// own (a socket deleted inside its own callback must not wait for them), and
+// sockets are still deleted by their owners rather than through the reaper.
 thread_local std::vector<const BSDSocketPlatformData*> heldByThisThread;
 
 } // namespace
