@@ -183,35 +183,27 @@ TEST(SplitOn, ListFormKeepsEveryNonEmptyRunInOrder)
     EXPECT_TRUE(out.empty());
 }
 
-TEST(SplitOn, PairFormSplitsAtTheFirstDelimiter)
+TEST(SplitOn, PairFormSplitsAtTheFirstDelimiterOrLeavesTheOutputs)
 {
-    std::string left = "L";
-    std::string right = "R";
-    EXPECT_TRUE(splitOn("key=value=more", "=", left, right));
-    EXPECT_EQ(left, "key");
-    EXPECT_EQ(right, "value=more");
-
-    EXPECT_TRUE(splitOn("a:b=c", "=:", left, right)) << "the first of any delimiter character";
-    EXPECT_EQ(left, "a");
-    EXPECT_EQ(right, "b=c");
-
-    EXPECT_TRUE(splitOn("=tail", "=", left, right));
-    EXPECT_EQ(left, "");
-    EXPECT_EQ(right, "tail");
-
-    EXPECT_TRUE(splitOn("head=", "=", left, right));
-    EXPECT_EQ(left, "head");
-    EXPECT_EQ(right, "");
-}
-
-TEST(SplitOn, PairFormWithoutDelimiterLeavesTheOutputs)
-{
-    std::string left = "L";
-    std::string right = "R";
-    EXPECT_FALSE(splitOn("nothing", "=:", left, right));
-    EXPECT_EQ(left, "L");
-    EXPECT_EQ(right, "R");
-    EXPECT_FALSE(splitOn("", "=", left, right));
-    EXPECT_EQ(left, "L");
-    EXPECT_EQ(right, "R");
+    const struct {
+        const char* text;
+        const char* delimiters;
+        bool split;
+        const char* left;
+        const char* right;
+    } cases[] = {
+        {"key=value=more", "=", true, "key", "value=more"},
+        {"a:b=c", "=:", true, "a", "b=c"}, // the first of any delimiter character
+        {"=tail", "=", true, "", "tail"},
+        {"head=", "=", true, "head", ""},
+        {"nothing", "=:", false, "L", "R"}, // no delimiter: the outputs stay
+        {"", "=", false, "L", "R"},
+    };
+    for (const auto& c : cases) {
+        std::string left = "L";
+        std::string right = "R";
+        EXPECT_EQ(splitOn(c.text, c.delimiters, left, right), c.split) << c.text;
+        EXPECT_EQ(left, c.left) << c.text;
+        EXPECT_EQ(right, c.right) << c.text;
+    }
 }

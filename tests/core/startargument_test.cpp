@@ -40,7 +40,7 @@ TEST_F(StartArgument, EmptyArgumentOrTextWithoutEqualsChangesNothing)
     EXPECT_EQ(core()->stringSettings(), m_strings);
 }
 
-TEST_F(StartArgument, OverridesNumbersAndTextsWithBlanksTrimmed)
+TEST_F(StartArgument, OverridesNumbersAndTextsWithBlanksTrimmedAndEqualsSignsInValues)
 {
     ASSERT_TRUE(core()->applyStartArgument(
         " ulmar.systemrouter.pipe.name = test1 ;;ulmar.networkrouter=1; socket.selection.noworkerthreads=-3 "));
@@ -50,15 +50,12 @@ TEST_F(StartArgument, OverridesNumbersAndTextsWithBlanksTrimmed)
     // A text key keeps its value as it stands, digits included.
     ASSERT_TRUE(core()->applyStartArgument("ulmar.networkrouter.ip4.port=034001"));
     EXPECT_EQ(core()->getString("ulmar.networkrouter.ip4.port"), "034001");
-}
-
-TEST_F(StartArgument, ValueMayContainEqualsSigns)
-{
+    // The value runs from the first '=' to the item's end.
     ASSERT_TRUE(core()->applyStartArgument("ulmar.systemrouter.pipe.name=a=b"));
     EXPECT_EQ(core()->getString("ulmar.systemrouter.pipe.name"), "a=b");
 }
 
-TEST_F(StartArgument, RefusedItemChangesNothingAtAll)
+TEST_F(StartArgument, RefusedItemOrKeyNotInTheTableChangesNothingAtAll)
 {
     const char* refused[] = {
         "ulmar.networkrouter=1;no.such.key=3",        // unknown key
@@ -74,10 +71,7 @@ TEST_F(StartArgument, RefusedItemChangesNothingAtAll)
         EXPECT_EQ(core()->numberSettings(), m_numbers) << arg;
         EXPECT_EQ(core()->stringSettings(), m_strings) << arg;
     }
-}
-
-TEST_F(StartArgument, KeysAddedLaterAreNotTableKeys)
-{
+    // Keys added later are not table keys.
     core()->addSetting("application.own.key", 5);
     EXPECT_FALSE(core()->applyStartArgument("application.own.key=6"));
     EXPECT_EQ(core()->getNumber("application.own.key"), 5);
