@@ -3,6 +3,7 @@
 #include "core/core.h"
 
 #include "messaging/messaging.h"
+#include "messaging/messaging_support.h"
 #include "platform/thread.h"
 
 #include "support/logcapture.h"
@@ -19,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+using MessagingTest::pairsOf;
 using UlmarComms::Core;
 using UlmarComms::MessageItem;
 using UlmarCommsTest::LogCapture;
@@ -27,14 +29,6 @@ using UlmarCommsTest::ScopedHostName;
 namespace {
 
 Core* core() { return Core::instance(); }
-
-std::vector<std::pair<std::string, std::string>> pairsOf(const MessageItem* item)
-{
-    std::vector<std::pair<std::string, std::string>> pairs;
-    for (int i = 0; i < item->numberOfArguments(); ++i)
-        pairs.emplace_back(item->key(i), item->value(i));
-    return pairs;
-}
 
 std::string pointerText(const void* pointer)
 {
@@ -225,7 +219,7 @@ TEST(CoreLogging, LoggerIsNeverEnteredByTwoThreadsAtOnce)
 
 // --------------------------------------------------------------- host name
 
-TEST(CoreHostName, ComesFromTheSystemAndIsCached)
+TEST(CoreHostName, ComesFromTheSystemIsCachedAndSetHostNameReplacesIt)
 {
     ScopedHostName restore("placeholder");
     core()->setHostName(""); // an empty cache is asked of the system again
@@ -234,12 +228,6 @@ TEST(CoreHostName, ComesFromTheSystemAndIsCached)
     const std::string& first = core()->getHostName();
     EXPECT_EQ(first, expected);
     EXPECT_EQ(&core()->getHostName(), &first);
-}
-
-TEST(CoreHostName, SetHostNameReplacesTheCache)
-{
-    ScopedHostName name("alpha");
-    EXPECT_EQ(core()->getHostName(), "alpha");
     core()->setHostName("beta");
     EXPECT_EQ(core()->getHostName(), "beta");
 }
@@ -264,40 +252,34 @@ MessageItem* failedMessage(bool withTo, bool withFrom, bool withSenderId)
 
 } // namespace
 
-TEST(CoreErrorOut, BuildsTheReplyPairsInOrder)
+TEST(CoreErrorOut, BuildsTheReplyPairsInOrderWithTheCodeInDecimal)
 {
     ScopedHostName host("gamma");
-    for (bool withTo : {true, false}) {
-        SCOPED_TRACE(withTo);
-        MessageItem* failed = failedMessage(withTo, true, true);
-        MessageItem* reply = core()->errorOut(failed, 400);
+    const struct {
+        bool withTo;
+        int code;
+        const char* text;
+    } cases[] = {{true, 400, "400"},         {false, 400, "400"},         {true, 0, "0"},
+                 {true, -5, "-5"},           {true, INT_MIN, "-2147483648"}, {true, INT_MAX, "2147483647"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text + std::string(c.withTo ? " with _t" : " without _t"));
+        MessageItem* failed = failedMessage(c.withTo, true, true);
+        MessageItem* reply = core()->errorOut(failed, c.code);
         ASSERT_NE(reply, nullptr);
         std::vector<std::pair<std::string, std::string>> expected = {
-            {"_t", "alpha@app/client"}, {"_R", "17"}, {"_M", "E"}, {"_s", "0"}, {"_h", "gamma"}, {"_m", "400"},
+            {"_t", "alpha@app/client"}, {"_R", "17"}, {"_M", "E"}, {"_s", "0"}, {"_h", "gamma"}, {"_m", c.text},
         };
-        if (withTo) // the failed message's target answers as the sender
+        if (c.withTo) // the failed message's target answers as the sender
             expected.insert(expected.begin() + 2, {"_f", "beta@service/echo"});
         EXPECT_EQ(pairsOf(reply), expected);
         EXPECT_EQ(reply->count(), 1);
         // The failed message is the caller's still: untouched and not released.
         EXPECT_EQ(failed->count(), 1);
-        EXPECT_EQ(failed->numberOfArguments(), withTo ? 5 : 4);
+        EXPECT_EQ(failed->numberOfArguments(), c.withTo ? 5 : 4);
         MessageItem::release(reply);
         MessageItem::release(failed);
     }
-}
-
-TEST(CoreErrorOut, CodeIsPrintedInDecimal)
-{
-    for (const auto& [code, text] : std::vector<std::pair<int, std::string>>{
-             {1002, "1002"}, {0, "0"}, {-5, "-5"}, {INT_MIN, "-2147483648"}, {INT_MAX, "2147483647"}}) {
-        MessageItem* failed = failedMessage(true, true, true);
-        MessageItem* reply = core()->errorOut(failed, code);
-        ASSERT_NE(reply, nullptr);
-        EXPECT_STREQ(reply->value(MessageItem::ArgumentKey_Method), text.c_str());
-        MessageItem::release(reply);
-        MessageItem::release(failed);
-    }
+    EXPECT_EQ(core()->errorOut(nullptr, 400), nullptr);
 }
 
 TEST(CoreErrorOut, WithoutFromOrSenderIdReturnsNullLeavesTheMessageAndLogsOnce)
@@ -321,9 +303,4 @@ TEST(CoreErrorOut, WithoutFromOrSenderIdReturnsNullLeavesTheMessageAndLogsOnce)
         EXPECT_EQ(lines[0].text, "Core::errorOut( " + pointerText(failed) + ", 1002 ) " + c.what + "\n");
         MessageItem::release(failed);
     }
-}
-
-TEST(CoreErrorOut, NullMessageGivesNull)
-{
-    EXPECT_EQ(core()->errorOut(nullptr, 400), nullptr);
 }
