@@ -5,6 +5,7 @@
 
 #include "core/core.h"
 #include "messaging/messaging.h"
+#include "support/logcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -50,23 +51,17 @@ Bytes header(unsigned char type, unsigned size, unsigned id)
     return out;
 }
 
-// Log formats received, so tests can check the exact texts.
-std::vector<std::string> g_formats;
-
-void recordFormat(int level, const char* format, char*)
-{
-    if (level >= Core::LogError)
-        g_formats.push_back(format);
-}
-
+// Error lines, so tests can check the exact formats.
 class DataFrameLogTest : public ::testing::Test {
 protected:
-    void SetUp() override
+    std::vector<std::string> formats() const
     {
-        g_formats.clear();
-        Core::setLogger(recordFormat);
+        std::vector<std::string> out;
+        for (const UlmarCommsTest::LogLine& line : m_log.lines())
+            out.push_back(line.format);
+        return out;
     }
-    void TearDown() override { Core::setLogger(nullptr); }
+    UlmarCommsTest::LogCapture m_log{Core::LogError};
 };
 
 Bytes messageForm(const MessageItem& item)
@@ -238,7 +233,7 @@ TEST_F(DataFrameLogTest, NullTextOrMessageFailsWithItsLogLineButEmptyTextWorks)
     EXPECT_FALSE(failed.insertCommand(1, 2, nullptr));
     EXPECT_EQ(failed.frameType(), DataFrame::FrameTypeNone);
     EXPECT_FALSE(failed.insertMessage(5, nullptr));
-    EXPECT_EQ(g_formats, (std::vector<std::string>{
+    EXPECT_EQ(formats(), (std::vector<std::string>{
                              "DataFrame::insertCommand( %d, %d, %s )Failed to write command into buffer.\n",
                              "DataFrame::Set( %d, %p ) Message is NULL.\n"}));
 
@@ -247,7 +242,7 @@ TEST_F(DataFrameLogTest, NullTextOrMessageFailsWithItsLogLineButEmptyTextWorks)
     EXPECT_EQ(empty.dataSize(), 6u);
     const Bytes bytes = wireBytes(empty);
     EXPECT_EQ(Bytes(bytes.begin() + 9, bytes.end()), (Bytes{2, 0, 0, 0, 1, 0}));
-    EXPECT_EQ(g_formats.size(), 2u) << "success logs nothing at error level";
+    EXPECT_EQ(formats().size(), 2u) << "success logs nothing at error level";
 }
 
 TEST(DataFrameBuild, BufferGrowsForLargeMessagesAndIsKeptByReset)
@@ -303,8 +298,6 @@ TEST(DataFrameSend, WriteOutHandsOutPiecesUntilDoneWriteOut)
     EXPECT_FALSE(failed.writeOut(piece, sizeof piece, count));
 }
 
-
-
 // ----------------------------------------------------------- receiving
 
 TEST(DataFrameReceive, OneByteAtATimeCompletesAtTheSeventeenthByte)
@@ -334,33 +327,6 @@ TEST(DataFrameReceive, OneByteAtATimeCompletesAtTheSeventeenthByte)
     ASSERT_EQ(text.size(), 3u);
     EXPECT_EQ(text.back(), '\0');
     EXPECT_STREQ(text.c_str(), "ab");
-}
-
-TEST(DataFrameReceive, NeverConsumesBeyondTheCurrentFrame)
-{
-    DataFrame first(1, 7, "ab");
-    MessagePtr item = makeMessage({{"_m", "ping"}, {"k", "v"}});
-    DataFrame second(2, item.get());
-    Bytes stream = wireBytes(first);
-    const Bytes tail = wireBytes(second);
-    stream.insert(stream.end(), tail.begin(), tail.end());
-
-    DataFrame frame;
-    bool complete = false;
-    unsigned consumed = 0;
-    ASSERT_TRUE(frame.readIn(stream.data(), static_cast<unsigned>(stream.size()), complete, consumed));
-    EXPECT_TRUE(complete);
-    EXPECT_EQ(consumed, 17u);
-    EXPECT_EQ(frame.id(), 1u);
-
-    frame.reset();
-    ASSERT_TRUE(frame.readIn(stream.data() + 17, static_cast<unsigned>(tail.size()), complete, consumed));
-    EXPECT_TRUE(complete);
-    EXPECT_EQ(consumed, tail.size());
-    EXPECT_EQ(frame.frameType(), DataFrame::FrameTypeMessage);
-    MessagePtr got(MessageItem::create());
-    ASSERT_TRUE(frame.extractMessage(*got));
-    EXPECT_TRUE(got->compare(item.get()));
 }
 
 TEST(DataFrameReceive, NoInputIsRefusedWithoutTouchingTheOutputs)
@@ -500,7 +466,7 @@ TEST_F(DataFrameLogTest, OversizedHeaderIsRefusedWithoutAllocatingAndStaysRefuse
         MessagePtr item(MessageItem::create());
         EXPECT_FALSE(frame.extractMessage(*item));
     }
-    EXPECT_FALSE(g_formats.empty()) << "the refusal is logged";
+    EXPECT_FALSE(formats().empty()) << "the refusal is logged";
 }
 
 TEST(DataFrameReceive, MemoryFollowsTheBytesReceivedNotTheAnnouncedSize)
@@ -519,20 +485,4 @@ TEST(DataFrameReceive, MemoryFollowsTheBytesReceivedNotTheAnnouncedSize)
     EXPECT_FALSE(complete);
     EXPECT_GE(frame.capacity(), 20000u);
     EXPECT_LE(frame.capacity(), 2u * 20000u);
-}
-
-TEST(DataFrameReceive, GrowingKeepsThePayloadReceivedSoFar)
-{
-    MessagePtr item = makeMessage({{"big", std::string(50000, 'q')}, {"tail", "end"}});
-    DataFrame sent(11, item.get());
-    const Bytes stream = wireBytes(sent);
-    std::vector<unsigned> pieces;
-    for (size_t left = stream.size(); left > 0;) {
-        const unsigned piece = static_cast<unsigned>(std::min<size_t>(left, 1500));
-        pieces.push_back(piece);
-        left -= piece;
-    }
-    const std::vector<Received> got = reassemble(stream, pieces);
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].payload, messageForm(*item));
 }
