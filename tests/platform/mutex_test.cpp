@@ -1,4 +1,6 @@
-// Locks and the wake-up condition.
+// Locks and the wake-up condition, with its predicate wait: the check runs
+// under the condition's mutex, so a waker using broadcastLocked cannot slip
+// between check and wait.
 #include "platform/mutex.h"
 #include "platform/thread.h"
 
@@ -15,23 +17,38 @@
 using namespace UlmarCommsSystem;
 using UlmarCommsTest::waitUntil;
 
+namespace {
+
+// Whether another thread can take the lock now (it lets go at once).
+bool takenElsewhere(Mutex& mutex)
+{
+    bool taken = false;
+    std::thread other([&] {
+        taken = mutex.tryLock();
+        if (taken)
+            mutex.release();
+    });
+    other.join();
+    return taken;
+}
+
+bool readFlag(void* context)
+{
+    return static_cast<std::atomic<bool>*>(context)->load();
+}
+
+} // namespace
+
 TEST(Mutex, IsRecursiveAndExcludesOtherThreadsUntilTheLastRelease)
 {
     Mutex mutex;
     ASSERT_EQ(mutex.lock(), 0);
     ASSERT_EQ(mutex.lock(), 0); // the owner re-enters without deadlock
-    std::atomic<bool> taken{false};
-    std::thread other([&] { taken = mutex.tryLock(); if (taken) mutex.release(); });
-    other.join();
-    EXPECT_FALSE(taken);
+    EXPECT_FALSE(takenElsewhere(mutex));
     mutex.release();
-    std::thread stillHeld([&] { taken = mutex.tryLock(); if (taken) mutex.release(); });
-    stillHeld.join();
-    EXPECT_FALSE(taken) << "one release of two must keep the lock";
+    EXPECT_FALSE(takenElsewhere(mutex)) << "one release of two must keep the lock";
     mutex.release();
-    std::thread free([&] { taken = mutex.tryLock(); if (taken) mutex.release(); });
-    free.join();
-    EXPECT_TRUE(taken);
+    EXPECT_TRUE(takenElsewhere(mutex));
 
     // The blocking form waits until both releases.
     ASSERT_EQ(mutex.lock(), 0);
@@ -56,21 +73,15 @@ TEST(Mutex, IsRecursiveAndExcludesOtherThreadsUntilTheLastRelease)
 TEST(MutexLocker, HoldsForItsScopeAndNests)
 {
     Mutex mutex;
-    auto takenElsewhere = [&] {
-        bool taken = false;
-        std::thread other([&] { taken = mutex.tryLock(); if (taken) mutex.release(); });
-        other.join();
-        return taken;
-    };
     {
         MutexLocker outer(mutex);
         {
             MutexLocker inner(&mutex); // re-entered through the pointer form
-            EXPECT_FALSE(takenElsewhere());
+            EXPECT_FALSE(takenElsewhere(mutex));
         }
-        EXPECT_FALSE(takenElsewhere()) << "the outer locker still holds it";
+        EXPECT_FALSE(takenElsewhere(mutex)) << "the outer locker still holds it";
     }
-    EXPECT_TRUE(takenElsewhere());
+    EXPECT_TRUE(takenElsewhere(mutex));
 }
 
 TEST(MutexLocker, SerialisesThreads)
@@ -163,4 +174,65 @@ TEST(ConditionValueDeathTest, ReadWriteMutexAborts)
 {
     // The assertion names the lock classes' source file and the expression.
     EXPECT_DEATH({ ReadWriteMutex mutex; }, "src/mutex:[0-9]+: .*false&&\"Not implemented!\"");
+}
+
+TEST(ConditionValuePredicate, ReadyBeforeWaitingReturnsWithoutWaiting)
+{
+    ConditionValue condition;
+    std::atomic<bool> flag{true};
+    int calls = 0;
+    auto counting = [](void* context) {
+        ++*static_cast<int*>(context);
+        return true;
+    };
+    EXPECT_TRUE(condition.timedWaitUnless(900, counting, &calls));
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(condition.timedWaitUnless(900, &readFlag, &flag));
+    // Without a predicate it is a plain timed wait.
+    EXPECT_TRUE(condition.timedWaitUnless(0, nullptr, nullptr));
+}
+
+TEST(ConditionValuePredicate, BroadcastLockedWaitsWhileTheWaiterChecks)
+{
+    // While the predicate runs the waiter holds the condition's mutex, so a
+    // waker's broadcastLocked cannot complete in the gap before the wait.
+    ConditionValue condition;
+    struct Probe {
+        ConditionValue* condition;
+        std::thread waker;
+        std::atomic<bool> broadcastDone{false};
+        bool doneDuringCheck = false;
+    } probe;
+    probe.condition = &condition;
+    auto check = [](void* context) {
+        Probe* p = static_cast<Probe*>(context);
+        p->waker = std::thread([p] {
+            p->condition->broadcastLocked();
+            p->broadcastDone = true;
+        });
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+        while (std::chrono::steady_clock::now() < end && !p->broadcastDone.load())
+            std::this_thread::yield();
+        p->doneDuringCheck = p->broadcastDone.load();
+        return false;
+    };
+    condition.timedWaitUnless(5, check, &probe);
+    probe.waker.join();
+    EXPECT_FALSE(probe.doneDuringCheck);
+    EXPECT_TRUE(probe.broadcastDone.load());
+}
+
+TEST(ConditionValuePredicate, WaitsAlsoInTheLastMillisecondsOfASecond)
+{
+    // A 5 ms deadline taken late in a second runs into the next one; the
+    // router threads' waits must still wait there instead of failing at once.
+    ConditionValue condition;
+    std::atomic<bool> never{false};
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    struct timeval now;
+    do {
+        gettimeofday(&now, nullptr);
+    } while ((now.tv_usec < 996000 || now.tv_usec > 998500) && std::chrono::steady_clock::now() < giveUp);
+    ASSERT_LT(std::chrono::steady_clock::now(), giveUp) << "never saw the end of a second";
+    EXPECT_TRUE(condition.timedWaitUnless(5, &readFlag, &never));
 }

@@ -59,7 +59,7 @@ TEST(SocketAddress, TextFormsWildcardBroadcastAndRefusedInput)
     EXPECT_FALSE(address.isValid());
 }
 
-TEST(SocketAddress, AbstractNameIsPaddedToTheFullPath)
+TEST(SocketAddress, AbstractNameIsPaddedToTheFullPathAndSizesFollowTheFamily)
 {
     SocketAddress address;
     address.setUNIXAddress("abc");
@@ -70,10 +70,7 @@ TEST(SocketAddress, AbstractNameIsPaddedToTheFullPath)
     EXPECT_EQ(std::memcmp(raw->sun_path + 1, "__abc.sock", 10), 0);
     for (size_t i = 11; i < sizeof(raw->sun_path); ++i)
         ASSERT_EQ(raw->sun_path[i], 0) << "byte " << i;
-}
 
-TEST(SocketAddress, AddressSizesFollowTheSocketFamily)
-{
     SocketTCPIP tcp;
     SocketUNIX local;
     SocketUDP udp;

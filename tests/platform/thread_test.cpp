@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <sys/syscall.h>
@@ -23,18 +24,20 @@ using UlmarCommsTest::waitUntil;
 
 namespace {
 
-// Publishes what its body saw, so the test can check it and join the POSIX
-// thread itself to read the exit value.
+// Publishes what it saw inside run(), then runs its body (which returns or
+// throws), so the test can check it and join the POSIX thread itself to read
+// the exit value.
 class ProbeThread : public Thread {
 public:
-    // Called inside run() before it returns or throws.
-    void publish()
+    explicit ProbeThread(std::function<unsigned()> body) : m_body(std::move(body)) {}
+    unsigned run() override
     {
         m_handle = pthread_self();
         m_kernelId = static_cast<int>(syscall(SYS_gettid));
         m_reportedId = Thread::threadId();
         m_runningInside = isRunning();
         m_published = true;
+        return m_body();
     }
 
     bool waitPublished() { return waitUntil([this] { return m_published.load(); }); }
@@ -47,6 +50,7 @@ public:
         return reinterpret_cast<uintptr_t>(result);
     }
 
+    std::function<unsigned()> m_body;
     pthread_t m_handle{};
     int m_kernelId = 0;
     int m_reportedId = 0;
@@ -54,49 +58,7 @@ public:
     std::atomic<bool> m_published{false};
 };
 
-class ReturningThread : public ProbeThread {
-public:
-    explicit ReturningThread(unsigned result) : m_result(result) {}
-    unsigned run() override
-    {
-        publish();
-        return m_result;
-    }
-
-private:
-    unsigned m_result;
-};
-
-class ThrowingThread : public ProbeThread {
-public:
-    explicit ThrowingThread(bool standardException) : m_standard(standardException) {}
-    unsigned run() override
-    {
-        publish();
-        if (m_standard)
-            throw std::runtime_error("body failed");
-        throw 17; // not derived from std::exception: must be caught too
-    }
-
-private:
-    bool m_standard;
-};
-
-// Runs until released.
-class BlockingThread : public Thread {
-public:
-    unsigned run() override
-    {
-        m_entered = true;
-        while (!m_release)
-            Thread::sleep(1);
-        return 5;
-    }
-    std::atomic<bool> m_entered{false};
-    std::atomic<bool> m_release{false};
-};
-
-// Runs until cancelled; the stop flag only rescues a test whose cancel failed.
+// Runs until cancelled or stopped.
 class EndlessThread : public Thread {
 public:
     unsigned run() override
@@ -130,7 +92,7 @@ std::string line(const char* format, int id)
 
 TEST(Thread, StartRunsTheBodyOnItsOwnKernelThreadAndJoins)
 {
-    ReturningThread thread(3);
+    ProbeThread thread([] { return 3u; });
     EXPECT_FALSE(thread.isStarted());
     EXPECT_FALSE(thread.isRunning());
     ASSERT_TRUE(thread.start());
@@ -149,13 +111,13 @@ TEST(Thread, RunResultIsTheExitValueAndIsLoggedOnStopAtMessageLevel)
 {
     {
         LogCapture quiet(Core::LogWarning);
-        ReturningThread other(1);
+        ProbeThread other([] { return 1u; });
         ASSERT_TRUE(other.start());
         other.waitToFinish();
         EXPECT_TRUE(quiet.lines().empty()) << "start and stop lines are message level only";
     }
     LogCapture capture(Core::LogMessage);
-    ReturningThread thread(42);
+    ProbeThread thread([] { return 42u; });
     ASSERT_TRUE(thread.start());
     ASSERT_TRUE(thread.waitPublished());
     EXPECT_EQ(thread.joinForResult(), 42u);
@@ -174,7 +136,11 @@ TEST(Thread, ThrowingRunEndsWithResultZeroAndTheRaidedError)
     for (bool standard : {true, false}) {
         SCOPED_TRACE(standard ? "std::exception" : "int");
         LogCapture capture(Core::LogVerbose);
-        ThrowingThread thread(standard);
+        ProbeThread thread([standard]() -> unsigned {
+            if (standard)
+                throw std::runtime_error("body failed");
+            throw 17; // not derived from std::exception: must be caught too
+        });
         ASSERT_TRUE(thread.start());
         EXPECT_TRUE(capture.waitFor("raided")); // logged on the thread itself
         ASSERT_TRUE(thread.waitPublished());
@@ -192,7 +158,7 @@ TEST(Thread, ThrowingRunEndsWithResultZeroAndTheRaidedError)
                        thread.m_kernelId));
     }
     // The process goes on: another thread still starts and finishes.
-    ReturningThread after(9);
+    ProbeThread after([] { return 9u; });
     ASSERT_TRUE(after.start());
     after.waitToFinish();
     EXPECT_TRUE(after.m_published);
@@ -200,11 +166,11 @@ TEST(Thread, ThrowingRunEndsWithResultZeroAndTheRaidedError)
 
 TEST(Thread, IsRunningOnlyWhileTheBodyExecutes)
 {
-    BlockingThread thread;
+    EndlessThread thread;
     ASSERT_TRUE(thread.start());
-    ASSERT_TRUE(waitUntil([&] { return thread.m_entered.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return thread.m_loops.load() > 0; }));
     EXPECT_TRUE(thread.isRunning());
-    thread.m_release = true;
+    thread.m_stop = true;
     EXPECT_TRUE(waitUntil([&] { return !thread.isRunning(); }));
     thread.waitToFinish();
     EXPECT_FALSE(thread.isRunning());
@@ -226,7 +192,7 @@ TEST(Thread, KillCancelsAStartedThreadAndClearsStartedAndDoesNothingOtherwise)
     thread.kill(); // not started any more: nothing happens
     EXPECT_EQ(thread.m_loops.load(), loops);
 
-    ReturningThread unstarted(1);
+    ProbeThread unstarted([] { return 1u; });
     unstarted.kill(); // before start: nothing happens, and the thread is still usable
     EXPECT_FALSE(unstarted.isStarted());
     ASSERT_TRUE(unstarted.start());
@@ -238,7 +204,7 @@ TEST(Thread, KillCancelsAStartedThreadAndClearsStartedAndDoesNothingOtherwise)
 // is far beyond 2^32, so the wrapped value itself is not a multiple of 1000;
 // what holds is that it moves only in whole steps of 1000 (modulo 2^32) and
 // matches the wall clock's whole seconds.
-TEST(Thread, TickCountsWholeSecondsInMilliseconds)
+TEST(Thread, TickCountsWholeSecondsInMillisecondsAndSleepLastsAtLeastItsTime)
 {
     for (int i = 0; i < 50; ++i) {
         const unsigned before = wallSecondsInMilliseconds();
@@ -250,10 +216,6 @@ TEST(Thread, TickCountsWholeSecondsInMilliseconds)
         EXPECT_LE(after - before, 1000u);
         Thread::yieldTime();
     }
-}
-
-TEST(Thread, SleepLastsAtLeastTheRequestedTime)
-{
     const auto start = std::chrono::steady_clock::now();
     Thread::sleep(20);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
