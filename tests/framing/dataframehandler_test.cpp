@@ -10,6 +10,7 @@
 
 #include "core/core.h"
 #include "messaging/messaging.h"
+#include "messaging/messaging_support.h"
 #include "platform/socket.h"
 #include "platform/socketreaper.h"
 #include "support/logcapture.h"
@@ -35,6 +36,8 @@
 #include <utility>
 #include <vector>
 
+using MessagingTest::Pairs;
+using MessagingTest::pairsOf;
 using UlmarComms::CommandMessage;
 using UlmarComms::DataFrame;
 using UlmarComms::DataFrameHandler;
@@ -57,17 +60,7 @@ using UlmarCommsTest::waitUntil;
 
 namespace {
 
-typedef std::vector<std::pair<std::string, std::string>> Pairs;
-
 const std::chrono::milliseconds kDeadline(10000);
-
-Pairs pairsOf(const MessageItem* message)
-{
-    Pairs pairs;
-    for (int i = 0; i < message->numberOfArguments(); ++i)
-        pairs.emplace_back(message->key(i), message->value(i));
-    return pairs;
-}
 
 // A message tagged in "_m", padded with a value of padding bytes.
 MessageItem* makeMessage(const std::string& tag, size_t padding)
@@ -118,20 +111,15 @@ public:
     }
     size_t count(const std::string& event)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        size_t n = 0;
-        for (const std::string& e : m_events)
-            n += e == event ? 1 : 0;
-        return n;
+        const std::vector<std::string> all = events();
+        return static_cast<size_t>(std::count(all.begin(), all.end(), event));
     }
     // Position of the first event equal to event, or -1.
     int indexOf(const std::string& event)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        for (size_t i = 0; i < m_events.size(); ++i)
-            if (m_events[i] == event)
-                return static_cast<int>(i);
-        return -1;
+        const std::vector<std::string> all = events();
+        const auto found = std::find(all.begin(), all.end(), event);
+        return found == all.end() ? -1 : static_cast<int>(found - all.begin());
     }
 
 private:
@@ -201,36 +189,13 @@ public:
         DataFrameHandler::onSent(socket, buffer, count, size, error);
     }
 
-    std::vector<Pairs> messages()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_messages;
-    }
-    size_t messageCount()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_messages.size();
-    }
-    std::vector<std::pair<unsigned char, std::string>> commands()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_commands;
-    }
-    size_t commandCount()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_commands.size();
-    }
-    std::vector<unsigned char> errors()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_errors;
-    }
-    std::vector<std::string> events()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_events;
-    }
+    // Snapshots, taken under the lock the callbacks record under.
+    std::vector<Pairs> messages() { return locked(m_messages); }
+    size_t messageCount() { return locked(m_messages).size(); }
+    std::vector<std::pair<unsigned char, std::string>> commands() { return locked(m_commands); }
+    size_t commandCount() { return locked(m_commands).size(); }
+    std::vector<unsigned char> errors() { return locked(m_errors); }
+    std::vector<std::string> events() { return locked(m_events); }
 
     bool echo = false;
     bool throwInOnError = false;
@@ -241,6 +206,11 @@ public:
     std::function<void(const unsigned char* buffer, unsigned count, unsigned size)> onPartialSend;
 
 private:
+    template <typename T> T locked(const T& field)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return field;
+    }
     template <typename Change> void record(const std::string& event, Change change)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -734,31 +704,6 @@ TEST_F(FrameLinkTest, FramesQueuedBeforeTheLinkLeaveOnceReleasedCommandsFirst)
 // ---------------------------------------------------------------------------
 // The inbound side, fed by a plain peer
 
-TEST_F(FrameLinkTest, TwoAndAHalfFramesInOneBlock)
-{
-    auto server = unixServer();
-    RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
-
-    MessageItem* one = makeMessage("one", 100);
-    MessageItem* two = makeMessage("two", 200);
-    MessageItem* three = makeMessage("three", 300);
-    const Bytes thirdWire = messageFrame(3, three);
-    const size_t half = thirdWire.size() / 2;
-    ASSERT_TRUE(peer.sendAll(messageFrame(1, one) + messageFrame(2, two) + Bytes(thirdWire.begin(), thirdWire.begin() + half)));
-
-    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() >= 2; }, kDeadline));
-    EXPECT_EQ(accepted->messageCount(), 2u) << "half a frame is not a frame";
-    ASSERT_TRUE(peer.sendAll(Bytes(thirdWire.begin() + half, thirdWire.end())));
-    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 3; }, kDeadline));
-    EXPECT_EQ(accepted->messages(), (std::vector<Pairs>{pairsOf(one), pairsOf(two), pairsOf(three)}));
-    MessageItem::release(one);
-    MessageItem::release(two);
-    MessageItem::release(three);
-}
-
 // A frame whose payload does not parse, or whose type is unknown, costs that
 // frame: its header says where it ends, so the frame after it is delivered.
 TEST_F(FrameLinkTest, FramesThatCannotBeDecodedAreDroppedAndTheLinkGoesOn)
@@ -803,37 +748,35 @@ TEST_F(FrameLinkTest, AnExceptionFromTheSubclassCostsOneFrameNotTheLink)
 // ---------------------------------------------------------------------------
 // Ends of links
 
-TEST_F(FrameLinkTest, PeerCloseReachesTheListenerThenDisconnectThenError)
+// An orderly close and a reset (after bytes the link never read) reach the
+// listener, then the link's disconnect, then its error with the end's code.
+TEST_F(FrameLinkTest, PeerCloseOrResetReachesTheListenerThenDisconnectThenError)
 {
-    auto server = unixServer();
-    auto client = connectRecorder(server->address());
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
+    for (const bool reset : {false, true}) {
+        SCOPED_TRACE(reset ? "reset over TCP" : "orderly close over UNIX");
+        auto server = reset ? tcpServer() : unixServer();
+        RawPeer peer;
+        ASSERT_TRUE(peer.connectTo(server->boundAddress()));
+        ASSERT_TRUE(server->waitForClients(1));
+        Recorder* accepted = server->handler(0);
 
-    client->dropSocket();
-    ASSERT_TRUE(waitUntil([&] { return accepted->errors().size() == 1; }, kDeadline));
-    EXPECT_EQ(accepted->errors()[0], Socket::NoSocketError) << "an orderly close";
-    const int listener = server->journal.indexOf("client-disconnect");
-    const int disconnect = server->journal.indexOf("disconnect");
-    const int error = server->journal.indexOf("error");
-    EXPECT_GE(listener, 0);
-    EXPECT_LT(listener, disconnect);
-    EXPECT_LT(disconnect, error);
-    EXPECT_EQ(accepted->socket(), nullptr) << "the owner's error callback took the socket";
-}
-
-TEST_F(FrameLinkTest, ResetReachesTheErrorCallbackWithItsCode)
-{
-    auto server = tcpServer();
-    RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->boundAddress()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
-
-    peer.resetNow();
-    ASSERT_TRUE(waitUntil([&] { return accepted->errors().size() == 1; }, kDeadline));
-    EXPECT_EQ(accepted->errors()[0], Socket::ConnectionResetByPeer);
-    EXPECT_EQ(server->journal.count("client-disconnect"), 1u);
+        if (reset) {
+            ASSERT_TRUE(peer.sendAll(rawFrame(DataFrame::FrameTypeMessage, 100, 1, Bytes(50, 'x'))));
+            peer.resetNow();
+        } else {
+            peer.closeNow();
+        }
+        ASSERT_TRUE(waitUntil([&] { return accepted->errors().size() == 1; }, kDeadline));
+        EXPECT_EQ(accepted->errors()[0], reset ? Socket::ConnectionResetByPeer : Socket::NoSocketError);
+        const int listener = server->journal.indexOf("client-disconnect");
+        const int disconnect = server->journal.indexOf("disconnect");
+        const int error = server->journal.indexOf("error");
+        EXPECT_GE(listener, 0);
+        EXPECT_LT(listener, disconnect);
+        EXPECT_LT(disconnect, error);
+        EXPECT_EQ(server->journal.count("client-disconnect"), 1u);
+        EXPECT_EQ(accepted->socket(), nullptr) << "the owner's error callback took the socket";
+    }
 }
 
 TEST_F(FrameLinkTest, AnExceptionInTheOwnersErrorCallbackIsCaught)
@@ -877,6 +820,8 @@ TEST_F(FrameLinkTest, ManyConnectionsToOneServerEachGetTheirOwnLink)
     ASSERT_TRUE(waitUntil([&] { return server->journal.count("error") == clients; }, kDeadline));
     for (Recorder* handler : server->handlers())
         EXPECT_EQ(handler->socket(), nullptr);
+    EXPECT_TRUE(waitUntil([&] { return server->listeningSocket()->getAcceptedSockets().empty(); }, kDeadline))
+        << "sockets deleted in their error callbacks leave their listener's list";
 }
 
 TEST_F(FrameLinkTest, ServerStartFailsOnATakenNameOrABadAddress)
