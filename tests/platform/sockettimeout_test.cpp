@@ -4,6 +4,7 @@
 #include "platform/sockettimeout.h"
 #include "platform/thread.h"
 
+#include "support/logcapture.h"
 #include "support/wait.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@
 #include <vector>
 
 using namespace UlmarCommsSystem;
+using UlmarCommsTest::LogCapture;
 using UlmarCommsTest::waitUntil;
 
 namespace {
@@ -77,16 +79,6 @@ protected:
     std::vector<Counter*> m_counters;
 };
 
-std::vector<std::pair<int, std::string>>* warnings = nullptr;
-std::mutex warningsLock;
-
-void warningLogger(int level, const char* format, char*)
-{
-    std::lock_guard<std::mutex> guard(warningsLock);
-    if (warnings != nullptr && level == 2 && std::strstr(format, "SocketTimeout") != nullptr)
-        warnings->emplace_back(level, format);
-}
-
 } // namespace
 
 TEST_F(SocketTimeoutTest, OnceTimersFireOnceAndRepeatingOnesUntilRemoved)
@@ -117,26 +109,20 @@ TEST_F(SocketTimeoutTest, OnceTimersFireOnceAndRepeatingOnesUntilRemoved)
 
 TEST_F(SocketTimeoutTest, RemovalBelowTheHeadRemovesButAnswersFalse)
 {
-    std::vector<std::pair<int, std::string>> seen;
-    {
-        std::lock_guard<std::mutex> guard(warningsLock);
-        warnings = &seen;
-    }
-    Socket::setLogger(&warningLogger);
     Counter* first = counter();
     Counter* second = counter();
     // Added in one period: the later one heads the pending list.
     ASSERT_TRUE(Socket::addToTimer(&Counter::fire, first, 0, true));
     ASSERT_TRUE(Socket::addToTimer(&Counter::fire, second, 0, true));
-    const bool removed = Socket::removeFromTimer(&Counter::fire, first);
-    Socket::setLogger(nullptr);
+    std::vector<std::string> warnings;
     {
-        std::lock_guard<std::mutex> guard(warningsLock);
-        warnings = nullptr;
+        LogCapture log(2, LogCapture::SocketLayer);
+        EXPECT_FALSE(Socket::removeFromTimer(&Counter::fire, first));
+        for (const auto& line : log.lines())
+            if (line.level == 2 && std::strstr(line.format, "SocketTimeout") != nullptr)
+                warnings.push_back(line.format);
     }
-    EXPECT_FALSE(removed);
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].second, "SocketTimeout::Remove( %p, %p ) Not removed!\n");
+    EXPECT_EQ(warnings, std::vector<std::string>{"SocketTimeout::Remove( %p, %p ) Not removed!\n"});
     EXPECT_EQ(SocketTimeout::instance()->count(&Counter::fire, first), 0u);
 
     ASSERT_TRUE(waitUntil([&] { return second->fired() == 1; }));

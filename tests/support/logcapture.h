@@ -1,4 +1,5 @@
-// Captures what the library logs, for tests that check log lines.
+// Captures what the library logs, for tests that check log lines: the
+// library's logger or the socket layer's own one.
 //
 // The library hands its logger the format and the call's va_list passed as
 // char*. Where va_list is an array type (x86_64: one __va_list_tag) the
@@ -14,6 +15,7 @@
 #pragma once
 
 #include "core/core.h"
+#include "platform/socket.h"
 
 #include "support/wait.h"
 
@@ -55,21 +57,23 @@ struct LogLine {
 // destructor removes the logger and restores the previous level.
 class LogCapture {
 public:
-    explicit LogCapture(int level = UlmarComms::Core::LogVerbose)
-        : m_previousLevel(UlmarComms::Core::getLoggingLevel())
+    enum Source { Library, SocketLayer };
+
+    explicit LogCapture(int level = UlmarComms::Core::LogVerbose, Source source = Library)
+        : m_source(source), m_previousLevel(getLevel())
     {
         std::lock_guard<std::mutex> guard(store().lock);
         assert(!store().active && "only one LogCapture at a time");
         store().active = true;
         store().lines.clear();
-        UlmarComms::Core::setLoggingLevel(level);
-        UlmarComms::Core::setLogger(&LogCapture::logger);
+        setLevel(level);
+        setLogger(&LogCapture::logger);
     }
 
     ~LogCapture()
     {
-        UlmarComms::Core::setLogger(nullptr);
-        UlmarComms::Core::setLoggingLevel(m_previousLevel);
+        setLogger(nullptr);
+        setLevel(m_previousLevel);
         std::lock_guard<std::mutex> guard(store().lock);
         store().active = false;
         store().lines.clear();
@@ -125,6 +129,19 @@ private:
         return s_store;
     }
 
+    int getLevel() const
+    {
+        return m_source == Library ? UlmarComms::Core::getLoggingLevel() : UlmarCommsSystem::Socket::getLoggingLevel();
+    }
+    void setLevel(int level) const
+    {
+        m_source == Library ? UlmarComms::Core::setLoggingLevel(level) : UlmarCommsSystem::Socket::setLoggingLevel(level);
+    }
+    void setLogger(void (*logger)(int, const char*, char*)) const
+    {
+        m_source == Library ? UlmarComms::Core::setLogger(logger) : UlmarCommsSystem::Socket::setLogger(logger);
+    }
+
     static void logger(int level, const char* format, char* args)
     {
         std::string text = formatLogArguments(format, args);
@@ -132,6 +149,7 @@ private:
         store().lines.push_back(LogLine{level, format, std::move(text)});
     }
 
+    Source m_source;
     int m_previousLevel;
 };
 
