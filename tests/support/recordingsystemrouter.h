@@ -55,16 +55,8 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         m_accept = accept;
     }
-    std::vector<UlmarComms::IMessageRouter*> routers()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_routers;
-    }
-    std::vector<Command> commands()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_commands;
-    }
+    std::vector<UlmarComms::IMessageRouter*> routers() { return locked(m_routers); }
+    std::vector<Command> commands() { return locked(m_commands); }
     // Commands as "code text" lines, for compact comparisons.
     std::vector<std::string> commandLines()
     {
@@ -89,11 +81,7 @@ public:
         }
         return copies;
     }
-    size_t postedCount()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_posted.size();
-    }
+    size_t postedCount() { return locked(m_posted).size(); }
     size_t count() { return postedCount(); }
     // The value of key in posted message i ("" when absent).
     std::string value(size_t i, const char* key)
@@ -104,6 +92,12 @@ public:
     }
 
 private:
+    template <typename T> T locked(const T& field)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return field;
+    }
+
     std::mutex m_mutex;
     bool m_accept = true;
     std::vector<UlmarComms::IMessageRouter*> m_routers;
