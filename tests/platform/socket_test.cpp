@@ -22,6 +22,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <csignal>
 #include <poll.h>
 #include <stddef.h>
 #include <string>
@@ -916,6 +917,44 @@ TEST(SocketLogging, GateFollowsLevelAndLogger)
     EXPECT_EQ(lines[0].text, "Call to BSDSocketsErrorCode( 32 )\n");
     EXPECT_EQ(lines[1].level, 0);
     EXPECT_EQ(lines[1].text, "shown 7\n");
+}
+
+// A signal that interrupts a worker's wait is logged, and the workers go on
+// serving.
+TEST_F(SocketTest, ASignalInterruptingTheSelectorsWaitIsLoggedAndServingGoesOn)
+{
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    // The workers started with SIGUSR1 open; blocked here, it goes to them.
+    sigset_t usr1;
+    sigset_t old;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &usr1, &old), 0);
+    bool logged = false;
+    {
+        LogCapture log(UlmarComms::Core::LogError, LogCapture::SocketLayer);
+        logged = waitUntil([&] { return kill(getpid(), SIGUSR1) == 0 && log.contains("Got EINTR"); });
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_TRUE(logged);
+
+    Socket* a = nullptr;
+    Socket* b = nullptr;
+    makePair(a, b);
+    Endpoint left, right;
+    left.attach(a);
+    right.attach(b);
+    right.echo = true;
+    ASSERT_EQ(left.startReceiving(), Socket::NoSocketError);
+    ASSERT_EQ(right.startReceiving(), Socket::NoSocketError);
+    left.write("still served");
+    EXPECT_TRUE(waitUntil([&] { return left.read(&Endpoint::received) == "still served"; }));
+    destroy(left);
+    destroy(right);
 }
 
 TEST(SocketSelectorStart, InitStartsOnceAndDeinitJoins)
