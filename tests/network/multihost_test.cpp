@@ -7,31 +7,28 @@
 // Every address lives inside namespaces the fixture made, so no traffic
 // leaves them. Namespaces are named "ulmnet<pid>-..." after the test process:
 // the fixture removes its own when it ends (also on failure) and those of
-// earlier runs whose process is gone. Every process it starts is killed with
-// the test process (PR_SET_PDEATHSIG) should the test crash.
+// earlier runs whose process is gone. Every process it starts in them is
+// killed with the test process (setpriv --pdeathsig) should the test crash.
 //
 // Needs root and a kernel that allows namespaces; otherwise the tests skip.
+#include "support/childprocess.h"
+
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
+using UlmarCommsTest::ChildProcess;
 using Clock = std::chrono::steady_clock;
+using std::chrono::seconds;
 
 const char* const Prefix = "ulmnet";
 const char* const Subnet = "10.77.1.";
@@ -45,146 +42,11 @@ std::string exeDir()
     return text.substr(0, text.rfind('/'));
 }
 
-// A process started by the fixture, with its stdin and stdout as pipes.
-struct Process {
-    pid_t pid = -1;
-    int in = -1;
-    int out = -1;
-    std::string pending;
-};
-
-// Starts argv, optionally inside a network namespace (path under /run/netns)
-// and the UTS namespace of a holder process. stdin/stdout are pipes; stderr
-// goes to errorLog (or /dev/null).
-Process spawn(const std::vector<std::string>& argv, const std::string& netns = "", pid_t utsHolder = -1,
-              const std::string& errorLog = "")
-{
-    Process process;
-    int toChild[2];
-    int fromChild[2];
-    if (pipe2(toChild, O_CLOEXEC) != 0)
-        return process;
-    if (pipe2(fromChild, O_CLOEXEC) != 0) {
-        close(toChild[0]);
-        close(toChild[1]);
-        return process;
-    }
-    // Everything the child needs is made before the fork.
-    std::vector<char*> args;
-    for (const std::string& arg : argv)
-        args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    const std::string netPath = netns.empty() ? "" : "/run/netns/" + netns;
-    const std::string utsPath = utsHolder > 0 ? "/proc/" + std::to_string(utsHolder) + "/ns/uts" : "";
-    const std::string logPath = errorLog.empty() ? "/dev/null" : errorLog;
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent)
-            _exit(120);
-        dup2(toChild[0], 0);
-        dup2(fromChild[1], 1);
-        const int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (log >= 0)
-            dup2(log, 2);
-        if (!netPath.empty()) {
-            const int fd = open(netPath.c_str(), O_RDONLY);
-            if (fd < 0 || setns(fd, CLONE_NEWNET) != 0)
-                _exit(121);
-        }
-        if (!utsPath.empty()) {
-            const int fd = open(utsPath.c_str(), O_RDONLY);
-            if (fd < 0 || setns(fd, CLONE_NEWUTS) != 0)
-                _exit(122);
-        }
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    close(toChild[0]);
-    close(fromChild[1]);
-    if (pid < 0) {
-        close(toChild[1]);
-        close(fromChild[0]);
-        return process;
-    }
-    process.pid = pid;
-    process.in = toChild[1];
-    process.out = fromChild[0];
-    return process;
-}
-
-// Reads the next line before the deadline; false on time-out or end.
-bool readLine(Process& process, Clock::time_point deadline, std::string& line)
-{
-    for (;;) {
-        const size_t end = process.pending.find('\n');
-        if (end != std::string::npos) {
-            line = process.pending.substr(0, end);
-            process.pending.erase(0, end + 1);
-            return true;
-        }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0 || process.out < 0)
-            return false;
-        pollfd ready{process.out, POLLIN, 0};
-        if (poll(&ready, 1, static_cast<int>(left)) <= 0)
-            continue;
-        char buffer[4096];
-        const ssize_t got = read(process.out, buffer, sizeof(buffer));
-        if (got <= 0)
-            return false;
-        process.pending.append(buffer, static_cast<size_t>(got));
-    }
-}
-
-// Reads everything until the process closes stdout or the deadline passes.
-std::string readAll(Process& process, Clock::time_point deadline)
-{
-    std::string text;
-    std::string line;
-    while (readLine(process, deadline, line))
-        text += line + "\n";
-    return text + process.pending;
-}
-
-// Waits for the process to end before the deadline, killing it afterwards.
-// Returns the exit status (-1 when it had to be killed or was signalled).
-int finish(Process& process, Clock::time_point deadline)
-{
-    if (process.in >= 0)
-        close(process.in);
-    process.in = -1;
-    int status = 0;
-    bool ended = false;
-    while (!ended && Clock::now() < deadline) {
-        const pid_t done = waitpid(process.pid, &status, WNOHANG);
-        ended = done == process.pid;
-        if (!ended)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    if (!ended) {
-        kill(process.pid, SIGKILL);
-        waitpid(process.pid, &status, 0);
-        status = -1;
-    }
-    if (process.out >= 0)
-        close(process.out);
-    process.out = -1;
-    process.pid = -1;
-    if (status == -1 || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
-}
-
-// Runs a command to its end (quietly); its exit status.
+// Runs a command to its end; its exit status (-1 when it did not end in time).
 int command(const std::vector<std::string>& argv)
 {
-    Process process = spawn(argv);
-    if (process.pid < 0)
-        return -1;
-    readAll(process, Clock::now() + std::chrono::seconds(20));
-    return finish(process, Clock::now() + std::chrono::seconds(20));
+    ChildProcess process(argv);
+    return process.wait(seconds(20));
 }
 
 // Removes namespaces of this fixture's naming whose test process is gone.
@@ -196,63 +58,59 @@ void removeLeftovers()
     std::vector<std::string> stale;
     while (dirent* entry = readdir(directory)) {
         const std::string name = entry->d_name;
-        if (name.rfind(Prefix, 0) != 0)
-            continue;
         const pid_t owner = static_cast<pid_t>(std::atoi(name.c_str() + std::strlen(Prefix)));
-        if (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH)
+        if (name.rfind(Prefix, 0) == 0 && owner > 0 && kill(owner, 0) != 0 && errno == ESRCH)
             stale.push_back(name);
     }
     closedir(directory);
-    for (const std::string& name : stale) {
-        // Processes left in it were started by a run of this fixture.
-        Process pids = spawn({"/usr/sbin/ip", "netns", "pids", name});
-        const std::string text = readAll(pids, Clock::now() + std::chrono::seconds(5));
-        finish(pids, Clock::now() + std::chrono::seconds(5));
-        size_t at = 0;
-        while (at < text.size()) {
-            const pid_t pid = static_cast<pid_t>(std::atoi(text.c_str() + at));
-            if (pid > 0)
-                kill(pid, SIGKILL);
-            const size_t next = text.find('\n', at);
-            at = next == std::string::npos ? text.size() : next + 1;
-        }
+    for (const std::string& name : stale)
         command({"/usr/sbin/ip", "netns", "del", name});
-    }
 }
 
 // One simulated host.
 struct Host {
-    std::string name;      // its host name
-    std::string netns;     // its network namespace
-    std::string address;   // its IPv4 address
-    std::string pipe;      // its daemon's local link name
-    std::string log;       // where its daemon's log goes
-    pid_t holder = -1;     // the process that keeps its UTS namespace
-    Process daemon;
-    Process server;        // the "echo" pump
+    std::string name;    // its host name
+    std::string netns;   // its network namespace
+    std::string address; // its IPv4 address
+    std::string pipe;    // its daemon's local link name
+    std::unique_ptr<ChildProcess> holder; // keeps its UTS namespace
+    std::unique_ptr<ChildProcess> daemon;
+    std::unique_ptr<ChildProcess> server; // the "echo" pump
+
+    // argv run inside this host's namespaces, killed should the test process die.
+    std::vector<std::string> inside(const std::vector<std::string>& argv) const
+    {
+        std::vector<std::string> wrapped = {"/usr/bin/nsenter", "--net=/run/netns/" + netns,
+                                            "--uts=/proc/" + std::to_string(holder->pid()) + "/ns/uts",
+                                            "/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
+        wrapped.insert(wrapped.end(), argv.begin(), argv.end());
+        return wrapped;
+    }
+    // The same, with stdin kept open and stderr going to the test's log.
+    std::unique_ptr<ChildProcess> driven(const std::vector<std::string>& argv) const
+    {
+        const std::vector<std::string> wrapped = inside(argv);
+        return std::make_unique<ChildProcess>(wrapped[0],
+                                              std::vector<std::string>(wrapped.begin() + 1, wrapped.end()));
+    }
 };
 
 class MultiHost : public ::testing::Test {
 protected:
     void TearDown() override
     {
-        const auto deadline = Clock::now() + std::chrono::seconds(30);
         for (Host& host : m_hosts) {
-            if (host.server.pid > 0) {
-                EXPECT_EQ(finish(host.server, deadline), 0) << "echo pump on " << host.name;
+            if (host.server) {
+                host.server->closeInput();
+                EXPECT_EQ(host.server->wait(seconds(30)), 0) << "echo pump on " << host.name;
             }
-            if (host.daemon.pid > 0) {
-                EXPECT_EQ(stopDaemon(host), 0) << "daemon on " << host.name << ", log " << host.log;
+            if (host.daemon) {
+                EXPECT_EQ(stopDaemon(host), 0) << "daemon on " << host.name;
             }
         }
         for (Host& host : m_hosts) {
-            if (host.holder > 0) {
-                kill(host.holder, SIGKILL);
-                waitpid(host.holder, nullptr, 0);
-            }
+            host.holder.reset();
             command({"/usr/sbin/ip", "netns", "del", host.netns});
-            if (!HasFailure())
-                unlink(host.log.c_str());
         }
         if (!m_bridge.empty())
             command({"/usr/sbin/ip", "netns", "del", m_bridge});
@@ -279,13 +137,11 @@ protected:
             || ip(m_bridge, {"link", "set", "br0", "up"}) != 0)
             return "cannot create a bridge here";
         for (int i = 0; i < count; ++i) {
-            Host host;
+            Host& host = m_hosts.emplace_back();
             host.name = std::string("host") + static_cast<char>('A' + i);
             host.netns = base + "-" + host.name;
             host.address = Subnet + std::to_string(i + 1);
             host.pipe = base + host.name;
-            host.log = "/tmp/" + base + "-" + host.name + ".log";
-            m_hosts.push_back(host);
             if (command({"/usr/sbin/ip", "netns", "add", host.netns}) != 0)
                 return "cannot create network namespaces here";
             const std::string port = "p" + std::to_string(i);
@@ -295,19 +151,16 @@ protected:
                 || ip(host.netns, {"link", "set", "eth0", "up"}) != 0
                 || ip(host.netns, {"link", "set", "lo", "up"}) != 0)
                 return "cannot wire the simulated hosts";
-            if (!makeUtsHolder(m_hosts.back()))
+            // A process in a UTS namespace of its own, named after the host.
+            host.holder = std::make_unique<ChildProcess>(std::vector<std::string>{
+                "/usr/bin/setpriv", "--pdeathsig", "KILL", "--", "/usr/bin/unshare", "--uts", "/bin/sh", "-c",
+                "echo \"$0\" >/proc/sys/kernel/hostname && echo ready && exec sleep 100000", host.name});
+            if (!host.holder->waitForOut("ready\n", seconds(10)))
                 return "cannot create UTS namespaces here";
         }
-        for (Host& host : m_hosts) {
-            if (!startDaemon(host))
+        for (Host& host : m_hosts)
+            if (!startDaemon(host) || !startServer(host))
                 return std::string();
-            host.server = spawn({m_appPath, "serve", host.pipe, "echo", "tick"}, host.netns, host.holder);
-            std::string line;
-            if (!readLine(host.server, Clock::now() + std::chrono::seconds(20), line) || line.rfind("READY", 0) != 0) {
-                ADD_FAILURE() << "echo pump on " << host.name << " did not start: " << line;
-                return std::string();
-            }
-        }
         return std::string();
     }
 
@@ -318,60 +171,51 @@ protected:
         return command(argv);
     }
 
-    // A process that unshares a UTS namespace, names the host and waits.
-    bool makeUtsHolder(Host& host)
-    {
-        int ready[2];
-        if (pipe2(ready, O_CLOEXEC) != 0)
-            return false;
-        const std::string name = host.name;
-        const pid_t parent = getpid();
-        const pid_t pid = fork();
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (getppid() != parent)
-                _exit(120);
-            const char answer = unshare(CLONE_NEWUTS) == 0 && sethostname(name.c_str(), name.size()) == 0 ? 'y' : 'n';
-            if (write(ready[1], &answer, 1) != 1)
-                _exit(121);
-            for (;;)
-                pause();
-        }
-        close(ready[1]);
-        char answer = 'n';
-        const bool ok = pid > 0 && read(ready[0], &answer, 1) == 1 && answer == 'y';
-        close(ready[0]);
-        host.holder = pid;
-        return ok;
-    }
-
     bool startDaemon(Host& host)
     {
-        host.daemon = spawn({m_daemonPath, "--set", "ulmar.networkrouter=1", "--set", "ulmar.networkrouter.discovery=1",
-                             "--set", "ulmar.networkrouter.discovery.timeout=1000", "--set",
-                             "ulmar.systemrouter.pipe.name=" + host.pipe},
-                            host.netns, host.holder, host.log);
-        std::string line;
-        const auto deadline = Clock::now() + std::chrono::seconds(20);
-        while (readLine(host.daemon, deadline, line))
-            if (line.find("service running") != std::string::npos)
-                return true;
-        ADD_FAILURE() << "daemon on " << host.name << " did not start; log " << host.log;
+        host.daemon = host.driven(
+            {m_daemonPath, "--set", "ulmar.networkrouter=1", "--set", "ulmar.networkrouter.discovery=1", "--set",
+             "ulmar.networkrouter.discovery.timeout=1000", "--set", "ulmar.systemrouter.pipe.name=" + host.pipe});
+        if (host.daemon->waitForOut("service running", seconds(20)))
+            return true;
+        ADD_FAILURE() << "daemon on " << host.name << " did not start: " << host.daemon->out();
         return false;
     }
 
     int stopDaemon(Host& host)
     {
-        kill(host.daemon.pid, SIGTERM);
-        return finish(host.daemon, Clock::now() + std::chrono::seconds(30));
+        host.daemon->signal(SIGTERM);
+        return host.daemon->wait(seconds(30));
+    }
+
+    // The echo pump on a host (runs until its stdin closes).
+    bool startServer(Host& host)
+    {
+        host.server = host.driven({m_appPath, "serve", host.pipe, "echo", "tick"});
+        std::string line;
+        if (host.server->readLine(line, seconds(20)) && line.rfind("READY", 0) == 0)
+            return true;
+        ADD_FAILURE() << "echo pump on " << host.name << " did not start: " << line;
+        return false;
     }
 
     // Starts the test application on a host.
-    Process app(Host& host, const std::vector<std::string>& args)
+    std::unique_ptr<ChildProcess> app(Host& host, const std::vector<std::string>& args)
     {
         std::vector<std::string> argv = {m_appPath};
         argv.insert(argv.end(), args.begin(), args.end());
-        return spawn(argv, host.netns, host.holder);
+        return std::make_unique<ChildProcess>(host.inside(argv));
+    }
+
+    // Runs the test application on a host to its end: its output, and its
+    // exit status in status.
+    std::string run(Host& host, const std::vector<std::string>& args, int* status = nullptr)
+    {
+        auto process = app(host, args);
+        const int code = process->wait(seconds(120));
+        if (status != nullptr)
+            *status = code;
+        return process->out();
     }
 
     // One request from an application on host: its whole output.
@@ -380,33 +224,20 @@ protected:
     {
         std::vector<std::string> args = {"call", host.pipe, to, method};
         args.insert(args.end(), pairs.begin(), pairs.end());
-        Process process = app(host, args);
-        const auto deadline = Clock::now() + std::chrono::seconds(20);
-        std::string output = readAll(process, deadline);
-        finish(process, deadline);
+        std::string output = run(host, args);
         if (!output.empty() && output.back() == '\n')
             output.pop_back();
         return output;
     }
 
-    // Asks host's system endpoint until the answer equals expected.
-    bool waitForAnswer(Host& host, const std::string& method, const std::string& expected)
+    // Asks host's system endpoint until the answer equals expected (or,
+    // with contains, holds it).
+    bool waitForAnswer(Host& host, const std::string& method, const std::string& expected, bool contains = false)
     {
-        const auto deadline = Clock::now() + std::chrono::seconds(20);
+        const auto deadline = Clock::now() + seconds(20);
         while (Clock::now() < deadline) {
-            if (call(host, host.name + "@system", method) == "RESPONSE " + expected)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        }
-        return false;
-    }
-
-    // Asks host's system endpoint until the answer holds part.
-    bool waitForAnswerContaining(Host& host, const std::string& method, const std::string& part)
-    {
-        const auto deadline = Clock::now() + std::chrono::seconds(20);
-        while (Clock::now() < deadline) {
-            if (call(host, host.name + "@system", method).find(part) != std::string::npos)
+            const std::string answer = call(host, host.name + "@system", method);
+            if (contains ? answer.find(expected) != std::string::npos : answer == "RESPONSE " + expected)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
@@ -442,7 +273,7 @@ protected:
         return hex;
     }
 
-    std::vector<Host> m_hosts;
+    std::vector<Host> m_hosts; // grown only in prepare()
     std::string m_bridge;
     std::string m_daemonPath;
     std::string m_appPath;
@@ -488,10 +319,10 @@ TEST_F(MultiHost, TwoHostsDiscoverEachOtherAndRouteRequests)
     EXPECT_EQ(call(a, "hostB@nosuchpump", "ping"), "ERROR 400");
 
     // The announcement on the wire, as heard on host A from host B.
-    Process capture = app(a, {"capture", "10.77.1.255", std::to_string(DiscoveryPort), b.address, "10000"});
-    const std::string heard = readAll(capture, Clock::now() + std::chrono::seconds(15));
-    EXPECT_EQ(finish(capture, Clock::now() + std::chrono::seconds(5)), 0);
-    EXPECT_EQ(heard, "LISTENING\nDATAGRAM " + announcement(b) + "\n");
+    int status = -1;
+    EXPECT_EQ(run(a, {"capture", "10.77.1.255", std::to_string(DiscoveryPort), b.address, "10000"}, &status),
+              "LISTENING\nDATAGRAM " + announcement(b) + "\n");
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(MultiHost, EventsRegisteredAcrossHostsArrive)
@@ -501,15 +332,14 @@ TEST_F(MultiHost, EventsRegisteredAcrossHostsArrive)
     Host& b = m_hosts[1];
     ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
 
-    Process listener = app(a, {"listen", a.pipe, "hostB@echo", "tick", "2"});
+    auto listener = app(a, {"listen", a.pipe, "hostB@echo", "tick", "2"});
     std::string line;
-    ASSERT_TRUE(readLine(listener, Clock::now() + std::chrono::seconds(20), line));
+    ASSERT_TRUE(listener->readLine(line, seconds(20)));
     ASSERT_EQ(line, "REGISTERED");
     EXPECT_EQ(call(b, "hostB@echo", "fire"), "RESPONSE echo:fire:hostB");
     EXPECT_EQ(call(a, "hostB@echo", "fire"), "RESPONSE echo:fire:hostB");
-    const std::string events = readAll(listener, Clock::now() + std::chrono::seconds(20));
-    EXPECT_EQ(finish(listener, Clock::now() + std::chrono::seconds(5)), 0);
-    EXPECT_EQ(events, "EVENT hostB@echo\nEVENT hostB@echo\n");
+    EXPECT_EQ(listener->wait(seconds(25)), 0);
+    EXPECT_EQ(listener->out(), "REGISTERED\nEVENT hostB@echo\nEVENT hostB@echo\n");
 }
 
 TEST_F(MultiHost, RestartedPeerIsReachedAgainAndBothSidesPostAtOnce)
@@ -522,23 +352,20 @@ TEST_F(MultiHost, RestartedPeerIsReachedAgainAndBothSidesPostAtOnce)
 
     // The peer's service goes away and comes back: the next post opens a new
     // link (the old one was dropped when the peer went).
-    EXPECT_EQ(finish(b.server, Clock::now() + std::chrono::seconds(20)), 0);
+    b.server->closeInput();
+    EXPECT_EQ(b.server->wait(seconds(20)), 0);
     ASSERT_EQ(stopDaemon(b), 0);
     ASSERT_TRUE(startDaemon(b));
-    b.server = spawn({m_appPath, "serve", b.pipe, "echo", "tick"}, b.netns, b.holder);
-    std::string line;
-    ASSERT_TRUE(readLine(b.server, Clock::now() + std::chrono::seconds(20), line));
-    ASSERT_EQ(line.rfind("READY", 0), 0u);
+    ASSERT_TRUE(startServer(b));
     EXPECT_EQ(call(a, "hostB@echo", "after"), "RESPONSE echo:after:hostB");
 
     // Both hosts send to each other at the same moment.
-    Process fromA = app(a, {"call", a.pipe, "hostB@echo", "fromA"});
-    Process fromB = app(b, {"call", b.pipe, "hostA@echo", "fromB"});
-    const auto deadline = Clock::now() + std::chrono::seconds(20);
-    EXPECT_EQ(readAll(fromA, deadline), "RESPONSE echo:fromA:hostB\n");
-    EXPECT_EQ(readAll(fromB, deadline), "RESPONSE echo:fromB:hostA\n");
-    EXPECT_EQ(finish(fromA, deadline), 0);
-    EXPECT_EQ(finish(fromB, deadline), 0);
+    auto fromA = app(a, {"call", a.pipe, "hostB@echo", "fromA"});
+    auto fromB = app(b, {"call", b.pipe, "hostA@echo", "fromB"});
+    EXPECT_EQ(fromA->wait(), 0);
+    EXPECT_EQ(fromB->wait(), 0);
+    EXPECT_EQ(fromA->out(), "RESPONSE echo:fromA:hostB\n");
+    EXPECT_EQ(fromB->out(), "RESPONSE echo:fromB:hostA\n");
 }
 
 TEST_F(MultiHost, ThreeHostsRouteBetweenAnyTwoAndAnswerEveryFanOutQuery)
@@ -557,10 +384,9 @@ TEST_F(MultiHost, ThreeHostsRouteBetweenAnyTwoAndAnswerEveryFanOutQuery)
     // Each query is copied to every known host and to this one while the
     // answers of earlier ones cross the same routers: every round gets its
     // three answers, and the service still answers afterwards.
-    Process fan = app(a, {"fanout", a.pipe, "300", "3"});
-    const auto deadline = Clock::now() + std::chrono::seconds(120);
-    EXPECT_EQ(readAll(fan, deadline), "FANOUT 300\n");
-    EXPECT_EQ(finish(fan, deadline), 0);
+    int status = -1;
+    EXPECT_EQ(run(a, {"fanout", a.pipe, "300", "3"}, &status), "FANOUT 300\n");
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(call(a, "hostA@system", "KnownHosts"), "RESPONSE hostB\nhostC\nhostA");
     EXPECT_EQ(call(a, "hostB@echo", "after"), "RESPONSE echo:after:hostB");
 }
@@ -580,23 +406,23 @@ TEST_F(MultiHost, AHostThatNeverAnswersHoldsUpNothingElse)
     z.address = std::string(Subnet) + "99";
     ASSERT_EQ(ip(a.netns, {"neigh", "add", z.address, "lladdr", "02:00:00:00:00:99", "dev", "eth0", "nud", "permanent"}),
               0);
-    Process announce = app(b, {"send", std::string(Subnet) + "255", std::to_string(DiscoveryPort), announcement(z)});
-    EXPECT_EQ(readAll(announce, Clock::now() + std::chrono::seconds(10)), "SENT\n");
-    EXPECT_EQ(finish(announce, Clock::now() + std::chrono::seconds(5)), 0);
+    int status = -1;
+    EXPECT_EQ(run(b, {"send", std::string(Subnet) + "255", std::to_string(DiscoveryPort), announcement(z)}, &status),
+              "SENT\n");
+    EXPECT_EQ(status, 0);
     ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostZ\nhostA"));
 
     // A request for hostZ starts the connect; while it is pending, the
     // service answers its own queries and carries traffic to other hosts.
-    Process stuck = app(a, {"call", a.pipe, "hostZ@echo", "ping"});
+    auto stuck = app(a, {"call", a.pipe, "hostZ@echo", "ping"});
     const std::string pending = "hostZ,false,";
-    ASSERT_TRUE(waitForAnswerContaining(a, "NetworkRoutingTable", pending));
+    ASSERT_TRUE(waitForAnswer(a, "NetworkRoutingTable", pending, true));
     EXPECT_EQ(call(a, "hostA@system", "KnownHosts"), "RESPONSE hostB\nhostZ\nhostA");
     EXPECT_EQ(call(a, "hostB@echo", "meanwhile"), "RESPONSE echo:meanwhile:hostB");
     EXPECT_NE(call(a, "hostA@system", "NetworkRoutingTable").find(pending), std::string::npos)
         << "the answers above came only after the connect to hostZ had ended";
 
     // The request for hostZ itself ends with its caller's own time-out.
-    const auto deadline = Clock::now() + std::chrono::seconds(30);
-    EXPECT_EQ(readAll(stuck, deadline), "TIMEOUT\n");
-    EXPECT_EQ(finish(stuck, deadline), 3);
+    EXPECT_EQ(stuck->wait(seconds(30)), 3);
+    EXPECT_EQ(stuck->out(), "TIMEOUT\n");
 }
