@@ -66,53 +66,49 @@ TEST(ClientCommandLine, DefaultsWithoutOptions)
     EXPECT_EQ(parsed.invocation.command.everyMs, 1000);
 }
 
-TEST(ClientCommandLine, SystemQueriesBuildTheirRequests)
+TEST(ClientCommandLine, QueriesBuildTheirRequests)
 {
+    using Builder = RequestPlan::Builder;
     struct Case {
         std::vector<std::string> args;
+        Builder builder;
         std::string to;
         std::string method;
         std::vector<KeyValue> pairs;
     };
     const std::vector<Case> cases = {
-        {{"info"}, "/system", "SystemInfo", {}},
-        {{"settings", "--host", "beta"}, "beta@/system", "ReadUlmarCommsSettings", {}},
-        {{"table"}, "/system", "ViewSystemRouterRoutingTable", {}},
-        {{"hosts"}, "/system", "KnownHosts", {}},
-        {{"hosts", "--active"}, "/system", "KnownHosts", {{"activeonly", "true"}}},
-        {{"host-info", "gamma"}, "/system", "HostInformation", {{"host", "gamma"}}},
-        {{"net-table", "--host=beta"}, "beta@/system", "NetworkRoutingTable", {}},
-        {{"who-supports", "a,b"}, "/system", "#AddressSupportingInterfaces", {{"inters", "a,b"}, {"match", "0"}}},
-        {{"who-supports", "a,b", "--all"}, "/system", "#AddressSupportingInterfaces", {{"inters", "a,b"}, {"match", "1"}}},
+        {{"info"}, Builder::Plain, "/system", "SystemInfo", {}},
+        {{"settings", "--host", "beta"}, Builder::Plain, "beta@/system", "ReadUlmarCommsSettings", {}},
+        {{"table"}, Builder::Plain, "/system", "ViewSystemRouterRoutingTable", {}},
+        {{"hosts"}, Builder::Plain, "/system", "KnownHosts", {}},
+        {{"hosts", "--active"}, Builder::Plain, "/system", "KnownHosts", {{"activeonly", "true"}}},
+        {{"host-info", "gamma"}, Builder::Plain, "/system", "HostInformation", {{"host", "gamma"}}},
+        {{"net-table", "--host=beta"}, Builder::Plain, "beta@/system", "NetworkRoutingTable", {}},
+        {{"who-supports", "a,b"}, Builder::Plain, "/system", "#AddressSupportingInterfaces",
+         {{"inters", "a,b"}, {"match", "0"}}},
+        {{"who-supports", "a,b", "--all"}, Builder::Plain, "/system", "#AddressSupportingInterfaces",
+         {{"inters", "a,b"}, {"match", "1"}}},
+        // The built-in queries use the pump's own builders.
+        {{"interfaces", "x@p"}, Builder::ListInterfaces, "x@p", "", {}},
+        {{"has", "p", "iface.one"}, Builder::HasInterface, "p", "#IsHas", {}},
+        {{"events", "p"}, Builder::ListEvents, "p", "#EsList", {}},
     };
     for (const Case& item : cases) {
         const Parsed parsed = parse(item.args);
         ASSERT_EQ(parsed.outcome, ParseOutcome::Run) << item.args[0] << ": " << parsed.text;
         const RequestPlan plan = planRequest(parsed.invocation.command);
-        EXPECT_EQ(plan.builder, RequestPlan::Builder::Plain) << item.args[0];
+        EXPECT_EQ(plan.builder, item.builder) << item.args[0];
         EXPECT_EQ(plan.to, item.to) << item.args[0];
-        EXPECT_EQ(plan.method, item.method) << item.args[0];
-        EXPECT_EQ(plan.pairs, item.pairs) << item.args[0];
+        if (item.builder == Builder::Plain || !item.method.empty()) {
+            EXPECT_EQ(plan.method, item.method) << item.args[0];
+        }
+        if (item.builder == Builder::Plain) {
+            EXPECT_EQ(plan.pairs, item.pairs) << item.args[0];
+        }
     }
-}
-
-TEST(ClientCommandLine, BuiltInQueriesUseThePumpBuilders)
-{
-    Parsed parsed = parse({"interfaces", "x@p"});
-    ASSERT_EQ(parsed.outcome, ParseOutcome::Run);
-    EXPECT_EQ(planRequest(parsed.invocation.command).builder, RequestPlan::Builder::ListInterfaces);
-    EXPECT_EQ(planRequest(parsed.invocation.command).to, "x@p");
-
-    parsed = parse({"has", "p", "iface.one"});
-    ASSERT_EQ(parsed.outcome, ParseOutcome::Run);
-    EXPECT_EQ(parsed.invocation.command.interfaces, "iface.one");
-    EXPECT_EQ(planRequest(parsed.invocation.command).builder, RequestPlan::Builder::HasInterface);
-    EXPECT_EQ(planRequest(parsed.invocation.command).method, "#IsHas");
-
-    parsed = parse({"events", "p"});
-    ASSERT_EQ(parsed.outcome, ParseOutcome::Run);
-    EXPECT_EQ(planRequest(parsed.invocation.command).builder, RequestPlan::Builder::ListEvents);
-    EXPECT_EQ(planRequest(parsed.invocation.command).method, "#EsList");
+    EXPECT_EQ(parse({"has", "p", "iface.one"}).invocation.command.interfaces, "iface.one");
+    EXPECT_EQ(systemAddress(""), "/system");
+    EXPECT_EQ(systemAddress("beta"), "beta@/system");
 }
 
 TEST(ClientCommandLine, ListenSubscribePublish)
@@ -212,12 +208,6 @@ TEST(ClientCommandLine, HelpForEveryCommand)
     EXPECT_NE(parsed.text.find("never answers"), std::string::npos);
     EXPECT_EQ(parse({"--version"}).outcome, ParseOutcome::Version);
     EXPECT_TRUE(commandHelp("nonsense").empty());
-}
-
-TEST(ClientCommandLine, SystemAddress)
-{
-    EXPECT_EQ(systemAddress(""), "/system");
-    EXPECT_EQ(systemAddress("beta"), "beta@/system");
 }
 
 } // namespace

@@ -96,30 +96,43 @@ TEST(ClientReplyTexts, RoutingTableDump)
     EXPECT_TRUE(entries[2].interfaces.empty());
 }
 
-TEST(ClientAnswers, TextRenderingByCommand)
+TEST(ClientAnswers, RenderingByCommandInTextAndJson)
 {
-    Invocation info = invocationFor(CommandKind::Info, "info", false);
-    EXPECT_EQ(formatAnswer(info, planRequest(info.command), reply("a@system", "name=a\nos=linux\n")),
-              "name=a\nos=linux\n");
-
-    Invocation hosts = invocationFor(CommandKind::Hosts, "hosts", false);
-    EXPECT_EQ(formatAnswer(hosts, planRequest(hosts.command), reply("a@system", "alpha")), "alpha\n")
-        << "a text without its final newline gets one";
-
-    Invocation who = invocationFor(CommandKind::WhoSupports, "who-supports", false);
-    EXPECT_EQ(formatAnswer(who, planRequest(who.command), reply("a@system", "a@x,a@y")), "a@x\na@y\n");
-    EXPECT_EQ(formatAnswer(who, planRequest(who.command), reply("a@system", "")), "");
-
-    Invocation interfaces = invocationFor(CommandKind::Interfaces, "interfaces", false);
-    EXPECT_EQ(formatAnswer(interfaces, planRequest(interfaces.command), reply("a@p", "i1, i2")), "i1\n i2\n")
-        << "names are shown exactly as announced";
-    EXPECT_EQ(formatAnswer(interfaces, planRequest(interfaces.command), reply("a@p", nullptr)), "");
-
-    Invocation events = invocationFor(CommandKind::Events, "events", false);
-    EXPECT_EQ(formatAnswer(events, planRequest(events.command), reply("a@p", "alpha|beta|")), "alpha\nbeta\n");
-
-    Invocation has = invocationFor(CommandKind::Has, "has", false);
-    EXPECT_EQ(formatAnswer(has, planRequest(has.command), reply("a@p", "false")), "false\n");
+    struct Case {
+        CommandKind kind;
+        const char* word;
+        bool json;
+        const char* response; // nullptr: the reply has none
+        std::string expected; // text: the whole output; JSON: a part of it
+    };
+    const char* settings = "string,k,v\n# numbers\nnumber,n,42\nnumber,bad,x\n";
+    const std::vector<Case> cases = {
+        {CommandKind::Info, "info", false, "name=a\nos=linux\n", "name=a\nos=linux\n"},
+        // A text without its final newline gets one.
+        {CommandKind::Hosts, "hosts", false, "alpha", "alpha\n"},
+        {CommandKind::WhoSupports, "who-supports", false, "a@x,a@y", "a@x\na@y\n"},
+        {CommandKind::WhoSupports, "who-supports", false, "", ""},
+        // Names are shown exactly as announced.
+        {CommandKind::Interfaces, "interfaces", false, "i1, i2", "i1\n i2\n"},
+        {CommandKind::Interfaces, "interfaces", false, nullptr, ""},
+        {CommandKind::Events, "events", false, "alpha|beta|", "alpha\nbeta\n"},
+        {CommandKind::Has, "has", false, "false", "false\n"},
+        {CommandKind::Settings, "settings", true, settings, R"("strings":{"k":"v"})"},
+        {CommandKind::Settings, "settings", true, settings, R"("numbers":{"n":42,"bad":"x"})"},
+        {CommandKind::Table, "table", true, "# System Routing Table \nAddress,Interfaces\na@p,i-j\n",
+         R"("entries":[{"address":"a@p","interfaces":["i","j"]}])"},
+        {CommandKind::Has, "has", true, "true", R"("supported":true)"},
+        {CommandKind::Interfaces, "interfaces", true, nullptr, R"("response":null,"interfaces":[])"},
+        {CommandKind::Hosts, "hosts", true, "beta\ngamma\nalpha", R"("hosts":["beta","gamma","alpha"])"},
+    };
+    for (const Case& item : cases) {
+        const Invocation invocation = invocationFor(item.kind, item.word, item.json);
+        const std::string line = formatAnswer(invocation, planRequest(invocation.command), reply("a@p", item.response));
+        if (item.json)
+            EXPECT_NE(line.find(item.expected), std::string::npos) << line;
+        else
+            EXPECT_EQ(line, item.expected) << item.word;
+    }
 }
 
 TEST(ClientAnswers, CallShowsResponseThenRequestedPairs)
@@ -162,34 +175,6 @@ TEST(ClientAnswers, ErrorsAndTimeouts)
     Invocation has = invocationFor(CommandKind::Has, "has", false);
     has.command.address = "p";
     EXPECT_NE(timeoutMessage(has, planRequest(has.command)).find("never answers #IsHas"), std::string::npos);
-}
-
-TEST(ClientAnswers, JsonCarriesParsedStructure)
-{
-    Invocation settings = invocationFor(CommandKind::Settings, "settings", true);
-    const std::string line = formatAnswer(settings, planRequest(settings.command),
-                                          reply("a@system", "string,k,v\n# numbers\nnumber,n,42\nnumber,bad,x\n"));
-    EXPECT_NE(line.find(R"("strings":{"k":"v"})"), std::string::npos) << line;
-    EXPECT_NE(line.find(R"("numbers":{"n":42,"bad":"x"})"), std::string::npos) << line;
-
-    Invocation table = invocationFor(CommandKind::Table, "table", true);
-    EXPECT_NE(formatAnswer(table, planRequest(table.command), reply("a@system", "# System Routing Table \nAddress,Interfaces\na@p,i-j\n"))
-                  .find(R"("entries":[{"address":"a@p","interfaces":["i","j"]}])"),
-              std::string::npos);
-
-    Invocation has = invocationFor(CommandKind::Has, "has", true);
-    EXPECT_NE(formatAnswer(has, planRequest(has.command), reply("a@p", "true")).find(R"("supported":true)"),
-              std::string::npos);
-
-    Invocation interfaces = invocationFor(CommandKind::Interfaces, "interfaces", true);
-    EXPECT_NE(formatAnswer(interfaces, planRequest(interfaces.command), reply("a@p", nullptr))
-                  .find(R"("response":null,"interfaces":[])"),
-              std::string::npos);
-
-    Invocation hosts = invocationFor(CommandKind::Hosts, "hosts", true);
-    EXPECT_NE(formatAnswer(hosts, planRequest(hosts.command), reply("a@system", "beta\ngamma\nalpha"))
-                  .find(R"("hosts":["beta","gamma","alpha"])"),
-              std::string::npos);
 }
 
 TEST(ClientAnswers, StreamingCommandLines)

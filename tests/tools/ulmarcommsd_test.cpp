@@ -2,14 +2,12 @@
 // service on the same pipe name, stops cleanly on SIGTERM and SIGINT,
 // reports start-up failures with their code, and logs with timestamp and
 // level at the chosen level.
+#include "network/network_support.h"
 #include "tools/bus.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <csignal>
 #include <regex>
 #include <sstream>
@@ -33,23 +31,29 @@ TEST(Ulmarcommsd, HelpVersionAndUsage)
     EXPECT_NE(usage.err.find("--log-level"), std::string::npos);
 }
 
-TEST(Ulmarcommsd, StartsAnswersAndStopsOnSigterm)
+TEST(Ulmarcommsd, StartsAnswersAndStopsOnSigtermOrSigint)
 {
-    const std::string pipe = uniquePipeName();
-    ChildProcess daemon({toolPath("ulmarcommsd"), "--set", pipeSetting(pipe)});
-    ASSERT_TRUE(daemon.waitForOut("service running on")) << daemon.transcript();
-    EXPECT_NE(daemon.out().find("pipe name '" + pipe + "'"), std::string::npos) << daemon.out();
+    for (const auto& [number, name] : {std::pair{SIGTERM, "SIGTERM"}, std::pair{SIGINT, "SIGINT"}}) {
+        SCOPED_TRACE(name);
+        const std::string pipe = uniquePipeName();
+        ChildProcess daemon({toolPath("ulmarcommsd"), "--set", pipeSetting(pipe)});
+        ASSERT_TRUE(daemon.waitForOut("service running on")) << daemon.transcript();
+        EXPECT_NE(daemon.out().find("pipe name '" + pipe + "'"), std::string::npos) << daemon.out();
 
-    RunResult info = client(pipe, {"info"});
-    EXPECT_EQ(info.status, 0) << info.transcript();
-    EXPECT_NE(info.out.find("name=" + hostName() + "\n"), std::string::npos) << info.out;
+        RunResult info = client(pipe, {"info"});
+        EXPECT_EQ(info.status, 0) << info.transcript();
+        EXPECT_NE(info.out.find("name=" + hostName() + "\n"), std::string::npos) << info.out;
 
-    daemon.signal(SIGTERM);
-    EXPECT_EQ(daemon.waitExit(), 0) << daemon.transcript();
-    EXPECT_NE(daemon.out().find("service stopped"), std::string::npos);
+        daemon.signal(number);
+        EXPECT_EQ(daemon.waitExit(), 0) << daemon.transcript();
+        EXPECT_NE(daemon.out().find("received " + std::string(name)), std::string::npos) << daemon.out();
+        EXPECT_NE(daemon.out().find("service stopped"), std::string::npos);
+        // The default log level keeps messages out.
+        EXPECT_EQ(daemon.err().find(" MESSAGE "), std::string::npos) << daemon.err();
 
-    RunResult after = client(pipe, {"info"});
-    EXPECT_EQ(after.status, 3) << "the stopped service no longer answers\n" << after.transcript();
+        RunResult after = client(pipe, {"info"});
+        EXPECT_EQ(after.status, 3) << "the stopped service no longer answers\n" << after.transcript();
+    }
 }
 
 TEST(Ulmarcommsd, RefusesASecondServiceOnTheSamePipeName)
@@ -71,46 +75,38 @@ TEST(Ulmarcommsd, RefusesASecondServiceOnTheSamePipeName)
     EXPECT_TRUE(other.waitReady()) << other.process().transcript();
 }
 
-TEST(Ulmarcommsd, StopsOnSigint)
+TEST(Ulmarcommsd, FailedStartsSayWhyWithTheirStatus)
 {
-    Daemon daemon(uniquePipeName());
-    ASSERT_TRUE(daemon.waitReady()) << daemon.process().transcript();
-    daemon.process().signal(SIGINT);
-    EXPECT_EQ(daemon.process().waitExit(), 0) << daemon.process().transcript();
-    EXPECT_NE(daemon.process().out().find("received SIGINT"), std::string::npos);
-}
-
-TEST(Ulmarcommsd, RefusedStartArgumentIsReportedWithItsCode)
-{
-    RunResult refused =
-        runTool({toolPath("ulmarcommsd"), "--set", pipeSetting(uniquePipeName()), "--set", "no.such.setting=1"});
-    EXPECT_EQ(refused.status, 1) << refused.transcript();
-    EXPECT_NE(refused.err.find("code 4"), std::string::npos) << refused.err;
-    EXPECT_NE(refused.err.find("no.such.setting"), std::string::npos) << "the library's own log line names the item\n"
-                                                                      << refused.err;
-}
-
-// A loopback port that was free a moment ago.
-std::string freeLoopbackPort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        ::close(fd);
-        return std::string();
+    const std::string tcpOff = "ulmar.systemrouter.pipe=0";
+    struct Case {
+        std::vector<std::string> sets;
+        int status;
+        std::vector<std::string> reasons; // on stderr
+    };
+    const std::vector<Case> cases = {
+        // The library's own log line names the refused item.
+        {{pipeSetting(uniquePipeName()), "no.such.setting=1"}, 1, {"code 4", "no.such.setting"}},
+        // The library reports success here; the daemon checks its own listener.
+        {{tcpOff, "ulmar.systemrouter.ip4=1", "ulmar.systemrouter.ip4.port=notaport"}, 1,
+         {"does not listen on TCP 127.0.0.1:notaport"}},
+        {{tcpOff}, 2, {"no local link"}},
+    };
+    for (const Case& item : cases) {
+        std::vector<std::string> argv = {toolPath("ulmarcommsd")};
+        for (const std::string& set : item.sets)
+            argv.insert(argv.end(), {"--set", set});
+        RunResult refused = runTool(argv);
+        EXPECT_EQ(refused.status, item.status) << refused.transcript();
+        for (const std::string& reason : item.reasons)
+            EXPECT_NE(refused.err.find(reason), std::string::npos) << refused.err;
+        EXPECT_EQ(refused.out.find("service running"), std::string::npos) << refused.out;
     }
-    ::close(fd);
-    return std::to_string(ntohs(address.sin_port));
 }
 
 TEST(Ulmarcommsd, ServesOverTcpOnLoopbackAndRefusesASecondThere)
 {
-    const std::string port = freeLoopbackPort();
-    ASSERT_FALSE(port.empty());
+    const std::string port = std::to_string(UlmarCommsTest::freeLoopbackPort());
+    ASSERT_NE(port, "0");
     const std::vector<std::string> tcp = {"--set", "ulmar.systemrouter.pipe=0", "--set", "ulmar.systemrouter.ip4=1",
                                           "--set", "ulmar.systemrouter.ip4.port=" + port};
     std::vector<std::string> argv = {toolPath("ulmarcommsd")};
@@ -133,20 +129,6 @@ TEST(Ulmarcommsd, ServesOverTcpOnLoopbackAndRefusesASecondThere)
     EXPECT_EQ(daemon.waitExit(), 0) << daemon.transcript();
 }
 
-TEST(Ulmarcommsd, AListenerThatCannotBeSetUpIsAFailedStart)
-{
-    // The library reports success here; the daemon checks its own listener.
-    RunResult unusable = runTool({toolPath("ulmarcommsd"), "--set", "ulmar.systemrouter.pipe=0", "--set",
-                                  "ulmar.systemrouter.ip4=1", "--set", "ulmar.systemrouter.ip4.port=notaport"});
-    EXPECT_EQ(unusable.status, 1) << unusable.transcript();
-    EXPECT_NE(unusable.err.find("does not listen on TCP 127.0.0.1:notaport"), std::string::npos) << unusable.err;
-    EXPECT_EQ(unusable.out.find("service running"), std::string::npos) << unusable.out;
-
-    RunResult noLink = runTool({toolPath("ulmarcommsd"), "--set", "ulmar.systemrouter.pipe=0"});
-    EXPECT_EQ(noLink.status, 2) << noLink.transcript();
-    EXPECT_NE(noLink.err.find("no local link"), std::string::npos) << noLink.err;
-}
-
 TEST(Ulmarcommsd, LogLinesCarryTimestampAndLevel)
 {
     Daemon daemon(uniquePipeName(), {"--log-level", "1"});
@@ -164,17 +146,6 @@ TEST(Ulmarcommsd, LogLinesCarryTimestampAndLevel)
         ++checked;
     }
     EXPECT_GT(checked, 0);
-}
-
-TEST(Ulmarcommsd, DefaultLevelKeepsMessagesOut)
-{
-    Daemon daemon(uniquePipeName());
-    ASSERT_TRUE(daemon.waitReady()) << daemon.process().transcript();
-    RunResult info = client(daemon.pipeName(), {"info"});
-    ASSERT_EQ(info.status, 0) << info.transcript();
-    daemon.process().signal(SIGTERM);
-    ASSERT_EQ(daemon.process().waitExit(), 0);
-    EXPECT_EQ(daemon.process().err().find(" MESSAGE "), std::string::npos) << daemon.process().err();
 }
 
 } // namespace
