@@ -4,7 +4,6 @@
 // per line, and reports on stdout, one event per line:
 //
 //   pump NAME [INTERFACES]          -> "pump NAME ADDRESS" or "fail pump NAME"
-//   destroy NAME                    -> "destroyed NAME RC"
 //   answer NAME echo|silent|error N -> "answer NAME" (how NAME answers requests)
 //   send NAME TO METHOD [K=V...]    -> "sent NAME ID RC"
 //   burst NAME TO METHOD COUNT      -> COUNT requests with "seq"=0..COUNT-1, then "burst NAME RC"
@@ -12,8 +11,6 @@
 //   publish NAME EVENT [K=V...]     -> "published NAME RC"
 //   register NAME TO EVENT RETM     -> "sent NAME ID RC"
 //   unregister NAME TO EVENT RETM   -> "sent NAME ID RC"
-//   interfaces NAME TO | events NAME TO | has NAME TO INTERFACE -> "sent NAME ID RC"
-//   sync                            -> "sync" (all earlier lines handled)
 //   threads                         -> "threads N": how many threads have run callbacks
 //   quit                            -> shuts down and exits 0
 //
@@ -150,10 +147,6 @@ bool handle(const std::vector<std::string>& w)
     const std::string& verb = w[0];
     if (verb == "quit")
         return false;
-    if (verb == "sync") {
-        say("sync");
-        return true;
-    }
     if (verb == "threads") {
         std::lock_guard<std::mutex> guard(g_threadsLock);
         say("threads " + std::to_string(g_callbackThreads.size()));
@@ -183,12 +176,7 @@ bool handle(const std::vector<std::string>& w)
         return true;
     }
     Pump* pump = found->second;
-    if (verb == "destroy") {
-        const int rc = UlmarCommsDestroyMessagePump(pump->handle);
-        g_pumps.erase(found);
-        delete pump;
-        say("destroyed " + w[1] + " " + std::to_string(rc));
-    } else if (verb == "answer" && w.size() >= 3) {
+    if (verb == "answer" && w.size() >= 3) {
         pump->answer = w[2];
         pump->errorCode = w.size() > 3 ? std::atoi(w[3].c_str()) : 0;
         say("answer " + w[1]);
@@ -219,12 +207,6 @@ bool handle(const std::vector<std::string>& w)
     } else if ((verb == "register" || verb == "unregister") && w.size() >= 5) {
         postBuilt(pump, UlmarCommsCreateEventRegistrationMessage(pump->handle, w[4].c_str(), w[2].c_str(),
                                                                  w[3].c_str(), verb == "register"));
-    } else if (verb == "interfaces" && w.size() >= 3) {
-        postBuilt(pump, UlmarCommsCreateListInterfacesMessage(pump->handle, w[2].c_str()));
-    } else if (verb == "events" && w.size() >= 3) {
-        postBuilt(pump, UlmarCommsCreateListEventsMessage(pump->handle, w[2].c_str()));
-    } else if (verb == "has" && w.size() >= 4) {
-        postBuilt(pump, UlmarCommsCreateHasInterfacesMessage(pump->handle, w[2].c_str(), w[3].c_str()));
     } else {
         say("fail usage " + verb);
     }
