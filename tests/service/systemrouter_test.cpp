@@ -71,12 +71,40 @@ MessageItem* request(const char* to, const char* from, const char* senderId = "7
     return message;
 }
 
+// Stands for the network router: keeps what is handed to it per host.
+class RecordingNetworkRouter : public UlmarCommsTest::NetworkRouterStub {
+public:
+    bool post(const std::string& host, MessageRef item) override
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_sent.emplace_back(host, std::move(item));
+        return true;
+    }
+    bool post(const std::string&, unsigned char, const char*) override { return true; }
+
+    size_t count()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_sent.size();
+    }
+    std::pair<std::string, MessageItem*> at(size_t i)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return {m_sent.at(i).first, m_sent.at(i).second.get()};
+    }
+
+private:
+    std::mutex m_lock;
+    std::vector<std::pair<std::string, MessageRef>> m_sent;
+};
+
 class SystemRouterTest : public ::testing::Test {
 protected:
     SystemRouterTest() : m_host("alpha") {}
     ~SystemRouterTest() override
     {
         m_router.finish();
+        m_router.setNetworkRouter(nullptr);
     }
     std::string dump()
     {
@@ -85,7 +113,15 @@ protected:
         return out.str();
     }
 
+    // Starts the router with the recording network router attached.
+    void startWithNetwork()
+    {
+        m_router.setNetworkRouter(&m_network);
+        ASSERT_TRUE(m_router.start());
+    }
+
     ScopedHostName m_host;
+    RecordingNetworkRouter m_network; // outlives the router, which finishes first
     SystemRouter m_router;
     RecordingRouter m_appA;
     RecordingRouter m_appB;
@@ -151,58 +187,25 @@ TEST_F(SystemRouterTest, LocalhostIsNotThisHostWhenFinding)
     EXPECT_EQ(m_router.find(Address("beta@echo")), nullptr);
 }
 
-// Stands for the network router: keeps what is handed to it per host.
-class RecordingNetworkRouter : public UlmarCommsTest::NetworkRouterStub {
-public:
-    bool post(const std::string& host, MessageRef item) override
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_sent.emplace_back(host, std::move(item));
-        return true;
-    }
-    bool post(const std::string&, unsigned char, const char*) override { return true; }
-
-    size_t count()
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_sent.size();
-    }
-    std::pair<std::string, MessageItem*> at(size_t i)
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return {m_sent.at(i).first, m_sent.at(i).second.get()};
-    }
-
-private:
-    std::mutex m_lock;
-    std::vector<std::pair<std::string, MessageRef>> m_sent;
-};
-
 TEST_F(SystemRouterTest, MessagesForOtherHostsGoToTheNetworkRouter)
 {
-    RecordingNetworkRouter network;
-    m_router.setNetworkRouter(&network);
-    ASSERT_TRUE(m_router.start());
+    startWithNetwork();
     m_router.add(&m_appA, "alpha@far"); // a local pump of the same name is never used
     m_router.post(MessageRef(request("beta@far", "alpha@asker")));
-    ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
-    EXPECT_EQ(network.at(0).first, "beta");
-    EXPECT_STREQ(network.at(0).second->value("_t"), "beta@far");
+    ASSERT_TRUE(waitUntil([&] { return m_network.count() == 1; }));
+    EXPECT_EQ(m_network.at(0).first, "beta");
+    EXPECT_STREQ(m_network.at(0).second->value("_t"), "beta@far");
     EXPECT_EQ(m_appA.count(), 0u);
-    m_router.finish();
-    m_router.setNetworkRouter(nullptr);
 }
 
 TEST_F(SystemRouterTest, NoPathAnswersARemoteSenderWithError400)
 {
-    RecordingNetworkRouter network;
-    m_router.setNetworkRouter(&network);
-    ASSERT_TRUE(m_router.start());
+    startWithNetwork();
     // The sender has no entry here (it is on beta), so it is told.
     m_router.post(MessageRef(request("alpha@missing", "beta@asker", "12")));
-    ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
-    MessageItem* reply = network.at(0).second;
-    EXPECT_EQ(network.at(0).first, "beta");
+    ASSERT_TRUE(waitUntil([&] { return m_network.count() == 1; }));
+    MessageItem* reply = m_network.at(0).second;
+    EXPECT_EQ(m_network.at(0).first, "beta");
     EXPECT_STREQ(reply->value("_t"), "beta@asker");
     EXPECT_STREQ(reply->value("_R"), "12");
     EXPECT_STREQ(reply->value("_f"), "alpha@missing");
@@ -210,15 +213,11 @@ TEST_F(SystemRouterTest, NoPathAnswersARemoteSenderWithError400)
     EXPECT_STREQ(reply->value("_s"), "0");
     EXPECT_STREQ(reply->value("_h"), "alpha");
     EXPECT_STREQ(reply->value("_m"), "400");
-    m_router.finish();
-    m_router.setNetworkRouter(nullptr);
 }
 
 TEST_F(SystemRouterTest, NoPathStaysSilentForKnownSendersErrorsAndSenderless)
 {
-    RecordingNetworkRouter network;
-    m_router.setNetworkRouter(&network);
-    ASSERT_TRUE(m_router.start());
+    startWithNetwork();
     m_router.add(&m_appA, "alpha@asker");
     // The sender has an entry: no reply (the inverted test is kept).
     m_router.post(MessageRef(request("alpha@missing", "alpha@asker")));
@@ -230,11 +229,9 @@ TEST_F(SystemRouterTest, NoPathStaysSilentForKnownSendersErrorsAndSenderless)
     m_router.post(MessageRef(request("alpha@missing", "beta@asker", nullptr)));
     // A probe that is answered proves the three before it were processed.
     m_router.post(MessageRef(request("alpha@missing", "beta@probe")));
-    ASSERT_TRUE(waitUntil([&] { return network.count() == 1; }));
-    EXPECT_STREQ(network.at(0).second->value("_t"), "beta@probe");
+    ASSERT_TRUE(waitUntil([&] { return m_network.count() == 1; }));
+    EXPECT_STREQ(m_network.at(0).second->value("_t"), "beta@probe");
     EXPECT_EQ(m_appA.count(), 0u);
-    m_router.finish();
-    m_router.setNetworkRouter(nullptr);
 }
 
 TEST_F(SystemRouterTest, RefusingRouterDoesNotLeakTheMessage)
