@@ -84,10 +84,14 @@ TEST(MessagePumpBuilders, RefuseMissingArguments)
     EXPECT_EQ(pump.createMessage("d", nullptr), nullptr);
     EXPECT_EQ(pump.createEventMessage("never-created"), nullptr);
     EXPECT_EQ(pump.createEventMessage(""), nullptr);
-    // None of the refusals used up a sender id.
+    // None of the refusals used up a sender id; handler() reads it back.
     MessageItem* m = pump.createMessage("d", "m");
     EXPECT_STREQ(m->value("_s"), "1");
+    EXPECT_EQ(pump.handler(m), 1u);
     MessageItem::release(m);
+    MessageItem* bare = MessageItem::create();
+    EXPECT_EQ(pump.handler(bare), 0xFFFFFFFFu);
+    MessageItem::release(bare);
 }
 
 TEST(MessagePumpReplies, ReplyTakesSenderAndIdAndCopiesTheMode)
@@ -113,17 +117,6 @@ TEST(MessagePumpReplies, ReplyTakesSenderAndIdAndCopiesTheMode)
     EXPECT_EQ(pump.createReplyMessage(anonymous, "x"), nullptr);
     EXPECT_EQ(pump.createReplyMessage(nullptr, "x"), nullptr);
     MessageItem::release(anonymous);
-}
-
-TEST(MessagePumpIds, HandlerReadsTheSenderId)
-{
-    MessagePump pump("ids", nullptr);
-    MessageItem* m = pump.createMessage("d", "m");
-    EXPECT_EQ(pump.handler(m), 1u);
-    MessageItem::release(m);
-    MessageItem* bare = MessageItem::create();
-    EXPECT_EQ(pump.handler(bare), 0xFFFFFFFFu);
-    MessageItem::release(bare);
 }
 
 TEST(MessagePumpPost, ResultCodesAndOwnership)
@@ -219,20 +212,9 @@ TEST_F(MessagePumpExchange, ErrorRepliesReachTheErrorCallbackAndUseTwoIds)
     MessageItem::release(next);
 }
 
-TEST_F(MessagePumpExchange, ErrorWithoutMethodGivesCodeTwo)
-{
-    MessageItem* error = MessageItem::create();
-    error->add("_t", alice.address().c_str());
-    error->add("_M", "E");
-    error->add("_R", "9");
-    ASSERT_TRUE(running.router.post(MessageRef(error)));
-    ASSERT_TRUE(alice.waitForCount(1));
-    EXPECT_EQ(alice.received().at(0).kind, Received::Error);
-    EXPECT_EQ(alice.received().at(0).responseId, 9u);
-    EXPECT_EQ(alice.received().at(0).errorCode, 2);
-}
-
-TEST_F(MessagePumpExchange, ResponseIdZeroOrNotANumberMeansARequest)
+// A message is a request when its response id is missing, zero or not a
+// number; an error without a method gives code 2.
+TEST_F(MessagePumpExchange, DeliveryTellsRequestsResponsesAndErrorsApart)
 {
     for (const char* responseId : {"0", "abc"}) {
         MessageItem* message = MessageItem::create();
@@ -245,13 +227,21 @@ TEST_F(MessagePumpExchange, ResponseIdZeroOrNotANumberMeansARequest)
     reply->add("_t", alice.address().c_str());
     reply->add("_R", "5");
     ASSERT_TRUE(running.router.post(MessageRef(reply)));
-    ASSERT_TRUE(alice.waitForCount(3));
+    MessageItem* error = MessageItem::create();
+    error->add("_t", alice.address().c_str());
+    error->add("_M", "E");
+    error->add("_R", "9");
+    ASSERT_TRUE(running.router.post(MessageRef(error)));
+    ASSERT_TRUE(alice.waitForCount(4));
     const auto received = alice.received();
     EXPECT_EQ(received[0].kind, Received::Request);
     EXPECT_EQ(received[0].method, "hello");
     EXPECT_EQ(received[1].kind, Received::Request);
     EXPECT_EQ(received[2].kind, Received::Response);
     EXPECT_EQ(received[2].responseId, 5u);
+    EXPECT_EQ(received[3].kind, Received::Error);
+    EXPECT_EQ(received[3].responseId, 9u);
+    EXPECT_EQ(received[3].errorCode, 2);
 }
 
 TEST_F(MessagePumpExchange, AThrowingCallbackDoesNotStopTheWorker)

@@ -23,7 +23,7 @@ MessageItem* messageTo(const std::string& to, const char* marker = "m")
 
 } // namespace
 
-TEST(MessageQueue, IsFirstInFirstOutAndLinksThroughTheMessage)
+TEST(MessageQueue, IsFirstInFirstOutLinksThroughTheMessageAndClosedRefuses)
 {
     MessageQueue queue;
     MessageItem* a = MessageItem::create();
@@ -105,7 +105,7 @@ TEST(MessageRouterAnnouncements, WithoutSystemRouterPumpsStillJoin)
     EXPECT_TRUE(router.remove(&pump));
 }
 
-TEST(MessageRouterAnnouncements, ReannouncementSkipsTheFirstEntry)
+TEST(MessageRouterAnnouncements, ReannouncementSkipsTheFirstEntryWhichRemovalCanChange)
 {
     RecordingSystemRouter system;
     MessageRouter router;
@@ -129,32 +129,17 @@ TEST(MessageRouterAnnouncements, ReannouncementSkipsTheFirstEntry)
                                          "1 " + local("third"),
                                          "3 " + local("third") + ":t1,t2",
                                      }));
-    router.remove(&first);
+    // Removal moves the last entry into the gap: the table is now third,
+    // second, and the re-announcement skips third, now first.
+    ASSERT_TRUE(router.remove(&first));
+    system.clearCommands();
+    router.sendRoutingTableToSystemRouter();
+    EXPECT_EQ(system.commandLines(), std::vector<std::string>{"1 " + local("second")});
     router.remove(&second);
     router.remove(&third);
 }
 
-TEST(MessageRouterTable, RemovalMovesTheLastEntryIntoTheGap)
-{
-    RecordingSystemRouter system;
-    MessageRouter router;
-    router.setSystemRouter(&system);
-    MessagePump a("a", &router);
-    MessagePump b("b", &router);
-    MessagePump c("c", &router);
-    router.add(&a);
-    router.add(&b);
-    router.add(&c);
-    ASSERT_TRUE(router.remove(&a));
-    // The table is now c, b: the re-announcement skips c, now first.
-    system.clearCommands();
-    router.sendRoutingTableToSystemRouter();
-    EXPECT_EQ(system.commandLines(), std::vector<std::string>{"1 " + local("b")});
-    router.remove(&b);
-    router.remove(&c);
-}
-
-TEST(MessageRouterTable, EqualScoresGoToTheEarlierEntryAndHigherScoresWin)
+TEST(MessageRouterTable, EqualScoresGoToTheEarlierEntryHigherScoresWinAndOtherHostsNever)
 {
     MessageRouter router;
     MessagePump xa("x/a", &router);
@@ -167,23 +152,15 @@ TEST(MessageRouterTable, EqualScoresGoToTheEarlierEntryAndHigherScoresWin)
     EXPECT_EQ(router.findTargetMessagePump("x"), &xa);
     EXPECT_EQ(router.findTargetMessagePump("X/B/deeper"), &xb) << "score 2 beats the earlier score 1";
     EXPECT_EQ(router.findTargetMessagePump("y"), nullptr);
+    // Other hosts are never local, nor is "localhost": only the real host name.
+    EXPECT_EQ(router.findTargetMessagePump(local("x/b").c_str()), &xb);
+    EXPECT_EQ(router.findTargetMessagePump(("not-" + host() + "@x").c_str()), nullptr);
+    EXPECT_EQ(router.findTargetMessagePump("localhost@x"), nullptr);
     // After a removal the last entry (x) takes the first slot and so the tie.
     router.remove(&xa);
     EXPECT_EQ(router.findTargetMessagePump("x"), &x);
     router.remove(&xb);
     router.remove(&x);
-}
-
-TEST(MessageRouterTable, OtherHostsAreNeverLocal)
-{
-    MessageRouter router;
-    MessagePump echo("echo", &router);
-    router.add(&echo);
-    EXPECT_EQ(router.findTargetMessagePump(local("echo").c_str()), &echo);
-    EXPECT_EQ(router.findTargetMessagePump("echo"), &echo);
-    EXPECT_EQ(router.findTargetMessagePump(("not-" + host() + "@echo").c_str()), nullptr);
-    EXPECT_EQ(router.findTargetMessagePump("localhost@echo"), nullptr) << "only the real host name is local";
-    router.remove(&echo);
 }
 
 TEST(MessageRouterTable, GrowsPastItsFirstCapacity)
