@@ -93,19 +93,21 @@ TEST_F(NetworkRouterTable, InfoAboutHostAddsOneEntryPerHostAddressAndInterface)
     EXPECT_EQ(router.getHostId("hostC"), 0);
 }
 
-TEST_F(NetworkRouterTable, RoutingTableTextSaysWhichHostsStillNeedAConnection)
+TEST_F(NetworkRouterTable, TextsOfTheTableTheKnownHostsAndTheInterfaces)
 {
-    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
-    router.infoAboutHost("hostC", ip4("10.77.2.3", "34001"), second);
+    // The routing table says which hosts still need a connection.
+    router.infoAboutHost("zulu", ip4("10.77.1.2", "34001"), first);
+    router.infoAboutHost("alpha", ip4("10.77.2.3", "34001"), second);
     EXPECT_EQ(router.getRoutingTable(),
-              "hostB,true,10.77.1.2:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
-              "hostC,true,10.77.2.3:34001,10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
-}
+              "zulu,true,10.77.1.2:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
+              "alpha,true,10.77.2.3:34001,10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
+    std::ostringstream out;
+    router.getCurrentNetworkInterfaces(out);
+    EXPECT_EQ(out.str(), "interfaces=2\n"
+                         "interface0=10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
+                         "interface1=10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
 
-TEST_F(NetworkRouterTable, KnownHostsListEveryNameEverLearntInNameOrder)
-{
-    router.infoAboutHost("zulu", ip4("10.77.1.5", "34001"), first);
-    router.infoAboutHost("alpha", ip4("10.77.1.6", "34001"), first);
+    // Every name ever learnt, in name order, even after a stop.
     EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
     EXPECT_EQ(router.getKnownHosts(true), "alpha\nzulu\n");
     router.stop();
@@ -114,13 +116,15 @@ TEST_F(NetworkRouterTable, KnownHostsListEveryNameEverLearntInNameOrder)
     EXPECT_EQ(router.getHostInfo("whoever"), "host:whoever\n");
 }
 
-TEST_F(NetworkRouterTable, CurrentNetworkInterfacesText)
+TEST_F(NetworkRouterTable, StopShutsDownEveryInterface)
 {
-    std::ostringstream out;
-    router.getCurrentNetworkInterfaces(out);
-    EXPECT_EQ(out.str(), "interfaces=2\n"
-                         "interface0=10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
-                         "interface1=10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
+    LogCapture log;
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
+    router.stop();
+    EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 0 of 2"));
+    EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 1 of 2"));
+    EXPECT_EQ(router.interfaceCount(), 0u);
+    EXPECT_EQ(router.getRoutingTable(), "");
 }
 
 TEST_F(NetworkRouterTable, RoutingTableIsBounded)
@@ -218,38 +222,22 @@ TEST(NetworkRouterStart, FlagsAreReadInOrderSoOverridesWinOverMaster)
     }
 }
 
-TEST(NetworkRouterStart, StopShutsDownEveryInterface)
+TEST(NetworkRouterStart, EveryInterfaceButLoopbackIsTakenByDefaultAndLoopbackNeverEvenWhenListed)
 {
-    LogCapture log;
-    NetworkRouter router;
-    ASSERT_TRUE(router.add(ip4("10.77.1.1", "34001"), ip4("10.77.1.255", "34001"), ip4("10.77.1.0", "0")));
-    ASSERT_TRUE(router.add(ip4("10.77.2.1", "34001"), ip4("10.77.2.255", "34001"), ip4("10.77.2.0", "0")));
-    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), router.interfaceAt(0));
-    router.stop();
-    EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 0 of 2"));
-    EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 1 of 2"));
-    EXPECT_EQ(router.interfaceCount(), 0u);
-    EXPECT_EQ(router.getRoutingTable(), "");
-}
-
-TEST(NetworkRouterStart, EveryInterfaceButLoopbackIsTakenByDefault)
-{
-    ScopedSetting addresses("ulmar.networkrouter.ip4.addresses", "*");
-    ScopedSetting networks("ulmar.networkrouter.ip4.networks", "");
-    NetworkRouter router;
-    ASSERT_TRUE(router.buildNetworkInterfaces());
-    size_t expected = 0;
-    for (const UlmarCommsSystem::NetworkInterface& candidate : UlmarCommsSystem::NetworkInterface::interfaces())
-        expected += candidate.isLoopback() ? 0 : 1;
-    EXPECT_EQ(router.interfaceCount(), expected);
-    for (size_t i = 0; i < router.interfaceCount(); ++i) {
-        EXPECT_EQ(router.interfaceAt(i)->getLocalAddress().getPort(), 34001);
-        EXPECT_NE(router.interfaceAt(i)->getLocalAddress().asString().rfind("127.", 0), 0u);
+    {
+        ScopedSetting addresses("ulmar.networkrouter.ip4.addresses", "*");
+        ScopedSetting networks("ulmar.networkrouter.ip4.networks", "");
+        NetworkRouter router;
+        ASSERT_TRUE(router.buildNetworkInterfaces());
+        size_t expected = 0;
+        for (const UlmarCommsSystem::NetworkInterface& candidate : UlmarCommsSystem::NetworkInterface::interfaces())
+            expected += candidate.isLoopback() ? 0 : 1;
+        EXPECT_EQ(router.interfaceCount(), expected);
+        for (size_t i = 0; i < router.interfaceCount(); ++i) {
+            EXPECT_EQ(router.interfaceAt(i)->getLocalAddress().getPort(), 34001);
+            EXPECT_NE(router.interfaceAt(i)->getLocalAddress().asString().rfind("127.", 0), 0u);
+        }
     }
-}
-
-TEST(NetworkRouterStart, LoopbackIsNeverTakenEvenWhenListed)
-{
     ScopedSetting addresses("ulmar.networkrouter.ip4.addresses", "127.0.0.1");
     ScopedSetting networks("ulmar.networkrouter.ip4.networks", "127.0.0.0");
     NetworkRouter router;
