@@ -234,6 +234,25 @@ TEST_F(SystemRouterTest, NoPathStaysSilentForKnownSendersErrorsAndSenderless)
     EXPECT_EQ(m_appA.count(), 0u);
 }
 
+// Messages queued while their target had no entry are routed by the table
+// as it stands when the worker takes them: delivered, or released when the
+// router refuses (the sender is local, so no error reply is built).
+TEST_F(SystemRouterTest, QueuedMessagesAreRoutedByTheTableAtTheirTurn)
+{
+    m_router.post(request("alpha@late", "alpha@asker", "1"));
+    m_router.post(request("alpha@refuser", "alpha@asker", "2"));
+    m_router.post(request("alpha@late", "alpha@asker", "3"));
+    m_router.add(&m_appA, "alpha@late");
+    m_router.add(&m_appA, "alpha@asker");
+    m_appB.m_refuse = true;
+    m_router.add(&m_appB, "alpha@refuser");
+    ASSERT_TRUE(m_router.start());
+    ASSERT_TRUE(waitUntil([&] { return m_appA.count() == 2; }));
+    EXPECT_STREQ(m_appA.at(0)->value("_s"), "1");
+    EXPECT_STREQ(m_appA.at(1)->value("_s"), "3");
+    EXPECT_EQ(m_appB.count(), 0u);
+}
+
 TEST_F(SystemRouterTest, RefusingRouterDoesNotLeakTheMessage)
 {
     m_appA.m_refuse = true;
