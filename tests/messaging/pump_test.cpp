@@ -2,6 +2,7 @@
 // requests, replies, errors, sender ids, callbacks that post or change the
 // table, and many application threads posting at once.
 #include "messaging_support.h"
+#include "support/logcapture.h"
 
 #include <gtest/gtest.h>
 
@@ -300,7 +301,7 @@ TEST_F(MessagePumpExchange, CallbacksMayAddAndRemovePumps)
     carol.reset();
 }
 
-TEST_F(MessagePumpExchange, RemoveWaitsForADeliveryInProgress)
+TEST_F(MessagePumpExchange, RemoveWaitsForADeliveryInProgressToThatPumpOnly)
 {
     std::atomic<bool> inCallback{false};
     std::atomic<bool> release{false};
@@ -312,6 +313,14 @@ TEST_F(MessagePumpExchange, RemoveWaitsForADeliveryInProgress)
     };
     ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(bob.address().c_str(), "slow"))), 0);
     ASSERT_TRUE(waitUntil([&] { return inCallback.load(); }));
+
+    // Removing another pump does not wait; a message queued for it behind
+    // the delivery in progress is dropped when its turn comes.
+    UlmarCommsTest::LogCapture log;
+    Endpoint carol(running.router, "carol");
+    ASSERT_TRUE(carol.join());
+    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(carol.address().c_str(), "orphaned")), 0);
+    EXPECT_TRUE(running.router.remove(&carol.pump));
 
     std::atomic<bool> removed{false};
     bool doneWhenRemoveReturned = false;
@@ -325,6 +334,8 @@ TEST_F(MessagePumpExchange, RemoveWaitsForADeliveryInProgress)
     release = true;
     remover.join();
     EXPECT_TRUE(doneWhenRemoveReturned);
+    EXPECT_TRUE(log.waitFor("Failed to process message"));
+    EXPECT_EQ(carol.count(), 0u);
 }
 
 TEST_F(MessagePumpExchange, ReplyRefusedByTheSystemRouterIsReleasedOnce)
