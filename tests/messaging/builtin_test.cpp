@@ -53,8 +53,8 @@ TEST_F(BuiltIn, IsHasComparesWholeNamesWithoutTrimmingAndOtherHashMethodsReachTh
     EXPECT_EQ(askHas(spaced, " b"), "true");
     EXPECT_EQ(ab.count(), 0u) << "built-in requests never reach the message callback";
     // Other methods starting with '#' do.
-    ASSERT_EQ(asker.pump.post(asker.pump.createMessage(ab.address().c_str(), "#HsList")), 0);
-    ASSERT_EQ(asker.pump.post(asker.pump.createMessage(ab.address().c_str(), "#custom")), 0);
+    ASSERT_EQ(asker.pump.post(MessageRef(asker.pump.createMessage(ab.address().c_str(), "#HsList"))), 0);
+    ASSERT_EQ(asker.pump.post(MessageRef(asker.pump.createMessage(ab.address().c_str(), "#custom"))), 0);
     ASSERT_TRUE(ab.waitForCount(2));
     EXPECT_EQ(ab.received()[0].method, "#HsList");
     EXPECT_EQ(ab.received()[1].method, "#custom");

@@ -319,7 +319,7 @@ TEST_F(MessagePumpExchange, RemoveWaitsForADeliveryInProgressToThatPumpOnly)
     UlmarCommsTest::LogCapture log;
     Endpoint carol(running.router, "carol");
     ASSERT_TRUE(carol.join());
-    ASSERT_EQ(alice.pump.post(alice.pump.createMessage(carol.address().c_str(), "orphaned")), 0);
+    ASSERT_EQ(alice.pump.post(MessageRef(alice.pump.createMessage(carol.address().c_str(), "orphaned"))), 0);
     EXPECT_TRUE(running.router.remove(&carol.pump));
 
     std::atomic<bool> removed{false};

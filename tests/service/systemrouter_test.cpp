@@ -239,9 +239,9 @@ TEST_F(SystemRouterTest, NoPathStaysSilentForKnownSendersErrorsAndSenderless)
 // router refuses (the sender is local, so no error reply is built).
 TEST_F(SystemRouterTest, QueuedMessagesAreRoutedByTheTableAtTheirTurn)
 {
-    m_router.post(request("alpha@late", "alpha@asker", "1"));
-    m_router.post(request("alpha@refuser", "alpha@asker", "2"));
-    m_router.post(request("alpha@late", "alpha@asker", "3"));
+    m_router.post(MessageRef(request("alpha@late", "alpha@asker", "1")));
+    m_router.post(MessageRef(request("alpha@refuser", "alpha@asker", "2")));
+    m_router.post(MessageRef(request("alpha@late", "alpha@asker", "3")));
     m_router.add(&m_appA, "alpha@late");
     m_router.add(&m_appA, "alpha@asker");
     m_appB.m_refuse = true;

@@ -81,7 +81,11 @@ public:
         }
         return copies;
     }
-    size_t postedCount() { return locked(m_posted).size(); }
+    size_t postedCount()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_posted.size();
+    }
     size_t count() { return postedCount(); }
     // The value of key in posted message i ("" when absent).
     std::string value(size_t i, const char* key)
