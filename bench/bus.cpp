@@ -7,8 +7,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 #include <ulmarcomms.h>
+#include <unistd.h>
 
 namespace UlmarCommsBench {
 
@@ -137,7 +137,8 @@ int runBusServer(const Options& options)
     server.pump.store(pump);
     // The client says when it is done; the coordinator's deadline covers a
     // client that died.
-    const bool told = waitFor(server.lock, server.changed, [&] { return server.quit; }, std::chrono::seconds(3600));
+    const bool told = waitFor(
+        server.lock, server.changed, [&] { return server.quit; }, std::chrono::seconds(3600));
     UlmarCommsDestroyMessagePump(pump);
     UlmarCommsShutdown();
     return told ? 0 : 1;
@@ -175,7 +176,9 @@ void BusClient::beginPhase(Phase next)
 
 bool BusClient::awaitPhase(std::chrono::seconds limit)
 {
-    return waitFor(lock, changed, [&] { return phaseDone || errors > 0; }, limit) && errors == 0;
+    return waitFor(
+               lock, changed, [&] { return phaseDone || errors > 0; }, limit) &&
+        errors == 0;
 }
 
 // Its pump may not be known to the daemon yet: those pings come back as
@@ -229,17 +232,10 @@ void BusClient::onResponse(void* context, unsigned, void* message)
         self->changed.notify_all();
         break;
     }
-    case RoundTrip:
-        self->onRoundTrip();
-        break;
-    case Pipelined:
-        self->onPipelined();
-        break;
-    case OneWay:
-        self->onOneWayResponse(response);
-        break;
-    case Idle:
-        break;
+    case RoundTrip: self->onRoundTrip(); break;
+    case Pipelined: self->onPipelined(); break;
+    case OneWay: self->onOneWayResponse(response); break;
+    case Idle: break;
     }
 }
 

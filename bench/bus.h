@@ -25,11 +25,11 @@
 namespace UlmarCommsBench {
 
 // Methods of the bench's requests.
-extern const char kMethodPing[];    // is the server there yet
-extern const char kMethodEcho[];    // answered with the request's pairs
-extern const char kMethodOneWay[];  // counted, acknowledged now and then
-extern const char kMethodDone[];    // answered with the one-way summary
-extern const char kMethodQuit[];    // ends the server
+extern const char kMethodPing[]; // is the server there yet
+extern const char kMethodEcho[]; // answered with the request's pairs
+extern const char kMethodOneWay[]; // counted, acknowledged now and then
+extern const char kMethodDone[]; // answered with the one-way summary
+extern const char kMethodQuit[]; // ends the server
 
 // Starts the library on pipe with its log on stderr (errors only).
 bool startLibrary(const std::string& pipe);
@@ -64,17 +64,17 @@ public:
     }
 
 private:
-    std::atomic<void*> m_pump{nullptr};  // null until stored
+    std::atomic<void*> m_pump{nullptr}; // null until stored
 };
 
 // The bus server's state; its callback answers every request.
 struct BusServer {
-    Options options;                   // this run's settings
-    PumpHandle pump;                   // the server pump
-    std::mutex lock;                   // guards quit
-    std::condition_variable changed;   // signalled when quit is set
-    bool quit = false;                 // the client said it is done
-    OneWayTally tally;                 // one-way bookkeeping (worker thread only)
+    Options options; // this run's settings
+    PumpHandle pump; // the server pump
+    std::mutex lock; // guards quit
+    std::condition_variable changed; // signalled when quit is set
+    bool quit = false; // the client said it is done
+    OneWayTally tally; // one-way bookkeeping (worker thread only)
 
     // Answers request with response, copying its application pairs if asked.
     void reply(void* request, const char* response, bool copyPairs);
@@ -91,28 +91,28 @@ struct BusClient {
     // What the response callback is currently part of.
     enum Phase { Idle, Ping, RoundTrip, OneWay, Pipelined };
 
-    Options options;                    // this run's settings
-    void* pump = nullptr;               // the client pump
-    std::string target;                 // the server pump's name
-    std::vector<std::string> values;    // the application values, one per pair
+    Options options; // this run's settings
+    void* pump = nullptr; // the client pump
+    std::string target; // the server pump's name
+    std::vector<std::string> values; // the application values, one per pair
 
-    std::mutex lock;                    // guards the waited-for events below
-    std::condition_variable changed;    // signalled at each of them
-    std::atomic<Phase> phase{Idle};     // the measurement under way
+    std::mutex lock; // guards the waited-for events below
+    std::condition_variable changed; // signalled at each of them
+    std::atomic<Phase> phase{Idle}; // the measurement under way
     // Round trips and pipelined requests (router worker thread).
-    unsigned sent = 0;                  // requests sent so far
-    unsigned answered = 0;              // replies received so far
-    unsigned total = 0;                 // requests in the phase
-    Clock::time_point sentAt;           // when the pending round trip left
-    std::vector<double> samples;        // round-trip times in microseconds
+    unsigned sent = 0; // requests sent so far
+    unsigned answered = 0; // replies received so far
+    unsigned total = 0; // requests in the phase
+    Clock::time_point sentAt; // when the pending round trip left
+    std::vector<double> samples; // round-trip times in microseconds
     // Events the main thread waits for.
-    bool phaseDone = false;             // the phase has finished
-    unsigned pingReplies = 0;           // pings answered
-    unsigned errors = 0;                // error replies in the phase
-    int lastError = 0;                  // the last error reply's code
+    bool phaseDone = false; // the phase has finished
+    unsigned pingReplies = 0; // pings answered
+    unsigned errors = 0; // error replies in the phase
+    int lastError = 0; // the last error reply's code
     // One-way acknowledgements and the final summary.
-    std::atomic<uint64_t> acknowledged{0};  // one-way messages acknowledged
-    std::string summary;                // the server's "received,in-order"
+    std::atomic<uint64_t> acknowledged{0}; // one-way messages acknowledged
+    std::string summary; // the server's "received,in-order"
 
     // A request with the application pairs; null when it could not be built.
     void* request(const char* method);

@@ -137,9 +137,8 @@ int runCoordinator(Options options)
 int runRole(const Options& options)
 {
     static const std::map<std::string, int (*)(const Options&)> roles = {
-        {"bus-server", runBusServer},     {"bus-client", runBusClient},
-        {"relay", runRelay},              {"relay-server", runRelayServer},
-        {"relay-client", runRelayClient}, {"soak-app", runSoakApp},
+        {"bus-server", runBusServer},     {"bus-client", runBusClient},     {"relay", runRelay},
+        {"relay-server", runRelayServer}, {"relay-client", runRelayClient}, {"soak-app", runSoakApp},
     };
     const auto role = roles.find(options.role);
     if (role != roles.end())

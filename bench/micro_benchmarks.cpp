@@ -27,8 +27,8 @@ using UlmarComms::DataFrame;
 using UlmarComms::IMessageRouter;
 using UlmarComms::ISystemRouter;
 using UlmarComms::MessageItem;
-using UlmarComms::MessageRef;
 using UlmarComms::MessagePump;
+using UlmarComms::MessageRef;
 using UlmarComms::MessageRouter;
 
 namespace {

@@ -78,9 +78,10 @@ bool BusClient::oneWay(Figures& figures)
     for (uint64_t sequence = 1; sequence <= options.messages; ++sequence) {
         if (sequence > acknowledged.load() + window) {
             // Ahead by a window: wait for the next acknowledgement.
-            if (!waitFor(lock, changed, [&] { return sequence <= acknowledged.load() + window || errors > 0; },
-                         std::chrono::seconds(120))
-                || errors > 0)
+            if (!waitFor(
+                    lock, changed, [&] { return sequence <= acknowledged.load() + window || errors > 0; },
+                    std::chrono::seconds(120)) ||
+                errors > 0)
                 return false;
         }
         void* message = request(kMethodOneWay);

@@ -23,9 +23,9 @@ unsigned ackEvery(const Options& options);
 
 // A receiver's count of one-way messages and whether they came in order.
 struct OneWayTally {
-    uint64_t received = 0;    // messages counted since the last reset
-    uint64_t expected = 1;    // the sequence number due next
-    bool inOrder = true;      // every message carried the number due
+    uint64_t received = 0; // messages counted since the last reset
+    uint64_t expected = 1; // the sequence number due next
+    bool inOrder = true; // every message carried the number due
     unsigned ackInterval = 1; // acknowledge every this many messages
 
     // Counts the message numbered sequence; true when an acknowledgement is due.

@@ -10,24 +10,23 @@
 
 namespace UlmarCommsBench {
 
-const char kUsage[] =
-    "Usage: ulmarcomms-bench [options]\n"
-    "  --pipe NAME         use the ulmarcommsd already serving pipe NAME\n"
-    "                      (default: start a private one)\n"
-    "  --daemon PATH       the ulmarcommsd to start (default: beside this\n"
-    "                      program, then ../tools/ulmarcommsd, then PATH)\n"
-    "  --pairs N           application pairs per message (default 2, so 6 pairs)\n"
-    "  --value-size N      bytes of each application value (default 16)\n"
-    "  --requests N        round trips measured, and pipelined requests (20000)\n"
-    "  --warmup N          round trips before measuring (2000)\n"
-    "  --messages N        one-way messages (200000)\n"
-    "  --window N          pipelined requests outstanding (64)\n"
-    "  --runs N            repeat the measurements, report medians (1)\n"
-    "  --no-relay          skip the relay measurements\n"
-    "  --json              print the figures as one JSON object\n"
-    "  --soak-apps N       memory test: N applications instead of the figures\n"
-    "  --soak-pumps N      memory test: pumps per application (10)\n"
-    "  --soak-seconds N    memory test: duration (60)\n";
+const char kUsage[] = "Usage: ulmarcomms-bench [options]\n"
+                      "  --pipe NAME         use the ulmarcommsd already serving pipe NAME\n"
+                      "                      (default: start a private one)\n"
+                      "  --daemon PATH       the ulmarcommsd to start (default: beside this\n"
+                      "                      program, then ../tools/ulmarcommsd, then PATH)\n"
+                      "  --pairs N           application pairs per message (default 2, so 6 pairs)\n"
+                      "  --value-size N      bytes of each application value (default 16)\n"
+                      "  --requests N        round trips measured, and pipelined requests (20000)\n"
+                      "  --warmup N          round trips before measuring (2000)\n"
+                      "  --messages N        one-way messages (200000)\n"
+                      "  --window N          pipelined requests outstanding (64)\n"
+                      "  --runs N            repeat the measurements, report medians (1)\n"
+                      "  --no-relay          skip the relay measurements\n"
+                      "  --json              print the figures as one JSON object\n"
+                      "  --soak-apps N       memory test: N applications instead of the figures\n"
+                      "  --soak-pumps N      memory test: pumps per application (10)\n"
+                      "  --soak-seconds N    memory test: duration (60)\n";
 
 namespace {
 
@@ -45,7 +44,6 @@ bool parseUnsigned(const char* text, unsigned& out)
     return true;
 }
 
-
 // Refuses settings no run can use; true when all are usable.
 bool checkLimits(const Options& options, std::string& error)
 {
@@ -53,8 +51,8 @@ bool checkLimits(const Options& options, std::string& error)
         error = "--pairs is at most 21 (a message holds 25 pairs, 4 are the header)";
         return false;
     }
-    if (options.requests == 0 || options.messages == 0 || options.window == 0 || options.runs == 0
-        || options.soakPumps == 0) {
+    if (options.requests == 0 || options.messages == 0 || options.window == 0 || options.runs == 0 ||
+        options.soakPumps == 0) {
         error = "--requests, --messages, --window, --runs and --soak-pumps must be above 0";
         return false;
     }
@@ -66,15 +64,23 @@ bool checkLimits(const Options& options, std::string& error)
 bool parseOptions(int argc, char** argv, Options& options, std::string& error)
 {
     std::map<std::string, unsigned*> numbers = {
-        {"--pairs", &options.pairs},           {"--value-size", &options.valueSize},
-        {"--requests", &options.requests},     {"--warmup", &options.warmup},
-        {"--messages", &options.messages},     {"--window", &options.window},
-        {"--runs", &options.runs},             {"--frame-bytes", &options.frameBytes},
-        {"--soak-apps", &options.soakApps},    {"--soak-pumps", &options.soakPumps},
-        {"--soak-seconds", &options.soakSeconds}, {"--soak-index", &options.soakIndex},
+        {"--pairs", &options.pairs},
+        {"--value-size", &options.valueSize},
+        {"--requests", &options.requests},
+        {"--warmup", &options.warmup},
+        {"--messages", &options.messages},
+        {"--window", &options.window},
+        {"--runs", &options.runs},
+        {"--frame-bytes", &options.frameBytes},
+        {"--soak-apps", &options.soakApps},
+        {"--soak-pumps", &options.soakPumps},
+        {"--soak-seconds", &options.soakSeconds},
+        {"--soak-index", &options.soakIndex},
     };
     std::map<std::string, std::string*> texts = {
-        {"--role", &options.role}, {"--pipe", &options.pipe}, {"--daemon", &options.daemon},
+        {"--role", &options.role},
+        {"--pipe", &options.pipe},
+        {"--daemon", &options.daemon},
         {"--tag", &options.tag},
     };
     std::map<std::string, bool*> flags = {{"--json", &options.json}, {"--no-relay", &options.skipRelay}};
@@ -112,19 +118,19 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
 
 std::vector<std::string> childArguments(const Options& options, const std::string& role)
 {
-    return {"--role",       role,
-            "--pipe",       options.pipe,
-            "--tag",        options.tag,
-            "--pairs",      std::to_string(options.pairs),
-            "--value-size", std::to_string(options.valueSize),
-            "--requests",   std::to_string(options.requests),
-            "--warmup",     std::to_string(options.warmup),
-            "--messages",   std::to_string(options.messages),
-            "--window",     std::to_string(options.window),
-            "--frame-bytes", std::to_string(options.frameBytes),
-            "--soak-pumps", std::to_string(options.soakPumps),
+    return {"--role",         role,
+            "--pipe",         options.pipe,
+            "--tag",          options.tag,
+            "--pairs",        std::to_string(options.pairs),
+            "--value-size",   std::to_string(options.valueSize),
+            "--requests",     std::to_string(options.requests),
+            "--warmup",       std::to_string(options.warmup),
+            "--messages",     std::to_string(options.messages),
+            "--window",       std::to_string(options.window),
+            "--frame-bytes",  std::to_string(options.frameBytes),
+            "--soak-pumps",   std::to_string(options.soakPumps),
             "--soak-seconds", std::to_string(options.soakSeconds),
-            "--soak-apps",  std::to_string(options.soakApps)};
+            "--soak-apps",    std::to_string(options.soakApps)};
 }
 
 } // namespace UlmarCommsBench

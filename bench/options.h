@@ -11,24 +11,24 @@ namespace UlmarCommsBench {
 
 // Every setting of one run, as parsed from the command line.
 struct Options {
-    std::string role;            // empty: coordinator
-    std::string pipe;            // the daemon's pipe name; empty: start our own
-    std::string daemon;          // path of ulmarcommsd; empty: look for it
-    std::string tag;             // names this run's pumps and relay sockets
-    unsigned pairs = 2;          // application pairs besides the 4 header pairs
-    unsigned valueSize = 16;     // bytes of each application value
-    unsigned requests = 20000;   // round trips measured (and pipelined requests)
-    unsigned warmup = 2000;      // round trips before measuring
-    unsigned messages = 200000;  // one-way messages
-    unsigned window = 64;        // pipelined requests outstanding
-    unsigned runs = 1;           // repetitions; figures are medians
-    unsigned frameBytes = 0;     // relay message size (internal)
-    unsigned soakApps = 0;       // memory test: application processes
-    unsigned soakPumps = 10;     // memory test: pumps per application
-    unsigned soakSeconds = 60;   // memory test: duration
-    unsigned soakIndex = 0;      // memory test: this application (internal)
-    bool json = false;           // print the figures as one JSON object
-    bool skipRelay = false;      // skip the relay measurements
+    std::string role; // empty: coordinator
+    std::string pipe; // the daemon's pipe name; empty: start our own
+    std::string daemon; // path of ulmarcommsd; empty: look for it
+    std::string tag; // names this run's pumps and relay sockets
+    unsigned pairs = 2; // application pairs besides the 4 header pairs
+    unsigned valueSize = 16; // bytes of each application value
+    unsigned requests = 20000; // round trips measured (and pipelined requests)
+    unsigned warmup = 2000; // round trips before measuring
+    unsigned messages = 200000; // one-way messages
+    unsigned window = 64; // pipelined requests outstanding
+    unsigned runs = 1; // repetitions; figures are medians
+    unsigned frameBytes = 0; // relay message size (internal)
+    unsigned soakApps = 0; // memory test: application processes
+    unsigned soakPumps = 10; // memory test: pumps per application
+    unsigned soakSeconds = 60; // memory test: duration
+    unsigned soakIndex = 0; // memory test: this application (internal)
+    bool json = false; // print the figures as one JSON object
+    bool skipRelay = false; // skip the relay measurements
 };
 
 // The text --help prints (and a bad command line, on stderr).

@@ -92,8 +92,8 @@ std::string findDaemon(const Options& options)
         return options.daemon;
     const std::string self = selfPath();
     const std::string dir = self.substr(0, self.rfind('/'));
-    for (const std::string& candidate : {dir + "/ulmarcommsd", dir + "/../tools/ulmarcommsd",
-                                         dir + "/../tools/ulmarcommsd/ulmarcommsd"}) {
+    for (const std::string& candidate :
+         {dir + "/ulmarcommsd", dir + "/../tools/ulmarcommsd", dir + "/../tools/ulmarcommsd/ulmarcommsd"}) {
         if (::access(candidate.c_str(), X_OK) == 0)
             return candidate;
     }

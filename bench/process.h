@@ -18,9 +18,9 @@ namespace UlmarCommsBench {
 
 // A child running this program (or the daemon); its stdout is kept.
 struct Child {
-    pid_t pid = -1;           // -1 when it could not be started
-    int output = -1;          // read end of its stdout, -1 when not captured
-    std::string collected;    // what it has written so far
+    pid_t pid = -1; // -1 when it could not be started
+    int output = -1; // read end of its stdout, -1 when not captured
+    std::string collected; // what it has written so far
 };
 
 // Starts program with arguments; with captureOutput its stdout is piped to
@@ -40,8 +40,8 @@ std::string selfPath();
 
 // The ulmarcommsd a run uses: a private one it starts, or the one --pipe names.
 struct Daemon {
-    Child child;         // the private daemon
-    bool ours = false;   // whether child runs and must be stopped
+    Child child; // the private daemon
+    bool ours = false; // whether child runs and must be stopped
 
     // Checks the daemon on --pipe, or starts a private one and sets
     // options.pipe to its pipe; false (with a message) when neither works.

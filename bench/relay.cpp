@@ -141,8 +141,7 @@ unsigned recordSize(const Options& options)
 void forward(int from, int to, unsigned size)
 {
     std::vector<unsigned char> record(size);
-    while (readRecord(from, record.data(), size) && writeRecord(to, record.data(), size)) {
-    }
+    while (readRecord(from, record.data(), size) && writeRecord(to, record.data(), size)) {}
     ::shutdown(to, SHUT_WR);
 }
 
@@ -233,8 +232,7 @@ int runRelayServer(const Options& options)
     std::vector<unsigned char> record(size, 'x');
     OneWayTally tally;
     tally.ackInterval = ackEvery(options);
-    while (readRecord(fd, record.data(), size) && serveRecord(fd, record, tally)) {
-    }
+    while (readRecord(fd, record.data(), size) && serveRecord(fd, record, tally)) {}
     ::close(fd);
     return 0;
 }
@@ -249,8 +247,8 @@ int runRelayClient(const Options& options)
     link.out.assign(link.size, 'x');
     link.in.assign(link.size, 0);
     Figures figures;
-    if (!relayRoundTrips(link, options, figures) || !relayOneWay(link, options, figures)
-        || !relayPipelined(link, options, figures))
+    if (!relayRoundTrips(link, options, figures) || !relayOneWay(link, options, figures) ||
+        !relayPipelined(link, options, figures))
         return 1;
     figures["frame_bytes"] = link.size;
     link.send(kRelayQuit, 0);

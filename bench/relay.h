@@ -16,20 +16,20 @@
 namespace UlmarCommsBench {
 
 // Relay records: type, sequence (8 bytes), padding to the record size.
-extern const unsigned char kRelayEcho;       // answered with kRelayEchoReply
-extern const unsigned char kRelayEchoReply;  // the answer to kRelayEcho
-extern const unsigned char kRelayOneWay;     // counted by the server
-extern const unsigned char kRelayAck;        // one-way messages counted so far
-extern const unsigned char kRelayDone;       // asks for the one-way summary
-extern const unsigned char kRelayDoneReply;  // count, and in-order flag at byte 9
-extern const unsigned char kRelayQuit;       // ends the server
+extern const unsigned char kRelayEcho; // answered with kRelayEchoReply
+extern const unsigned char kRelayEchoReply; // the answer to kRelayEcho
+extern const unsigned char kRelayOneWay; // counted by the server
+extern const unsigned char kRelayAck; // one-way messages counted so far
+extern const unsigned char kRelayDone; // asks for the one-way summary
+extern const unsigned char kRelayDoneReply; // count, and in-order flag at byte 9
+extern const unsigned char kRelayQuit; // ends the server
 
 // The relay client's connection, with one record to send and one received.
 struct RelayLink {
-    int fd = -1;                      // the socket to the relay
-    unsigned size = 0;                // bytes of every record
-    std::vector<unsigned char> out;   // the record to send
-    std::vector<unsigned char> in;    // the record last received
+    int fd = -1; // the socket to the relay
+    unsigned size = 0; // bytes of every record
+    std::vector<unsigned char> out; // the record to send
+    std::vector<unsigned char> in; // the record last received
 
     // Fills out with type and sequence (the padding stays).
     void put(unsigned char type, uint64_t sequence);

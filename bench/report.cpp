@@ -71,8 +71,8 @@ void printJson(const Options& options, const Figures& bus, const Figures& relay,
 {
     std::printf("{\"pairs\": %u, \"value_size\": %u, \"requests\": %u, \"warmup\": %u, \"messages\": %u, "
                 "\"window\": %u, \"runs\": %u, \"bus\": %s, \"relay\": %s, \"ratio\": %s}\n",
-                options.pairs, options.valueSize, options.requests, options.warmup, options.messages,
-                options.window, options.runs, jsonObject(bus).c_str(), haveRelay ? jsonObject(relay).c_str() : "null",
+                options.pairs, options.valueSize, options.requests, options.warmup, options.messages, options.window,
+                options.runs, jsonObject(bus).c_str(), haveRelay ? jsonObject(relay).c_str() : "null",
                 haveRelay ? jsonObject(ratios(bus, relay)).c_str() : "null");
 }
 

@@ -26,11 +26,11 @@ namespace {
 // One application of the memory test: its pumps answer every request, and
 // it sends requests to random pumps of other applications at a steady pace.
 struct SoakApp {
-    Options options;                   // this run's settings
-    std::vector<void*> pumps;          // this application's pumps
-    PumpHandle answering;              // the pump that answers, as the callbacks see it
-    std::atomic<uint64_t> replies{0};  // replies received
-    std::atomic<uint64_t> errors{0};   // error replies received
+    Options options; // this run's settings
+    std::vector<void*> pumps; // this application's pumps
+    PumpHandle answering; // the pump that answers, as the callbacks see it
+    std::atomic<uint64_t> replies{0}; // replies received
+    std::atomic<uint64_t> errors{0}; // error replies received
 
     // Answers every request; runs on the router's worker thread.
     static void onMessage(void* context, void* message, const char*, const char*)
@@ -42,15 +42,9 @@ struct SoakApp {
             UlmarCommsPostMessage(pump, reply);
     }
     // Counts a reply; runs on the router's worker thread.
-    static void onResponse(void* context, unsigned, void*)
-    {
-        static_cast<SoakApp*>(context)->replies.fetch_add(1);
-    }
+    static void onResponse(void* context, unsigned, void*) { static_cast<SoakApp*>(context)->replies.fetch_add(1); }
     // Counts an error reply; runs on the router's worker thread.
-    static void onError(void* context, unsigned, int)
-    {
-        static_cast<SoakApp*>(context)->errors.fetch_add(1);
-    }
+    static void onError(void* context, unsigned, int) { static_cast<SoakApp*>(context)->errors.fetch_add(1); }
 };
 
 // A memory sample: seconds since the start and the daemon's KiB.
@@ -67,9 +61,9 @@ bool createPumps(SoakApp& app, const Options& options)
 {
     app.pumps.resize(options.soakPumps, nullptr);
     for (unsigned i = 0; i < options.soakPumps; ++i) {
-        app.pumps[i] = UlmarCommsCreateMessagePump(soakPumpName(options, options.soakIndex, i).c_str(), &app,
-                                                   &SoakApp::onMessage, &SoakApp::onResponse, &SoakApp::onError,
-                                                   nullptr);
+        app.pumps[i] =
+            UlmarCommsCreateMessagePump(soakPumpName(options, options.soakIndex, i).c_str(), &app, &SoakApp::onMessage,
+                                        &SoakApp::onResponse, &SoakApp::onError, nullptr);
         if (app.pumps[i] == nullptr)
             return false;
         if (i == 0)
@@ -164,11 +158,11 @@ bool collectTotals(std::vector<Child>& apps, Figures& totals)
 
 // The daemon's memory at each stage of the test.
 struct Memory {
-    long idle = 0;        // before any application
-    long connected = 0;   // every application ready
-    long peak = 0;        // the largest sample
-    long end = 0;         // after the applications ended
-    double slope = 0;     // KiB per minute over the second half
+    long idle = 0; // before any application
+    long connected = 0; // every application ready
+    long peak = 0; // the largest sample
+    long end = 0; // after the applications ended
+    double slope = 0; // KiB per minute over the second half
 };
 
 // Prints the memory test's report, as JSON or text.
@@ -184,8 +178,8 @@ void printSoakReport(const Options& options, const Memory& memory, Figures& tota
     }
     std::printf("memory test: %u applications x %u pumps for %u s\n", options.soakApps, options.soakPumps,
                 options.soakSeconds);
-    std::printf("daemon resident memory: idle %ld KiB, all connected %ld KiB, peak %ld KiB, end %ld KiB\n",
-                memory.idle, memory.connected, memory.peak, memory.end);
+    std::printf("daemon resident memory: idle %ld KiB, all connected %ld KiB, peak %ld KiB, end %ld KiB\n", memory.idle,
+                memory.connected, memory.peak, memory.end);
     std::printf("slope over the second half: %.1f KiB/min\n", memory.slope);
     std::printf("requests sent %.0f, replies %.0f, error replies %.0f\n", totals["sent"], totals["replies"],
                 totals["errors"]);
@@ -208,7 +202,8 @@ int runSoakApp(const Options& options)
     for (void* pump : app.pumps)
         UlmarCommsDestroyMessagePump(pump);
     UlmarCommsShutdown();
-    printResult({{"sent", double(sent)}, {"replies", double(app.replies.load())}, {"errors", double(app.errors.load())}});
+    printResult(
+        {{"sent", double(sent)}, {"replies", double(app.replies.load())}, {"errors", double(app.errors.load())}});
     return 0;
 }
 

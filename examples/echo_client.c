@@ -26,7 +26,7 @@ struct call {
     pthread_mutex_t lock;
     pthread_cond_t done;
     int finished;
-    int error;       /* error code of an error reply, 0 otherwise */
+    int error; /* error code of an error reply, 0 otherwise */
     char text[1024]; /* the reply's response text */
 };
 
@@ -110,8 +110,7 @@ int main(int argc, char** argv)
     clock_gettime(CLOCK_REALTIME, &until);
     until.tv_sec += seconds;
     pthread_mutex_lock(&c.lock);
-    while (!c.finished && pthread_cond_timedwait(&c.done, &c.lock, &until) == 0) {
-    }
+    while (!c.finished && pthread_cond_timedwait(&c.done, &c.lock, &until) == 0) {}
     int finished = c.finished;
     pthread_mutex_unlock(&c.lock);
 

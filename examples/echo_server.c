@@ -24,7 +24,7 @@
 struct server {
     pthread_mutex_t lock;
     pthread_cond_t changed;
-    void* pump;    /* set once created; read by callbacks */
+    void* pump; /* set once created; read by callbacks */
     long answered; /* requests answered */
 };
 
@@ -84,9 +84,7 @@ int main(int argc, char** argv)
         switch (opt) {
         case 's': start = optarg; break;
         case 'n': name = optarg; break;
-        default:
-            fprintf(stderr, "usage: %s [-s START_ARGUMENT] [-n NAME]\n", argv[0]);
-            return 2;
+        default: fprintf(stderr, "usage: %s [-s START_ARGUMENT] [-n NAME]\n", argv[0]); return 2;
         }
     }
 

@@ -31,7 +31,7 @@ struct Progress {
     std::condition_variable changed;
     int events = 0;
     std::string registration; // the reply to "#reg": "y" or "n"
-    int error = 0;            // an error reply's code
+    int error = 0; // an error reply's code
 };
 
 } // namespace

@@ -89,8 +89,7 @@ static int query(void* pump, struct answer* a, const char* target, const char* m
     clock_gettime(CLOCK_REALTIME, &until);
     until.tv_sec += 5;
     pthread_mutex_lock(&a->lock);
-    while (!a->finished && pthread_cond_timedwait(&a->done, &a->lock, &until) == 0) {
-    }
+    while (!a->finished && pthread_cond_timedwait(&a->done, &a->lock, &until) == 0) {}
     int status = !a->finished ? 3 : a->error != 0 ? 1 : 0;
     if (status == 3)
         fprintf(stderr, "system_query: no answer to %s\n", method);

@@ -85,8 +85,8 @@ int UlmarCommsSystemShutdown(void);
 
 /* Creates a pump named name (interfaces: comma-separated, may be null). */
 void* UlmarCommsCreateMessagePump(const char* name, void* context, UlmarCommsMessageCallback messageCallback,
-                                  UlmarCommsResponseCallback responseCallback,
-                                  UlmarCommsErrorCallback errorCallback, const char* interfaces);
+                                  UlmarCommsResponseCallback responseCallback, UlmarCommsErrorCallback errorCallback,
+                                  const char* interfaces);
 /* Removes a pump from its router and destroys it. */
 int UlmarCommsDestroyMessagePump(void* pump);
 /* The pump's full address (host@name). */

@@ -108,8 +108,7 @@ private:
 };
 
 // A value or the Error that prevented it (an expected-like type).
-template <typename T>
-class Result {
+template <typename T> class Result {
 public:
     // A result holding a value.
     Result(T value) : m_value(std::move(value)) {}
@@ -425,9 +424,9 @@ using ErrorHandler = std::function<void(unsigned responseId, int errorCode)>;
 
 // The three callbacks of a pump; any may be empty.
 struct Handlers {
-    RequestHandler onRequest;   // requests
+    RequestHandler onRequest; // requests
     ResponseHandler onResponse; // replies
-    ErrorHandler onError;       // error replies
+    ErrorHandler onError; // error replies
 };
 
 // A named endpoint. Owns the C pump and the heap object its callbacks live
@@ -446,8 +445,9 @@ public:
         std::unique_ptr<State> state(new State(std::move(handlers)));
         const std::string nameText(name);
         const std::string interfaceText(interfaces);
-        void* handle = UlmarCommsCreateMessagePump(nameText.c_str(), state.get(), &State::onRequest, &State::onResponse,
-                                                   &State::onError, interfaces.empty() ? nullptr : interfaceText.c_str());
+        void* handle =
+            UlmarCommsCreateMessagePump(nameText.c_str(), state.get(), &State::onRequest, &State::onResponse,
+                                        &State::onError, interfaces.empty() ? nullptr : interfaceText.c_str());
         if (!handle)
             return Error(started() ? ULMARCOMMS_NOT_ROUTED : ULMARCOMMS_NOT_STARTED);
         return Pump(handle, state.release());
@@ -508,13 +508,15 @@ public:
     // A request to `to` with `method`.
     Message createMessage(std::string_view to, std::string_view method) const
     {
-        return Message::adopt(UlmarCommsCreateMessage(m_handle, detail::cstr(to).c_str(), detail::cstr(method).c_str()));
+        return Message::adopt(
+            UlmarCommsCreateMessage(m_handle, detail::cstr(to).c_str(), detail::cstr(method).c_str()));
     }
     // A reply to request; without a response text the reply has no "_r".
     Message createReply(MessageView request, std::optional<std::string_view> response = std::nullopt) const
     {
         const std::string text(response.value_or(std::string_view()));
-        return Message::adopt(UlmarCommsCreateReplyMessage(m_handle, request.handle(), response ? text.c_str() : nullptr));
+        return Message::adopt(
+            UlmarCommsCreateReplyMessage(m_handle, request.handle(), response ? text.c_str() : nullptr));
     }
     // "#HsList" to this host's system endpoint.
     Message createListHostsMessage() const { return Message::adopt(UlmarCommsCreateSystemListHostsMessage(m_handle)); }
@@ -632,8 +634,7 @@ private:
         }
 
     private:
-        template <typename Call>
-        void run(Call&& call) noexcept
+        template <typename Call> void run(Call&& call) noexcept
         {
             {
                 std::lock_guard<std::mutex> guard(lock);
@@ -750,7 +751,8 @@ inline void socketLogTrampoline(int level, const char* format, char* args)
     deliverLog(socketSink(), level, format, args);
 }
 
-inline Error installSink(LogSink& sink, LogHandler handler, int (*install)(UlmarCommsLogger), UlmarCommsLogger trampoline)
+inline Error installSink(LogSink& sink, LogHandler handler, int (*install)(UlmarCommsLogger),
+                         UlmarCommsLogger trampoline)
 {
     const bool on = static_cast<bool>(handler);
     {

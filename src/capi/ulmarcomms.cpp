@@ -86,9 +86,8 @@ const char* header(void* message, const char* key)
 
 ULMARCOMMS_API int UlmarCommsStart(const char* arg)
 {
-    return startRuntime(arg, [](RuntimeSupport* instance, const std::string& argument) {
-        return instance->ulmarCommsStart(argument);
-    });
+    return startRuntime(
+        arg, [](RuntimeSupport* instance, const std::string& argument) { return instance->ulmarCommsStart(argument); });
 }
 
 ULMARCOMMS_API int UlmarCommsShutdown(void)
@@ -134,8 +133,8 @@ ULMARCOMMS_API void* UlmarCommsCreateMessagePump(const char* name, void* context
     if (instance == nullptr || name == nullptr)
         return nullptr;
     try {
-        return instance->ulmarCommsCreateMessagePump(name, context, messageCallback, responseCallback,
-                                                     errorCallback, interfaces);
+        return instance->ulmarCommsCreateMessagePump(name, context, messageCallback, responseCallback, errorCallback,
+                                                     interfaces);
     } catch (...) {
         return nullptr;
     }
@@ -192,8 +191,7 @@ ULMARCOMMS_API void* UlmarCommsCreateMessage(void* pump, const char* to, const c
 ULMARCOMMS_API void* UlmarCommsCreateReplyMessage(void* pump, void* request, const char* response)
 {
     return build(pump, [&](MessagePump* p) {
-        return request == nullptr ? nullptr
-                                  : runtime()->ulmarCommsCreateReplyMessage(p, asMessage(request), response);
+        return request == nullptr ? nullptr : runtime()->ulmarCommsCreateReplyMessage(p, asMessage(request), response);
     });
 }
 
@@ -210,9 +208,8 @@ ULMARCOMMS_API void* UlmarCommsCreateListHostsSupportingInterfaces(void* pump, c
 ULMARCOMMS_API void* UlmarCommsCreateSystemGetAddressesSupportingInterfacesMessage(void* pump, const char* host,
                                                                                    const char* interfaces)
 {
-    return build(pump, [&](MessagePump* p) {
-        return p->createSystemGetAddressesSupportingInterfacesMessage(host, interfaces);
-    });
+    return build(
+        pump, [&](MessagePump* p) { return p->createSystemGetAddressesSupportingInterfacesMessage(host, interfaces); });
 }
 
 ULMARCOMMS_API void* UlmarCommsCreateHasInterfacesMessage(void* pump, const char* to, const char* interfaces)
@@ -310,9 +307,8 @@ ULMARCOMMS_API const char* UlmarCommsGetMethod(void* message)
 }
 
 // Unlike the class's header scan, this sees first occurrences.
-ULMARCOMMS_API int UlmarCommsGetMandatoryFields(void* message, const char** to, const char** from,
-                                                const char** mode, const char** senderId,
-                                                const char** responseId, const char** response,
+ULMARCOMMS_API int UlmarCommsGetMandatoryFields(void* message, const char** to, const char** from, const char** mode,
+                                                const char** senderId, const char** responseId, const char** response,
                                                 const char** method)
 {
     if (runtime() == nullptr)
@@ -321,9 +317,12 @@ ULMARCOMMS_API int UlmarCommsGetMandatoryFields(void* message, const char** to, 
         const char** output;
         const char* key;
     } fields[] = {
-        {to, MessageItem::ArgumentKey_To},           {from, MessageItem::ArgumentKey_From},
-        {mode, MessageItem::ArgumentKey_Mode},       {senderId, MessageItem::ArgumentKey_SenderId},
-        {responseId, MessageItem::ArgumentKey_ResponseId}, {response, MessageItem::ArgumentKey_Response},
+        {to, MessageItem::ArgumentKey_To},
+        {from, MessageItem::ArgumentKey_From},
+        {mode, MessageItem::ArgumentKey_Mode},
+        {senderId, MessageItem::ArgumentKey_SenderId},
+        {responseId, MessageItem::ArgumentKey_ResponseId},
+        {response, MessageItem::ArgumentKey_Response},
         {method, MessageItem::ArgumentKey_Method},
     };
     for (const auto& field : fields) {

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <unistd.h>
@@ -29,8 +29,7 @@ std::recursive_mutex loggingProtection;
 const std::string emptyString;
 
 // Hands one call's arguments to the application's logger under the lock.
-void deliver(std::recursive_mutex* lock, Core::Logger logger, int level, const char* format,
-             va_list args)
+void deliver(std::recursive_mutex* lock, Core::Logger logger, int level, const char* format, va_list args)
 {
     std::lock_guard<std::recursive_mutex> locker(*lock);
     // The logger receives the platform's va_list as char*, as applications
@@ -115,7 +114,8 @@ bool parseDecimal(const std::string& text, int& value)
     errno = 0;
     char* end = nullptr;
     const long parsed = std::strtol(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0' || parsed < INT_MIN || parsed > INT_MAX || std::isspace(static_cast<unsigned char>(text[0])))
+    if (errno != 0 || *end != '\0' || parsed < INT_MIN || parsed > INT_MAX ||
+        std::isspace(static_cast<unsigned char>(text[0])))
         return false;
     value = static_cast<int>(parsed);
     return true;

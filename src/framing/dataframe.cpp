@@ -29,8 +29,14 @@ const char* printable(const char* text)
 // ------------------------------------------------------------ construction
 
 DataFrame::DataFrame()
-    : m_frameType(FrameTypeNone), m_dataSize(0), m_id(0), m_buffer(nullptr), m_capacity(0),
-      m_progress(0), m_inPayload(false), m_readError(ReadErrorNone)
+    : m_frameType(FrameTypeNone),
+      m_dataSize(0),
+      m_id(0),
+      m_buffer(nullptr),
+      m_capacity(0),
+      m_progress(0),
+      m_inPayload(false),
+      m_readError(ReadErrorNone)
 {
     clear();
 }
@@ -87,16 +93,14 @@ bool DataFrame::alloc(unsigned size)
 
 // ----------------------------------------------------------------- header
 
-void DataFrame::writeHeaderToBuffer(unsigned char* buffer, unsigned char type, unsigned size,
-                                    unsigned id)
+void DataFrame::writeHeaderToBuffer(unsigned char* buffer, unsigned char type, unsigned size, unsigned id)
 {
     buffer[0] = type;
     writeU32(buffer + 1, size);
     writeU32(buffer + 5, id);
 }
 
-void DataFrame::readHeaderFromBuffer(const unsigned char* buffer, unsigned char& type,
-                                     unsigned& size, unsigned& id)
+void DataFrame::readHeaderFromBuffer(const unsigned char* buffer, unsigned char& type, unsigned& size, unsigned& id)
 {
     type = buffer[0];
     size = readU32(buffer + 1);
@@ -108,35 +112,30 @@ void DataFrame::readHeaderFromBuffer(const unsigned char* buffer, unsigned char&
 bool DataFrame::insertMessage(unsigned id, const MessageItem* item)
 {
     if (item == nullptr) {
-        Core::log(Core::LogError, "DataFrame::Set( %d, %p ) Message is NULL.\n", id,
-                  static_cast<const void*>(item));
+        Core::log(Core::LogError, "DataFrame::Set( %d, %p ) Message is NULL.\n", id, static_cast<const void*>(item));
         return false;
     }
     const void* itemPointer = item;
     const unsigned n = MessageItem::memSize(item);
     // A payload the peer would refuse is refused here, as an allocation.
     if (n > MaxDataSize || !alloc(n + HeaderSize)) {
-        Core::log(Core::LogError,
-                  "DataFrame::insertMessage( %d, %p ) Failed to do allocate of %d.\n", id,
-                  itemPointer, n + HeaderSize);
+        Core::log(Core::LogError, "DataFrame::insertMessage( %d, %p ) Failed to do allocate of %d.\n", id, itemPointer,
+                  n + HeaderSize);
         return false;
     }
     if (m_buffer == nullptr) {
-        Core::log(Core::LogError, "DataFrame::insertMessage( %d, %p ) Buffer is NULL\n", id,
-                  itemPointer);
+        Core::log(Core::LogError, "DataFrame::insertMessage( %d, %p ) Buffer is NULL\n", id, itemPointer);
         return false;
     }
     unsigned written = 0;
     if (!item->toBuffer(written, m_buffer + HeaderSize, n)) {
-        Core::log(Core::LogError,
-                  "DataFrame::insertMessage( %d, %p ) Failed to copy message into buffer.\n", id,
+        Core::log(Core::LogError, "DataFrame::insertMessage( %d, %p ) Failed to copy message into buffer.\n", id,
                   itemPointer);
         return false;
     }
     if (written != n) {
         // The numbers go calced first, real second, whatever the words say.
-        Core::log(Core::LogError,
-                  "DataFrame::insertMessage( %d, %p ) Real (%d) and calced (%d) sizes don't match.\n",
+        Core::log(Core::LogError, "DataFrame::insertMessage( %d, %p ) Real (%d) and calced (%d) sizes don't match.\n",
                   id, itemPointer, n, written);
         return false;
     }
@@ -152,27 +151,24 @@ bool DataFrame::insertCommand(unsigned id, unsigned char code, const char* text)
     const char* shown = printable(text);
     const unsigned n = CommandMessage::calcBuffer(text);
     if (n > MaxDataSize || !alloc(n + HeaderSize)) {
-        Core::log(Core::LogError,
-                  "DataFrame::insertCommand( %d, %d, %s ) Failed to allocate %d for Command.\n",
-                  id, code, shown, n + HeaderSize);
+        Core::log(Core::LogError, "DataFrame::insertCommand( %d, %d, %s ) Failed to allocate %d for Command.\n", id,
+                  code, shown, n + HeaderSize);
         return false;
     }
     if (m_buffer == nullptr) {
-        Core::log(Core::LogError, "DataFrame::insertCommand( %d, %d, %s ) Buffer is NULL\n", id,
-                  code, shown);
+        Core::log(Core::LogError, "DataFrame::insertCommand( %d, %d, %s ) Buffer is NULL\n", id, code, shown);
         return false;
     }
     unsigned written = 0;
     if (!CommandMessage::toBuffer(written, code, text, m_buffer + HeaderSize, n)) {
-        Core::log(Core::LogError,
-                  "DataFrame::insertCommand( %d, %d, %s )Failed to write command into buffer.\n",
-                  id, code, shown);
+        Core::log(Core::LogError, "DataFrame::insertCommand( %d, %d, %s )Failed to write command into buffer.\n", id,
+                  code, shown);
         return false;
     }
     if (written != n) {
         Core::log(Core::LogError,
-                  "DataFrame::insertCommand( %d, %d, %s ) Real (%d) and calced (%d) sizes don't match.\n",
-                  id, code, shown, written, n);
+                  "DataFrame::insertCommand( %d, %d, %s ) Real (%d) and calced (%d) sizes don't match.\n", id, code,
+                  shown, written, n);
         return false;
     }
     m_frameType = FrameTypeCommand;
@@ -211,13 +207,11 @@ bool DataFrame::reject(ReadError error)
     Core::log(Core::LogError,
               "DataFrame::readIn() this=%p Refusing the stream: frame of type %d announces %u "
               "bytes (limit %u, error %d).\n",
-              static_cast<void*>(this), m_frameType, m_dataSize, MaxDataSize,
-              static_cast<int>(error));
+              static_cast<void*>(this), m_frameType, m_dataSize, MaxDataSize, static_cast<int>(error));
     return false;
 }
 
-bool DataFrame::readIn(const unsigned char* data, unsigned length, bool& complete,
-                       unsigned& consumed)
+bool DataFrame::readIn(const unsigned char* data, unsigned length, bool& complete, unsigned& consumed)
 {
     if (data == nullptr || length == 0)
         return false;
@@ -263,8 +257,7 @@ bool DataFrame::reserveReceived(unsigned needed)
     if (m_capacity >= needed)
         return true;
     const uint64_t doubled = std::max<uint64_t>(uint64_t(m_capacity) * 2, InitialBufferSize);
-    const unsigned size =
-        static_cast<unsigned>(std::max<uint64_t>(needed, std::min<uint64_t>(doubled, m_dataSize)));
+    const unsigned size = static_cast<unsigned>(std::max<uint64_t>(needed, std::min<uint64_t>(doubled, m_dataSize)));
     unsigned char* fresh = new (std::nothrow) unsigned char[size];
     if (fresh == nullptr)
         return false;
@@ -280,8 +273,8 @@ bool DataFrame::reserveReceived(unsigned needed)
 // of another frame or of the header.
 bool DataFrame::payloadReadable() const
 {
-    return !isRejected() && m_inPayload && m_progress == m_dataSize && m_dataSize <= m_capacity
-        && (m_buffer != nullptr || m_dataSize == 0);
+    return !isRejected() && m_inPayload && m_progress == m_dataSize && m_dataSize <= m_capacity &&
+        (m_buffer != nullptr || m_dataSize == 0);
 }
 
 bool DataFrame::extractMessage(MessageItem& item) const

@@ -45,9 +45,9 @@ public:
 
     // Why readIn refused a stream; the state is sticky.
     enum ReadError {
-        ReadErrorNone = 0,      // the stream is usable
-        ReadErrorTooLarge = 1,  // a header announced more than MaxDataSize
-        ReadErrorNoMemory = 2,  // the payload buffer could not be allocated
+        ReadErrorNone = 0, // the stream is usable
+        ReadErrorTooLarge = 1, // a header announced more than MaxDataSize
+        ReadErrorNoMemory = 2, // the payload buffer could not be allocated
     };
 
     // An empty frame with a fresh 4096-byte buffer.
@@ -83,11 +83,9 @@ public:
     uint64_t wireSize() const { return uint64_t(m_dataSize) + HeaderSize; }
 
     // Writes the 9-byte header.
-    static void writeHeaderToBuffer(unsigned char* buffer, unsigned char type, unsigned size,
-                                    unsigned id);
+    static void writeHeaderToBuffer(unsigned char* buffer, unsigned char type, unsigned size, unsigned id);
     // Reads the 9-byte header.
-    static void readHeaderFromBuffer(const unsigned char* buffer, unsigned char& type,
-                                     unsigned& size, unsigned& id);
+    static void readHeaderFromBuffer(const unsigned char* buffer, unsigned char& type, unsigned& size, unsigned& id);
 
     // Builds a message frame; false (and logged) on failure.
     bool insertMessage(unsigned id, const MessageItem* item);

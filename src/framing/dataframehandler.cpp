@@ -13,9 +13,9 @@
 #include "platform/socketreaper.h"
 
 #include <algorithm>
-#include <utility>
 #include <new>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace UlmarComms {
@@ -36,12 +36,24 @@ int asNumber(const void* pointer)
 // ---------------------------------------------------------------- lifetime
 
 DataFrameHandler::DataFrameHandler()
-    : m_pInboundBuffer(nullptr), m_inboundSize(0), m_pInboundSpare(nullptr), m_pInboundCurrentFrame(nullptr),
+    : m_pInboundBuffer(nullptr),
+      m_inboundSize(0),
+      m_pInboundSpare(nullptr),
+      m_pInboundCurrentFrame(nullptr),
       m_linkEnding(false),
-      m_sending(false), m_lastId(0), m_pOutboundBuffer(nullptr), m_outboundSize(0),
-      m_pOutboundCurrentFrame(nullptr), m_outboundInFlight(false), m_currentSent(0), m_queuedBytes(0),
-      m_outboundHeld(false), m_batchedFrames(false), m_pBatchMember(std::make_shared<WriteBatch::Member>(this)),
-      m_probe(0), m_pSocket(nullptr)
+      m_sending(false),
+      m_lastId(0),
+      m_pOutboundBuffer(nullptr),
+      m_outboundSize(0),
+      m_pOutboundCurrentFrame(nullptr),
+      m_outboundInFlight(false),
+      m_currentSent(0),
+      m_queuedBytes(0),
+      m_outboundHeld(false),
+      m_batchedFrames(false),
+      m_pBatchMember(std::make_shared<WriteBatch::Member>(this)),
+      m_probe(0),
+      m_pSocket(nullptr)
 {
     Core::verbose("DataFrameHandler::DataFrameHandler() this=%p\n", static_cast<void*>(this));
 }
@@ -134,7 +146,8 @@ void DataFrameHandler::recycle(DataFrame* frame)
     // Only buffers of the usual size are kept, and only a few: a burst of
     // large frames leaves no large memory behind.
     const size_t kMaxSpareFrames = 16;
-    if (frame == nullptr || frame->capacity() > DataFrame::InitialBufferSize || m_spareFrames.size() >= kMaxSpareFrames) {
+    if (frame == nullptr || frame->capacity() > DataFrame::InitialBufferSize ||
+        m_spareFrames.size() >= kMaxSpareFrames) {
         release(frame);
         return;
     }
@@ -276,8 +289,8 @@ void DataFrameHandler::releaseOutbound()
 unsigned DataFrameHandler::queuedFrames()
 {
     MutexLocker locker(m_outboundLock);
-    return static_cast<unsigned>(m_messageQueue.size() + m_commandQueue.size() + m_batched.size())
-        + (m_pOutboundCurrentFrame != nullptr ? 1u : 0u);
+    return static_cast<unsigned>(m_messageQueue.size() + m_commandQueue.size() + m_batched.size()) +
+        (m_pOutboundCurrentFrame != nullptr ? 1u : 0u);
 }
 
 bool DataFrameHandler::isLinkEnding()
@@ -318,8 +331,7 @@ bool DataFrameHandler::postRecv(Socket* socket)
     return true;
 }
 
-void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned count, unsigned,
-                                unsigned char)
+void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned count, unsigned, unsigned char)
 {
     MutexLocker locker(m_inboundLock);
     if (socket == nullptr || socket != m_pSocket.load()) {
@@ -362,9 +374,10 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
             Core::log(Core::LogError, "DataFrameHandler::onRecved() m_pInboundCurrentFrame->readIn() Failed\n");
             // Only a refused header fails with input left: the bytes after it
             // cannot be framed again, so retrying would never get past it.
-            endLink(socket, m_pInboundCurrentFrame->readError() == DataFrame::ReadErrorNoMemory
-                                ? "no memory for the payload the peer announced"
-                                : "the peer announced a frame above the size limit");
+            endLink(socket,
+                    m_pInboundCurrentFrame->readError() == DataFrame::ReadErrorNoMemory
+                        ? "no memory for the payload the peer announced"
+                        : "the peer announced a frame above the size limit");
             return;
         }
         if (complete) {
@@ -389,7 +402,8 @@ void DataFrameHandler::processInboundCurrentFrame()
     case DataFrame::FrameTypeMessage: {
         MessageItem* message = MessageItem::create();
         if (message == nullptr) {
-            Core::log(Core::LogError, "DataFrameHandler::processInboundCurrentFrame() this=%p failed create message.!\n",
+            Core::log(Core::LogError,
+                      "DataFrameHandler::processInboundCurrentFrame() this=%p failed create message.!\n",
                       static_cast<void*>(this));
             return;
         }
@@ -484,8 +498,8 @@ void DataFrameHandler::onDisconnect(Socket* socket)
 
 // ------------------------------------------------------------ trampolines
 
-void DataFrameHandler::onSentFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
-                                      void* user, unsigned char error)
+void DataFrameHandler::onSentFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, void* user,
+                                      unsigned char error)
 {
     DataFrameHandler* handler = static_cast<DataFrameHandler*>(user);
     if (handler == nullptr)

@@ -58,8 +58,8 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <vector>
 #include <string>
+#include <vector>
 
 namespace UlmarComms {
 
@@ -82,8 +82,7 @@ public:
     // A send completed (count of size bytes went out): the next piece or frame.
     virtual void onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, unsigned char error);
     // A block arrived: reassembles and dispatches frames, then receives again.
-    virtual void onRecved(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
-                          unsigned char error);
+    virtual void onRecved(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, unsigned char error);
     // The connection ended or failed; the default only logs.
     virtual void onError(Socket* socket, unsigned char error);
     // A connect completed; the default only logs.

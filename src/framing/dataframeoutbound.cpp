@@ -74,14 +74,15 @@ bool DataFrameHandler::addToOutbound(unsigned char code, const char* text)
         if (!frame->insertCommand(m_lastId + 1, code, text)) {
             release(frame);
             Core::log(Core::LogError,
-                      "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Failed to set DataFrame.\n",
-                      code, shown, static_cast<void*>(this));
+                      "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Failed to set DataFrame.\n", code,
+                      shown, static_cast<void*>(this));
             return false;
         }
     } catch (...) {
         release(frame);
-        Core::log(Core::LogError, "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Unhandled exception.\n",
-                  code, shown, static_cast<void*>(this));
+        Core::log(Core::LogError,
+                  "DataFrameHandler::addToOutbound( [command] %d, '%s' ) this=%p Unhandled exception.\n", code, shown,
+                  static_cast<void*>(this));
         return false;
     }
     return enqueue(frame, true);
@@ -282,8 +283,7 @@ bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsig
         m_pOutboundCurrentFrame = nullptr;
         m_currentSent = 0;
         Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Finished with the frame.\n",
-                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0,
-                      static_cast<void*>(this));
+                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0, static_cast<void*>(this));
         if (m_batched.empty())
             break;
         m_pOutboundCurrentFrame = m_batched.front();
@@ -292,8 +292,7 @@ bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsig
     requeueUntouched();
     if (m_pOutboundCurrentFrame != nullptr) {
         Core::verbose("DataFrameHandler::onSent( %p, %p, %d, %d, %d ) this=%p Carry on with frame.\n",
-                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0,
-                      static_cast<void*>(this));
+                      static_cast<void*>(socket), static_cast<void*>(buffer), count, size, 0, static_cast<void*>(this));
         return true;
     }
     return pickNextFrame();
@@ -320,8 +319,7 @@ void DataFrameHandler::requeueUntouched()
     }
 }
 
-void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size,
-                              unsigned char error)
+void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, unsigned char error)
 {
     MutexLocker locker(m_outboundLock);
     if (buffer == &m_probe)

@@ -75,8 +75,7 @@ void DataFrameServer::finish()
     dropListener();
 }
 
-void DataFrameServer::onClientConnectFunction(Socket* listener, const SocketAddress& peer, Socket* accepted,
-                                              void* user)
+void DataFrameServer::onClientConnectFunction(Socket* listener, const SocketAddress& peer, Socket* accepted, void* user)
 {
     DataFrameServer* server = static_cast<DataFrameServer*>(user);
     if (server == nullptr)

@@ -71,23 +71,71 @@ template <typename T> DataObject& DataObject::readNumber(T& value)
     return *this;
 }
 
-DataObject& DataObject::operator<<(signed char value) { return writeNumber(value); }
-DataObject& DataObject::operator<<(unsigned char value) { return writeNumber(value); }
-DataObject& DataObject::operator<<(short value) { return writeNumber(value); }
-DataObject& DataObject::operator<<(unsigned short value) { return writeNumber(value); }
-DataObject& DataObject::operator<<(int value) { return writeNumber(value); }
-DataObject& DataObject::operator<<(unsigned int value) { return writeNumber(value); }
-DataObject& DataObject::operator<<(long long value) { return writeNumber(value); }
-DataObject& DataObject::operator<<(unsigned long long value) { return writeNumber(value); }
+DataObject& DataObject::operator<<(signed char value)
+{
+    return writeNumber(value);
+}
+DataObject& DataObject::operator<<(unsigned char value)
+{
+    return writeNumber(value);
+}
+DataObject& DataObject::operator<<(short value)
+{
+    return writeNumber(value);
+}
+DataObject& DataObject::operator<<(unsigned short value)
+{
+    return writeNumber(value);
+}
+DataObject& DataObject::operator<<(int value)
+{
+    return writeNumber(value);
+}
+DataObject& DataObject::operator<<(unsigned int value)
+{
+    return writeNumber(value);
+}
+DataObject& DataObject::operator<<(long long value)
+{
+    return writeNumber(value);
+}
+DataObject& DataObject::operator<<(unsigned long long value)
+{
+    return writeNumber(value);
+}
 
-DataObject& DataObject::operator>>(signed char& value) { return readNumber(value); }
-DataObject& DataObject::operator>>(unsigned char& value) { return readNumber(value); }
-DataObject& DataObject::operator>>(short& value) { return readNumber(value); }
-DataObject& DataObject::operator>>(unsigned short& value) { return readNumber(value); }
-DataObject& DataObject::operator>>(int& value) { return readNumber(value); }
-DataObject& DataObject::operator>>(unsigned int& value) { return readNumber(value); }
-DataObject& DataObject::operator>>(long long& value) { return readNumber(value); }
-DataObject& DataObject::operator>>(unsigned long long& value) { return readNumber(value); }
+DataObject& DataObject::operator>>(signed char& value)
+{
+    return readNumber(value);
+}
+DataObject& DataObject::operator>>(unsigned char& value)
+{
+    return readNumber(value);
+}
+DataObject& DataObject::operator>>(short& value)
+{
+    return readNumber(value);
+}
+DataObject& DataObject::operator>>(unsigned short& value)
+{
+    return readNumber(value);
+}
+DataObject& DataObject::operator>>(int& value)
+{
+    return readNumber(value);
+}
+DataObject& DataObject::operator>>(unsigned int& value)
+{
+    return readNumber(value);
+}
+DataObject& DataObject::operator>>(long long& value)
+{
+    return readNumber(value);
+}
+DataObject& DataObject::operator>>(unsigned long long& value)
+{
+    return readNumber(value);
+}
 
 // The string writer checks the mode before it touches the offset.
 DataObject& DataObject::operator<<(const std::string& value)

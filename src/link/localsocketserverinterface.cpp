@@ -90,8 +90,9 @@ bool SocketMessageRouterProxy::post(MessageRef message)
 void SocketMessageRouterProxy::commandHandler(unsigned char code, const char* text)
 {
     if (!addToOutbound(code, text))
-        Core::log(Core::LogError, "SocketMessageRouterProxy::commandHandler( %d, '%s' ) this=%p Failed to add to outbound.\n",
-                  code, printable(text), static_cast<void*>(this));
+        Core::log(Core::LogError,
+                  "SocketMessageRouterProxy::commandHandler( %d, '%s' ) this=%p Failed to add to outbound.\n", code,
+                  printable(text), static_cast<void*>(this));
 }
 
 void SocketMessageRouterProxy::doHandleMessage(MessageItem* item)
@@ -206,7 +207,8 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
                       static_cast<void*>(proxy));
         Core::message("LSSInterface::onClientConnect() Added a new connection.\n");
     } catch (...) {
-        Core::log(Core::LogError, "LocalSocketServerInterface::onClientConnect( %p, , %p ) this=%p Unhandled exception!\n",
+        Core::log(Core::LogError,
+                  "LocalSocketServerInterface::onClientConnect( %p, , %p ) this=%p Unhandled exception!\n",
                   static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
     }
 }
@@ -234,7 +236,8 @@ void LocalSocketServerInterface::onClientDisconnect(Socket* server, Socket* clie
         }
         remove(proxy);
     } catch (...) {
-        Core::log(Core::LogError, "LocalSocketServerInterface::onClientDisconnect( %p, %p ) this=%p Unhandled exception!\n",
+        Core::log(Core::LogError,
+                  "LocalSocketServerInterface::onClientDisconnect( %p, %p ) this=%p Unhandled exception!\n",
                   static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
     }
 }
@@ -270,7 +273,8 @@ void LocalSocketServerInterface::remove(SocketMessageRouterProxy* proxy)
     proxy->setSystemRouter(nullptr);
     m_pLinkedSystemRouter->remove(proxy);
     if (!listed) {
-        Core::log(Core::LogWarning, "LSSInterface::Remove() Unable to find and remove a SocketMessageRouterProxy object.\n");
+        Core::log(Core::LogWarning,
+                  "LSSInterface::Remove() Unable to find and remove a SocketMessageRouterProxy object.\n");
         return;
     }
     Core::message("LSSInterface::Remove( %p ) this=%p Removed a connection.\n", static_cast<void*>(proxy),

@@ -37,7 +37,10 @@ unsigned setting(const char* key)
 } // namespace
 
 SocketSystemRouterProxy::SocketSystemRouterProxy(const SocketAddress& systemRouterAddress)
-    : m_state(StateDown), m_reconnectPending(false), m_live(false), m_systemRouterAddress(systemRouterAddress),
+    : m_state(StateDown),
+      m_reconnectPending(false),
+      m_live(false),
+      m_systemRouterAddress(systemRouterAddress),
       m_pMessageRouter(nullptr)
 {
     Core::message("SocketSystemRouterProxy::SocketSystemRouterProxy( '%s' ) this=%p\n",
@@ -160,14 +163,16 @@ bool SocketSystemRouterProxy::post(MessageRef message)
 void SocketSystemRouterProxy::handleCommand(IMessageRouter* router, unsigned char code, const char* text)
 {
     if (router != m_pMessageRouter.load()) {
-        Core::log(Core::LogError, "SocketSystemRouterProxy::handleCommand( %p, %d, '%s' ) this=%p message router mismatch.\n",
+        Core::log(Core::LogError,
+                  "SocketSystemRouterProxy::handleCommand( %p, %d, '%s' ) this=%p message router mismatch.\n",
                   static_cast<void*>(router), code, printable(text), static_cast<void*>(this));
         return;
     }
     if (!addToOutbound(code, text))
-        Core::log(Core::LogError,
-                  "SocketSystemRouterProxy::handleCommand( %p, %d, '%s' ) this=%p Unalbe to add to the outbound queue.\n",
-                  static_cast<void*>(router), code, printable(text), static_cast<void*>(this));
+        Core::log(
+            Core::LogError,
+            "SocketSystemRouterProxy::handleCommand( %p, %d, '%s' ) this=%p Unalbe to add to the outbound queue.\n",
+            static_cast<void*>(router), code, printable(text), static_cast<void*>(this));
 }
 
 void SocketSystemRouterProxy::doHandleMessage(MessageItem* item)
@@ -180,7 +185,8 @@ void SocketSystemRouterProxy::doHandleMessage(MessageItem* item)
         return;
     }
     if (!router->post(std::move(message)))
-        Core::log(Core::LogError, "SocketSystemRouterProxy::doHandleMessage() this=%p Unable to post message to message Router.\n",
+        Core::log(Core::LogError,
+                  "SocketSystemRouterProxy::doHandleMessage() this=%p Unable to post message to message Router.\n",
                   static_cast<void*>(this));
 }
 
@@ -267,7 +273,8 @@ bool SocketSystemRouterProxy::connect()
             failed->close();
             delete failed;
         }
-        Core::log(Core::LogError, "SocketSystemRouterProxy::connect() this=%p Unable to start of the Connect. Error:%d\n",
+        Core::log(Core::LogError,
+                  "SocketSystemRouterProxy::connect() this=%p Unable to start of the Connect. Error:%d\n",
                   static_cast<void*>(this), error);
         doTimerReconnect();
     }
@@ -293,7 +300,8 @@ void SocketSystemRouterProxy::onConnected(Socket* socket)
     releaseOutbound();
     IMessageRouter* router = m_pMessageRouter.load();
     if (router == nullptr) {
-        Core::log(Core::LogFatal, "SocketSystemRouterProxy::onConnected() NO MESSAGE ROUTER!  Something very bad happend.\n");
+        Core::log(Core::LogFatal,
+                  "SocketSystemRouterProxy::onConnected() NO MESSAGE ROUTER!  Something very bad happend.\n");
         return;
     }
     // Every (re)connection announces the table again, so the service
@@ -340,7 +348,8 @@ void SocketSystemRouterProxy::doTimerReconnect()
         MutexLocker locker(m_timerLock);
         if (!m_live)
             return;
-        Core::message("SocketSystemRouterProxy::doTimerReconnect() this=%p The object is in live mode so will try to reconnect.\n",
+        Core::message("SocketSystemRouterProxy::doTimerReconnect() this=%p The object is in live mode so will try to "
+                      "reconnect.\n",
                       static_cast<void*>(this));
         if (m_reconnectPending)
             return;
@@ -373,7 +382,8 @@ void SocketSystemRouterProxy::removeReconnectionTimerFunction()
 void SocketSystemRouterProxy::onDoReconnect(void* data)
 {
     if (data == nullptr) {
-        Core::log(Core::LogWarning, "SocketSystemRouterProxy::onDoReconnect() Timed out but didn't have any user data.\n");
+        Core::log(Core::LogWarning,
+                  "SocketSystemRouterProxy::onDoReconnect() Timed out but didn't have any user data.\n");
         return;
     }
     SocketSystemRouterProxy* proxy = static_cast<SocketSystemRouterProxy*>(data);

@@ -26,8 +26,8 @@ unsigned CommandMessage::calcBuffer(const char* text)
     return static_cast<unsigned>(std::strlen(text) + 6);
 }
 
-bool CommandMessage::toBuffer(unsigned& written, unsigned char code, const char* text,
-                              unsigned char* buffer, unsigned capacity)
+bool CommandMessage::toBuffer(unsigned& written, unsigned char code, const char* text, unsigned char* buffer,
+                              unsigned capacity)
 {
     if (buffer == nullptr)
         return false;
@@ -44,8 +44,7 @@ bool CommandMessage::toBuffer(unsigned& written, unsigned char code, const char*
     return true;
 }
 
-bool CommandMessage::fromBuffer(const unsigned char* buffer, unsigned size, unsigned char& code,
-                                std::string& text)
+bool CommandMessage::fromBuffer(const unsigned char* buffer, unsigned size, unsigned char& code, std::string& text)
 {
     if (size <= 4 || buffer == nullptr)
         return false;

@@ -32,12 +32,11 @@ public:
     static unsigned calcBuffer(const char* text);
     // Writes the record; written receives its size. False for a null
     // buffer or too little capacity.
-    static bool toBuffer(unsigned& written, unsigned char code, const char* text,
-                         unsigned char* buffer, unsigned capacity);
+    static bool toBuffer(unsigned& written, unsigned char code, const char* text, unsigned char* buffer,
+                         unsigned capacity);
     // Reads a record; the text keeps its NUL as last character. False for
     // fewer than 5 bytes, a null buffer or a text running past size.
-    static bool fromBuffer(const unsigned char* buffer, unsigned size, unsigned char& code,
-                           std::string& text);
+    static bool fromBuffer(const unsigned char* buffer, unsigned size, unsigned char& code, std::string& text);
 };
 
 } // namespace UlmarComms

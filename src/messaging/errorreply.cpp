@@ -31,16 +31,16 @@ MessageItem* Core::errorOut(const MessageItem* failed, int code)
     char codeText[16];
     std::snprintf(codeText, sizeof(codeText), "%d", code);
     const char* to = failed->value(MessageItem::ArgumentKey_To);
-    bool built = reply->add(MessageItem::ArgumentKey_To, from)
-        && reply->add(MessageItem::ArgumentKey_ResponseId, senderId);
+    bool built =
+        reply->add(MessageItem::ArgumentKey_To, from) && reply->add(MessageItem::ArgumentKey_ResponseId, senderId);
     // A failed message without a "to" gets a reply without a "from": the
     // pair is skipped rather than invented as an empty address.
     if (built && to != nullptr)
         built = reply->add(MessageItem::ArgumentKey_From, to);
-    built = built && reply->add(MessageItem::ArgumentKey_Mode, MessageItem::Mode_ErrorText)
-        && reply->add(MessageItem::ArgumentKey_SenderId, "0")
-        && reply->add(MessageItem::ArgumentKey_ErrorRoutingHostId, getHostName().c_str())
-        && reply->add(MessageItem::ArgumentKey_Method, codeText);
+    built = built && reply->add(MessageItem::ArgumentKey_Mode, MessageItem::Mode_ErrorText) &&
+        reply->add(MessageItem::ArgumentKey_SenderId, "0") &&
+        reply->add(MessageItem::ArgumentKey_ErrorRoutingHostId, getHostName().c_str()) &&
+        reply->add(MessageItem::ArgumentKey_Method, codeText);
     if (!built) {
         MessageItem::release(reply);
         return nullptr;

@@ -171,8 +171,8 @@ bool MessageItem::set(const char* to, const char* from, const char* method, cons
 {
     if (to == nullptr || from == nullptr || method == nullptr || senderId == nullptr)
         return false;
-    return add(ArgumentKey_To, to) && add(ArgumentKey_From, from) && add(ArgumentKey_Method, method)
-        && add(ArgumentKey_SenderId, senderId);
+    return add(ArgumentKey_To, to) && add(ArgumentKey_From, from) && add(ArgumentKey_Method, method) &&
+        add(ArgumentKey_SenderId, senderId);
 }
 
 bool MessageItem::setResponse(const char* response, const char* responseId)
@@ -244,8 +244,8 @@ void MessageItem::getMandatoryRoutingFields(char** to, char** from) const
 
 // The second character alone decides which header field a key fills, and a
 // later pair overwrites an earlier one.
-void MessageItem::getMandatoryFields(char** to, char** from, char** mode, char** senderId,
-                                     char** responseId, char** response, char** method) const
+void MessageItem::getMandatoryFields(char** to, char** from, char** mode, char** senderId, char** responseId,
+                                     char** response, char** method) const
 {
     for (int i = 0; i < m_argumentCount; ++i) {
         const char* k = m_keys[i];
@@ -331,8 +331,8 @@ bool MessageItem::fromBuffer(const unsigned char* buffer, unsigned length)
         const uint32_t keyLength = buffer[offset];
         const uint32_t valueLength = readU32(buffer + offset + 1);
         offset += 5;
-        if (keyLength == 0 || valueLength == 0 || keyLength > length - offset
-            || valueLength > length - offset - keyLength)
+        if (keyLength == 0 || valueLength == 0 || keyLength > length - offset ||
+            valueLength > length - offset - keyLength)
             return false;
         const char* keyBytes = reinterpret_cast<const char*>(buffer + offset);
         const char* valueBytes = keyBytes + keyLength;

@@ -94,8 +94,8 @@ public:
     void getMandatoryRoutingFields(char** to, char** from) const;
     // Scans the seven header keys (last occurrence wins); outputs whose key
     // is absent are left as they were.
-    void getMandatoryFields(char** to, char** from, char** mode, char** senderId,
-                            char** responseId, char** response, char** method) const;
+    void getMandatoryFields(char** to, char** from, char** mode, char** senderId, char** responseId, char** response,
+                            char** method) const;
 
     // Same pairs regardless of order (first values compared by key).
     bool compare(const MessageItem* other) const;

@@ -127,9 +127,9 @@ MessageItem* MessagePump::createBase(const char* to, const char* method)
     MessageItem* message = MessageItem::create();
     if (message == nullptr)
         return nullptr;
-    const bool ok = message->add(MessageItem::ArgumentKey_To, to)
-        && message->add(MessageItem::ArgumentKey_From, m_address.c_str())
-        && message->add(MessageItem::ArgumentKey_Method, method);
+    const bool ok = message->add(MessageItem::ArgumentKey_To, to) &&
+        message->add(MessageItem::ArgumentKey_From, m_address.c_str()) &&
+        message->add(MessageItem::ArgumentKey_Method, method);
     return finishBuild(message, ok);
 }
 
@@ -202,8 +202,8 @@ MessageItem* MessagePump::createEventRegistrationMessage(const char* returnMetho
     if (isEmpty(returnMethod) || isEmpty(to) || isEmpty(remoteEventName))
         return nullptr;
     MessageItem* message = createBase(to, kMethodReg);
-    if (message == nullptr || !message->add(kKeyEventName, remoteEventName)
-        || !message->add(kKeyReturnMethod, returnMethod))
+    if (message == nullptr || !message->add(kKeyEventName, remoteEventName) ||
+        !message->add(kKeyReturnMethod, returnMethod))
         return finishBuild(message, false);
     setSenderId(message);
     // "reg" follows "_s": only its presence matters to the receiver.
@@ -234,9 +234,9 @@ MessageItem* MessagePump::createReplyMessage(MessageItem* request, const char* r
         reply = MessageItem::create();
         if (reply == nullptr)
             return nullptr;
-        bool ok = reply->add(MessageItem::ArgumentKey_To, from)
-            && reply->add(MessageItem::ArgumentKey_ResponseId, senderId)
-            && reply->add(MessageItem::ArgumentKey_From, m_address.c_str());
+        bool ok = reply->add(MessageItem::ArgumentKey_To, from) &&
+            reply->add(MessageItem::ArgumentKey_ResponseId, senderId) &&
+            reply->add(MessageItem::ArgumentKey_From, m_address.c_str());
         const char* mode = request->value(MessageItem::ArgumentKey_Mode);
         if (ok && mode != nullptr)
             ok = reply->add(MessageItem::ArgumentKey_Mode, mode);
@@ -286,10 +286,10 @@ int MessagePump::sendErrorMessage(int errorCode, MessageItem* request)
         reply = MessageItem::create();
         if (reply == nullptr)
             return Result_NoMemory;
-        bool ok = reply->add(MessageItem::ArgumentKey_To, from)
-            && reply->add(MessageItem::ArgumentKey_ResponseId, senderId)
-            && reply->add(MessageItem::ArgumentKey_From, m_address.c_str())
-            && reply->add(MessageItem::ArgumentKey_Mode, MessageItem::Mode_ErrorText);
+        bool ok = reply->add(MessageItem::ArgumentKey_To, from) &&
+            reply->add(MessageItem::ArgumentKey_ResponseId, senderId) &&
+            reply->add(MessageItem::ArgumentKey_From, m_address.c_str()) &&
+            reply->add(MessageItem::ArgumentKey_Mode, MessageItem::Mode_ErrorText);
         if (ok)
             setSenderId(reply);
         char codeText[16];

@@ -97,8 +97,8 @@ public:
     // "#AdsSupIs" to host "@/system" (or "/system") with "inters".
     MessageItem* createSystemGetAddressesSupportingInterfacesMessage(const char* host, const char* interfaces);
     // "#reg" with "rname", "retm" and, to register, "reg" = "t".
-    MessageItem* createEventRegistrationMessage(const char* returnMethod, const char* to,
-                                                const char* remoteEventName, bool reg);
+    MessageItem* createEventRegistrationMessage(const char* returnMethod, const char* to, const char* remoteEventName,
+                                                bool reg);
     // A plain request; null for a null target or method.
     MessageItem* createMessage(const char* to, const char* method);
     // A reply to request; null unless the request has "_f" and "_s".

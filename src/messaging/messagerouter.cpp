@@ -42,7 +42,9 @@ bool deliveryLeftPump(void* context)
 
 } // namespace
 
-MessageQueue::MessageQueue() : m_pHead(nullptr), m_pTail(nullptr), m_count(0), m_closed(false) {}
+MessageQueue::MessageQueue() : m_pHead(nullptr), m_pTail(nullptr), m_count(0), m_closed(false)
+{
+}
 
 MessageQueue::~MessageQueue()
 {
@@ -84,9 +86,15 @@ MessageRef MessageQueue::pop()
 }
 
 MessageRouterWorker::MessageRouterWorker(MessageRouter* router)
-    : m_pRouter(router), m_running(false), m_pending(false),
-      m_wakeHandle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), m_inInputWait(false), m_usingSystemRouter(false),
-      m_releaseWaiters(0), m_releases(0), m_inputTaken(false)
+    : m_pRouter(router),
+      m_running(false),
+      m_pending(false),
+      m_wakeHandle(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      m_inInputWait(false),
+      m_usingSystemRouter(false),
+      m_releaseWaiters(0),
+      m_releases(0),
+      m_inputTaken(false)
 {
 }
 
@@ -401,8 +409,8 @@ void MessageRouter::announce(unsigned char command, const std::string& text)
     try {
         systemRouter->handleCommand(this, command, text.c_str());
     } catch (...) {
-        Core::log(Core::LogError, "MessageRouter::announce( %d, %s ) this=%p The system router threw.\n",
-                  command, text.c_str(), static_cast<void*>(this));
+        Core::log(Core::LogError, "MessageRouter::announce( %d, %s ) this=%p The system router threw.\n", command,
+                  text.c_str(), static_cast<void*>(this));
     }
 }
 
@@ -583,8 +591,8 @@ bool MessageRouter::passToSystemRouter(MessageRef message)
                       static_cast<void*>(this));
         return true;
     }
-    Core::log(Core::LogWarning, "MessageRouter::post( %p ) this=%p Failed to pass on message to system router\n",
-              shown, static_cast<void*>(this));
+    Core::log(Core::LogWarning, "MessageRouter::post( %p ) this=%p Failed to pass on message to system router\n", shown,
+              static_cast<void*>(this));
     return false;
 }
 
@@ -627,7 +635,9 @@ bool MessageRouter::processMessage(MessageRef message)
     return true;
 }
 
-void MessageRouter::commandHandler(unsigned char, const char*) {}
+void MessageRouter::commandHandler(unsigned char, const char*)
+{
+}
 
 bool MessageRouter::sendRoutingTableToSystemRouter()
 {
@@ -664,8 +674,8 @@ MessageItem* MessageRouter::create(const char* to, const char* from, const char*
     MessageItem* message = MessageItem::create();
     if (message == nullptr)
         return nullptr;
-    if (!message->add(MessageItem::ArgumentKey_To, to) || !message->add(MessageItem::ArgumentKey_From, from)
-        || !message->add(MessageItem::ArgumentKey_Method, method)) {
+    if (!message->add(MessageItem::ArgumentKey_To, to) || !message->add(MessageItem::ArgumentKey_From, from) ||
+        !message->add(MessageItem::ArgumentKey_Method, method)) {
         MessageItem::release(message);
         return nullptr;
     }

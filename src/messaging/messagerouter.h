@@ -50,8 +50,8 @@ public:
     // What waitForInput did.
     enum InputWait {
         InputUnsupported = -1, // no input to wait for: the worker waits on its condition
-        InputDone = 0,         // input completed here, or woken: nothing left taken
-        InputTaken = 1         // timed out; the link's read stays taken until releaseInput
+        InputDone = 0, // input completed here, or woken: nothing left taken
+        InputTaken = 1 // timed out; the link's read stays taken until releaseInput
     };
     // Lets an idle router worker wait for the link's input itself, so that a
     // message arriving for this process is read and delivered on the worker

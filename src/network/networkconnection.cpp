@@ -61,8 +61,8 @@ bool NetworkRouterConnection::connect()
         Core::log(Core::LogError, "NetworkRouterConnection::connect() m_pSocket == NULL\n");
         return false;
     }
-    const unsigned char error =
-        own->connectAsync(m_remote, DataFrameHandler::onConnectedFunction, DataFrameHandler::onDisconnectFunction, this);
+    const unsigned char error = own->connectAsync(m_remote, DataFrameHandler::onConnectedFunction,
+                                                  DataFrameHandler::onDisconnectFunction, this);
     if (error != Socket::NoSocketError) {
         Core::log(Core::LogError, "NetworkRouterConnection::connect() Failed to do the connect() on the socket.\n");
         return false;
@@ -82,8 +82,9 @@ void NetworkRouterConnection::onConnected(Socket* socket)
     // connectTo listed the connection before starting the connect; adding it
     // here again could bring back one that a stop has already taken out.
     if (!recvData()) {
-        Core::log(Core::LogError,
-                  "NetworkRouterConnection::onConnected() Connected but failed to do recvData() on connection object\n");
+        Core::log(
+            Core::LogError,
+            "NetworkRouterConnection::onConnected() Connected but failed to do recvData() on connection object\n");
         return;
     }
     // The host-name command is a command frame, so it leaves ahead of the
@@ -137,11 +138,8 @@ void NetworkRouterConnection::doHandleCommand(unsigned char code, const std::str
         }
         enterInRoutingTable(name);
         break;
-    case CommandMessage::NetworkHostNameReply:
-        enterInRoutingTable(name);
-        break;
-    default:
-        break;
+    case CommandMessage::NetworkHostNameReply: enterInRoutingTable(name); break;
+    default: break;
     }
 }
 

@@ -57,8 +57,14 @@ void limitConnectTime(Socket* socket)
 
 NetworkRouterInterface::NetworkRouterInterface(INetworkRouter* router, const SocketAddress& local,
                                                const SocketAddress& broadcast, const SocketAddress& network)
-    : DataFrameServer(local), m_pNetworkRouter(router), m_broadcast(broadcast), m_network(network),
-      m_pDiscovery(nullptr), m_infoLength(0), m_local(local), m_discoveryStopping(false)
+    : DataFrameServer(local),
+      m_pNetworkRouter(router),
+      m_broadcast(broadcast),
+      m_network(network),
+      m_pDiscovery(nullptr),
+      m_infoLength(0),
+      m_local(local),
+      m_discoveryStopping(false)
 {
     std::memset(m_receiveBuffer, 0, sizeof(m_receiveBuffer));
     std::memset(m_infoBuffer, 0, sizeof(m_infoBuffer));
@@ -175,7 +181,8 @@ bool NetworkRouterInterface::discoveryStop()
 bool NetworkRouterInterface::messagingStart()
 {
     if (!DataFrameServer::start()) {
-        Core::log(Core::LogError, "NetworkRouterInterface::messagingStart() Failed to start DataFrameServer::start()\n");
+        Core::log(Core::LogError,
+                  "NetworkRouterInterface::messagingStart() Failed to start DataFrameServer::start()\n");
         return false;
     }
     return true;
@@ -372,9 +379,10 @@ bool NetworkRouterInterface::readHeader(DataObject& stream, unsigned length, Net
     if (info.trailer != DiscoveryTrailer)
         Core::log(Core::LogError, "NetworkRouterInterface::readHeader() Header is bad.\n");
     if (info.totalLength != length) {
-        Core::log(Core::LogError,
-                  "NetworkRouterInterface::readHeader() mismatch between size ( %d ) of data and embedded size ( %d ).\n",
-                  static_cast<int>(info.totalLength), static_cast<int>(length));
+        Core::log(
+            Core::LogError,
+            "NetworkRouterInterface::readHeader() mismatch between size ( %d ) of data and embedded size ( %d ).\n",
+            static_cast<int>(info.totalLength), static_cast<int>(length));
         return false;
     }
     return true;
@@ -406,8 +414,7 @@ void NetworkRouterInterface::handleIncomingInfo(const SocketAddress& source, con
     case ParseBadHeader:
         Core::log(Core::LogError, "NetworkRouterInterface::handleIncomingInfo() Unable to get header.\n");
         return;
-    case ParseOk:
-        break;
+    case ParseOk: break;
     }
     // Without an IPv4 stream address the host could never be connected to.
     if (!info.address.isIP4Address()) {
@@ -429,7 +436,8 @@ void NetworkRouterInterface::broadcast()
         return;
     const unsigned char error = m_pDiscovery->sendTo(m_broadcast, m_infoBuffer, m_infoLength);
     if (error != Socket::NoSocketError)
-        Core::log(Core::LogError, "NetworkRouterInterface::broadcast() m_pDiscovery=%p failed to do SentTo() Error:%d\n",
+        Core::log(Core::LogError,
+                  "NetworkRouterInterface::broadcast() m_pDiscovery=%p failed to do SentTo() Error:%d\n",
                   static_cast<void*>(m_pDiscovery), error);
 }
 

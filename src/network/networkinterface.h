@@ -69,9 +69,9 @@ public:
 
     // Why parseInfo refused a datagram.
     enum ParseResult {
-        ParseOk = 0,          // accepted (possibly with a wrong trailer)
-        ParseBadMagic = 1,    // the first two bytes are not the magic
-        ParseBadHeader = 2,   // a field runs past the end, or the length is wrong
+        ParseOk = 0, // accepted (possibly with a wrong trailer)
+        ParseBadMagic = 1, // the first two bytes are not the magic
+        ParseBadHeader = 2, // a field runs past the end, or the length is wrong
     };
 
     // A frame server on local; copies broadcast and network; no discovery socket.
@@ -121,8 +121,7 @@ public:
     // Sends the announcement to the broadcast address.
     void broadcast();
     // Checks one received datagram and reports the host it announces.
-    void handleIncomingInfo(const UlmarCommsSystem::SocketAddress& source, const unsigned char* bytes,
-                            unsigned length);
+    void handleIncomingInfo(const UlmarCommsSystem::SocketAddress& source, const unsigned char* bytes, unsigned length);
 
     // Writes an announcement (magic included) into buffer; false if it does
     // not fit. length receives the total length.

@@ -110,8 +110,7 @@ bool NetworkRouterRoutingTableEntry::post(unsigned char code, const char* text)
 }
 
 NetworkRouter::NetworkRouter()
-    : m_pSystemRouter(nullptr), m_networkWorkMode(0), m_inStealthMode(false), m_isMaster(false),
-      m_orderFlag(false)
+    : m_pSystemRouter(nullptr), m_networkWorkMode(0), m_inStealthMode(false), m_isMaster(false), m_orderFlag(false)
 {
 }
 
@@ -261,13 +260,12 @@ bool NetworkRouter::routingTableNewConnection(const std::string& hostName, Netwo
     if (id == 0)
         return false;
     for (NetworkRouterRoutingTableEntry* entry : m_routingTable) {
-        if (entry->m_hostId != id || entry->m_pInterface != interface
-            || !entry->m_address.match(connection->getRemoteAddress(), true))
+        if (entry->m_hostId != id || entry->m_pInterface != interface ||
+            !entry->m_address.match(connection->getRemoteAddress(), true))
             continue;
         if (entry->m_pConnection != nullptr && entry->m_pConnection != connection)
             Core::log(Core::LogWarning,
-                      "NetworkRouter::routingTableNewConnection() Already got a connection object for host '%d'\n",
-                      id);
+                      "NetworkRouter::routingTableNewConnection() Already got a connection object for host '%d'\n", id);
         entry->m_pConnection = connection;
         return true;
     }
@@ -325,8 +323,7 @@ std::vector<MessageItem*>* NetworkRouter::getWaitingQueue(const std::string& hos
     return nullptr;
 }
 
-bool NetworkRouter::withConnection(const std::string& host,
-                                   const std::function<bool(NetworkRouterConnection*)>& send)
+bool NetworkRouter::withConnection(const std::string& host, const std::function<bool(NetworkRouterConnection*)>& send)
 {
     {
         MutexLocker locker(m_lock);
@@ -392,8 +389,8 @@ bool NetworkRouter::post(const std::string& host, unsigned char code, const char
     return withConnection(host, [&](NetworkRouterConnection* connection) {
         if (connection->addToOutbound(code, text))
             return true;
-        Core::log(Core::LogError, "NetworkRouter::post( %d, '%s' ) Failed to queue the command for host '%s'\n",
-                  code, text != nullptr ? text : "", host.c_str());
+        Core::log(Core::LogError, "NetworkRouter::post( %d, '%s' ) Failed to queue the command for host '%s'\n", code,
+                  text != nullptr ? text : "", host.c_str());
         return false;
     });
 }
@@ -402,19 +399,17 @@ bool NetworkRouter::getHostsSupportingInterfaces(const char* from, const char* s
                                                  const char* match)
 {
     switch (m_networkWorkMode) {
-    case 0:
-        return peerToPeerGetHostsSupportingInterfaces(from, sender, interfaces, match);
+    case 0: return peerToPeerGetHostsSupportingInterfaces(from, sender, interfaces, match);
     case 1:
-    case 2:
-        return false;
+    case 2: return false;
     default:
         Core::log(Core::LogWarning, "NetworkRouter::getHostsSupportingInterfaces() Network work mode is unknown!\n");
         return false;
     }
 }
 
-bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, const char* sender,
-                                                           const char* interfaces, const char* match)
+bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
+                                                           const char* match)
 {
     // The targets are read under the lock and the copies posted without it:
     // the system router's thread holds its own locks while it hands messages
@@ -435,11 +430,11 @@ bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, con
         MessageRef item(MessageItem::create());
         if (!item)
             return false;
-        const bool built = item->add(MessageItem::ArgumentKey_To, to.c_str())
-                           && item->add(MessageItem::ArgumentKey_Method, "#AddressSupportingInterfaces")
-                           && addIfSet(item.get(), MessageItem::ArgumentKey_From, from)
-                           && addIfSet(item.get(), MessageItem::ArgumentKey_SenderId, sender)
-                           && addIfSet(item.get(), "inters", interfaces) && addIfSet(item.get(), "match", match);
+        const bool built = item->add(MessageItem::ArgumentKey_To, to.c_str()) &&
+            item->add(MessageItem::ArgumentKey_Method, "#AddressSupportingInterfaces") &&
+            addIfSet(item.get(), MessageItem::ArgumentKey_From, from) &&
+            addIfSet(item.get(), MessageItem::ArgumentKey_SenderId, sender) &&
+            addIfSet(item.get(), "inters", interfaces) && addIfSet(item.get(), "match", match);
         if (built)
             systemRouter->post(std::move(item));
     }
@@ -457,9 +452,9 @@ std::string NetworkRouter::getRoutingTable()
         text += entry->m_address.asString();
         text += ",";
         if (entry->m_pInterface != nullptr) {
-            text += entry->m_pInterface->getNetworkAddress().asString() + ","
-                    + entry->m_pInterface->getBroadcastAddress().asString() + ","
-                    + entry->m_pInterface->getLocalAddress().asString();
+            text += entry->m_pInterface->getNetworkAddress().asString() + "," +
+                entry->m_pInterface->getBroadcastAddress().asString() + "," +
+                entry->m_pInterface->getLocalAddress().asString();
         } else {
             text += ",,";
         }
@@ -489,8 +484,7 @@ void NetworkRouter::getCurrentNetworkInterfaces(std::ostream& out)
     for (size_t i = 0; i < m_interfaces.size(); ++i) {
         const NetworkRouterInterface* interface = m_interfaces[i];
         out << "interface" << i << "=" << interface->getNetworkAddress().asString() << ","
-            << interface->getBroadcastAddress().asString() << "," << interface->getLocalAddress().asString()
-            << "\n";
+            << interface->getBroadcastAddress().asString() << "," << interface->getLocalAddress().asString() << "\n";
     }
 }
 
@@ -500,7 +494,8 @@ bool NetworkRouter::buildNetworkInterfaces()
     if (core->getNumber("ulmar.networkrouter.ip4") == 0)
         return true;
     const std::string port = core->getString("ulmar.networkrouter.ip4.port");
-    const std::vector<SocketAddress> networks = wantedAddresses(core->getString("ulmar.networkrouter.ip4.networks"), port);
+    const std::vector<SocketAddress> networks =
+        wantedAddresses(core->getString("ulmar.networkrouter.ip4.networks"), port);
     const std::vector<SocketAddress> addresses =
         wantedAddresses(core->getString("ulmar.networkrouter.ip4.addresses"), port);
     const bool all = networks.empty() && addresses.empty();

@@ -9,12 +9,11 @@
 
 // glibc's assertion handler, declared here so that the abort below happens in
 // release builds too (<cassert> hides it under NDEBUG).
-extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
-                              const char* function) noexcept __attribute__((noreturn));
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line, const char* function) noexcept
+    __attribute__((noreturn));
 
 // The read-write mutex aborts with exactly this assertion text and file name.
-#define ULMAR_NOT_IMPLEMENTED() \
-    __assert_fail("false&&\"Not implemented!\"", "src/mutex", __LINE__, __func__)
+#define ULMAR_NOT_IMPLEMENTED() __assert_fail("false&&\"Not implemented!\"", "src/mutex", __LINE__, __func__)
 
 namespace UlmarCommsSystem {
 
@@ -31,11 +30,20 @@ Mutex::~Mutex()
     pthread_mutexattr_destroy(&m_attr);
 }
 
-int Mutex::lock() { return pthread_mutex_lock(&m_mutex); }
+int Mutex::lock()
+{
+    return pthread_mutex_lock(&m_mutex);
+}
 
-int Mutex::release() { return pthread_mutex_unlock(&m_mutex); }
+int Mutex::release()
+{
+    return pthread_mutex_unlock(&m_mutex);
+}
 
-bool Mutex::tryLock() { return pthread_mutex_trylock(&m_mutex) == 0; }
+bool Mutex::tryLock()
+{
+    return pthread_mutex_trylock(&m_mutex) == 0;
+}
 
 MutexLocker::MutexLocker(Mutex* mutex) : m_pMutex(mutex)
 {
@@ -183,23 +191,36 @@ bool ConditionValue::broadcast()
     return pthread_cond_broadcast(&m_cond) == 0;
 }
 
-ReadWriteMutex::ReadWriteMutex() { ULMAR_NOT_IMPLEMENTED(); }
-ReadWriteMutex::~ReadWriteMutex() { ULMAR_NOT_IMPLEMENTED(); }
-void ReadWriteMutex::lock(LockType) { ULMAR_NOT_IMPLEMENTED(); }
-void ReadWriteMutex::release() { ULMAR_NOT_IMPLEMENTED(); }
+ReadWriteMutex::ReadWriteMutex()
+{
+    ULMAR_NOT_IMPLEMENTED();
+}
+ReadWriteMutex::~ReadWriteMutex()
+{
+    ULMAR_NOT_IMPLEMENTED();
+}
+void ReadWriteMutex::lock(LockType)
+{
+    ULMAR_NOT_IMPLEMENTED();
+}
+void ReadWriteMutex::release()
+{
+    ULMAR_NOT_IMPLEMENTED();
+}
 
-ReadWriteMutexLocker::ReadWriteMutexLocker(ReadWriteMutex* mutex, ReadWriteMutex::LockType type)
-    : m_pMutex(mutex)
+ReadWriteMutexLocker::ReadWriteMutexLocker(ReadWriteMutex* mutex, ReadWriteMutex::LockType type) : m_pMutex(mutex)
 {
     m_pMutex->lock(type);
 }
 
-ReadWriteMutexLocker::ReadWriteMutexLocker(ReadWriteMutex& mutex, ReadWriteMutex::LockType type)
-    : m_pMutex(&mutex)
+ReadWriteMutexLocker::ReadWriteMutexLocker(ReadWriteMutex& mutex, ReadWriteMutex::LockType type) : m_pMutex(&mutex)
 {
     m_pMutex->lock(type);
 }
 
-ReadWriteMutexLocker::~ReadWriteMutexLocker() { m_pMutex->release(); }
+ReadWriteMutexLocker::~ReadWriteMutexLocker()
+{
+    m_pMutex->release();
+}
 
 } // namespace UlmarCommsSystem

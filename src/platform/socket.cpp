@@ -170,8 +170,8 @@ unsigned char Socket::connect(const SocketAddress& address, ConnectionCallback c
     }
     // The blocking connect runs without the lock; closing the socket from
     // another thread meanwhile is the owner's mistake.
-    if (handle == BadSocketValue
-        || ::connect(handle, address.getAddress(), SocketAddress::getAddressSizeOfSocketType(this)) != 0) {
+    if (handle == BadSocketValue ||
+        ::connect(handle, address.getAddress(), SocketAddress::getAddressSizeOfSocketType(this)) != 0) {
         const unsigned char code = handle == BadSocketValue ? SocketNotCreated : BSDSocketsErrorCode(errno);
         log(Core::LogError, "Socket::connect( '%s', %p, %p, %p ) this=%d Error on the connection Error:%d.\n",
             address.asString().c_str(), functionAsPointer(connected), functionAsPointer(disconnected), user,
@@ -201,8 +201,8 @@ unsigned char Socket::connectAsync(const SocketAddress& address, ConnectionCallb
         return SocketConnected;
     m_platform->connectStarted = true;
     SetNonBlocking(m_handle);
-    if (::connect(m_handle, address.getAddress(), SocketAddress::getAddressSizeOfSocketType(this)) != 0
-        && errno != EINPROGRESS) {
+    if (::connect(m_handle, address.getAddress(), SocketAddress::getAddressSizeOfSocketType(this)) != 0 &&
+        errno != EINPROGRESS) {
         const unsigned char code = BSDSocketsErrorCode(errno);
         log(Core::LogError, "Socket::connect( '%s', %p, %p, %p ) this=%d Error on the connection Error:%d.\n",
             address.asString().c_str(), functionAsPointer(connected), functionAsPointer(disconnected), user,
@@ -255,8 +255,7 @@ unsigned char Socket::setBroadcastMode(bool on)
     return goodAPICall(setsockopt(m_handle, SOL_SOCKET, SO_BROADCAST, &value, sizeof(value)));
 }
 
-void Socket::buildServerMode(ClientConnectCallback clientConnect, ClientDisconnectCallback clientDisconnect,
-                             void* user)
+void Socket::buildServerMode(ClientConnectCallback clientConnect, ClientDisconnectCallback clientDisconnect, void* user)
 {
     BSDSocketServiceMode* mode = new BSDSocketServiceMode();
     mode->clientConnect = clientConnect;
@@ -535,8 +534,7 @@ void Socket::onConnectedAction()
     {
         MutexLocker locker(m_platform->lock);
         if (m_handle == BadSocketValue) {
-            log(Core::LogWarning, "Socket::onConnectedAction() this=%p Socket handle bad.\n",
-                static_cast<void*>(this));
+            log(Core::LogWarning, "Socket::onConnectedAction() this=%p Socket handle bad.\n", static_cast<void*>(this));
             return;
         }
         connected = m_connected;
@@ -562,8 +560,8 @@ void Socket::onDisconnectAction(unsigned char code)
     std::shared_ptr<BSDSocketPlatformData> listenerRecord;
     {
         std::lock_guard<std::mutex> locker(registryLock);
-        if (m_pParent != nullptr && m_pParent->m_pServerMode != nullptr
-            && takeHoldLocked(m_pParent->m_platform.get())) {
+        if (m_pParent != nullptr && m_pParent->m_pServerMode != nullptr &&
+            takeHoldLocked(m_pParent->m_platform.get())) {
             listener = m_pParent;
             listenerRecord = listener->m_platform;
         }

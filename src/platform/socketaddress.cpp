@@ -17,7 +17,7 @@ namespace UlmarCommsSystem {
 
 namespace {
 
-const unsigned IP4AddressSize = sizeof(sockaddr_in);  // 16
+const unsigned IP4AddressSize = sizeof(sockaddr_in); // 16
 const unsigned IP6AddressSize = sizeof(sockaddr_in6); // 28
 const unsigned UNIXAddressSize = sizeof(sockaddr_un); // 110
 const unsigned BufferFormSize = 7;
@@ -84,9 +84,9 @@ bool SocketAddress::setIP4Address(const std::string& host, const std::string& po
         std::memset(&hints, 0, sizeof(hints));
         hints.ai_family = AF_INET;
         addrinfo* found = nullptr;
-        if (getaddrinfo(host.empty() ? nullptr : host.c_str(), port.empty() ? nullptr : port.c_str(), &hints,
-                        &found) != 0
-            || found == nullptr)
+        if (getaddrinfo(host.empty() ? nullptr : host.c_str(), port.empty() ? nullptr : port.c_str(), &hints, &found) !=
+                0 ||
+            found == nullptr)
             return false;
         clear();
         std::memcpy(&m_storage, found->ai_addr, IP4AddressSize);
@@ -108,9 +108,8 @@ bool SocketAddress::getIP4Address(std::string& host, std::string& port) const
     char scratch[2048];
     int lookupError = 0;
     if (gethostbyaddr_r(&ip4()->sin_addr, sizeof(in_addr), AF_INET, &entry, scratch, sizeof(scratch), &result,
-                        &lookupError)
-            != 0
-        || result == nullptr || result->h_name == nullptr)
+                        &lookupError) != 0 ||
+        result == nullptr || result->h_name == nullptr)
         return false;
     host = result->h_name;
     port = std::to_string(getPort());
@@ -248,14 +247,10 @@ unsigned SocketAddress::getAddressSizeOfSocketType(const Socket* socket)
     if (socket == nullptr)
         return 0;
     switch (socket->getFamily()) {
-    case AF_INET:
-        return IP4AddressSize;
-    case AF_INET6:
-        return IP6AddressSize;
-    case AF_UNIX:
-        return UNIXAddressSize;
-    default:
-        return 0;
+    case AF_INET: return IP4AddressSize;
+    case AF_INET6: return IP6AddressSize;
+    case AF_UNIX: return UNIXAddressSize;
+    default: return 0;
     }
 }
 
@@ -312,7 +307,9 @@ bool SocketAddress::fromBuffer(const unsigned char* buffer, unsigned size)
     return true;
 }
 
-NetworkInterface::NetworkInterface() : m_flags(0) {}
+NetworkInterface::NetworkInterface() : m_flags(0)
+{
+}
 
 void NetworkInterface::clear()
 {

@@ -18,45 +18,26 @@ unsigned char Socket::BSDSocketsErrorCode(int error)
 {
     log(Core::LogWarning, "Call to BSDSocketsErrorCode( %d )\n", error);
     switch (error) {
-    case EACCES:
-        return PermissionDenied;
-    case EFAULT:
-        return BadAddress;
-    case EMFILE:
-        return TooManyOpenFiles;
-    case ENONET:
-        return NoNetwork;
+    case EACCES: return PermissionDenied;
+    case EFAULT: return BadAddress;
+    case EMFILE: return TooManyOpenFiles;
+    case ENONET: return NoNetwork;
     case 76: // a second number for an address in use, kept on purpose
-    case EADDRINUSE:
-        return AddressAlreadyUsed;
-    case EMSGSIZE:
-        return MessageTooLong;
-    case EADDRNOTAVAIL:
-        return CantAssignAddress;
-    case ENETDOWN:
-        return NetworkDown;
-    case ENETUNREACH:
-        return NetworkUnreachable;
-    case ENETRESET:
-        return NetworkDownOnReset;
-    case ECONNABORTED:
-        return ConnectionAbort;
-    case ECONNRESET:
-        return ConnectionResetByPeer;
-    case EISCONN:
-        return SocketConnected;
-    case ESHUTDOWN:
-        return CannotSendAfterSocketShutdown;
-    case ETIMEDOUT:
-        return TimeOut;
-    case ECONNREFUSED:
-        return ConnectionRefused;
-    case EHOSTDOWN:
-        return HostIsDown;
-    case EHOSTUNREACH:
-        return NoRouteToHost;
-    default:
-        return UnknownError;
+    case EADDRINUSE: return AddressAlreadyUsed;
+    case EMSGSIZE: return MessageTooLong;
+    case EADDRNOTAVAIL: return CantAssignAddress;
+    case ENETDOWN: return NetworkDown;
+    case ENETUNREACH: return NetworkUnreachable;
+    case ENETRESET: return NetworkDownOnReset;
+    case ECONNABORTED: return ConnectionAbort;
+    case ECONNRESET: return ConnectionResetByPeer;
+    case EISCONN: return SocketConnected;
+    case ESHUTDOWN: return CannotSendAfterSocketShutdown;
+    case ETIMEDOUT: return TimeOut;
+    case ECONNREFUSED: return ConnectionRefused;
+    case EHOSTDOWN: return HostIsDown;
+    case EHOSTUNREACH: return NoRouteToHost;
+    default: return UnknownError;
     }
 }
 

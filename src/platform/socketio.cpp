@@ -133,8 +133,8 @@ unsigned Socket::trySend(const unsigned char* buffer, unsigned size)
         MutexLocker locker(m_platform->lock);
         // A posted send keeps its place: bytes never overtake it (the owner
         // posts sends and calls this under one lock of its own).
-        if (m_handle == BadSocketValue || m_platform->writeRequest.pending || m_platform->connecting
-            || m_platform->ended)
+        if (m_handle == BadSocketValue || m_platform->writeRequest.pending || m_platform->connecting ||
+            m_platform->ended)
             return 0;
         handle = m_platform->writeHandle >= 0 ? m_platform->writeHandle : m_handle;
         m_platform->beginTransfer();
@@ -178,8 +178,8 @@ unsigned char Socket::sendTo(const SocketAddress& address, unsigned char* buffer
         return SocketNotCreated;
     BSDSocketPlatformData::Request& request = m_platform->writeRequest;
     if (request.pending) {
-        log(Core::LogError, "Socket::sendTo( %p, %d ) this=%p epoll_ctl failed error:%d.\n",
-            static_cast<void*>(buffer), size, static_cast<void*>(this), EEXIST);
+        log(Core::LogError, "Socket::sendTo( %p, %d ) this=%p epoll_ctl failed error:%d.\n", static_cast<void*>(buffer),
+            size, static_cast<void*>(this), EEXIST);
         return UnknownError;
     }
     request.buffer = buffer;
@@ -189,8 +189,8 @@ unsigned char Socket::sendTo(const SocketAddress& address, unsigned char* buffer
     epoll_event event = makeEvent(EPOLLOUT | EPOLLERR | EPOLLET, token(true));
     if (epoll_ctl(selectorHandle.load(), EPOLL_CTL_ADD, m_platform->writeHandle, &event) != 0) {
         request.pending = false;
-        log(Core::LogError, "Socket::sendTo( %p, %d ) this=%p epoll_ctl failed error:%d.\n",
-            static_cast<void*>(buffer), size, static_cast<void*>(this), errno);
+        log(Core::LogError, "Socket::sendTo( %p, %d ) this=%p epoll_ctl failed error:%d.\n", static_cast<void*>(buffer),
+            size, static_cast<void*>(this), errno);
         return UnknownError;
     }
     return NoSocketError;

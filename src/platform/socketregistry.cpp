@@ -58,9 +58,13 @@ bool takeHoldLocked(BSDSocketPlatformData* record)
 // ---------------------------------------------------------------------------
 // Records and holds
 
-BSDSocketPlatformData::BSDSocketPlatformData(Socket* socket) : id(nextRecordId++), owner(socket) {}
+BSDSocketPlatformData::BSDSocketPlatformData(Socket* socket) : id(nextRecordId++), owner(socket)
+{
+}
 
-SocketHold::SocketHold(std::shared_ptr<BSDSocketPlatformData> record) : m_record(std::move(record)) {}
+SocketHold::SocketHold(std::shared_ptr<BSDSocketPlatformData> record) : m_record(std::move(record))
+{
+}
 
 SocketHold SocketHold::byId(uint64_t id)
 {
@@ -80,7 +84,9 @@ SocketHold::SocketHold(Socket* socket)
         m_record = socket->m_platform;
 }
 
-SocketHold::SocketHold(SocketHold&& other) noexcept : m_record(std::move(other.m_record)) {}
+SocketHold::SocketHold(SocketHold&& other) noexcept : m_record(std::move(other.m_record))
+{
+}
 
 SocketHold::~SocketHold()
 {
@@ -113,10 +119,21 @@ Socket* SocketHold::socket() const
 Socket::ServerMode::~ServerMode() = default;
 
 Socket::Socket()
-    : m_pParent(nullptr), m_handle(BadSocketValue), m_errorCallback(nullptr), m_pErrorUser(nullptr),
-      m_streamSent(nullptr), m_streamReceived(nullptr), m_datagramSent(nullptr), m_datagramReceived(nullptr),
-      m_pTransferUser(nullptr), m_connected(nullptr), m_disconnected(nullptr), m_pConnectionUser(nullptr),
-      m_platform(std::make_shared<BSDSocketPlatformData>(this)), m_pServerMode(nullptr), m_pUserData(nullptr)
+    : m_pParent(nullptr),
+      m_handle(BadSocketValue),
+      m_errorCallback(nullptr),
+      m_pErrorUser(nullptr),
+      m_streamSent(nullptr),
+      m_streamReceived(nullptr),
+      m_datagramSent(nullptr),
+      m_datagramReceived(nullptr),
+      m_pTransferUser(nullptr),
+      m_connected(nullptr),
+      m_disconnected(nullptr),
+      m_pConnectionUser(nullptr),
+      m_platform(std::make_shared<BSDSocketPlatformData>(this)),
+      m_pServerMode(nullptr),
+      m_pUserData(nullptr)
 {
     std::lock_guard<std::mutex> locker(registryLock);
     registry.emplace(m_platform->id, m_platform);

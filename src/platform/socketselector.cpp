@@ -51,8 +51,7 @@ void kickReaper()
 void drainReapWake(int handle)
 {
     uint64_t count = 0;
-    while (handle >= 0 && read(handle, &count, sizeof(count)) > 0) {
-    }
+    while (handle >= 0 && read(handle, &count, sizeof(count)) > 0) {}
 }
 
 } // namespace
@@ -292,7 +291,8 @@ void SocketSelectorWorker::processAccept(SocketHold& hold)
     const unsigned char code = listener->doAccept();
     if (code == Socket::NoSocketError)
         return;
-    Socket::log(Core::LogError, "SocketSelectorWorker::ProcessEvent( epoll ) this=%p pTheSocket->doAccept() Failed error:%d.\n",
+    Socket::log(Core::LogError,
+                "SocketSelectorWorker::ProcessEvent( epoll ) this=%p pTheSocket->doAccept() Failed error:%d.\n",
                 static_cast<void*>(this), code);
     endConnection(hold, code);
 }
@@ -305,8 +305,8 @@ void SocketSelectorWorker::rearmOneShotRead(SocketHold& hold)
     if (socket == nullptr)
         return;
     MutexLocker locker(hold.record()->lock);
-    if (socket->getType() != SOCK_STREAM || socket->m_pServerMode != nullptr || !hold.record()->readRequest.pending
-        || socket->m_handle == Socket::BadSocketValue)
+    if (socket->getType() != SOCK_STREAM || socket->m_pServerMode != nullptr || !hold.record()->readRequest.pending ||
+        socket->m_handle == Socket::BadSocketValue)
         return;
     epoll_event rearm{};
     rearm.events = EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT;
@@ -327,8 +327,9 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
         } else if ((events & EPOLLERR) != 0) {
             Socket::message("SocketSelectorWorker::ProcessEvent() Have other states for read socket EPOLLERR\n");
         } else {
-            Socket::message("SocketSelectorWorker::ProcessEvent() Have other states for read socket Unknown error: %d\n",
-                            static_cast<int>(events));
+            Socket::message(
+                "SocketSelectorWorker::ProcessEvent() Have other states for read socket Unknown error: %d\n",
+                static_cast<int>(events));
             endConnection(hold, Socket::UnknownError);
         }
         return;
@@ -420,9 +421,10 @@ void SocketSelectorWorker::processRead(SocketHold& hold, uint32_t events)
     if (datagram) {
         if (count < 0) {
             const unsigned char code = Socket::BSDSocketsErrorCode(error);
-            Socket::log(Core::LogError,
-                        "SocketSelectorWorker::ProcessEvent() Call in selector for recvfrom() which errored with %d [ %d ]\n",
-                        code, error);
+            Socket::log(
+                Core::LogError,
+                "SocketSelectorWorker::ProcessEvent() Call in selector for recvfrom() which errored with %d [ %d ]\n",
+                code, error);
             socket->errored(code);
             return;
         }
@@ -447,8 +449,8 @@ void SocketSelectorWorker::reportStreamRead(SocketHold& hold, Socket::StreamCall
         return;
     }
     if (count == 0) {
-        Socket::message("SocketSelectorWorker::ProcessEvent() this = %p recv other end shutdown socket = %p .\n",
-                        who, static_cast<void*>(socket));
+        Socket::message("SocketSelectorWorker::ProcessEvent() this = %p recv other end shutdown socket = %p .\n", who,
+                        static_cast<void*>(socket));
         endConnection(hold, Socket::NoSocketError);
         return;
     }
@@ -544,7 +546,8 @@ void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
     BSDSocketPlatformData* record = hold.record();
     if ((events & EPOLLOUT) == 0) {
         if ((events & EPOLLERR) == 0) {
-            Socket::log(Core::LogWarning, "SocketSelectorWorker::ProcessEvent() Have other operations on write handle.\n");
+            Socket::log(Core::LogWarning,
+                        "SocketSelectorWorker::ProcessEvent() Have other operations on write handle.\n");
             return;
         }
         {
@@ -620,7 +623,8 @@ void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
         if (count < 0) {
             const unsigned char code = Socket::BSDSocketsErrorCode(error);
             Socket::log(Core::LogError,
-                        "SocketSelectorWorker::ProcessEvent() Call in selector for sendto()\n->> which errored with %d [ %d ]\n",
+                        "SocketSelectorWorker::ProcessEvent() Call in selector for sendto()\n->> which errored with %d "
+                        "[ %d ]\n",
                         code, error);
             datagramSent(socket, destination, buffer, static_cast<unsigned>(-1), size, user, code);
             return;
@@ -630,8 +634,9 @@ void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
     }
     if (count < 0) {
         const unsigned char code = Socket::BSDSocketsErrorCode(error);
-        Socket::message("SocketSelectorWorker::ProcessEvent() this=%p Socket=%p disconnecting due to error Error=%d errno=%d\n",
-                        static_cast<void*>(this), static_cast<void*>(socket), code, error);
+        Socket::message(
+            "SocketSelectorWorker::ProcessEvent() this=%p Socket=%p disconnecting due to error Error=%d errno=%d\n",
+            static_cast<void*>(this), static_cast<void*>(socket), code, error);
         endConnection(hold, code);
         return;
     }

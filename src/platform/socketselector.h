@@ -72,8 +72,8 @@ private:
     static void endConnection(SocketHold& hold, unsigned char code);
     // Reports a stream receive of count bytes (error: its errno) to the
     // socket's owner; who is the completing object, for the log.
-    static void reportStreamRead(SocketHold& hold, Socket::StreamCallback received, void* user,
-                                 unsigned char* buffer, unsigned size, ssize_t count, int error, const void* who);
+    static void reportStreamRead(SocketHold& hold, Socket::StreamCallback received, void* user, unsigned char* buffer,
+                                 unsigned size, ssize_t count, int error, const void* who);
     // Waits and completes until stopped; runs the timers when captured.
     void loop(int maxEvents, int timeout, bool timers);
 

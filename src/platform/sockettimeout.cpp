@@ -42,7 +42,12 @@ void* asPointer(SocketTimeout::Callback callback)
 } // namespace
 
 SocketTimeout::SocketTimeout()
-    : m_nextCheck(0), m_interval(1000), m_capturedThread(0), m_free(nullptr), m_active(nullptr), m_pending(nullptr),
+    : m_nextCheck(0),
+      m_interval(1000),
+      m_capturedThread(0),
+      m_free(nullptr),
+      m_active(nullptr),
+      m_pending(nullptr),
       m_handling(false)
 {
 }

@@ -13,7 +13,9 @@ using UlmarComms::Core;
 
 namespace UlmarCommsSystem {
 
-Thread::Thread() : m_running(false), m_thread(), m_started(false) {}
+Thread::Thread() : m_running(false), m_thread(), m_started(false)
+{
+}
 
 Thread::~Thread() = default;
 
@@ -69,8 +71,7 @@ unsigned Thread::tick()
 // sanitizer's null-reference check would report on every kill(), so the check
 // is off here. __cxa_current_exception_type() cannot spot the unwind: for a
 // foreign exception it reads memory before the unwind header.
-__attribute__((no_sanitize("null")))
-void* Thread::runnerPThreads(void* object)
+__attribute__((no_sanitize("null"))) void* Thread::runnerPThreads(void* object)
 {
     Thread* self = static_cast<Thread*>(object);
     try {
@@ -85,8 +86,7 @@ void* Thread::runnerPThreads(void* object)
         throw;
     } catch (...) {
         Core::log(Core::LogError,
-                  "Thread::RunnerPThreads() Unhandled exception raided in run() function of Thread=%d\n",
-                  threadId());
+                  "Thread::RunnerPThreads() Unhandled exception raided in run() function of Thread=%d\n", threadId());
         self->m_running = false;
         return nullptr;
     }

@@ -337,8 +337,7 @@ void RuntimeSupport::closeServiceLinks()
 MessagePump* RuntimeSupport::ulmarCommsCreateMessagePump(const char* name, void* context,
                                                          UlmarCommsMessageCallback messageCallback,
                                                          UlmarCommsResponseCallback responseCallback,
-                                                         UlmarCommsErrorCallback errorCallback,
-                                                         const char* interfaces)
+                                                         UlmarCommsErrorCallback errorCallback, const char* interfaces)
 {
     if (m_pMessageRouter == nullptr)
         return nullptr;
@@ -369,8 +368,7 @@ int RuntimeSupport::ulmarCommsDestroyMessagePump(MessagePump* pump)
     }
 }
 
-MessageItem* RuntimeSupport::ulmarCommsCreateReplyMessage(MessagePump* pump, MessageItem* request,
-                                                          const char* response)
+MessageItem* RuntimeSupport::ulmarCommsCreateReplyMessage(MessagePump* pump, MessageItem* request, const char* response)
 {
     return pump->createReplyMessage(request, response);
 }

@@ -65,8 +65,7 @@ public:
     UlmarComms::MessagePump* ulmarCommsCreateMessagePump(const char* name, void* context,
                                                          UlmarCommsMessageCallback messageCallback,
                                                          UlmarCommsResponseCallback responseCallback,
-                                                         UlmarCommsErrorCallback errorCallback,
-                                                         const char* interfaces);
+                                                         UlmarCommsErrorCallback errorCallback, const char* interfaces);
     // Removes a pump from the router and deletes it; 0, 2 or 7.
     int ulmarCommsDestroyMessagePump(UlmarComms::MessagePump* pump);
     // Builds a reply to request.

@@ -59,9 +59,8 @@ bool SystemRouterMessagePump::doRegister(ISystemRouter* router)
         std::lock_guard<std::mutex> lock(m_registerLock);
         m_registering = true;
     }
-    MessagePump* pump = runtime->ulmarCommsCreateMessagePump(PumpName, this, &onMessageCallback,
-                                                             &onMessageResponseCallback, &onErrorCallback,
-                                                             InterfaceName);
+    MessagePump* pump = runtime->ulmarCommsCreateMessagePump(
+        PumpName, this, &onMessageCallback, &onMessageResponseCallback, &onErrorCallback, InterfaceName);
     finishRegistering(pump);
     return pump != nullptr;
 }
@@ -114,9 +113,13 @@ void SystemRouterMessagePump::onErrorCallback(void* context, unsigned int respon
     static_cast<SystemRouterMessagePump*>(context)->onError(responseId, errorCode);
 }
 
-void SystemRouterMessagePump::onMessageResponse(unsigned int, void*) {}
+void SystemRouterMessagePump::onMessageResponse(unsigned int, void*)
+{
+}
 
-void SystemRouterMessagePump::onError(unsigned int, int) {}
+void SystemRouterMessagePump::onError(unsigned int, int)
+{
+}
 
 void SystemRouterMessagePump::onMessage(void* message, const char* to, const char* method)
 {
@@ -142,7 +145,8 @@ void SystemRouterMessagePump::onMessage(void* message, const char* to, const cha
     if (answer != nullptr) {
         // The pump takes the reply whatever the result.
         if (runtime->ulmarCommsPostMessage(static_cast<MessagePump*>(pump()), MessageRef(asMessage(answer))) != 0)
-            Core::log(Core::LogWarning, "SystemRouterMessagePump::OnMessage() Failed to post the replay to method='%s'\n",
+            Core::log(Core::LogWarning,
+                      "SystemRouterMessagePump::OnMessage() Failed to post the replay to method='%s'\n",
                       methodText.c_str());
         return;
     }
@@ -155,13 +159,11 @@ void SystemRouterMessagePump::onMessage(void* message, const char* to, const cha
 
 void* SystemRouterMessagePump::reply(RuntimeSupport* runtime, void* request, const std::string& text)
 {
-    return runtime->ulmarCommsCreateReplyMessage(static_cast<MessagePump*>(pump()), asMessage(request),
-                                                 text.c_str());
+    return runtime->ulmarCommsCreateReplyMessage(static_cast<MessagePump*>(pump()), asMessage(request), text.c_str());
 }
 
-void* SystemRouterMessagePump::onMessageProcessSystemRouter(RuntimeSupport* runtime, void* message,
-                                                            const std::string&, const std::string& method,
-                                                            bool& handled)
+void* SystemRouterMessagePump::onMessageProcessSystemRouter(RuntimeSupport* runtime, void* message, const std::string&,
+                                                            const std::string& method, bool& handled)
 {
     handled = true;
     UlmarCommsService::SystemRouter* router = realRouter(m_pSystemRouter);
@@ -185,8 +187,8 @@ void* SystemRouterMessagePump::onMessageProcessSystemRouter(RuntimeSupport* runt
     if (method == "AddressSupportsInterface") {
         const char* interface = argument(message, "interface");
         const char* address = argument(message, "address");
-        const bool supports =
-            interface != nullptr && address != nullptr && router->interfaceDoesAddressSupport(Address(address), interface);
+        const bool supports = interface != nullptr && address != nullptr &&
+            router->interfaceDoesAddressSupport(Address(address), interface);
         return reply(runtime, message, supports ? "true" : "false");
     }
     if (method == "#AddressSupportingInterfaces") {
@@ -198,7 +200,8 @@ void* SystemRouterMessagePump::onMessageProcessSystemRouter(RuntimeSupport* runt
         const char* match = argument(message, "match");
         std::vector<std::string> names;
         splitOn(interfaces, ",", names);
-        return reply(runtime, message, router->getAddressesSupportingInterfaces(names, match != nullptr && match[0] != '0'));
+        return reply(runtime, message,
+                     router->getAddressesSupportingInterfaces(names, match != nullptr && match[0] != '0'));
     }
     if (method == "SystemInfo")
         return reply(runtime, message, getSystemInformation());
@@ -212,9 +215,8 @@ void* SystemRouterMessagePump::onMessageProcessSystemRouter(RuntimeSupport* runt
     return nullptr;
 }
 
-void* SystemRouterMessagePump::onMessageProcessNetworkRouter(RuntimeSupport* runtime, void* message,
-                                                             const std::string&, const std::string& method,
-                                                             bool& handled)
+void* SystemRouterMessagePump::onMessageProcessNetworkRouter(RuntimeSupport* runtime, void* message, const std::string&,
+                                                             const std::string& method, bool& handled)
 {
     UlmarCommsService::SystemRouter* router = realRouter(m_pSystemRouter);
     INetworkRouter* network = router != nullptr ? router->networkRouter() : nullptr;
@@ -274,7 +276,8 @@ std::string SystemRouterMessagePump::readUlmarCommsSettings(const std::string& k
 std::string SystemRouterMessagePump::getSystemInformation()
 {
     std::ostringstream text;
-    text << "name=" << Core::instance()->getHostName() << "\n" << "os=linux\n";
+    text << "name=" << Core::instance()->getHostName() << "\n"
+         << "os=linux\n";
     UlmarCommsService::SystemRouter* router = realRouter(m_pSystemRouter);
     auto* network = router != nullptr ? dynamic_cast<NetworkRouter*>(router->networkRouter()) : nullptr;
     if (network != nullptr)

@@ -41,8 +41,7 @@ struct PostDepthGuard {
 
 } // namespace
 
-SystemRouter::SystemRouter()
-    : m_pSystemRouterMessagePump(nullptr), m_pNetworkRouter(nullptr), m_running(false)
+SystemRouter::SystemRouter() : m_pSystemRouterMessagePump(nullptr), m_pNetworkRouter(nullptr), m_running(false)
 {
 }
 
@@ -160,17 +159,10 @@ void SystemRouter::handleCommand(IMessageRouter* from, unsigned char command, co
     if (text == nullptr)
         return;
     switch (command) {
-    case CommandMessage::AddMessagePump:
-        add(from, text);
-        break;
-    case CommandMessage::RemoveMessagePump:
-        remove(from, text);
-        break;
-    case CommandMessage::AddInterfaceNamesToMessagePump:
-        replaceInterfaces(text);
-        break;
-    default:
-        break;
+    case CommandMessage::AddMessagePump: add(from, text); break;
+    case CommandMessage::RemoveMessagePump: remove(from, text); break;
+    case CommandMessage::AddInterfaceNamesToMessagePump: replaceInterfaces(text); break;
+    default: break;
     }
 }
 
@@ -341,14 +333,14 @@ void SystemRouter::rejectMessage(UlmarComms::MessageRef message, const char* to,
         senderKnown = find(sender) != nullptr;
     }
     if (senderKnown) {
-        Core::message("SystemRouter::ProcessMessage( %p ) Unable to send back an error message as return address no longer exists.\n",
+        Core::message("SystemRouter::ProcessMessage( %p ) Unable to send back an error message as return address no "
+                      "longer exists.\n",
                       shown);
         return;
     }
     UlmarComms::MessageRef reply(Core::instance()->errorOut(message.get(), 400));
     if (!reply) {
-        Core::log(Core::LogError, "SystemRouter::ProcessMessage( %p ) Unable to create return error message.\n",
-                  shown);
+        Core::log(Core::LogError, "SystemRouter::ProcessMessage( %p ) Unable to create return error message.\n", shown);
         return;
     }
     if (!post(std::move(reply)))

@@ -5,8 +5,8 @@
 #include "ulmarcomms.h"
 
 #include "core/core.h"
-#include "runtime/runtimesupport.h"
 #include "platform/socket.h"
+#include "runtime/runtimesupport.h"
 #include "support/logcapture.h"
 
 #include <gtest/gtest.h>
@@ -37,16 +37,15 @@ protected:
         for (const auto& [key, value] : m_strings)
             Core::instance()->overrideSetting(key, value);
     }
-    static std::string lonelyPipe()
-    {
-        return "ulmar.systemrouter.pipe.name=capi_nobody_" + std::to_string(getpid());
-    }
+    static std::string lonelyPipe() { return "ulmar.systemrouter.pipe.name=capi_nobody_" + std::to_string(getpid()); }
 
     std::map<std::string, int> m_numbers;
     std::map<std::string, std::string> m_strings;
 };
 
-void noMessage(void*, void*, const char*, const char*) {}
+void noMessage(void*, void*, const char*, const char*)
+{
+}
 
 TEST_F(CInterface, EverythingAnswersNotStarted)
 {

@@ -246,9 +246,8 @@ TEST_F(CppLayerOnBus, RepliesErrorsAndEventsTravelThroughStdFunctionHandlers)
     ASSERT_TRUE(clientPump->post(std::move(request)).ok());
     EXPECT_FALSE(request) << "a posted message belongs to the library";
     ASSERT_TRUE(client.box.waitFor([&] { return !client.responses.empty(); }));
-    client.box.read([&] {
-        EXPECT_EQ(client.responses.front(), std::make_pair(static_cast<unsigned>(id), std::string("hi!")));
-    });
+    client.box.read(
+        [&] { EXPECT_EQ(client.responses.front(), std::make_pair(static_cast<unsigned>(id), std::string("hi!"))); });
     serverBox.read([&] { EXPECT_EQ(seenTo, std::string(server->address())); });
 
     // An error reply reaches the error handler only.
@@ -262,8 +261,8 @@ TEST_F(CppLayerOnBus, RepliesErrorsAndEventsTravelThroughStdFunctionHandlers)
     });
 
     // Events reach a registered listener; a removed event makes no message.
-    ASSERT_TRUE(clientPump->post(clientPump->createEventRegistrationMessage("OnTick", server->address(), "tick", true))
-                    .ok());
+    ASSERT_TRUE(
+        clientPump->post(clientPump->createEventRegistrationMessage("OnTick", server->address(), "tick", true)).ok());
     ASSERT_TRUE(client.box.waitFor([&] { return client.responses.size() == 2; }));
     client.box.read([&] { EXPECT_EQ(client.responses.back().second, "y"); });
     ASSERT_TRUE(server->post(server->createEventMessage("tick").with("v", "42")).ok());

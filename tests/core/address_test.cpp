@@ -48,7 +48,9 @@ TEST_F(AddressTest, TextsParseIntoHostAndPathAndPrintBack)
         {"@//system/", "alpha", {"system"}, "alpha@system"},
         {"beta@///", "beta", {}, "beta@"},
         {"h@a@b/c", "h", {"a@b", "c"}, "h@a@b/c"}, // only the first @ separates
-        {"beta@quendrelis.ulmar.comms.system", "beta", {"quendrelis.ulmar.comms.system"},
+        {"beta@quendrelis.ulmar.comms.system",
+         "beta",
+         {"quendrelis.ulmar.comms.system"},
          "beta@quendrelis.ulmar.comms.system"}, // dots never split
         {"localhost@a", "localhost", {"a"}, "localhost@a"}, // kept until setHost()
     };
@@ -85,9 +87,10 @@ TEST_F(AddressTest, SetReplacesThePathAndTheHostOnlyWhenGiven)
 
 TEST_F(AddressTest, SetHostReplacesOnlyEmptyOrExactLocalhost)
 {
-    for (const auto& [text, host] : std::vector<std::pair<const char*, const char*>>{
-             {"localhost@a", "alpha"}, {"beta@a", "beta"}, {"LocalHost@a", "LocalHost"},
-             {"localhost2@a", "localhost2"}}) {
+    for (const auto& [text, host] : std::vector<std::pair<const char*, const char*>>{{"localhost@a", "alpha"},
+                                                                                     {"beta@a", "beta"},
+                                                                                     {"LocalHost@a", "LocalHost"},
+                                                                                     {"localhost2@a", "localhost2"}}) {
         Address address(text);
         address.setHost();
         EXPECT_EQ(address.host(), host) << text;
@@ -149,11 +152,20 @@ TEST_F(AddressTest, MatchIsACaseInsensitivePrefixTestOfPathsScoringCommonNames)
         int score; // -1: no match, and the score is left alone
     };
     const std::vector<Case> cases = {
-        {"A/b", "a/B/c", 2},   {"a/B/c", "A/b", 2}, // a prefix in either direction
-        {"x", "x", 1},         {"x", "x/y", 1},     {"x", "x/y/z", 1}, {"x/y", "x", 1},
-        {"beta@", "a/b", 0},   {"a/b", "beta@", 0}, {"beta@", "gamma@", 0}, // empty paths
-        {"beta@svc/echo", "gamma@SVC/Echo", 2},                              // hosts do not count
-        {"a/b", "a/c", -1},    {"ab", "a", -1},     {"a", "ab", -1},   {"b/a", "a/a", -1},
+        {"A/b", "a/B/c", 2},
+        {"a/B/c", "A/b", 2}, // a prefix in either direction
+        {"x", "x", 1},
+        {"x", "x/y", 1},
+        {"x", "x/y/z", 1},
+        {"x/y", "x", 1},
+        {"beta@", "a/b", 0},
+        {"a/b", "beta@", 0},
+        {"beta@", "gamma@", 0}, // empty paths
+        {"beta@svc/echo", "gamma@SVC/Echo", 2}, // hosts do not count
+        {"a/b", "a/c", -1},
+        {"ab", "a", -1},
+        {"a", "ab", -1},
+        {"b/a", "a/a", -1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.left) + " ~ " + c.right);

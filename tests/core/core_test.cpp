@@ -28,7 +28,10 @@ using UlmarCommsTest::ScopedHostName;
 
 namespace {
 
-Core* core() { return Core::instance(); }
+Core* core()
+{
+    return Core::instance();
+}
 
 std::string pointerText(const void* pointer)
 {
@@ -65,12 +68,9 @@ TEST(CoreSettings, TableHoldsTheTwentyFiveDefaults)
         {"ulmar.networkrouter.ip6", 0},
     };
     const std::vector<std::pair<const char*, const char*>> texts = {
-        {"ulmar.systemrouter.ip4.port", "13001"},
-        {"ulmar.systemrouter.ip4.addresses", "127.0.0.1"},
-        {"ulmar.systemrouter.pipe.name", "ulmarcomms"},
-        {"ulmar.networkrouter.ip4.networks", "*"},
-        {"ulmar.networkrouter.ip4.addresses", "*"},
-        {"ulmar.networkrouter.ip4.port", "34001"},
+        {"ulmar.systemrouter.ip4.port", "13001"},       {"ulmar.systemrouter.ip4.addresses", "127.0.0.1"},
+        {"ulmar.systemrouter.pipe.name", "ulmarcomms"}, {"ulmar.networkrouter.ip4.networks", "*"},
+        {"ulmar.networkrouter.ip4.addresses", "*"},     {"ulmar.networkrouter.ip4.port", "34001"},
     };
     ASSERT_EQ(numbers.size() + texts.size(), 25u);
     for (const auto& [key, value] : numbers) {
@@ -134,8 +134,7 @@ TEST(CoreLogging, TheLevelGatesEachCallAndLinesKeepTheirOwnLevel)
         {Core::LogWarning, {Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
         {Core::LogError, {Core::LogError, Core::LogFatal, 7}},
         {Core::LogMessage, {Core::LogMessage, Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
-        {Core::LogVerbose,
-         {Core::LogVerbose, Core::LogMessage, Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
+        {Core::LogVerbose, {Core::LogVerbose, Core::LogMessage, Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.threshold);
@@ -166,13 +165,13 @@ TEST(CoreLogging, LoggerGetsTheFormatUnchangedAndTheArguments)
     LogCapture capture(Core::LogVerbose);
     static const char format[] = "CoreTest::args( %p ) n=%d u=%u s='%s' c=%c d=%.3f big=%lld\n";
     int object = 0;
-    Core::log(Core::LogWarning, format, static_cast<void*>(&object), -12, 4000000000u, "text", 'x', 2.5,
-              -9000000000LL);
+    Core::log(Core::LogWarning, format, static_cast<void*>(&object), -12, 4000000000u, "text", 'x', 2.5, -9000000000LL);
     const auto lines = capture.lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].format, format) << "the very format pointer, not a copy or a formatted text";
-    EXPECT_EQ(lines[0].text, "CoreTest::args( " + pointerText(&object)
-                                 + " ) n=-12 u=4000000000 s='text' c=x d=2.500 big=-9000000000\n");
+    EXPECT_EQ(lines[0].text,
+              "CoreTest::args( " + pointerText(&object) +
+                  " ) n=-12 u=4000000000 s='text' c=x d=2.500 big=-9000000000\n");
 }
 
 namespace {
@@ -259,8 +258,12 @@ TEST(CoreErrorOut, BuildsTheReplyPairsInOrderWithTheCodeInDecimal)
         bool withTo;
         int code;
         const char* text;
-    } cases[] = {{true, 400, "400"},         {false, 400, "400"},         {true, 0, "0"},
-                 {true, -5, "-5"},           {true, INT_MIN, "-2147483648"}, {true, INT_MAX, "2147483647"}};
+    } cases[] = {{true, 400, "400"},
+                 {false, 400, "400"},
+                 {true, 0, "0"},
+                 {true, -5, "-5"},
+                 {true, INT_MIN, "-2147483648"},
+                 {true, INT_MAX, "2147483647"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text + std::string(c.withTo ? " with _t" : " without _t"));
         MessageItem* failed = failedMessage(c.withTo, true, true);
@@ -289,8 +292,8 @@ TEST(CoreErrorOut, WithoutFromOrSenderIdReturnsNullLeavesTheMessageAndLogsOnce)
         bool withSenderId;
         const char* what;
     };
-    for (const Case& c : {Case{false, true, "No From."}, Case{true, false, "No SenderId."},
-                          Case{false, false, "No From."}}) {
+    for (const Case& c :
+         {Case{false, true, "No From."}, Case{true, false, "No SenderId."}, Case{false, false, "No From."}}) {
         SCOPED_TRACE(c.what);
         LogCapture capture(Core::LogWarning);
         MessageItem* failed = failedMessage(true, c.withFrom, c.withSenderId);

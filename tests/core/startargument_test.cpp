@@ -58,13 +58,13 @@ TEST_F(StartArgument, OverridesNumbersAndTextsWithBlanksTrimmedAndEqualsSignsInV
 TEST_F(StartArgument, RefusedItemOrKeyNotInTheTableChangesNothingAtAll)
 {
     const char* refused[] = {
-        "ulmar.networkrouter=1;no.such.key=3",        // unknown key
-        "ulmar.networkrouter=1;ulmar.networkrouter",  // item without '='
-        "ulmar.networkrouter=yes",                    // not a number
-        "ulmar.networkrouter=1x",                     // trailing garbage
-        "ulmar.networkrouter=",                       // empty number
-        "ulmar.networkrouter=99999999999",            // out of range
-        "Ulmar.NetworkRouter=1",                      // keys are case-sensitive
+        "ulmar.networkrouter=1;no.such.key=3", // unknown key
+        "ulmar.networkrouter=1;ulmar.networkrouter", // item without '='
+        "ulmar.networkrouter=yes", // not a number
+        "ulmar.networkrouter=1x", // trailing garbage
+        "ulmar.networkrouter=", // empty number
+        "ulmar.networkrouter=99999999999", // out of range
+        "Ulmar.NetworkRouter=1", // keys are case-sensitive
     };
     for (const char* arg : refused) {
         EXPECT_FALSE(core()->applyStartArgument(arg)) << arg;

@@ -148,14 +148,14 @@ TEST(DataFrameWire, CommandAndMessageFramesAndHeadersAreByteExact)
     DataFrame command(3, 7, "ab");
     EXPECT_EQ(command.frameType(), DataFrame::FrameTypeCommand);
     EXPECT_EQ(command.dataSize(), 8u);
-    EXPECT_EQ(wireBytes(command), (Bytes{0x02, 0x00, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00, 0x03,
-                                         0x07, 0x00, 0x00, 0x00, 0x03, 0x61, 0x62, 0x00}));
+    EXPECT_EQ(
+        wireBytes(command),
+        (Bytes{0x02, 0x00, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00, 0x03, 0x07, 0x00, 0x00, 0x00, 0x03, 0x61, 0x62, 0x00}));
 
     MessagePtr item = makeMessage({{"a", "bc"}});
     DataFrame message(0x01020304, item.get());
-    EXPECT_EQ(wireBytes(message), (Bytes{0x01, 0x00, 0x00, 0x00, 0x11, 0x01, 0x02, 0x03, 0x04,
-                                         0xA4, 0x00, 0x00, 0x00, 0x11, 0x01, 0x02, 0x00, 0x00,
-                                         0x00, 0x03, 0x61, 0x00, 0x62, 0x63, 0x00, 0x8B}))
+    EXPECT_EQ(wireBytes(message), (Bytes{0x01, 0x00, 0x00, 0x00, 0x11, 0x01, 0x02, 0x03, 0x04, 0xA4, 0x00, 0x00, 0x00,
+                                         0x11, 0x01, 0x02, 0x00, 0x00, 0x00, 0x03, 0x61, 0x00, 0x62, 0x63, 0x00, 0x8B}))
         << "a message frame carries the packet form";
     EXPECT_EQ(message.id(), 0x01020304u);
 
@@ -233,9 +233,9 @@ TEST_F(DataFrameLogTest, NullTextOrMessageFailsWithItsLogLineButEmptyTextWorks)
     EXPECT_FALSE(failed.insertCommand(1, 2, nullptr));
     EXPECT_EQ(failed.frameType(), DataFrame::FrameTypeNone);
     EXPECT_FALSE(failed.insertMessage(5, nullptr));
-    EXPECT_EQ(formats(), (std::vector<std::string>{
-                             "DataFrame::insertCommand( %d, %d, %s )Failed to write command into buffer.\n",
-                             "DataFrame::Set( %d, %p ) Message is NULL.\n"}));
+    EXPECT_EQ(formats(),
+              (std::vector<std::string>{"DataFrame::insertCommand( %d, %d, %s )Failed to write command into buffer.\n",
+                                        "DataFrame::Set( %d, %p ) Message is NULL.\n"}));
 
     DataFrame empty;
     ASSERT_TRUE(empty.insertCommand(1, 2, ""));
@@ -386,9 +386,7 @@ TEST(DataFrameReceive, AHeaderOfTypeNoneDoesNotDerailTheStream)
 TEST(DataFrameReceive, RandomFramesReassembleFromRandomPieces)
 {
     std::mt19937 random(20240611);
-    auto pick = [&](unsigned low, unsigned high) {
-        return std::uniform_int_distribution<unsigned>(low, high)(random);
-    };
+    auto pick = [&](unsigned low, unsigned high) { return std::uniform_int_distribution<unsigned>(low, high)(random); };
     auto text = [&](unsigned length) {
         std::string out;
         for (unsigned i = 0; i < length; ++i)

@@ -168,8 +168,14 @@ public:
     {
         record("command:" + std::string(text.c_str()), [&] { m_commands.emplace_back(code, text); });
     }
-    void onConnected(Socket*) override { record("connected", [] {}); }
-    void onDisconnect(Socket*) override { record("disconnect", [] {}); }
+    void onConnected(Socket*) override
+    {
+        record("connected", [] {});
+    }
+    void onDisconnect(Socket*) override
+    {
+        record("disconnect", [] {});
+    }
     void onError(Socket* socket, unsigned char error) override
     {
         // The clean-up first, so that a test that sees the error sees it done.
@@ -670,7 +676,8 @@ TEST_F(FrameLinkTest, ABlocksMessagesForOtherLinksLeaveWhenTheBlockEnds)
     ASSERT_TRUE(sink.readExactly(expected.size(), received));
     EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
     std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(waiting, (std::vector<unsigned>{1, 2, 0, 1, 2})) << "messages wait for the block's end; a command does not";
+    EXPECT_EQ(waiting, (std::vector<unsigned>{1, 2, 0, 1, 2}))
+        << "messages wait for the block's end; a command does not";
     Bytes none;
     EXPECT_FALSE(gone.readExactly(1, none)) << "a link deleted during the block is never written";
 }
@@ -717,10 +724,10 @@ TEST_F(FrameLinkTest, FramesThatCannotBeDecodedAreDroppedAndTheLinkGoesOn)
 
     MessageItem* after = makeMessage("after", 5);
     const Bytes textPastRecord{1, 0, 0, 0, 100, 'a', 'b', 'c', 'd', 0};
-    ASSERT_TRUE(peer.sendAll(rawFrame(7, 3, 1, {1, 2, 3}) + rawFrame(9, 0, 2, {})
-                             + rawFrame(DataFrame::FrameTypeMessage, 6, 3, {0xA4, 9, 9, 9, 9, 9})
-                             + rawFrame(DataFrame::FrameTypeCommand, 10, 4, textPastRecord)
-                             + commandFrame(5, 3, "kept") + messageFrame(6, after)));
+    ASSERT_TRUE(peer.sendAll(rawFrame(7, 3, 1, {1, 2, 3}) + rawFrame(9, 0, 2, {}) +
+                             rawFrame(DataFrame::FrameTypeMessage, 6, 3, {0xA4, 9, 9, 9, 9, 9}) +
+                             rawFrame(DataFrame::FrameTypeCommand, 10, 4, textPastRecord) + commandFrame(5, 3, "kept") +
+                             messageFrame(6, after)));
     ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 1; }, kDeadline));
     EXPECT_EQ(accepted->events(), (std::vector<std::string>{"command:kept", "message:after"}));
     EXPECT_EQ(log.count("frame is Unknown!"), 2u);

@@ -23,9 +23,9 @@ TEST(DataObject, EveryTypeIsWrittenBigEndianAndRoundTripsWithItsSign)
 {
     unsigned char buffer[64] = {};
     DataObject out(buffer, sizeof buffer, DataObject::ModeWrite);
-    out << static_cast<signed char>(-5) << static_cast<unsigned char>(250)
-        << static_cast<short>(-12345) << static_cast<unsigned short>(54321) << int(-123456789)
-        << 4000000000u << -1234567890123ll << 18000000000000000000ull;
+    out << static_cast<signed char>(-5) << static_cast<unsigned char>(250) << static_cast<short>(-12345)
+        << static_cast<unsigned short>(54321) << int(-123456789) << 4000000000u << -1234567890123ll
+        << 18000000000000000000ull;
     ASSERT_TRUE(out.isValid());
     ASSERT_EQ(out.size(), 30u);
     const std::vector<unsigned char> expected = {0xFB, 0xFA, 0xCF, 0xC7, 0xD4, 0x31, 0xF8, 0xA4, 0x32, 0xEB,

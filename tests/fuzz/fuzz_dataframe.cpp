@@ -58,9 +58,9 @@ void resend(const MessageItem& item, Pieces& pieces)
     }
     std::vector<unsigned char> packet(item.memSize());
     unsigned size = 0;
-    if (!item.toBuffer(size, packet.data(), static_cast<unsigned>(packet.size()))
-        || wire.size() != packet.size() + DataFrame::HeaderSize
-        || !std::equal(packet.begin(), packet.end(), wire.begin() + DataFrame::HeaderSize))
+    if (!item.toBuffer(size, packet.data(), static_cast<unsigned>(packet.size())) ||
+        wire.size() != packet.size() + DataFrame::HeaderSize ||
+        !std::equal(packet.begin(), packet.end(), wire.begin() + DataFrame::HeaderSize))
         __builtin_trap();
 }
 

@@ -43,8 +43,8 @@ using UlmarCommsTest::LogCapture;
 using UlmarCommsTest::rawFrame;
 using UlmarCommsTest::RawPeer;
 using UlmarCommsTest::uniqueUnixAddress;
-using UlmarCommsTest::wireOf;
 using UlmarCommsTest::waitUntil;
+using UlmarCommsTest::wireOf;
 
 namespace {
 
@@ -398,7 +398,9 @@ TEST_F(LocalLinkTest, WithoutAServiceTheProxyRetriesEveryTwoSecondsWithOneTimerE
 {
     LogCapture log(UlmarComms::Core::LogMessage);
     Application app(address);
-    auto entries = [&] { return SocketTimeout::instance()->count(&SocketSystemRouterProxy::onDoReconnect, &app.proxy); };
+    auto entries = [&] {
+        return SocketTimeout::instance()->count(&SocketSystemRouterProxy::onDoReconnect, &app.proxy);
+    };
 
     // Connecting to nobody fails at once, after the socket exists: a retry
     // is scheduled and start() still reports the attempt as started.

@@ -155,8 +155,8 @@ TEST_F(BuiltIn, EventsFanOutToListenersInRegistrationOrder)
     ASSERT_TRUE(second.join());
     publisher.pump.eventCreate("tick");
     EXPECT_EQ(askRegister(publisher, "tick", "onTick", true), "y");
-    EXPECT_EQ(second.pump.post(MessageRef(second.pump.createEventRegistrationMessage(
-                  "gotTick", publisher.address().c_str(), "tick", true))),
+    EXPECT_EQ(second.pump.post(MessageRef(
+                  second.pump.createEventRegistrationMessage("gotTick", publisher.address().c_str(), "tick", true))),
               0);
     ASSERT_TRUE(second.waitForCount(1));
     ASSERT_EQ(publisher.pump.eventListeners("tick").size(), 2u);
@@ -233,8 +233,10 @@ TEST_F(BuiltIn, EventCopiesForOtherHostsGoToTheSystemRouterWithExactPairs)
     event->add("k", "v");
     ASSERT_EQ(publisher.pump.post(MessageRef(event)), 0);
     ASSERT_EQ(running.system.postedCount(), 2u);
-    EXPECT_EQ(running.system.posted()[1], (Pairs{{"_f", publisher.address()}, {"k", "v"}, {"_s", "2"},
-                                                 {"_t", "farhost@listener"}, {"_m", "onRemoteTick"}}));
+    EXPECT_EQ(
+        running.system.posted()[1],
+        (Pairs{
+            {"_f", publisher.address()}, {"k", "v"}, {"_s", "2"}, {"_t", "farhost@listener"}, {"_m", "onRemoteTick"}}));
 
     // Too full for all three keys: the target, then the method, fill the
     // room left; the sender id that does not fit is still used up.

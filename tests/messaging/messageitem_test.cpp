@@ -138,23 +138,21 @@ TEST_F(MessageItemTest, LocalhostAtTheStartOfAnAddressIsTheHostName)
     Message item = build({
         {"_t", "localhost"},
         {"_f", "localhost/echo"},
-        {"_t", "localhostess"},   // not anchored to a separator, deliberately
+        {"_t", "localhostess"}, // not anchored to a separator, deliberately
         {"_tail", "localhost@x"}, // any key beginning with _t or _f
         {"_from", "localhost"},
     });
-    EXPECT_EQ(pairsOf(*item), (Pairs{{"_t", "myhost"},
-                                     {"_f", "myhost/echo"},
-                                     {"_t", "myhostess"},
-                                     {"_tail", "myhost@x"},
-                                     {"_from", "myhost"}}));
+    EXPECT_EQ(
+        pairsOf(*item),
+        (Pairs{
+            {"_t", "myhost"}, {"_f", "myhost/echo"}, {"_t", "myhostess"}, {"_tail", "myhost@x"}, {"_from", "myhost"}}));
     unsigned length = 0;
     item->value(1, length);
     EXPECT_EQ(length, std::strlen("myhost/echo") + 1) << "the length is that of the stored text";
 
     const Pairs unchanged = {
-        {"_x", "localhost"},  {"_t", "LocalHost"},     {"_t", "xlocalhost"}, {"_t", "localhos"},
-        {"t", "localhost"},   {"_T", "localhost"},     {"_m", "localhost"},  {"ft", "localhost"},
-        {"_", "localhost"},   {"", "localhost"},
+        {"_x", "localhost"}, {"_t", "LocalHost"}, {"_t", "xlocalhost"}, {"_t", "localhos"}, {"t", "localhost"},
+        {"_T", "localhost"}, {"_m", "localhost"}, {"ft", "localhost"},  {"_", "localhost"}, {"", "localhost"},
     };
     EXPECT_EQ(pairsOf(*build(unchanged)), unchanged);
 
@@ -173,8 +171,9 @@ TEST_F(MessageItemTest, SetAndSetResponseAddTheirKeysInOrderAndStopAtTheFirstFai
     Message item = create();
     ASSERT_TRUE(item->set("beta@svc", "alpha@app", "ping", "5"));
     ASSERT_TRUE(item->setResponse("pong", "6"));
-    EXPECT_EQ(pairsOf(*item), (Pairs{{"_t", "beta@svc"}, {"_f", "alpha@app"}, {"_m", "ping"}, {"_s", "5"},
-                                     {"_r", "pong"}, {"_R", "6"}}));
+    EXPECT_EQ(
+        pairsOf(*item),
+        (Pairs{{"_t", "beta@svc"}, {"_f", "alpha@app"}, {"_m", "ping"}, {"_s", "5"}, {"_r", "pong"}, {"_R", "6"}}));
 
     Message refused = create();
     EXPECT_FALSE(refused->set("t", "f", "m", nullptr));
@@ -198,8 +197,10 @@ namespace {
 
 // The seven outputs of the header scan, each starting at the given value.
 struct Header {
-    explicit Header(char* start = nullptr) : to(start), from(start), mode(start), senderId(start),
-                                             responseId(start), response(start), method(start) {}
+    explicit Header(char* start = nullptr)
+        : to(start), from(start), mode(start), senderId(start), responseId(start), response(start), method(start)
+    {
+    }
     void scan(const MessageItem& item)
     {
         const_cast<MessageItem&>(item).getMandatoryFields(&to, &from, &mode, &senderId, &responseId, &response,
@@ -231,8 +232,16 @@ TEST_F(MessageItemTest, HasKeyAndValueCompareWholeKeys)
 
 TEST_F(MessageItemTest, HeaderScansFillEachFieldBySecondCharacterAndSeeTheLast)
 {
-    Message item = build({{"_to", "T"}, {"_fx", "F"}, {"_Mode", "E"}, {"_method", "first"}, {"_resp", "r"},
-                          {"_sid", "S"}, {"_Rid", "R"}, {"_h", "H"}, {"x_t", "no"}, {"_z", "no"},
+    Message item = build({{"_to", "T"},
+                          {"_fx", "F"},
+                          {"_Mode", "E"},
+                          {"_method", "first"},
+                          {"_resp", "r"},
+                          {"_sid", "S"},
+                          {"_Rid", "R"},
+                          {"_h", "H"},
+                          {"x_t", "no"},
+                          {"_z", "no"},
                           {"_method", "M"}});
     EXPECT_STREQ(item->value("_method"), "first") << "value() sees the first";
     Header header;
@@ -259,8 +268,8 @@ TEST_F(MessageItemTest, HeaderScansFillEachFieldBySecondCharacterAndSeeTheLast)
     Header untouched(sentinel);
     untouched.scan(*sparse);
     EXPECT_STREQ(untouched.method, "only");
-    for (char* field : {untouched.to, untouched.from, untouched.mode, untouched.senderId, untouched.responseId,
-                        untouched.response})
+    for (char* field :
+         {untouched.to, untouched.from, untouched.mode, untouched.senderId, untouched.responseId, untouched.response})
         EXPECT_EQ(field, sentinel);
     to = from = sentinel;
     sparse->getMandatoryRoutingFields(&to, &from);
@@ -332,8 +341,8 @@ TEST_F(MessageItemTest, ReferenceCountKeepsTheMessageUntilTheLastRelease)
     MessageItem::release(item);
     EXPECT_EQ(item->count(), 1);
     EXPECT_STREQ(item->value("k"), "v"); // still alive: the sanitizer would object otherwise
-    MessageItem::release(item);          // the last one frees it (the leak check sees that)
-    MessageItem::release(nullptr);       // accepted, does nothing
+    MessageItem::release(item); // the last one frees it (the leak check sees that)
+    MessageItem::release(nullptr); // accepted, does nothing
 
     // A kept message may be released on another thread while the router
     // worker holds its own reference: no count is lost either way.
@@ -408,8 +417,7 @@ namespace {
 
 Message randomMessage(std::mt19937& random)
 {
-    static const std::string keyCharacters =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.#";
+    static const std::string keyCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.#";
     Message item = create();
     const int count = std::uniform_int_distribution<int>(1, 25)(random);
     for (int i = 0; i < count; ++i) {
@@ -417,8 +425,8 @@ Message randomMessage(std::mt19937& random)
         for (char& c : key)
             c = keyCharacters[std::uniform_int_distribution<size_t>(0, keyCharacters.size() - 1)(random)];
         const size_t valueLength = std::uniform_int_distribution<int>(0, 9)(random) == 0
-                                       ? std::uniform_int_distribution<size_t>(256, 2000)(random)
-                                       : std::uniform_int_distribution<size_t>(0, 40)(random);
+            ? std::uniform_int_distribution<size_t>(256, 2000)(random)
+            : std::uniform_int_distribution<size_t>(0, 40)(random);
         std::string value(valueLength, 'v');
         for (char& c : value)
             c = static_cast<char>(std::uniform_int_distribution<int>(1, 255)(random)); // any byte but NUL
@@ -458,9 +466,9 @@ TEST_F(MessageItemTest, RandomMessagesSurviveTheRoundTripExactly)
 namespace {
 
 // Offsets of the three records of threePairPacket().
-constexpr size_t kFirstRecord = 6;   // "_t" = "b@x"
+constexpr size_t kFirstRecord = 6; // "_t" = "b@x"
 constexpr size_t kSecondRecord = 18; // "k" = "value"
-constexpr size_t kThirdRecord = 31;  // "m" = ""
+constexpr size_t kThirdRecord = 31; // "m" = ""
 
 Bytes threePairPacket()
 {
@@ -566,8 +574,8 @@ TEST_F(MessageItemTest, MutatedPacketsParseOnlyIntoWhatTheyEncode)
         for (int f = 0; f < flips; ++f) {
             // Mostly the structural bytes near the start, sometimes anywhere.
             const size_t limit = std::uniform_int_distribution<int>(0, 1)(random) == 0
-                                     ? std::min<size_t>(bytes.size(), 16)
-                                     : bytes.size();
+                ? std::min<size_t>(bytes.size(), 16)
+                : bytes.size();
             bytes[std::uniform_int_distribution<size_t>(0, limit - 1)(random)] =
                 static_cast<unsigned char>(std::uniform_int_distribution<int>(0, 255)(random));
         }

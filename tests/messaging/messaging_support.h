@@ -21,8 +21,8 @@ namespace MessagingTest {
 using UlmarComms::IMessageRouter;
 using UlmarComms::ISystemRouter;
 using UlmarComms::MessageItem;
-using UlmarComms::MessageRef;
 using UlmarComms::MessagePump;
+using UlmarComms::MessageRef;
 using UlmarComms::MessageRouter;
 
 typedef std::vector<std::pair<std::string, std::string>> Pairs;
@@ -87,8 +87,7 @@ using UlmarCommsTest::RecordingSystemRouter;
 // router's worker thread.
 class Endpoint {
 public:
-    Endpoint(MessageRouter& router, const char* name, const char* interfaces = nullptr)
-        : pump(name, &router)
+    Endpoint(MessageRouter& router, const char* name, const char* interfaces = nullptr) : pump(name, &router)
     {
         if (interfaces != nullptr)
             pump.setInterfaceNames(interfaces);

@@ -47,15 +47,31 @@ TEST(MessagePumpBuilders, KeysComeInTheirFixedOrderWithExactTexts)
         {[&] { return pump.createHasInterfacesMessage("dest", "a,b"); },
          {{"_t", "dest"}, {"_f", me}, {"_m", "#IsHas"}, {"inters", "a,b"}, {"_s", "4"}}},
         {[&] { return pump.createListHostsSupportingInterfaces("i", true); },
-         {{"_t", "/system"}, {"_f", me}, {"_m", "NetHostSupportInterfaces"}, {"inters", "i"}, {"match", "1"}, {"_s", "5"}}},
+         {{"_t", "/system"},
+          {"_f", me},
+          {"_m", "NetHostSupportInterfaces"},
+          {"inters", "i"},
+          {"match", "1"},
+          {"_s", "5"}}},
         {[&] { return pump.createListHostsSupportingInterfaces("i", false); },
-         {{"_t", "/system"}, {"_f", me}, {"_m", "NetHostSupportInterfaces"}, {"inters", "i"}, {"match", "0"}, {"_s", "6"}}},
+         {{"_t", "/system"},
+          {"_f", me},
+          {"_m", "NetHostSupportInterfaces"},
+          {"inters", "i"},
+          {"match", "0"},
+          {"_s", "6"}}},
         {[&] { return pump.createSystemGetAddressesSupportingInterfacesMessage("far", "i"); },
          {{"_t", "far@/system"}, {"_f", me}, {"_m", "#AdsSupIs"}, {"inters", "i"}, {"_s", "7"}}},
         {[&] { return pump.createSystemGetAddressesSupportingInterfacesMessage("", "i"); },
          {{"_t", "/system"}, {"_f", me}, {"_m", "#AdsSupIs"}, {"inters", "i"}, {"_s", "8"}}},
         {[&] { return pump.createEventRegistrationMessage("onTick", "dest", "tick", true); },
-         {{"_t", "dest"}, {"_f", me}, {"_m", "#reg"}, {"rname", "tick"}, {"retm", "onTick"}, {"_s", "9"}, {"reg", "t"}}},
+         {{"_t", "dest"},
+          {"_f", me},
+          {"_m", "#reg"},
+          {"rname", "tick"},
+          {"retm", "onTick"},
+          {"_s", "9"},
+          {"reg", "t"}}},
         {[&] { return pump.createEventRegistrationMessage("onTick", "dest", "tick", false); },
          {{"_t", "dest"}, {"_f", me}, {"_m", "#reg"}, {"rname", "tick"}, {"retm", "onTick"}, {"_s", "10"}}},
         {[&] { return pump.createMessage("dest", ""); }, {{"_t", "dest"}, {"_f", me}, {"_m", ""}, {"_s", "11"}}},
@@ -102,7 +118,8 @@ TEST(MessagePumpReplies, ReplyTakesSenderAndIdAndCopiesTheMode)
     request->add("_f", "asker");
     request->add("_s", "41");
     MessageItem* reply = pump.createReplyMessage(request, "fine");
-    EXPECT_EQ(pairsOf(reply), (Pairs{{"_t", "asker"}, {"_R", "41"}, {"_f", pump.address()}, {"_r", "fine"}, {"_s", "1"}}));
+    EXPECT_EQ(pairsOf(reply),
+              (Pairs{{"_t", "asker"}, {"_R", "41"}, {"_f", pump.address()}, {"_r", "fine"}, {"_s", "1"}}));
     MessageItem::release(reply);
     reply = pump.createReplyMessage(request, nullptr);
     EXPECT_FALSE(reply->hasKey("_r"));

@@ -72,12 +72,13 @@ TEST(MessageRouterAnnouncements, AddChangeAndRemoveAreAnnouncedInOrder)
     ASSERT_TRUE(router.add(&plain));
     ASSERT_TRUE(router.add(&rich));
     ASSERT_TRUE(router.remove(&plain));
-    EXPECT_EQ(system.commandLines(), (std::vector<std::string>{
-                                         "1 " + local("plain"),
-                                         "1 " + local("rich/one"),
-                                         "3 " + local("rich/one") + ":a,b",
-                                         "2 " + local("plain"),
-                                     }));
+    EXPECT_EQ(system.commandLines(),
+              (std::vector<std::string>{
+                  "1 " + local("plain"),
+                  "1 " + local("rich/one"),
+                  "3 " + local("rich/one") + ":a,b",
+                  "2 " + local("plain"),
+              }));
     for (const auto& command : system.commands())
         EXPECT_EQ(command.from, &router);
 
@@ -124,11 +125,12 @@ TEST(MessageRouterAnnouncements, ReannouncementSkipsTheFirstEntryWhichRemovalCan
     router.add(&third);
     system.clearCommands();
     EXPECT_TRUE(router.sendRoutingTableToSystemRouter());
-    EXPECT_EQ(system.commandLines(), (std::vector<std::string>{
-                                         "1 " + local("second"),
-                                         "1 " + local("third"),
-                                         "3 " + local("third") + ":t1,t2",
-                                     }));
+    EXPECT_EQ(system.commandLines(),
+              (std::vector<std::string>{
+                  "1 " + local("second"),
+                  "1 " + local("third"),
+                  "3 " + local("third") + ":t1,t2",
+              }));
     // Removal moves the last entry into the gap: the table is now third,
     // second, and the re-announcement skips third, now first.
     ASSERT_TRUE(router.remove(&first));
@@ -197,7 +199,6 @@ TEST(MessageRouterLifecycle, StartNeedsASystemRouterAndCanBeRepeated)
     EXPECT_TRUE(router.start()) << "a router can be restarted";
     EXPECT_TRUE(router.finish());
 }
-
 
 TEST(MessageRouterPost, UnknownTargetsGoToTheSystemRouter)
 {

@@ -6,8 +6,8 @@
 #include "platform/socket.h"
 
 #include "network/network_support.h"
-#include "support/networkrouterstub.h"
 #include "support/logcapture.h"
+#include "support/networkrouterstub.h"
 #include "support/scopedhostname.h"
 
 #include <gtest/gtest.h>
@@ -23,16 +23,16 @@ namespace {
 
 // The announcement of "hostA" at 10.77.1.2:34001, written out by hand.
 const std::vector<unsigned char> HostAAnnouncement = {
-    0xF1, 0x2A,                    // magic
-    0x00, 0x00, 0x00, 0x1E,        // total length 30
-    0x00,                          // type 0
-    0x00, 0x00, 0x00, 0x00,        // value 0
-    0x00, 0x00, 0x00, 0x05,        // name length
-    'h',  'o',  's',  't',  'A',   // name
-    0x00, 0x02,                    // AF_INET
-    0x84, 0xD1,                    // port 34001
-    0x0A, 0x4D, 0x01, 0x02,        // 10.77.1.2
-    0xAA, 0x87,                    // trailer
+    0xF1, 0x2A, // magic
+    0x00, 0x00, 0x00, 0x1E, // total length 30
+    0x00, // type 0
+    0x00, 0x00, 0x00, 0x00, // value 0
+    0x00, 0x00, 0x00, 0x05, // name length
+    'h',  'o',  's',  't',  'A', // name
+    0x00, 0x02, // AF_INET
+    0x84, 0xD1, // port 34001
+    0x0A, 0x4D, 0x01, 0x02, // 10.77.1.2
+    0xAA, 0x87, // trailer
 };
 
 NetworkRouterInterface::ParseResult parse(const std::vector<unsigned char>& bytes, NetworkDiscoveryInfo& info)
@@ -78,8 +78,7 @@ TEST(DiscoveryDatagram, BuildsTheAnnouncementByteForByteOrNothing)
         NetworkRouterInterface interface(&router, ip4("10.77.1.2", "34001"), ip4("10.77.1.255", "34001"),
                                          ip4("10.77.1.0", "0"));
         interface.buildInfoBuffer();
-        const std::vector<unsigned char> built(interface.infoBuffer(),
-                                               interface.infoBuffer() + interface.infoLength());
+        const std::vector<unsigned char> built(interface.infoBuffer(), interface.infoBuffer() + interface.infoLength());
         EXPECT_EQ(built, host == "hostA" ? HostAAnnouncement : std::vector<unsigned char>{});
     }
     EXPECT_TRUE(log.contains("NetworkRouterInterface::buildInfoBuffer() Failed to write header."));
@@ -179,8 +178,7 @@ TEST(DiscoveryDatagram, OtherHostsAreReportedButNeitherTheOwnAnnouncementNorBrok
     EXPECT_TRUE(log.contains("Got Host information coming from '10.77.1.2:34001' with name 'hostA' and address of "
                              "'10.77.1.2:34001'"));
 
-    NetworkRouterInterface self(&router, ip4("10.77.1.2", "34001"), ip4("10.77.1.255", "34001"),
-                                ip4("10.77.1.0", "0"));
+    NetworkRouterInterface self(&router, ip4("10.77.1.2", "34001"), ip4("10.77.1.255", "34001"), ip4("10.77.1.0", "0"));
     self.handleIncomingInfo(ip4("10.77.1.2", "34001"), HostAAnnouncement.data(),
                             static_cast<unsigned>(HostAAnnouncement.size()));
     EXPECT_EQ(router.heard(), 1u);
@@ -247,8 +245,8 @@ TEST(DiscoveryDatagram, DatagramArrivingOnTheDiscoverySocketReachesTheTable)
         ::close(fd);
         EXPECT_TRUE(waitUntil([&] { return router.getKnownHosts(false) == "hostPeer\n"; }));
         EXPECT_EQ(router.getRoutingTable(),
-                  "hostPeer,true,127.0.0.1:4,127.0.0.0:0,127.0.0.1:" + std::to_string(udpPort) + ",127.0.0.1:"
-                      + std::to_string(tcpPort) + "\n");
+                  "hostPeer,true,127.0.0.1:4,127.0.0.0:0,127.0.0.1:" + std::to_string(udpPort) +
+                      ",127.0.0.1:" + std::to_string(tcpPort) + "\n");
         router.stop();
         EXPECT_EQ(router.interfaceCount(), 0u);
     }

@@ -69,10 +69,10 @@ void removeLeftovers()
 
 // One simulated host.
 struct Host {
-    std::string name;    // its host name
-    std::string netns;   // its network namespace
+    std::string name; // its host name
+    std::string netns; // its network namespace
     std::string address; // its IPv4 address
-    std::string pipe;    // its daemon's local link name
+    std::string pipe; // its daemon's local link name
     std::unique_ptr<ChildProcess> holder; // keeps its UTS namespace
     std::unique_ptr<ChildProcess> daemon;
     std::unique_ptr<ChildProcess> server; // the "echo" pump
@@ -80,9 +80,13 @@ struct Host {
     // argv run inside this host's namespaces, killed should the test process die.
     std::vector<std::string> inside(const std::vector<std::string>& argv) const
     {
-        std::vector<std::string> wrapped = {"/usr/bin/nsenter", "--net=/run/netns/" + netns,
+        std::vector<std::string> wrapped = {"/usr/bin/nsenter",
+                                            "--net=/run/netns/" + netns,
                                             "--uts=/proc/" + std::to_string(holder->pid()) + "/ns/uts",
-                                            "/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
+                                            "/usr/bin/setpriv",
+                                            "--pdeathsig",
+                                            "KILL",
+                                            "--"};
         wrapped.insert(wrapped.end(), argv.begin(), argv.end());
         return wrapped;
     }
@@ -90,8 +94,7 @@ struct Host {
     std::unique_ptr<ChildProcess> driven(const std::vector<std::string>& argv) const
     {
         const std::vector<std::string> wrapped = inside(argv);
-        return std::make_unique<ChildProcess>(wrapped[0],
-                                              std::vector<std::string>(wrapped.begin() + 1, wrapped.end()));
+        return std::make_unique<ChildProcess>(wrapped[0], std::vector<std::string>(wrapped.begin() + 1, wrapped.end()));
     }
 };
 
@@ -133,8 +136,8 @@ protected:
             m_bridge.clear();
             return "cannot create network namespaces here";
         }
-        if (ip(m_bridge, {"link", "add", "br0", "type", "bridge"}) != 0
-            || ip(m_bridge, {"link", "set", "br0", "up"}) != 0)
+        if (ip(m_bridge, {"link", "add", "br0", "type", "bridge"}) != 0 ||
+            ip(m_bridge, {"link", "set", "br0", "up"}) != 0)
             return "cannot create a bridge here";
         for (int i = 0; i < count; ++i) {
             Host& host = m_hosts.emplace_back();
@@ -145,11 +148,10 @@ protected:
             if (command({"/usr/sbin/ip", "netns", "add", host.netns}) != 0)
                 return "cannot create network namespaces here";
             const std::string port = "p" + std::to_string(i);
-            if (ip(m_bridge, {"link", "add", port, "type", "veth", "peer", "name", "eth0", "netns", host.netns}) != 0
-                || ip(m_bridge, {"link", "set", port, "master", "br0", "up"}) != 0
-                || ip(host.netns, {"addr", "add", host.address + "/24", "brd", "+", "dev", "eth0"}) != 0
-                || ip(host.netns, {"link", "set", "eth0", "up"}) != 0
-                || ip(host.netns, {"link", "set", "lo", "up"}) != 0)
+            if (ip(m_bridge, {"link", "add", port, "type", "veth", "peer", "name", "eth0", "netns", host.netns}) != 0 ||
+                ip(m_bridge, {"link", "set", port, "master", "br0", "up"}) != 0 ||
+                ip(host.netns, {"addr", "add", host.address + "/24", "brd", "+", "dev", "eth0"}) != 0 ||
+                ip(host.netns, {"link", "set", "eth0", "up"}) != 0 || ip(host.netns, {"link", "set", "lo", "up"}) != 0)
                 return "cannot wire the simulated hosts";
             // A process in a UTS namespace of its own, named after the host.
             host.holder = std::make_unique<ChildProcess>(std::vector<std::string>{
@@ -279,12 +281,12 @@ protected:
     std::string m_appPath;
 };
 
-#define PREPARE_HOSTS(count)                                                                                         \
-    do {                                                                                                             \
-        const std::string why = prepare(count);                                                                      \
-        if (!why.empty())                                                                                            \
-            GTEST_SKIP() << why;                                                                                     \
-        ASSERT_FALSE(HasFailure());                                                                                  \
+#define PREPARE_HOSTS(count)                                                                                           \
+    do {                                                                                                               \
+        const std::string why = prepare(count);                                                                        \
+        if (!why.empty())                                                                                              \
+            GTEST_SKIP() << why;                                                                                       \
+        ASSERT_FALSE(HasFailure());                                                                                    \
     } while (false)
 
 } // namespace
@@ -404,8 +406,8 @@ TEST_F(MultiHost, AHostThatNeverAnswersHoldsUpNothingElse)
     Host z;
     z.name = "hostZ";
     z.address = std::string(Subnet) + "99";
-    ASSERT_EQ(ip(a.netns, {"neigh", "add", z.address, "lladdr", "02:00:00:00:00:99", "dev", "eth0", "nud", "permanent"}),
-              0);
+    ASSERT_EQ(
+        ip(a.netns, {"neigh", "add", z.address, "lladdr", "02:00:00:00:00:99", "dev", "eth0", "nud", "permanent"}), 0);
     int status = -1;
     EXPECT_EQ(run(b, {"send", std::string(Subnet) + "255", std::to_string(DiscoveryPort), announcement(z)}, &status),
               "SENT\n");

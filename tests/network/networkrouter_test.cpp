@@ -103,9 +103,10 @@ TEST_F(NetworkRouterTable, TextsOfTheTableTheKnownHostsAndTheInterfaces)
               "alpha,true,10.77.2.3:34001,10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
     std::ostringstream out;
     router.getCurrentNetworkInterfaces(out);
-    EXPECT_EQ(out.str(), "interfaces=2\n"
-                         "interface0=10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
-                         "interface1=10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
+    EXPECT_EQ(out.str(),
+              "interfaces=2\n"
+              "interface0=10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
+              "interface1=10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
 
     // Every name ever learnt, in name order, even after a stop.
     EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
@@ -153,8 +154,8 @@ TEST(NetworkRouterPost, HostWhoseListenerIsDownEndsWithoutAConnection)
         LogCapture log;
         NetworkRouter router;
         const unsigned short closed = freeLoopbackPort();
-        ASSERT_TRUE(router.add(loopback(freeLoopbackPort()), loopback(freeLoopbackPort(SOCK_DGRAM)),
-                               ip4("127.0.0.0", "0")));
+        ASSERT_TRUE(
+            router.add(loopback(freeLoopbackPort()), loopback(freeLoopbackPort(SOCK_DGRAM)), ip4("127.0.0.0", "0")));
         router.infoAboutHost("hostB", loopback(closed), router.interfaceAt(0));
         // Usually the connect only starts here: the message waits on the new
         // connection, which is stored at once and fails on a worker. A
@@ -165,8 +166,8 @@ TEST(NetworkRouterPost, HostWhoseListenerIsDownEndsWithoutAConnection)
         if (router.post("hostB", std::move(item))) {
             EXPECT_TRUE(waitUntil([&] { return log.contains("NetworkRouterConnection::onError("); }));
         } else {
-            EXPECT_TRUE(log.contains("NetworkRouter::post( %message% ) Failed to on connectTo( '127.0.0.1:"
-                                     + std::to_string(closed) + "' )"));
+            EXPECT_TRUE(log.contains("NetworkRouter::post( %message% ) Failed to on connectTo( '127.0.0.1:" +
+                                     std::to_string(closed) + "' )"));
         }
         EXPECT_TRUE(waitUntil([&] { return !router.hostIsConnected("hostB"); }));
         EXPECT_NE(router.getRoutingTable().find("hostB,true,"), std::string::npos);

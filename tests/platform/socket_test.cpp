@@ -16,13 +16,13 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
-#include <csignal>
 #include <poll.h>
 #include <stddef.h>
 #include <string>
@@ -114,8 +114,7 @@ struct Endpoint {
         return this->*field;
     }
 
-    static void onSent(Socket* s, unsigned char* buffer, unsigned count, unsigned size, void* user,
-                       unsigned char error)
+    static void onSent(Socket* s, unsigned char* buffer, unsigned count, unsigned size, void* user, unsigned char error)
     {
         Endpoint* self = static_cast<Endpoint*>(user);
         std::lock_guard<std::mutex> guard(self->lock);
@@ -128,8 +127,8 @@ struct Endpoint {
         if (count < size) {
             ++self->partialSends;
             self->inFlight.erase(self->inFlight.begin(), self->inFlight.begin() + count);
-            self->sending = s->send(self->inFlight.data(), static_cast<unsigned>(self->inFlight.size()))
-                == Socket::NoSocketError;
+            self->sending =
+                s->send(self->inFlight.data(), static_cast<unsigned>(self->inFlight.size())) == Socket::NoSocketError;
             return;
         }
         self->sendNextLocked();
@@ -333,17 +332,28 @@ int rawConnectTCP(const SocketAddress& address)
 TEST(SocketErrors, SystemErrorsMapToSocketCodes)
 {
     const std::vector<std::pair<int, unsigned char>> table{
-        {EACCES, Socket::PermissionDenied},       {EFAULT, Socket::BadAddress},
-        {EMFILE, Socket::TooManyOpenFiles},       {ENONET, Socket::NoNetwork},
-        {76, Socket::AddressAlreadyUsed},         {EADDRINUSE, Socket::AddressAlreadyUsed},
-        {EMSGSIZE, Socket::MessageTooLong},       {EADDRNOTAVAIL, Socket::CantAssignAddress},
-        {ENETDOWN, Socket::NetworkDown},          {ENETUNREACH, Socket::NetworkUnreachable},
-        {ENETRESET, Socket::NetworkDownOnReset},  {ECONNABORTED, Socket::ConnectionAbort},
-        {ECONNRESET, Socket::ConnectionResetByPeer}, {EISCONN, Socket::SocketConnected},
-        {ESHUTDOWN, Socket::CannotSendAfterSocketShutdown}, {ETIMEDOUT, Socket::TimeOut},
-        {ECONNREFUSED, Socket::ConnectionRefused}, {EHOSTDOWN, Socket::HostIsDown},
-        {EHOSTUNREACH, Socket::NoRouteToHost},    {EPIPE, Socket::UnknownError},
-        {EAGAIN, Socket::UnknownError},           {0, Socket::UnknownError},
+        {EACCES, Socket::PermissionDenied},
+        {EFAULT, Socket::BadAddress},
+        {EMFILE, Socket::TooManyOpenFiles},
+        {ENONET, Socket::NoNetwork},
+        {76, Socket::AddressAlreadyUsed},
+        {EADDRINUSE, Socket::AddressAlreadyUsed},
+        {EMSGSIZE, Socket::MessageTooLong},
+        {EADDRNOTAVAIL, Socket::CantAssignAddress},
+        {ENETDOWN, Socket::NetworkDown},
+        {ENETUNREACH, Socket::NetworkUnreachable},
+        {ENETRESET, Socket::NetworkDownOnReset},
+        {ECONNABORTED, Socket::ConnectionAbort},
+        {ECONNRESET, Socket::ConnectionResetByPeer},
+        {EISCONN, Socket::SocketConnected},
+        {ESHUTDOWN, Socket::CannotSendAfterSocketShutdown},
+        {ETIMEDOUT, Socket::TimeOut},
+        {ECONNREFUSED, Socket::ConnectionRefused},
+        {EHOSTDOWN, Socket::HostIsDown},
+        {EHOSTUNREACH, Socket::NoRouteToHost},
+        {EPIPE, Socket::UnknownError},
+        {EAGAIN, Socket::UnknownError},
+        {0, Socket::UnknownError},
     };
     for (const auto& [error, code] : table)
         EXPECT_EQ(Socket::BSDSocketsErrorCode(error), code) << "errno " << error;
@@ -563,8 +573,8 @@ TEST_F(SocketTest, DatagramsTravelOverLoopback)
         std::vector<std::pair<unsigned, SocketAddress>> sent;
         unsigned char buffer[256];
         Socket* socket = nullptr;
-        static void onSent(Socket*, const SocketAddress& peer, unsigned char*, unsigned count, unsigned,
-                           void* user, unsigned char error)
+        static void onSent(Socket*, const SocketAddress& peer, unsigned char*, unsigned count, unsigned, void* user,
+                           unsigned char error)
         {
             Datagrams* self = static_cast<Datagrams*>(user);
             EXPECT_EQ(error, Socket::NoSocketError);

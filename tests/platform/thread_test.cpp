@@ -40,7 +40,10 @@ public:
         return m_body();
     }
 
-    bool waitPublished() { return waitUntil([this] { return m_published.load(); }); }
+    bool waitPublished()
+    {
+        return waitUntil([this] { return m_published.load(); });
+    }
 
     // Joins through POSIX directly and returns the thread's exit value.
     uintptr_t joinForResult()

@@ -205,8 +205,9 @@ bool handle(const std::vector<std::string>& w)
         const int rc = message != nullptr ? UlmarCommsPostMessage(pump->handle, message) : -1;
         say("published " + w[1] + " " + std::to_string(rc));
     } else if ((verb == "register" || verb == "unregister") && w.size() >= 5) {
-        postBuilt(pump, UlmarCommsCreateEventRegistrationMessage(pump->handle, w[4].c_str(), w[2].c_str(),
-                                                                 w[3].c_str(), verb == "register"));
+        postBuilt(pump,
+                  UlmarCommsCreateEventRegistrationMessage(pump->handle, w[4].c_str(), w[2].c_str(), w[3].c_str(),
+                                                           verb == "register"));
     } else {
         say("fail usage " + verb);
     }

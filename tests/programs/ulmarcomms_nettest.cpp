@@ -27,12 +27,12 @@
 // Replies and timeouts are bounded: every wait has a deadline (10 s).
 #include "ulmarcomms.h"
 
-#include <atomic>
-#include <thread>
 #include <arpa/inet.h>
+#include <atomic>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 #include <chrono>
@@ -123,7 +123,9 @@ void onError(void* context, unsigned int, int code)
     put(static_cast<Inbox*>(context), "ERROR " + std::to_string(code));
 }
 
-void ignoreMessage(void*, void*, const char*, const char*) {}
+void ignoreMessage(void*, void*, const char*, const char*)
+{
+}
 
 bool start(const char* pipe)
 {
@@ -159,8 +161,7 @@ int serve(const char* pipe, const char* name, const char* event)
     say("READY " + text(UlmarCommsMessagePumpAddress(inbox.pump)));
     // Runs until the test closes our stdin.
     char scratch[64];
-    while (read(0, scratch, sizeof(scratch)) > 0) {
-    }
+    while (read(0, scratch, sizeof(scratch)) > 0) {}
     UlmarCommsDestroyMessagePump(inbox.pump);
     UlmarCommsShutdown();
     return 0;
@@ -208,8 +209,8 @@ int listen(const char* pipe, const char* to, const char* event, int count)
     // answer first (response callback), then one line per event.
     Inbox inbox;
     void* pump = UlmarCommsCreateMessagePump("listener", &inbox, onListenMessage, onResponse, onError, nullptr);
-    void* message = pump != nullptr ? UlmarCommsCreateEventRegistrationMessage(pump, "onEvent", to, event, true)
-                                    : nullptr;
+    void* message =
+        pump != nullptr ? UlmarCommsCreateEventRegistrationMessage(pump, "onEvent", to, event, true) : nullptr;
     int status = 1;
     if (message != nullptr && UlmarCommsPostMessage(pump, message) == ULMARCOMMS_OK) {
         status = 3;
@@ -255,7 +256,8 @@ int capture(const char* address, const char* port, const char* source, int ms)
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     while (std::chrono::steady_clock::now() < until) {
         pollfd ready{fd, POLLIN, 0};
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
         if (poll(&ready, 1, static_cast<int>(std::max<long long>(left.count(), 1))) <= 0)
             continue;
         unsigned char bytes[2048];

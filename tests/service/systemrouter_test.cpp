@@ -132,7 +132,7 @@ TEST_F(SystemRouterTest, LinkCommandsBuildTheTable)
     m_router.handleCommand(&m_appA, CommandMessage::AddMessagePump, "alpha@echo");
     m_router.handleCommand(&m_appB, CommandMessage::AddMessagePump, "alpha@clock/tick");
     m_router.handleCommand(&m_appB, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@clock/tick:time,alarm");
-    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@echo");   // no ':'
+    m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@echo"); // no ':'
     m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@echo:"); // no names
     m_router.handleCommand(&m_appA, CommandMessage::AddInterfaceNamesToMessagePump, "alpha@nobody:x");
     m_router.handleCommand(&m_appA, 9, "alpha@ignored");

@@ -151,8 +151,8 @@ private:
         int inPipe[2] = {-1, -1};
         int outPipe[2] = {-1, -1};
         int errPipe[2] = {-1, -1};
-        if (::pipe2(inPipe, O_CLOEXEC) != 0 || ::pipe2(outPipe, O_CLOEXEC) != 0
-            || (!inheritStderr && ::pipe2(errPipe, O_CLOEXEC) != 0)) {
+        if (::pipe2(inPipe, O_CLOEXEC) != 0 || ::pipe2(outPipe, O_CLOEXEC) != 0 ||
+            (!inheritStderr && ::pipe2(errPipe, O_CLOEXEC) != 0)) {
             for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]})
                 if (fd >= 0)
                     ::close(fd);

@@ -48,9 +48,9 @@ inline std::string formatLogArguments(const char* format, char* args)
 
 // One call of the logger.
 struct LogLine {
-    int level;             // the level the library passed
-    const char* format;    // the format pointer exactly as passed
-    std::string text;      // the formatted line
+    int level; // the level the library passed
+    const char* format; // the format pointer exactly as passed
+    std::string text; // the formatted line
 };
 
 // Installs a capturing logger (and a logging level) for its lifetime; the
@@ -103,8 +103,7 @@ public:
     bool contains(const std::string& needle) const { return count(needle) > 0; }
 
     // Polls until a line containing needle arrives or the deadline passes.
-    bool waitFor(const std::string& needle,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(5)) const
+    bool waitFor(const std::string& needle, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const
     {
         return waitUntil([&] { return contains(needle); }, timeout);
     }
@@ -135,7 +134,8 @@ private:
     }
     void setLevel(int level) const
     {
-        m_source == Library ? UlmarComms::Core::setLoggingLevel(level) : UlmarCommsSystem::Socket::setLoggingLevel(level);
+        m_source == Library ? UlmarComms::Core::setLoggingLevel(level)
+                            : UlmarCommsSystem::Socket::setLoggingLevel(level);
     }
     void setLogger(void (*logger)(int, const char*, char*)) const
     {

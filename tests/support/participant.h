@@ -27,7 +27,6 @@ inline std::string uniquePipe()
     return "bus" + std::to_string(getpid()) + "_" + std::to_string(counter++);
 }
 
-
 // One participant: the test program started with the bus's start argument.
 class Participant {
 public:

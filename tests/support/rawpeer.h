@@ -33,7 +33,10 @@ inline Bytes wireOf(UlmarComms::DataFrame& frame)
     bytes.resize(count);
     return bytes;
 }
-inline Bytes wireOf(UlmarComms::DataFrame&& frame) { return wireOf(frame); }
+inline Bytes wireOf(UlmarComms::DataFrame&& frame)
+{
+    return wireOf(frame);
+}
 
 inline Bytes messageFrame(unsigned id, const UlmarComms::MessageItem* message)
 {
@@ -54,7 +57,10 @@ inline Bytes rawFrame(unsigned char type, uint32_t size, uint32_t id, const Byte
     return bytes;
 }
 
-inline void append(Bytes& to, const Bytes& more) { to.insert(to.end(), more.begin(), more.end()); }
+inline void append(Bytes& to, const Bytes& more)
+{
+    to.insert(to.end(), more.begin(), more.end());
+}
 
 inline Bytes operator+(Bytes left, const Bytes& right)
 {

@@ -12,8 +12,7 @@ namespace UlmarCommsTest {
 // Replaces Core's cached host name until destroyed.
 class ScopedHostName {
 public:
-    explicit ScopedHostName(const std::string& name)
-        : m_previous(UlmarComms::Core::instance()->getHostName())
+    explicit ScopedHostName(const std::string& name) : m_previous(UlmarComms::Core::instance()->getHostName())
     {
         UlmarComms::Core::instance()->setHostName(name);
     }

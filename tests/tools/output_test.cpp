@@ -52,7 +52,8 @@ TEST(ClientJson, ObjectsKeepInsertionOrderAndNest)
         .add("empty", std::vector<std::string>{})
         .add("o", inner)
         .add("c", static_cast<const char*>(nullptr));
-    EXPECT_EQ(object.str(), R"({"s":"x","i":-3,"b":false,"list":["a","b"],"empty":[],"o":{"k":"v","n":null},"c":null})");
+    EXPECT_EQ(object.str(),
+              R"({"s":"x","i":-3,"b":false,"list":["a","b"],"empty":[],"o":{"k":"v","n":null},"c":null})");
 }
 
 TEST(ClientReplyTexts, SplitKeepsOrDropsEmptyPieces)
@@ -66,7 +67,8 @@ TEST(ClientReplyTexts, SplitKeepsOrDropsEmptyPieces)
 
 TEST(ClientReplyTexts, SystemInfoLines)
 {
-    const auto pairs = parseKeyValueLines("name=alpha\nos=linux\ninterfaces=1\ninterface0=10.0.0.0,10.0.0.255,10.0.0.2\n");
+    const auto pairs =
+        parseKeyValueLines("name=alpha\nos=linux\ninterfaces=1\ninterface0=10.0.0.0,10.0.0.255,10.0.0.2\n");
     ASSERT_EQ(pairs.size(), 4u);
     EXPECT_EQ(pairs[0], KeyValue("name", "alpha"));
     EXPECT_EQ(pairs[1], KeyValue("os", "linux"));
@@ -75,8 +77,8 @@ TEST(ClientReplyTexts, SystemInfoLines)
 
 TEST(ClientReplyTexts, SettingsListing)
 {
-    const SettingsListing listing = parseSettingsListing(
-        "string,ulmar.systemrouter.pipe.name,ulmarcomms\nstring,odd,a,b\n# numbers\nnumber,ulmar.systemrouter.pipe,1\n");
+    const SettingsListing listing = parseSettingsListing("string,ulmar.systemrouter.pipe.name,ulmarcomms\nstring,odd,a,"
+                                                         "b\n# numbers\nnumber,ulmar.systemrouter.pipe,1\n");
     ASSERT_EQ(listing.strings.size(), 2u);
     EXPECT_EQ(listing.strings[0], KeyValue("ulmar.systemrouter.pipe.name", "ulmarcomms"));
     EXPECT_EQ(listing.strings[1], KeyValue("odd", "a,b")) << "values may hold commas";
@@ -86,8 +88,9 @@ TEST(ClientReplyTexts, SettingsListing)
 
 TEST(ClientReplyTexts, RoutingTableDump)
 {
-    const auto entries = parseRoutingTable("# System Routing Table \nAddress,Interfaces\nalpha@system,quendrelis.ulmar.comms.system\n"
-                                           "alpha@listener,a-b\nalpha@bare,\n");
+    const auto entries =
+        parseRoutingTable("# System Routing Table \nAddress,Interfaces\nalpha@system,quendrelis.ulmar.comms.system\n"
+                          "alpha@listener,a-b\nalpha@bare,\n");
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries[0].address, "alpha@system");
     EXPECT_EQ(entries[0].interfaces, (std::vector<std::string>{"quendrelis.ulmar.comms.system"}));
@@ -146,9 +149,10 @@ TEST(ClientAnswers, CallShowsResponseThenRequestedPairs)
     EXPECT_EQ(formatAnswer(call, planRequest(call.command), answer), "done\nk=v\n");
 
     call.global.json = true;
-    EXPECT_EQ(formatAnswer(call, planRequest(call.command), answer),
-              R"({"command":"call","to":"svc","method":"Get","status":"reply","from":"a@svc","response":"done","pairs":{"k":"v","missing":null}})"
-              "\n");
+    EXPECT_EQ(
+        formatAnswer(call, planRequest(call.command), answer),
+        R"({"command":"call","to":"svc","method":"Get","status":"reply","from":"a@svc","response":"done","pairs":{"k":"v","missing":null}})"
+        "\n");
 }
 
 TEST(ClientAnswers, ErrorsAndTimeouts)
@@ -166,11 +170,13 @@ TEST(ClientAnswers, ErrorsAndTimeouts)
     EXPECT_EQ(timeoutMessage(call, plan), "no reply from 'svc' to Get within 300 ms");
 
     call.global.json = true;
-    EXPECT_EQ(formatAnswer(call, plan, error),
-              R"({"command":"call","to":"svc","method":"Get","status":"error","code":400,"meaning":"no path to the address"})"
+    EXPECT_EQ(
+        formatAnswer(call, plan, error),
+        R"({"command":"call","to":"svc","method":"Get","status":"error","code":400,"meaning":"no path to the address"})"
+        "\n");
+    EXPECT_EQ(formatTimeout(call, plan),
+              R"({"command":"call","to":"svc","method":"Get","status":"timeout","timeoutMs":300})"
               "\n");
-    EXPECT_EQ(formatTimeout(call, plan), R"({"command":"call","to":"svc","method":"Get","status":"timeout","timeoutMs":300})"
-                                         "\n");
 
     Invocation has = invocationFor(CommandKind::Has, "has", false);
     has.command.address = "p";
@@ -196,9 +202,10 @@ TEST(ClientAnswers, StreamingCommandLines)
 
     listen.global.json = true;
     request.answerResult = 0;
-    EXPECT_EQ(formatRequest(listen, request),
-              R"({"command":"listen","status":"request","to":"h@svc","from":"h@cli","method":"Ping","senderId":"7","pairs":{"a":"1"},"reply":{"response":"pong","result":0}})"
-              "\n");
+    EXPECT_EQ(
+        formatRequest(listen, request),
+        R"({"command":"listen","status":"request","to":"h@svc","from":"h@cli","method":"Ping","senderId":"7","pairs":{"a":"1"},"reply":{"response":"pong","result":0}})"
+        "\n");
 
     Invocation subscribe = invocationFor(CommandKind::Subscribe, "subscribe", false);
     subscribe.command.address = "pub";
@@ -209,9 +216,10 @@ TEST(ClientAnswers, StreamingCommandLines)
     EXPECT_EQ(formatEvent(subscribe, event), "event tick from h@pub\n");
     EXPECT_EQ(formatUnsubscribed(subscribe, true, ""), "unsubscribed from tick at pub\n");
     subscribe.global.json = true;
-    EXPECT_EQ(formatUnsubscribed(subscribe, false, "interrupted"),
-              R"({"command":"subscribe","status":"unsubscribed","to":"pub","event":"tick","confirmed":false,"reason":"interrupted"})"
-              "\n");
+    EXPECT_EQ(
+        formatUnsubscribed(subscribe, false, "interrupted"),
+        R"({"command":"subscribe","status":"unsubscribed","to":"pub","event":"tick","confirmed":false,"reason":"interrupted"})"
+        "\n");
 
     Invocation publish = invocationFor(CommandKind::Publish, "publish", false);
     publish.command.event = "tick";

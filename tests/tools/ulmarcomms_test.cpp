@@ -98,7 +98,9 @@ TEST_F(Ulmarcomms, InfoInTextAndJson)
 
     RunResult json = run({"info", "--json"});
     ASSERT_EQ(json.status, 0) << json.transcript();
-    EXPECT_TRUE(contains(json.out, "{\"command\":\"info\",\"to\":\"/system\",\"method\":\"SystemInfo\",\"status\":\"reply\"")) << json.out;
+    EXPECT_TRUE(
+        contains(json.out, "{\"command\":\"info\",\"to\":\"/system\",\"method\":\"SystemInfo\",\"status\":\"reply\""))
+        << json.out;
     EXPECT_TRUE(contains(json.out, "\"info\":{\"name\":\"" + hostName() + "\",\"os\":\"linux\"")) << json.out;
     EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 1) << "one object per line";
 
@@ -249,17 +251,19 @@ TEST_F(Ulmarcomms, PublishAndSubscribe)
     RunResult subscribed = run({"subscribe", "ticker", "tick", "--count", "2", "--key", "k", "--key", "absent"});
     ASSERT_EQ(subscribed.status, 0) << subscribed.transcript() << publisher->transcript();
     const std::string event = "event tick from " + address("ticker") + " k=v\n";
-    EXPECT_TRUE(contains(subscribed.out, "subscribed to tick at ticker\n" + event + event +
-                                             "unsubscribed from tick at ticker\n"))
+    EXPECT_TRUE(contains(subscribed.out,
+                         "subscribed to tick at ticker\n" + event + event + "unsubscribed from tick at ticker\n"))
         << subscribed.out;
 
     RunResult json = run({"--json", "subscribe", "ticker", "tick", "--count", "1", "--key", "n"});
     ASSERT_EQ(json.status, 0) << json.transcript();
     EXPECT_TRUE(contains(json.out, "\"status\":\"subscribed\"")) << json.out;
-    EXPECT_TRUE(contains(json.out, "\"status\":\"event\",\"event\":\"tick\",\"from\":\"" + address("ticker") +
-                                       "\",\"pairs\":{\"n\":\"1\"}"))
+    EXPECT_TRUE(contains(json.out,
+                         "\"status\":\"event\",\"event\":\"tick\",\"from\":\"" + address("ticker") +
+                             "\",\"pairs\":{\"n\":\"1\"}"))
         << json.out;
-    EXPECT_TRUE(contains(json.out, "\"status\":\"unsubscribed\",\"to\":\"ticker\",\"event\":\"tick\",\"confirmed\":true"))
+    EXPECT_TRUE(
+        contains(json.out, "\"status\":\"unsubscribed\",\"to\":\"ticker\",\"event\":\"tick\",\"confirmed\":true"))
         << json.out;
 
     publisher->signal(SIGINT);

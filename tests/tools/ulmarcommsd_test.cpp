@@ -87,7 +87,8 @@ TEST(Ulmarcommsd, FailedStartsSayWhyWithTheirStatus)
         // The library's own log line names the refused item.
         {{pipeSetting(uniquePipeName()), "no.such.setting=1"}, 1, {"code 4", "no.such.setting"}},
         // The library reports success here; the daemon checks its own listener.
-        {{tcpOff, "ulmar.systemrouter.ip4=1", "ulmar.systemrouter.ip4.port=notaport"}, 1,
+        {{tcpOff, "ulmar.systemrouter.ip4=1", "ulmar.systemrouter.ip4.port=notaport"},
+         1,
          {"does not listen on TCP 127.0.0.1:notaport"}},
         {{tcpOff}, 2, {"no local link"}},
     };
@@ -107,7 +108,8 @@ TEST(Ulmarcommsd, ServesOverTcpOnLoopbackAndRefusesASecondThere)
 {
     const std::string port = std::to_string(UlmarCommsTest::freeLoopbackPort());
     ASSERT_NE(port, "0");
-    const std::vector<std::string> tcp = {"--set", "ulmar.systemrouter.pipe=0", "--set", "ulmar.systemrouter.ip4=1",
+    const std::vector<std::string> tcp = {"--set", "ulmar.systemrouter.pipe=0",
+                                          "--set", "ulmar.systemrouter.ip4=1",
                                           "--set", "ulmar.systemrouter.ip4.port=" + port};
     std::vector<std::string> argv = {toolPath("ulmarcommsd")};
     argv.insert(argv.end(), tcp.begin(), tcp.end());

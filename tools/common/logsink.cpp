@@ -12,18 +12,12 @@ namespace UlmarCommsTools {
 std::string logLevelName(int level)
 {
     switch (level) {
-    case 0:
-        return "VERBOSE";
-    case 1:
-        return "MESSAGE";
-    case 2:
-        return "WARNING";
-    case 3:
-        return "ERROR";
-    case 4:
-        return "FATAL";
-    default:
-        return "LEVEL " + std::to_string(level);
+    case 0: return "VERBOSE";
+    case 1: return "MESSAGE";
+    case 2: return "WARNING";
+    case 3: return "ERROR";
+    case 4: return "FATAL";
+    default: return "LEVEL " + std::to_string(level);
     }
 }
 

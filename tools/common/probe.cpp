@@ -75,10 +75,8 @@ ProbeResult classify(int error, std::string& detail)
     case ETIMEDOUT:
     case EHOSTUNREACH:
     case ENETUNREACH:
-    case ECONNRESET:
-        return ProbeResult::NoService;
-    default:
-        return ProbeResult::Failed;
+    case ECONNRESET: return ProbeResult::NoService;
+    default: return ProbeResult::Failed;
     }
 }
 
@@ -136,12 +134,9 @@ ProbeResult probeTcp(const LinkTarget& target, int timeoutMs, std::string& detai
 std::string LinkTarget::describe() const
 {
     switch (kind) {
-    case Kind::Unix:
-        return "pipe name '" + pipeName + "' (abstract socket " + abstractSocketName(pipeName) + ")";
-    case Kind::Tcp:
-        return "TCP " + address + ":" + port;
-    case Kind::None:
-        break;
+    case Kind::Unix: return "pipe name '" + pipeName + "' (abstract socket " + abstractSocketName(pipeName) + ")";
+    case Kind::Tcp: return "TCP " + address + ":" + port;
+    case Kind::None: break;
     }
     return "no local link (ulmar.systemrouter.pipe and ulmar.systemrouter.ip4 are both 0)";
 }
@@ -155,12 +150,9 @@ ProbeResult probeService(const LinkTarget& target, int timeoutMs, std::string& d
 {
     detail.clear();
     switch (target.kind) {
-    case LinkTarget::Kind::Unix:
-        return probeUnix(target, detail);
-    case LinkTarget::Kind::Tcp:
-        return probeTcp(target, timeoutMs, detail);
-    case LinkTarget::Kind::None:
-        break;
+    case LinkTarget::Kind::Unix: return probeUnix(target, detail);
+    case LinkTarget::Kind::Tcp: return probeTcp(target, timeoutMs, detail);
+    case LinkTarget::Kind::None: break;
     }
     detail = "no local link is configured";
     return ProbeResult::NoService;

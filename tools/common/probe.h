@@ -31,9 +31,9 @@ struct LinkTarget {
 
 // The outcome of one probe.
 enum class ProbeResult {
-    Answered,  // something accepted the connection: a service is there
+    Answered, // something accepted the connection: a service is there
     NoService, // refused, absent or silent until the time-out
-    Failed     // the probe itself could not be made (detail says why)
+    Failed // the probe itself could not be made (detail says why)
 };
 
 // The abstract-namespace socket name the library uses for a pipe name,

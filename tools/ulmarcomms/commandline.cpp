@@ -40,7 +40,11 @@ struct CommandShape {
 const std::vector<CommandShape>& commandShapes()
 {
     static const std::vector<CommandShape> shapes = {
-        {"call", CommandKind::Call, {"ADDRESS", "METHOD"}, true, OptKey,
+        {"call",
+         CommandKind::Call,
+         {"ADDRESS", "METHOD"},
+         true,
+         OptKey,
          "call ADDRESS METHOD [KEY=VALUE]... [--key KEY]...",
          "send a request and print the reply",
          "Sends METHOD to ADDRESS (host@name/name, or name for this host) with the\n"
@@ -48,56 +52,118 @@ const std::vector<CommandShape>& commandShapes()
          "way to list a message's pairs, so other pairs of the reply are shown by\n"
          "name: --key KEY (repeatable) prints KEY=VALUE for each one present.\n"
          "An error reply prints its code and exits 1."},
-        {"info", CommandKind::Info, {}, false, OptHost, "info [--host HOST]",
-         "host information (SystemInfo)", "Asks the system endpoint for \"SystemInfo\"."},
-        {"settings", CommandKind::Settings, {}, false, OptHost, "settings [--host HOST]",
+        {"info",
+         CommandKind::Info,
+         {},
+         false,
+         OptHost,
+         "info [--host HOST]",
+         "host information (SystemInfo)",
+         "Asks the system endpoint for \"SystemInfo\"."},
+        {"settings",
+         CommandKind::Settings,
+         {},
+         false,
+         OptHost,
+         "settings [--host HOST]",
          "the service's settings (ReadUlmarCommsSettings)",
          "Asks the system endpoint for \"ReadUlmarCommsSettings\": every text setting,\n"
          "the line \"# numbers\", then every number setting."},
-        {"table", CommandKind::Table, {}, false, OptHost, "table [--host HOST]",
+        {"table",
+         CommandKind::Table,
+         {},
+         false,
+         OptHost,
+         "table [--host HOST]",
          "the system routing table (ViewSystemRouterRoutingTable)",
          "Asks the system endpoint for \"ViewSystemRouterRoutingTable\": every pump\n"
          "address known on the machine with its interfaces (joined by '-')."},
-        {"hosts", CommandKind::Hosts, {}, false, OptHost | OptActive, "hosts [--active] [--host HOST]",
+        {"hosts",
+         CommandKind::Hosts,
+         {},
+         false,
+         OptHost | OptActive,
+         "hosts [--active] [--host HOST]",
          "known hosts (KnownHosts)",
          "Asks the system endpoint for \"KnownHosts\"; --active sends activeonly=true."},
-        {"host-info", CommandKind::HostInfo, {"HOST"}, false, OptHost, "host-info HOST [--host HOST]",
+        {"host-info",
+         CommandKind::HostInfo,
+         {"HOST"},
+         false,
+         OptHost,
+         "host-info HOST [--host HOST]",
          "what the network router knows of HOST (HostInformation)",
          "Asks the system endpoint for \"HostInformation\" with host=HOST."},
-        {"net-table", CommandKind::NetTable, {}, false, OptHost, "net-table [--host HOST]",
+        {"net-table",
+         CommandKind::NetTable,
+         {},
+         false,
+         OptHost,
+         "net-table [--host HOST]",
          "the network routing table (NetworkRoutingTable)",
          "Asks the system endpoint for \"NetworkRoutingTable\"."},
-        {"who-supports", CommandKind::WhoSupports, {"INTERFACE[,INTERFACE...]"}, false, OptHost | OptAll,
+        {"who-supports",
+         CommandKind::WhoSupports,
+         {"INTERFACE[,INTERFACE...]"},
+         false,
+         OptHost | OptAll,
          "who-supports INTERFACE[,INTERFACE...] [--all] [--host HOST]",
          "addresses supporting interfaces (#AddressSupportingInterfaces)",
          "Asks the system endpoint for \"#AddressSupportingInterfaces\": the addresses\n"
          "supporting any of the interfaces, or with --all every one of them."},
-        {"interfaces", CommandKind::Interfaces, {"ADDRESS"}, false, 0, "interfaces ADDRESS",
+        {"interfaces",
+         CommandKind::Interfaces,
+         {"ADDRESS"},
+         false,
+         0,
+         "interfaces ADDRESS",
          "the interfaces a pump announces (#IsList)",
          "Asks the pump at ADDRESS for its interface list (\"#IsList\"), printed one\n"
          "per line."},
-        {"has", CommandKind::Has, {"ADDRESS", "INTERFACE"}, false, 0, "has ADDRESS INTERFACE",
+        {"has",
+         CommandKind::Has,
+         {"ADDRESS", "INTERFACE"},
+         false,
+         0,
+         "has ADDRESS INTERFACE",
          "whether a pump supports an interface (#IsHas)",
          "Asks the pump at ADDRESS whether it supports INTERFACE (\"#IsHas\") and prints\n"
          "true or false. A pump without interface names never answers: that ends in\n"
          "a time-out (exit 3)."},
-        {"events", CommandKind::Events, {"ADDRESS"}, false, 0, "events ADDRESS",
+        {"events",
+         CommandKind::Events,
+         {"ADDRESS"},
+         false,
+         0,
+         "events ADDRESS",
          "the events a pump publishes (#EsList)",
          "Asks the pump at ADDRESS for its events (\"#EsList\"), printed one per line."},
-        {"listen", CommandKind::Listen, {"NAME"}, false, OptInterfaces | OptEcho | OptReply | OptCount | OptKey,
+        {"listen",
+         CommandKind::Listen,
+         {"NAME"},
+         false,
+         OptInterfaces | OptEcho | OptReply | OptCount | OptKey,
          "listen NAME [--interfaces LIST] [--echo | --reply TEXT] [--count N] [--key KEY]...",
          "create a pump and print the requests it receives",
          "Creates the pump NAME (with the comma-separated interface LIST) and prints\n"
          "each request it receives until Ctrl-C or N requests. --echo answers with\n"
          "the request's method as response text, --reply TEXT with TEXT; either one\n"
          "copies the --key pairs of the request into the reply."},
-        {"subscribe", CommandKind::Subscribe, {"ADDRESS", "EVENT"}, false, OptCount | OptKey,
+        {"subscribe",
+         CommandKind::Subscribe,
+         {"ADDRESS", "EVENT"},
+         false,
+         OptCount | OptKey,
          "subscribe ADDRESS EVENT [--count N] [--key KEY]...",
          "register for an event and print each event message",
          "Registers for EVENT at ADDRESS (\"#reg\"), prints each event message until\n"
          "Ctrl-C or N messages, then unregisters. Exits 1 when the publisher refuses\n"
          "the registration (it has no such event)."},
-        {"publish", CommandKind::Publish, {"NAME", "EVENT"}, true, OptEvery | OptCount,
+        {"publish",
+         CommandKind::Publish,
+         {"NAME", "EVENT"},
+         true,
+         OptEvery | OptCount,
          "publish NAME EVENT [KEY=VALUE]... [--every MS] [--count N]",
          "create a pump that owns EVENT and emit it",
          "Creates the pump NAME with the event EVENT and emits an event message with\n"
@@ -150,9 +216,8 @@ const char* const kGlobalOptionsHelp =
     "  --help             show help (after a command: that command's help)\n"
     "  --version          show the version\n";
 
-const char* const kExitHelp =
-    "Exit status: 0 success; 1 an error reply or a refused operation; 2 usage\n"
-    "error; 3 time-out or no service reachable.\n";
+const char* const kExitHelp = "Exit status: 0 success; 1 an error reply or a refused operation; 2 usage\n"
+                              "error; 3 time-out or no service reachable.\n";
 
 // Reads an option's value: inline after '=' or the next argument.
 bool optionValue(const std::vector<std::string>& args, size_t& index, const std::string& name, bool hasInline,
@@ -376,23 +441,15 @@ struct Parser {
             command.address = positionals[0];
             command.method = positionals[1];
             break;
-        case CommandKind::HostInfo:
-            command.hostArgument = positionals[0];
-            break;
-        case CommandKind::WhoSupports:
-            command.interfaces = positionals[0];
-            break;
+        case CommandKind::HostInfo: command.hostArgument = positionals[0]; break;
+        case CommandKind::WhoSupports: command.interfaces = positionals[0]; break;
         case CommandKind::Interfaces:
-        case CommandKind::Events:
-            command.address = positionals[0];
-            break;
+        case CommandKind::Events: command.address = positionals[0]; break;
         case CommandKind::Has:
             command.address = positionals[0];
             command.interfaces = positionals[1];
             break;
-        case CommandKind::Listen:
-            command.name = positionals[0];
-            break;
+        case CommandKind::Listen: command.name = positionals[0]; break;
         case CommandKind::Subscribe:
             command.address = positionals[0];
             command.event = positionals[1];
@@ -401,8 +458,7 @@ struct Parser {
             command.name = positionals[0];
             command.event = positionals[1];
             break;
-        default:
-            break;
+        default: break;
         }
         return true;
     }
@@ -485,7 +541,8 @@ std::string commandHelp(const std::string& word)
     const CommandShape* shape = findSpec(word);
     if (shape == nullptr)
         return std::string();
-    std::string text = std::string("Usage: ulmarcomms [GLOBAL OPTIONS] ") + shape->synopsis + "\n\n" + shape->details + "\n";
+    std::string text =
+        std::string("Usage: ulmarcomms [GLOBAL OPTIONS] ") + shape->synopsis + "\n\n" + shape->details + "\n";
     const std::string options = optionHelp(shape->options);
     if (!options.empty())
         text += "\nOptions:\n" + options;

@@ -16,8 +16,8 @@ namespace UlmarCommsTools {
 
 // Exit statuses of the client.
 constexpr int kExitOk = 0;
-constexpr int kExitRefused = 1;     // an error reply, or a refused operation
-constexpr int kExitUsage = 2;       // bad command line
+constexpr int kExitRefused = 1; // an error reply, or a refused operation
+constexpr int kExitUsage = 2; // bad command line
 constexpr int kExitUnreachable = 3; // time-out, or no service reachable
 
 // The commands.

@@ -38,8 +38,8 @@ size_t Inbox::size() const
 
 // Interrupts are looked at first, then the queue, then the clock: an item
 // that arrived together with the time-out is still taken.
-Inbox::Wait Inbox::waitFor(const std::function<bool(const Received&)>& match,
-                           std::optional<Clock::time_point> deadline, unsigned interruptBaseline, Received& out)
+Inbox::Wait Inbox::waitFor(const std::function<bool(const Received&)>& match, std::optional<Clock::time_point> deadline,
+                           unsigned interruptBaseline, Received& out)
 {
     std::unique_lock<std::mutex> locker(m_lock);
     while (true) {

@@ -128,12 +128,9 @@ private:
         if (!anchor.create(name, ""))
             return pumpFailed(name);
         switch (m_command.kind) {
-        case CommandKind::Listen:
-            return listen(inbox);
-        case CommandKind::Subscribe:
-            return subscribe(inbox);
-        default:
-            return publish(inbox);
+        case CommandKind::Listen: return listen(inbox);
+        case CommandKind::Subscribe: return subscribe(inbox);
+        default: return publish(inbox);
         }
     }
 
@@ -173,10 +170,8 @@ private:
             complain(timeoutMessage(m_invocation, plan));
             out(formatTimeout(m_invocation, plan));
             return kExitUnreachable;
-        case Exchange::Result::Interrupted:
-            return interrupted();
-        case Exchange::Result::Answered:
-            break;
+        case Exchange::Result::Interrupted: return interrupted();
+        case Exchange::Result::Answered: break;
         }
         return kExitOk;
     }
@@ -264,8 +259,8 @@ private:
         RequestPlan plan;
         plan.to = m_command.address;
         plan.method = "#reg";
-        const Exchange registered = exchange(pump, inbox, registration(pump, returnMethod, true),
-                                             m_invocation.global.timeoutMs, 0);
+        const Exchange registered =
+            exchange(pump, inbox, registration(pump, returnMethod, true), m_invocation.global.timeoutMs, 0);
         if (registered.result != Exchange::Result::Answered)
             return notAnswered(registered, plan);
         if (registered.answer.kind == Received::Kind::Error) {
@@ -310,9 +305,8 @@ private:
                 out(formatUnsubscribed(m_invocation, true, ""));
                 return kExitOk;
             }
-            why = result.answer.kind == Received::Kind::Error
-                      ? "error " + std::to_string(result.answer.errorCode)
-                      : "the publisher had no such registration";
+            why = result.answer.kind == Received::Kind::Error ? "error " + std::to_string(result.answer.errorCode)
+                                                              : "the publisher had no such registration";
             break;
         case Exchange::Result::TimedOut:
             why = "no reply within " + std::to_string(m_invocation.global.timeoutMs) + " ms";
@@ -322,9 +316,7 @@ private:
             why = "interrupted";
             exitCode = kExitOk;
             break;
-        default:
-            why = "the request could not be sent (code " + std::to_string(result.postCode) + ")";
-            break;
+        default: why = "the request could not be sent (code " + std::to_string(result.postCode) + ")"; break;
         }
         complain("unsubscribing from " + m_command.event + " at " + m_command.address + " not confirmed: " + why);
         out(formatUnsubscribed(m_invocation, false, why));
@@ -395,18 +387,13 @@ int main(int argc, char** argv)
     Invocation invocation;
     std::string text;
     switch (parseCommandLine(std::vector<std::string>(argv + 1, argv + argc), invocation, text)) {
-    case ParseOutcome::Help:
-        out(text);
-        return kExitOk;
-    case ParseOutcome::Version:
-        out(std::string("ulmarcomms ") + ULMARCOMMS_TOOLS_VERSION + "\n");
-        return kExitOk;
+    case ParseOutcome::Help: out(text); return kExitOk;
+    case ParseOutcome::Version: out(std::string("ulmarcomms ") + ULMARCOMMS_TOOLS_VERSION + "\n"); return kExitOk;
     case ParseOutcome::Usage:
         complain(text);
         complain("try 'ulmarcomms --help'");
         return kExitUsage;
-    case ParseOutcome::Run:
-        break;
+    case ParseOutcome::Run: break;
     }
     return Client(invocation).run();
 }

@@ -98,23 +98,14 @@ void addParsedReply(JsonObject& object, CommandKind kind, const Received& reply)
         object.add("entries", entries);
         break;
     }
-    case CommandKind::Hosts:
-        object.add("hosts", splitText(text, '\n', true));
-        break;
-    case CommandKind::WhoSupports:
-        object.add("addresses", splitText(text, ',', true));
-        break;
+    case CommandKind::Hosts: object.add("hosts", splitText(text, '\n', true)); break;
+    case CommandKind::WhoSupports: object.add("addresses", splitText(text, ',', true)); break;
     case CommandKind::Interfaces:
         object.add("interfaces", reply.hasResponse ? splitText(text, ',', false) : std::vector<std::string>());
         break;
-    case CommandKind::Has:
-        object.addBool("supported", text == "true");
-        break;
-    case CommandKind::Events:
-        object.add("events", splitText(text, '|', true));
-        break;
-    default:
-        break;
+    case CommandKind::Has: object.addBool("supported", text == "true"); break;
+    case CommandKind::Events: object.add("events", splitText(text, '|', true)); break;
+    default: break;
     }
 }
 
@@ -122,14 +113,10 @@ std::string textReply(CommandKind kind, const Received& reply)
 {
     const std::string& text = reply.response;
     switch (kind) {
-    case CommandKind::WhoSupports:
-        return lines(splitText(text, ',', true));
-    case CommandKind::Interfaces:
-        return reply.hasResponse ? lines(splitText(text, ',', false)) : std::string();
-    case CommandKind::Events:
-        return lines(splitText(text, '|', true));
-    default:
-        return withNewline(text);
+    case CommandKind::WhoSupports: return lines(splitText(text, ',', true));
+    case CommandKind::Interfaces: return reply.hasResponse ? lines(splitText(text, ',', false)) : std::string();
+    case CommandKind::Events: return lines(splitText(text, '|', true));
+    default: return withNewline(text);
     }
 }
 
@@ -150,15 +137,9 @@ RequestPlan planRequest(const Command& command)
         plan.method = command.method;
         plan.pairs = command.pairs;
         break;
-    case CommandKind::Info:
-        plan.method = "SystemInfo";
-        break;
-    case CommandKind::Settings:
-        plan.method = "ReadUlmarCommsSettings";
-        break;
-    case CommandKind::Table:
-        plan.method = "ViewSystemRouterRoutingTable";
-        break;
+    case CommandKind::Info: plan.method = "SystemInfo"; break;
+    case CommandKind::Settings: plan.method = "ReadUlmarCommsSettings"; break;
+    case CommandKind::Table: plan.method = "ViewSystemRouterRoutingTable"; break;
     case CommandKind::Hosts:
         plan.method = "KnownHosts";
         if (command.activeOnly)
@@ -168,9 +149,7 @@ RequestPlan planRequest(const Command& command)
         plan.method = "HostInformation";
         plan.pairs.emplace_back("host", command.hostArgument);
         break;
-    case CommandKind::NetTable:
-        plan.method = "NetworkRoutingTable";
-        break;
+    case CommandKind::NetTable: plan.method = "NetworkRoutingTable"; break;
     case CommandKind::WhoSupports:
         plan.method = "#AddressSupportingInterfaces";
         plan.pairs.emplace_back("inters", command.interfaces);
@@ -191,8 +170,7 @@ RequestPlan planRequest(const Command& command)
         plan.to = command.address;
         plan.method = "#EsList";
         break;
-    default:
-        break;
+    default: break;
     }
     return plan;
 }
@@ -269,14 +247,10 @@ std::vector<RoutingEntryText> parseRoutingTable(const std::string& text)
 std::string errorMeaning(int code)
 {
     switch (code) {
-    case 400:
-        return "no path to the address";
-    case 1002:
-        return "unknown query, or a required key is missing";
-    case 2:
-        return "error reply without a code";
-    default:
-        return "error reply";
+    case 400: return "no path to the address";
+    case 1002: return "unknown query, or a required key is missing";
+    case 2: return "error reply without a code";
+    default: return "error reply";
     }
 }
 
@@ -323,7 +297,7 @@ std::string formatTimeout(const Invocation& invocation, const RequestPlan& plan)
 std::string timeoutMessage(const Invocation& invocation, const RequestPlan& plan)
 {
     std::string text = "no reply from '" + plan.to + "' to " + plan.method + " within " +
-                       std::to_string(invocation.global.timeoutMs) + " ms";
+        std::to_string(invocation.global.timeoutMs) + " ms";
     if (invocation.command.kind == CommandKind::Has)
         text += " (a pump without interface names never answers #IsHas)";
     return text;
@@ -452,7 +426,7 @@ std::string formatPublished(const Invocation& invocation, long sequence, int res
         if (result == 0)
             return "published " + command.event + " #" + std::to_string(sequence) + "\n";
         return "publishing " + command.event + " #" + std::to_string(sequence) + " failed: code " +
-               std::to_string(result) + "\n";
+            std::to_string(result) + "\n";
     }
     JsonObject object;
     object.add("command", "publish")

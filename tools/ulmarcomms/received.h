@@ -16,10 +16,10 @@ using ShownPair = std::pair<std::string, std::optional<std::string>>;
 
 struct Received {
     enum class Kind {
-        Request,   // a request or event message reached the pump
-        Reply,     // a reply to one of our requests
-        Error,     // an error reply to one of our requests
-        Published  // the publisher emitted an event message
+        Request, // a request or event message reached the pump
+        Reply, // a reply to one of our requests
+        Error, // an error reply to one of our requests
+        Published // the publisher emitted an event message
     };
     Kind kind = Kind::Request;
     // The id of the request a reply or error reply answers.

@@ -42,8 +42,8 @@ ClientPump::~ClientPump()
 
 bool ClientPump::create(const std::string& name, const std::string& interfaces)
 {
-    void* pump = UlmarCommsCreateMessagePump(name.c_str(), this, onMessageCallback, onResponseCallback,
-                                             onErrorCallback, interfaces.empty() ? nullptr : interfaces.c_str());
+    void* pump = UlmarCommsCreateMessagePump(name.c_str(), this, onMessageCallback, onResponseCallback, onErrorCallback,
+                                             interfaces.empty() ? nullptr : interfaces.c_str());
     {
         std::lock_guard<std::mutex> locker(m_lock);
         m_pump = pump;
@@ -249,15 +249,9 @@ Exchange exchange(ClientPump& pump, Inbox& inbox, void* message, int timeoutMs, 
         return (item.kind == Received::Kind::Reply || item.kind == Received::Kind::Error) && item.responseId == id;
     };
     switch (inbox.waitFor(isAnswer, deadline, interruptBaseline, outcome.answer)) {
-    case Inbox::Wait::Got:
-        outcome.result = Exchange::Result::Answered;
-        break;
-    case Inbox::Wait::TimedOut:
-        outcome.result = Exchange::Result::TimedOut;
-        break;
-    case Inbox::Wait::Interrupted:
-        outcome.result = Exchange::Result::Interrupted;
-        break;
+    case Inbox::Wait::Got: outcome.result = Exchange::Result::Answered; break;
+    case Inbox::Wait::TimedOut: outcome.result = Exchange::Result::TimedOut; break;
+    case Inbox::Wait::Interrupted: outcome.result = Exchange::Result::Interrupted; break;
     }
     return outcome;
 }

@@ -33,18 +33,12 @@ const int kProbeTimeoutMs = 1000;
 std::string startCodeMeaning(int code)
 {
     switch (code) {
-    case ULMARCOMMS_START_NETWORK_ROUTER:
-        return "the network router did not start";
-    case ULMARCOMMS_START_LOCAL_LINK:
-        return "the local link could not be set up";
-    case ULMARCOMMS_START_MESSAGE_ROUTER:
-        return "the message router or the system endpoint could not be created";
-    case ULMARCOMMS_BAD_ARGUMENT:
-        return "the start argument was refused (see the log line above)";
-    case ULMARCOMMS_NOT_STARTED:
-        return "the runtime could not be created";
-    default:
-        return "unknown start-up failure";
+    case ULMARCOMMS_START_NETWORK_ROUTER: return "the network router did not start";
+    case ULMARCOMMS_START_LOCAL_LINK: return "the local link could not be set up";
+    case ULMARCOMMS_START_MESSAGE_ROUTER: return "the message router or the system endpoint could not be created";
+    case ULMARCOMMS_BAD_ARGUMENT: return "the start argument was refused (see the log line above)";
+    case ULMARCOMMS_NOT_STARTED: return "the runtime could not be created";
+    default: return "unknown start-up failure";
     }
 }
 
@@ -71,8 +65,7 @@ void blockStopSignals(sigset_t& stopSignals)
 int waitForStopSignal(const sigset_t& stopSignals)
 {
     int signal = 0;
-    while (sigwait(&stopSignals, &signal) != 0) {
-    }
+    while (sigwait(&stopSignals, &signal) != 0) {}
     return signal;
 }
 
@@ -94,18 +87,13 @@ int main(int argc, char** argv)
     DaemonOptions options;
     std::string error;
     switch (parseDaemonOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
-    case DaemonParse::Help:
-        std::fputs(daemonUsage().c_str(), stdout);
-        return kExitOk;
-    case DaemonParse::Version:
-        std::printf("ulmarcommsd %s\n", ULMARCOMMS_TOOLS_VERSION);
-        return kExitOk;
+    case DaemonParse::Help: std::fputs(daemonUsage().c_str(), stdout); return kExitOk;
+    case DaemonParse::Version: std::printf("ulmarcommsd %s\n", ULMARCOMMS_TOOLS_VERSION); return kExitOk;
     case DaemonParse::Usage:
         complain(error);
         complain("try 'ulmarcommsd --help'");
         return kExitUsage;
-    case DaemonParse::Run:
-        break;
+    case DaemonParse::Run: break;
     }
 
     LinkTarget link;
