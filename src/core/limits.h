@@ -5,13 +5,14 @@
 // The classes that enforce a bound keep their constant names as aliases of
 // these entries ("Alias:" below), so each number is written here only.
 //
-// Accounting (intended design, not built yet): a per-link account is kept by
-// the link's DataFrameHandler, charged where a frame joins its outbound queue
-// (enqueue) and released where the frame leaves it (written, or dropped when
-// the link is torn down). A per-user account, keyed by the uid behind an
-// accepted local link, is kept by the service's LocalSocketServerInterface;
-// each link charges its user's account alongside its own and releases both
-// when it ends.
+// Accounting: a bound on bytes held is kept by a ByteAccount
+// (core/byteaccount.h). Each link's DataFrameHandler has one for its outbound
+// queue (LinkQueuedBytes), charged where a frame joins the queue and released
+// where it leaves (written, or dropped when the link is torn down). An
+// account may have a parent that every charge and release reaches too: a
+// per-user account, keyed by the uid behind an accepted local link and kept
+// by the service's LocalSocketServerInterface, becomes the parent of that
+// user's links, so that one place charges and releases both.
 //
 // Not limits, and so not here: the transfer buffer sizes (the *.inbound.size
 // and *.outbound.size settings, NetworkRouterConnection::BufferSize) bound

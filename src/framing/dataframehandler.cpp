@@ -48,7 +48,7 @@ DataFrameHandler::DataFrameHandler()
       m_pOutboundCurrentFrame(nullptr),
       m_outboundInFlight(false),
       m_currentSent(0),
-      m_queuedBytes(0),
+      m_queued(MaxQueuedBytes),
       m_outboundHeld(false),
       m_batchedFrames(false),
       m_pBatchMember(std::make_shared<WriteBatch::Member>(this)),
@@ -247,7 +247,7 @@ Socket* DataFrameHandler::detachLocked()
         Core::log(Core::LogWarning,
                   "DataFrameHandler::takeSocket() this=%p Dropping frame %u, handed to a link that has gone.\n",
                   static_cast<void*>(this), m_pOutboundCurrentFrame->id());
-        m_queuedBytes -= m_pOutboundCurrentFrame->wireSize();
+        m_queued.release(m_pOutboundCurrentFrame->wireSize());
         recycle(m_pOutboundCurrentFrame);
         m_pOutboundCurrentFrame = nullptr;
     }
@@ -258,7 +258,7 @@ Socket* DataFrameHandler::detachLocked()
             Core::log(Core::LogWarning,
                       "DataFrameHandler::takeSocket() this=%p Dropping frame %u, handed to a link that has gone.\n",
                       static_cast<void*>(this), frame->id());
-            m_queuedBytes -= frame->wireSize();
+            m_queued.release(frame->wireSize());
             release(frame);
         }
         m_batched.clear();

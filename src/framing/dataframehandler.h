@@ -47,6 +47,7 @@
 // outside the handler's own frames.
 #pragma once
 
+#include "core/byteaccount.h"
 #include "core/limits.h"
 #include "framing/dataframe.h"
 #include "framing/writebatch.h"
@@ -248,8 +249,9 @@ private:
     bool m_outboundInFlight;
     // Bytes of the current frame the socket has taken.
     uint64_t m_currentSent;
-    // Bytes of every queued frame and the current one.
-    uint64_t m_queuedBytes;
+    // Bytes of every queued frame and the current one, bounded at
+    // MaxQueuedBytes.
+    ByteAccount m_queued;
     // Set by holdOutbound: frames queue but none is written.
     bool m_outboundHeld;
     // Message frames wait, unwritten, for the end of a batch.

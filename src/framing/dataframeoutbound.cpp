@@ -99,24 +99,24 @@ bool DataFrameHandler::enqueue(DataFrame* frame, bool command)
     }
     const uint64_t size = frame->wireSize();
     // A peer that stops reading must not make us hold unbounded memory.
-    if (m_queuedBytes > 0 && m_queuedBytes + size > MaxQueuedBytes) {
+    if (!m_queued.charge(size)) {
         Core::log(Core::LogError,
                   "DataFrameHandler::addToOutbound() this=%p Outbound queue full (%llu bytes waiting), frame "
                   "refused.\n",
-                  static_cast<void*>(this), static_cast<unsigned long long>(m_queuedBytes));
+                  static_cast<void*>(this), static_cast<unsigned long long>(m_queued.used()));
         release(frame);
         return false;
     }
     try {
         (command ? m_commandQueue : m_messageQueue).push_back(frame);
     } catch (...) {
+        m_queued.release(size);
         release(frame);
         Core::log(Core::LogError, "DataFrameHandler::addToOutbound() this=%p Unable to queue the frame.\n",
                   static_cast<void*>(this));
         return false;
     }
     m_lastId = frame->id();
-    m_queuedBytes += size;
     if (!command && joinBatch()) {
         m_batchedFrames = true;
         return true;
@@ -278,7 +278,7 @@ bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsig
         m_currentSent += part;
         if (!m_pOutboundCurrentFrame->doneWriteOut(part))
             break;
-        m_queuedBytes -= m_pOutboundCurrentFrame->wireSize();
+        m_queued.release(m_pOutboundCurrentFrame->wireSize());
         recycle(m_pOutboundCurrentFrame);
         m_pOutboundCurrentFrame = nullptr;
         m_currentSent = 0;
@@ -353,7 +353,7 @@ void DataFrameHandler::releaseOutboundFrames()
     m_pOutboundCurrentFrame = nullptr;
     m_outboundInFlight = false;
     m_currentSent = 0;
-    m_queuedBytes = 0;
+    m_queued.releaseAll();
 }
 
 } // namespace UlmarComms
