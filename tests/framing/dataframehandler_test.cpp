@@ -275,12 +275,15 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return i < m_handlers.size() ? m_handlers[i] : nullptr;
     }
-    // Unlists and deletes a handler, closing its link.
+    // Unlists a handler, closes and deletes its socket, and deletes it at
+    // once, not through the reaper, so that a batch still open on this thread
+    // outlives it.
     void destroy(Recorder* handler)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_handlers.erase(std::find(m_handlers.begin(), m_handlers.end(), handler));
         lock.unlock();
+        handler->dropSocket();
         delete handler;
     }
     bool waitForClients(size_t n)
