@@ -1,40 +1,35 @@
-// ulmarcomms_nettest: a small application for the multi-host tests, built on
-// the public C interface only, as any application would be. Each mode prints
-// one result line per event on stdout, so the tests read outcomes, not logs.
+// ulmarcomms_nettest: the multi-host tests' application, built on the public
+// C interface only, as any application would be. Each mode prints one result
+// line per outcome on stdout, so the tests read outcomes, not logs; every
+// wait ends at a deadline (10 s).
 //
-//   serve   PIPE PUMP [EVENT]        a pump that answers every request with
-//                                    "echo:<method>:<host>"; method "fire"
-//                                    posts EVENT first. Prints "READY <addr>"
-//                                    and runs until stdin closes.
-//   call    PIPE TO METHOD [K=V]...  one request; prints "RESPONSE <text>"
-//                                    (exit 0), "ERROR <code>" (exit 2) or
-//                                    "TIMEOUT" (exit 3).
-//   listen  PIPE TO EVENT COUNT      registers for EVENT at TO, prints
-//                                    "REGISTERED", then "EVENT <from>" for
-//                                    each of COUNT events (exit 0) or TIMEOUT.
-//   capture ADDRESS PORT SOURCE MS   no library: waits for one UDP datagram
-//                                    from SOURCE on ADDRESS:PORT and prints
-//                                    "DATAGRAM <hex>" (exit 0) or TIMEOUT.
-//   send    ADDRESS PORT HEX         no library: sends one UDP datagram
-//                                    (broadcast allowed); prints "SENT".
-//   fanout  PIPE ROUNDS ANSWERS      asks the system endpoint ROUNDS times in
-//                                    a row which hosts support an interface,
-//                                    each time waiting for ANSWERS replies;
-//                                    prints "FANOUT <rounds done>" (exit 0
-//                                    when all were answered) and, on a round
-//                                    that falls short, "SHORT <round> <got>".
-//
-// Replies and timeouts are bounded: every wait has a deadline (10 s).
+//   serve   PIPE PUMP [EVENT]        answers every request "echo:<method>:<host>"
+//                                    (method "fire" posts EVENT first); prints
+//                                    "READY <addr>" and runs until stdin closes.
+//   call    PIPE TO METHOD [K=V]...  one request: "RESPONSE <text>" (exit 0),
+//                                    "ERROR <code>" (2) or "TIMEOUT" (3).
+//   listen  PIPE TO EVENT COUNT      registers for EVENT at TO: "REGISTERED",
+//                                    then "EVENT <from>" for each of COUNT
+//                                    events (exit 0), else TIMEOUT.
+//   fanout  PIPE ROUNDS ANSWERS      asks the system endpoint ROUNDS times in a
+//                                    row which hosts support an interface, each
+//                                    time awaiting ANSWERS replies: "FANOUT <n>"
+//                                    (exit 0 when all were answered), and on a
+//                                    round that falls short "SHORT <round> <got>".
+//   capture ADDRESS PORT SOURCE MS   no library: waits for one UDP datagram from
+//                                    SOURCE on ADDRESS:PORT: "DATAGRAM <hex>"
+//                                    (exit 0) or TIMEOUT.
+//   send    ADDRESS PORT HEX         no library: one UDP datagram (broadcast
+//                                    allowed); prints "SENT".
 #include "ulmarcomms.h"
 
 #include <arpa/inet.h>
-#include <atomic>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -42,11 +37,23 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
 constexpr auto Deadline = std::chrono::seconds(10);
+
+void say(const std::string& line)
+{
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+std::string text(const char* value)
+{
+    return value != nullptr ? value : "";
+}
 
 // What the callbacks hand to the waiting main thread.
 struct Inbox {
@@ -57,33 +64,25 @@ struct Inbox {
     // Stored once the pump is created; a request can be delivered (on the
     // router worker) before that store, so it is atomic and awaited.
     std::atomic<void*> pump{nullptr};
+
+    void put(const std::string& line)
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        lines.push_back(line);
+        changed.notify_all();
+    }
+    // Waits until count lines have arrived; false on time-out.
+    bool waitFor(size_t count)
+    {
+        std::unique_lock<std::mutex> guard(lock);
+        return changed.wait_for(guard, Deadline, [&] { return lines.size() >= count; });
+    }
+    std::string first()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return lines.empty() ? std::string() : lines.front();
+    }
 };
-
-void put(Inbox* inbox, const std::string& line)
-{
-    std::lock_guard<std::mutex> guard(inbox->lock);
-    inbox->lines.push_back(line);
-    inbox->changed.notify_all();
-}
-
-// Waits until count lines have arrived; false on time-out.
-bool waitForLines(Inbox& inbox, size_t count)
-{
-    std::unique_lock<std::mutex> guard(inbox.lock);
-    return inbox.changed.wait_for(guard, Deadline, [&] { return inbox.lines.size() >= count; });
-}
-
-// Line i under the lock ("" when there is none).
-std::string lineAt(Inbox& inbox, size_t i)
-{
-    std::lock_guard<std::mutex> guard(inbox.lock);
-    return i < inbox.lines.size() ? inbox.lines[i] : std::string();
-}
-
-std::string text(const char* value)
-{
-    return value != nullptr ? value : "";
-}
 
 void onServeMessage(void* context, void* message, const char*, const char* method)
 {
@@ -101,8 +100,7 @@ void onServeMessage(void* context, void* message, const char*, const char* metho
     }
     char host[256] = {0};
     gethostname(host, sizeof(host) - 1);
-    const std::string answer = "echo:" + name + ":" + host;
-    void* reply = UlmarCommsCreateReplyMessage(pump, message, answer.c_str());
+    void* reply = UlmarCommsCreateReplyMessage(pump, message, ("echo:" + name + ":" + host).c_str());
     if (reply != nullptr)
         UlmarCommsPostMessage(pump, reply);
 }
@@ -110,143 +108,161 @@ void onServeMessage(void* context, void* message, const char*, const char* metho
 void onListenMessage(void* context, void* message, const char*, const char* method)
 {
     if (text(method) == "onEvent")
-        put(static_cast<Inbox*>(context), "EVENT " + text(UlmarCommsGetFrom(message)));
+        static_cast<Inbox*>(context)->put("EVENT " + text(UlmarCommsGetFrom(message)));
 }
 
 void onResponse(void* context, unsigned int, void* message)
 {
-    put(static_cast<Inbox*>(context), "RESPONSE " + text(UlmarCommsGetResponse(message)));
+    static_cast<Inbox*>(context)->put("RESPONSE " + text(UlmarCommsGetResponse(message)));
 }
 
 void onError(void* context, unsigned int, int code)
 {
-    put(static_cast<Inbox*>(context), "ERROR " + std::to_string(code));
+    static_cast<Inbox*>(context)->put("ERROR " + std::to_string(code));
 }
 
 void ignoreMessage(void*, void*, const char*, const char*)
 {
 }
 
-bool start(const char* pipe)
-{
-    const std::string argument = std::string("ulmar.systemrouter.pipe.name=") + pipe;
-    const int result = UlmarCommsStart(argument.c_str());
-    if (result != ULMARCOMMS_OK) {
-        std::printf("START-FAILED %d\n", result);
-        return false;
-    }
-    return true;
-}
+// The library started on PIPE with one pump (answers: with the response and
+// error callbacks); the pump is destroyed and the library shut down at the end.
+struct Session {
+    Inbox inbox;
+    void* pump = nullptr;
+    bool started = false;
 
-void say(const std::string& line)
-{
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
+    Session(const char* pipe, const std::string& name, UlmarCommsMessageCallback onMessage, bool answers,
+            const char* event = nullptr)
+    {
+        const int result = UlmarCommsStart((std::string("ulmar.systemrouter.pipe.name=") + pipe).c_str());
+        if (result != ULMARCOMMS_OK) {
+            say("START-FAILED " + std::to_string(result));
+            return;
+        }
+        started = true;
+        if (event != nullptr)
+            inbox.event = event;
+        pump = UlmarCommsCreateMessagePump(name.c_str(), &inbox, onMessage, answers ? onResponse : nullptr,
+                                           answers ? onError : nullptr, nullptr);
+        inbox.pump = pump;
+    }
+    ~Session()
+    {
+        if (pump != nullptr)
+            UlmarCommsDestroyMessagePump(pump);
+        if (started)
+            UlmarCommsShutdown();
+    }
+};
 
 int serve(const char* pipe, const char* name, const char* event)
 {
-    if (!start(pipe))
+    Session session(pipe, name, onServeMessage, false, event);
+    if (session.pump == nullptr)
         return 1;
-    Inbox inbox;
     if (event != nullptr)
-        inbox.event = event;
-    inbox.pump = UlmarCommsCreateMessagePump(name, &inbox, onServeMessage, nullptr, nullptr, nullptr);
-    if (inbox.pump == nullptr) {
-        UlmarCommsShutdown();
-        return 1;
-    }
-    if (event != nullptr)
-        UlmarCommsMessagePumpCreateEvent(inbox.pump, event);
-    say("READY " + text(UlmarCommsMessagePumpAddress(inbox.pump)));
+        UlmarCommsMessagePumpCreateEvent(session.pump, event);
+    say("READY " + text(UlmarCommsMessagePumpAddress(session.pump)));
     // Runs until the test closes our stdin.
     char scratch[64];
     while (read(0, scratch, sizeof(scratch)) > 0) {}
-    UlmarCommsDestroyMessagePump(inbox.pump);
-    UlmarCommsShutdown();
     return 0;
 }
 
 int call(const char* pipe, const char* to, const char* method, int argc, char** argv)
 {
-    if (!start(pipe))
+    Session session(pipe, "caller" + std::to_string(getpid()), ignoreMessage, true);
+    void* message = session.pump != nullptr ? UlmarCommsCreateMessage(session.pump, to, method) : nullptr;
+    if (message == nullptr)
         return 1;
-    Inbox inbox;
-    const std::string name = "caller" + std::to_string(getpid());
-    void* pump = UlmarCommsCreateMessagePump(name.c_str(), &inbox, ignoreMessage, onResponse, onError, nullptr);
-    void* message = pump != nullptr ? UlmarCommsCreateMessage(pump, to, method) : nullptr;
-    int status = 1;
-    if (message != nullptr) {
-        for (int i = 0; i < argc; ++i) {
-            const std::string pair = argv[i];
-            const size_t equals = pair.find('=');
-            if (equals != std::string::npos)
-                UlmarCommsMessageAddKeyValue(message, pair.substr(0, equals).c_str(), pair.substr(equals + 1).c_str());
-        }
-        const int posted = UlmarCommsPostMessage(pump, message);
-        if (posted != ULMARCOMMS_OK) {
-            say("POST-FAILED " + std::to_string(posted));
-        } else if (!waitForLines(inbox, 1)) {
-            say("TIMEOUT");
-            status = 3;
-        } else {
-            const std::string first = lineAt(inbox, 0);
-            say(first);
-            status = first.rfind("RESPONSE", 0) == 0 ? 0 : 2;
-        }
+    for (int i = 0; i < argc; ++i) {
+        const std::string pair = argv[i];
+        const size_t equals = pair.find('=');
+        if (equals != std::string::npos)
+            UlmarCommsMessageAddKeyValue(message, pair.substr(0, equals).c_str(), pair.substr(equals + 1).c_str());
     }
-    if (pump != nullptr)
-        UlmarCommsDestroyMessagePump(pump);
-    UlmarCommsShutdown();
-    return status;
+    if (const int posted = UlmarCommsPostMessage(session.pump, message); posted != ULMARCOMMS_OK) {
+        say("POST-FAILED " + std::to_string(posted));
+        return 1;
+    }
+    if (!session.inbox.waitFor(1)) {
+        say("TIMEOUT");
+        return 3;
+    }
+    const std::string first = session.inbox.first();
+    say(first);
+    return first.rfind("RESPONSE", 0) == 0 ? 0 : 2;
 }
 
 int listen(const char* pipe, const char* to, const char* event, int count)
 {
-    if (!start(pipe))
+    // The registration's answer comes first (response callback), then one
+    // line per event.
+    Session session(pipe, "listener", onListenMessage, true);
+    void* message = session.pump != nullptr
+        ? UlmarCommsCreateEventRegistrationMessage(session.pump, "onEvent", to, event, true)
+        : nullptr;
+    if (message == nullptr || UlmarCommsPostMessage(session.pump, message) != ULMARCOMMS_OK)
         return 1;
-    // The registration's answer and the events both land in this inbox: the
-    // answer first (response callback), then one line per event.
-    Inbox inbox;
-    void* pump = UlmarCommsCreateMessagePump("listener", &inbox, onListenMessage, onResponse, onError, nullptr);
-    void* message =
-        pump != nullptr ? UlmarCommsCreateEventRegistrationMessage(pump, "onEvent", to, event, true) : nullptr;
-    int status = 1;
-    if (message != nullptr && UlmarCommsPostMessage(pump, message) == ULMARCOMMS_OK) {
-        status = 3;
-        if (!waitForLines(inbox, 1)) {
-            say("TIMEOUT");
-        } else if (std::string first = lineAt(inbox, 0); first != "RESPONSE y") {
-            say(first);
-            status = 2;
-        } else {
-            say("REGISTERED");
-            const bool all = waitForLines(inbox, static_cast<size_t>(count) + 1);
-            std::lock_guard<std::mutex> guard(inbox.lock);
-            for (size_t i = 1; i < inbox.lines.size(); ++i)
-                say(inbox.lines[i]);
-            if (all)
-                status = 0;
-            else
-                say("TIMEOUT");
-        }
+    if (!session.inbox.waitFor(1)) {
+        say("TIMEOUT");
+        return 3;
     }
-    if (pump != nullptr)
-        UlmarCommsDestroyMessagePump(pump);
-    UlmarCommsShutdown();
-    return status;
+    if (const std::string first = session.inbox.first(); first != "RESPONSE y") {
+        say(first);
+        return 2;
+    }
+    say("REGISTERED");
+    const bool all = session.inbox.waitFor(static_cast<size_t>(count) + 1);
+    std::lock_guard<std::mutex> guard(session.inbox.lock);
+    for (size_t i = 1; i < session.inbox.lines.size(); ++i)
+        say(session.inbox.lines[i]);
+    if (all)
+        return 0;
+    say("TIMEOUT");
+    return 3;
 }
 
-int capture(const char* address, const char* port, const char* source, int ms)
+int fanout(const char* pipe, int rounds, int answers)
+{
+    Session session(pipe, "fanout", ignoreMessage, true);
+    if (session.pump == nullptr)
+        return 1;
+    int done = 0;
+    for (; done < rounds; ++done) {
+        void* query = UlmarCommsCreateListHostsSupportingInterfaces(session.pump, "demo.fanout", false);
+        if (query == nullptr || UlmarCommsPostMessage(session.pump, query) != ULMARCOMMS_OK)
+            break;
+        const size_t wanted = static_cast<size_t>(answers) * static_cast<size_t>(done + 1);
+        if (!session.inbox.waitFor(wanted)) {
+            std::lock_guard<std::mutex> guard(session.inbox.lock);
+            say("SHORT " + std::to_string(done) + " " + std::to_string(session.inbox.lines.size() - wanted + answers));
+            break;
+        }
+    }
+    say("FANOUT " + std::to_string(done));
+    return done == rounds ? 0 : 3;
+}
+
+// A UDP socket allowed to broadcast, and ADDRESS:PORT in where.
+int udpSocket(const char* address, const char* port, sockaddr_in& where)
 {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_port = htons(static_cast<uint16_t>(std::atoi(port)));
-    inet_pton(AF_INET, address, &local.sin_addr);
+    where = sockaddr_in{};
+    where.sin_family = AF_INET;
+    where.sin_port = htons(static_cast<uint16_t>(std::atoi(port)));
+    inet_pton(AF_INET, address, &where.sin_addr);
+    return fd;
+}
+
+int capture(const char* address, const char* port, const char* source, int ms)
+{
+    sockaddr_in local;
+    const int fd = udpSocket(address, port, local);
     if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0) {
         say("BIND-FAILED");
         close(fd);
@@ -288,13 +304,8 @@ int send(const char* address, const char* port, const std::string& hex)
     std::string bytes;
     for (size_t i = 0; i + 1 < hex.size(); i += 2)
         bytes += static_cast<char>(std::strtoul(hex.substr(i, 2).c_str(), nullptr, 16));
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(std::atoi(port)));
-    inet_pton(AF_INET, address, &to.sin_addr);
+    sockaddr_in to;
+    const int fd = udpSocket(address, port, to);
     const ssize_t sent = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
     close(fd);
     if (sent != static_cast<ssize_t>(bytes.size())) {
@@ -303,31 +314,6 @@ int send(const char* address, const char* port, const std::string& hex)
     }
     say("SENT");
     return 0;
-}
-
-int fanout(const char* pipe, int rounds, int answers)
-{
-    if (!start(pipe))
-        return 1;
-    Inbox inbox;
-    void* pump = UlmarCommsCreateMessagePump("fanout", &inbox, ignoreMessage, onResponse, onError, nullptr);
-    int done = 0;
-    for (; pump != nullptr && done < rounds; ++done) {
-        void* query = UlmarCommsCreateListHostsSupportingInterfaces(pump, "demo.fanout", false);
-        if (query == nullptr || UlmarCommsPostMessage(pump, query) != ULMARCOMMS_OK)
-            break;
-        const size_t wanted = static_cast<size_t>(answers) * static_cast<size_t>(done + 1);
-        if (!waitForLines(inbox, wanted)) {
-            std::lock_guard<std::mutex> guard(inbox.lock);
-            say("SHORT " + std::to_string(done) + " " + std::to_string(inbox.lines.size() - wanted + answers));
-            break;
-        }
-    }
-    say("FANOUT " + std::to_string(done));
-    if (pump != nullptr)
-        UlmarCommsDestroyMessagePump(pump);
-    UlmarCommsShutdown();
-    return done == rounds ? 0 : 3;
 }
 
 int usage()
