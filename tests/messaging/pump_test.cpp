@@ -36,45 +36,35 @@ TEST(MessagePumpBuilders, KeysComeInTheirFixedOrderWithExactTexts)
 {
     MessagePump pump("builder", nullptr);
     const std::string me = pump.address();
+    // "_t", "_f", "_m", the pairs given, "_s", then the trailing pairs.
+    auto expected = [&](const char* to, const char* method, Pairs middle, const char* id, Pairs tail = {}) {
+        Pairs all = {{"_t", to}, {"_f", me}, {"_m", method}};
+        all.insert(all.end(), middle.begin(), middle.end());
+        all.emplace_back("_s", id);
+        all.insert(all.end(), tail.begin(), tail.end());
+        return all;
+    };
+    const Pairs registration = {{"rname", "tick"}, {"retm", "onTick"}};
     // Each builder takes the next sender id.
     const std::vector<std::pair<std::function<MessageItem*()>, Pairs>> cases = {
-        {[&] { return pump.createSystemListHostsMessage(); },
-         {{"_t", "/system"}, {"_f", me}, {"_m", "#HsList"}, {"_s", "1"}}},
-        {[&] { return pump.createListInterfacesMessage("dest"); },
-         {{"_t", "dest"}, {"_f", me}, {"_m", "#IsList"}, {"_s", "2"}}},
-        {[&] { return pump.createListEventsMessage("dest"); },
-         {{"_t", "dest"}, {"_f", me}, {"_m", "#EsList"}, {"_s", "3"}}},
+        {[&] { return pump.createSystemListHostsMessage(); }, expected("/system", "#HsList", {}, "1")},
+        {[&] { return pump.createListInterfacesMessage("dest"); }, expected("dest", "#IsList", {}, "2")},
+        {[&] { return pump.createListEventsMessage("dest"); }, expected("dest", "#EsList", {}, "3")},
         {[&] { return pump.createHasInterfacesMessage("dest", "a,b"); },
-         {{"_t", "dest"}, {"_f", me}, {"_m", "#IsHas"}, {"inters", "a,b"}, {"_s", "4"}}},
+         expected("dest", "#IsHas", {{"inters", "a,b"}}, "4")},
         {[&] { return pump.createListHostsSupportingInterfaces("i", true); },
-         {{"_t", "/system"},
-          {"_f", me},
-          {"_m", "NetHostSupportInterfaces"},
-          {"inters", "i"},
-          {"match", "1"},
-          {"_s", "5"}}},
+         expected("/system", "NetHostSupportInterfaces", {{"inters", "i"}, {"match", "1"}}, "5")},
         {[&] { return pump.createListHostsSupportingInterfaces("i", false); },
-         {{"_t", "/system"},
-          {"_f", me},
-          {"_m", "NetHostSupportInterfaces"},
-          {"inters", "i"},
-          {"match", "0"},
-          {"_s", "6"}}},
+         expected("/system", "NetHostSupportInterfaces", {{"inters", "i"}, {"match", "0"}}, "6")},
         {[&] { return pump.createSystemGetAddressesSupportingInterfacesMessage("far", "i"); },
-         {{"_t", "far@/system"}, {"_f", me}, {"_m", "#AdsSupIs"}, {"inters", "i"}, {"_s", "7"}}},
+         expected("far@/system", "#AdsSupIs", {{"inters", "i"}}, "7")},
         {[&] { return pump.createSystemGetAddressesSupportingInterfacesMessage("", "i"); },
-         {{"_t", "/system"}, {"_f", me}, {"_m", "#AdsSupIs"}, {"inters", "i"}, {"_s", "8"}}},
+         expected("/system", "#AdsSupIs", {{"inters", "i"}}, "8")},
         {[&] { return pump.createEventRegistrationMessage("onTick", "dest", "tick", true); },
-         {{"_t", "dest"},
-          {"_f", me},
-          {"_m", "#reg"},
-          {"rname", "tick"},
-          {"retm", "onTick"},
-          {"_s", "9"},
-          {"reg", "t"}}},
+         expected("dest", "#reg", registration, "9", {{"reg", "t"}})},
         {[&] { return pump.createEventRegistrationMessage("onTick", "dest", "tick", false); },
-         {{"_t", "dest"}, {"_f", me}, {"_m", "#reg"}, {"rname", "tick"}, {"retm", "onTick"}, {"_s", "10"}}},
-        {[&] { return pump.createMessage("dest", ""); }, {{"_t", "dest"}, {"_f", me}, {"_m", ""}, {"_s", "11"}}},
+         expected("dest", "#reg", registration, "10")},
+        {[&] { return pump.createMessage("dest", ""); }, expected("dest", "", {}, "11")},
     };
     for (size_t i = 0; i < cases.size(); ++i) {
         MessageItem* m = cases[i].first();
@@ -234,22 +224,15 @@ TEST_F(MessagePumpExchange, ErrorRepliesReachTheErrorCallbackAndUseTwoIds)
 // number; an error without a method gives code 2.
 TEST_F(MessagePumpExchange, DeliveryTellsRequestsResponsesAndErrorsApart)
 {
-    for (const char* responseId : {"0", "abc"}) {
+    const std::string to = alice.address();
+    for (const Pairs& pairs :
+         {Pairs{{"_t", to}, {"_m", "hello"}, {"_R", "0"}}, Pairs{{"_t", to}, {"_m", "hello"}, {"_R", "abc"}},
+          Pairs{{"_t", to}, {"_R", "5"}}, Pairs{{"_t", to}, {"_M", "E"}, {"_R", "9"}}}) {
         MessageItem* message = MessageItem::create();
-        message->add("_t", alice.address().c_str());
-        message->add("_m", "hello");
-        message->add("_R", responseId);
+        for (const auto& [key, value] : pairs)
+            message->add(key.c_str(), value.c_str());
         ASSERT_TRUE(running.router.post(MessageRef(message)));
     }
-    MessageItem* reply = MessageItem::create();
-    reply->add("_t", alice.address().c_str());
-    reply->add("_R", "5");
-    ASSERT_TRUE(running.router.post(MessageRef(reply)));
-    MessageItem* error = MessageItem::create();
-    error->add("_t", alice.address().c_str());
-    error->add("_M", "E");
-    error->add("_R", "9");
-    ASSERT_TRUE(running.router.post(MessageRef(error)));
     ASSERT_TRUE(alice.waitForCount(4));
     const auto received = alice.received();
     EXPECT_EQ(received[0].kind, Received::Request);
