@@ -17,6 +17,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -149,17 +150,14 @@ class CppLayerOnBus : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        s_pipe = new std::string(UlmarCommsTest::uniquePipe());
-        s_service = new UlmarCommsTest::Participant(*s_pipe, true);
+        s_pipe = UlmarCommsTest::uniquePipe();
+        s_service = std::make_unique<UlmarCommsTest::Participant>(s_pipe, true);
         s_ready = s_service->waitFor("started 0");
         s_service->ask("pump admin", "pump admin");
     }
     static void TearDownTestSuite()
     {
-        delete s_service; // checks that the service exits cleanly
-        delete s_pipe;
-        s_service = nullptr;
-        s_pipe = nullptr;
+        s_service.reset(); // checks that the service exits cleanly
     }
     void SetUp() override
     {
@@ -170,7 +168,7 @@ protected:
     }
     void TearDown() override { EXPECT_TRUE(m_runtime.shutdown().ok()); }
 
-    static std::string argument() { return UlmarCommsTest::Participant::argument(*s_pipe); }
+    static std::string argument() { return UlmarCommsTest::Participant::argument(s_pipe); }
 
     // Whether the service's routing table comes to list (or no longer list)
     // address, asked again until a deadline.
@@ -185,14 +183,10 @@ protected:
     Runtime m_runtime;
 
 private:
-    static std::string* s_pipe;
-    static UlmarCommsTest::Participant* s_service;
-    static bool s_ready;
+    static inline std::string s_pipe;
+    static inline std::unique_ptr<UlmarCommsTest::Participant> s_service;
+    static inline bool s_ready = false;
 };
-
-std::string* CppLayerOnBus::s_pipe = nullptr;
-UlmarCommsTest::Participant* CppLayerOnBus::s_service = nullptr;
-bool CppLayerOnBus::s_ready = false;
 
 // What reaches a pump, recorded under one lock.
 struct Recorder {
