@@ -6,6 +6,7 @@
 #include "core/core.h"
 #include "messaging/messaging.h"
 #include "support/logcapture.h"
+#include "support/rawpeer.h"
 
 #include <gtest/gtest.h>
 
@@ -19,36 +20,17 @@ using namespace UlmarComms;
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using UlmarCommsTest::append;
+using UlmarCommsTest::Bytes;
+using UlmarCommsTest::rawFrame;
+using UlmarCommsTest::wireOf;
 
-struct MessageDeleter {
-    void operator()(MessageItem* item) const { MessageItem::release(item); }
-};
-using MessagePtr = std::unique_ptr<MessageItem, MessageDeleter>;
-
-MessagePtr makeMessage(const std::vector<std::pair<std::string, std::string>>& pairs)
+MessageRef makeMessage(const std::vector<std::pair<std::string, std::string>>& pairs)
 {
-    MessagePtr item(MessageItem::create());
+    MessageRef item(MessageItem::create());
     for (const auto& [key, value] : pairs)
         EXPECT_TRUE(item->add(key.c_str(), value.c_str()));
     return item;
-}
-
-// Everything a built frame would put on the wire, taken in one piece.
-Bytes wireBytes(DataFrame& frame)
-{
-    Bytes out(frame.dataSize() + DataFrame::HeaderSize + 16);
-    unsigned count = 0;
-    EXPECT_TRUE(frame.writeOut(out.data(), static_cast<unsigned>(out.size()), count));
-    out.resize(count);
-    return out;
-}
-
-Bytes header(unsigned char type, unsigned size, unsigned id)
-{
-    Bytes out(DataFrame::HeaderSize);
-    DataFrame::writeHeaderToBuffer(out.data(), type, size, id);
-    return out;
 }
 
 // Error lines, so tests can check the exact formats.
@@ -111,9 +93,9 @@ std::vector<Received> reassemble(const Bytes& stream, const std::vector<unsigned
                     got.payload[0] = code;
                     std::copy(text.begin(), text.end(), got.payload.begin() + 1);
                 } else if (frame.frameType() == DataFrame::FrameTypeMessage) {
-                    MessagePtr item(MessageItem::create());
-                    EXPECT_TRUE(frame.extractMessage(*item));
-                    got.payload = messageForm(*item);
+                    MessageRef item(MessageItem::create());
+                    EXPECT_TRUE(frame.extractMessage(*item.get()));
+                    got.payload = messageForm(*item.get());
                 }
                 frames.push_back(std::move(got));
                 frame.reset();
@@ -149,17 +131,17 @@ TEST(DataFrameWire, CommandAndMessageFramesAndHeadersAreByteExact)
     EXPECT_EQ(command.frameType(), DataFrame::FrameTypeCommand);
     EXPECT_EQ(command.dataSize(), 8u);
     EXPECT_EQ(
-        wireBytes(command),
+        wireOf(command),
         (Bytes{0x02, 0x00, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00, 0x03, 0x07, 0x00, 0x00, 0x00, 0x03, 0x61, 0x62, 0x00}));
 
-    MessagePtr item = makeMessage({{"a", "bc"}});
+    MessageRef item = makeMessage({{"a", "bc"}});
     DataFrame message(0x01020304, item.get());
-    EXPECT_EQ(wireBytes(message), (Bytes{0x01, 0x00, 0x00, 0x00, 0x11, 0x01, 0x02, 0x03, 0x04, 0xA4, 0x00, 0x00, 0x00,
+    EXPECT_EQ(wireOf(message), (Bytes{0x01, 0x00, 0x00, 0x00, 0x11, 0x01, 0x02, 0x03, 0x04, 0xA4, 0x00, 0x00, 0x00,
                                          0x11, 0x01, 0x02, 0x00, 0x00, 0x00, 0x03, 0x61, 0x00, 0x62, 0x63, 0x00, 0x8B}))
         << "a message frame carries the packet form";
     EXPECT_EQ(message.id(), 0x01020304u);
 
-    const Bytes bytes = header(0xAB, 0xDEADBEEF, 0x00C0FFEE);
+    const Bytes bytes = rawFrame(0xAB, 0xDEADBEEF, 0x00C0FFEE, {});
     EXPECT_EQ(bytes, (Bytes{0xAB, 0xDE, 0xAD, 0xBE, 0xEF, 0x00, 0xC0, 0xFF, 0xEE}));
     unsigned char type = 0;
     unsigned size = 0;
@@ -215,8 +197,7 @@ TEST(CommandMessage, FromBufferKeepsTheNulAndRefusesATextRunningPastThePayload)
     EXPECT_FALSE(CommandMessage::fromBuffer(huge.data(), 6, code, text));
 
     // The same through a received frame whose record lies about its text.
-    Bytes stream = header(DataFrame::FrameTypeCommand, 8, 1);
-    stream.insert(stream.end(), {2, 0, 0, 1, 0, 'x', 'y', 0});
+    const Bytes stream = rawFrame(DataFrame::FrameTypeCommand, 8, 1, {2, 0, 0, 1, 0, 'x', 'y', 0});
     DataFrame frame;
     bool complete = false;
     unsigned consumed = 0;
@@ -240,7 +221,7 @@ TEST_F(DataFrameLogTest, NullTextOrMessageFailsWithItsLogLineButEmptyTextWorks)
     DataFrame empty;
     ASSERT_TRUE(empty.insertCommand(1, 2, ""));
     EXPECT_EQ(empty.dataSize(), 6u);
-    const Bytes bytes = wireBytes(empty);
+    const Bytes bytes = wireOf(empty);
     EXPECT_EQ(Bytes(bytes.begin() + 9, bytes.end()), (Bytes{2, 0, 0, 0, 1, 0}));
     EXPECT_EQ(formats().size(), 2u) << "success logs nothing at error level";
 }
@@ -249,7 +230,7 @@ TEST(DataFrameBuild, BufferGrowsForLargeMessagesAndIsKeptByReset)
 {
     DataFrame frame;
     EXPECT_EQ(frame.capacity(), DataFrame::InitialBufferSize);
-    MessagePtr item = makeMessage({{"big", std::string(10000, 'v')}, {"k", "v"}});
+    MessageRef item = makeMessage({{"big", std::string(10000, 'v')}, {"k", "v"}});
     ASSERT_TRUE(frame.insertMessage(9, item.get()));
     EXPECT_EQ(frame.capacity(), item->memSize() + DataFrame::HeaderSize);
     frame.reset();
@@ -267,7 +248,7 @@ TEST(DataFrameBuild, BufferGrowsForLargeMessagesAndIsKeptByReset)
 TEST(DataFrameSend, WriteOutHandsOutPiecesUntilDoneWriteOut)
 {
     DataFrame frame(3, 7, "ab");
-    const Bytes whole = wireBytes(frame);
+    const Bytes whole = wireOf(frame);
     unsigned char piece[8];
     unsigned count = 0;
 
@@ -303,7 +284,7 @@ TEST(DataFrameSend, WriteOutHandsOutPiecesUntilDoneWriteOut)
 TEST(DataFrameReceive, OneByteAtATimeCompletesAtTheSeventeenthByte)
 {
     DataFrame sent(3, 7, "ab");
-    const Bytes stream = wireBytes(sent);
+    const Bytes stream = wireOf(sent);
     ASSERT_EQ(stream.size(), 17u);
     DataFrame frame;
     for (unsigned i = 0; i < stream.size(); ++i) {
@@ -344,7 +325,7 @@ TEST(DataFrameReceive, NoInputIsRefusedWithoutTouchingTheOutputs)
 
 TEST(DataFrameReceive, EmptyPayloadCompletesOnTheNextByteWithoutTakingIt)
 {
-    Bytes stream = header(DataFrame::FrameTypeCommand, 0, 4);
+    Bytes stream = rawFrame(DataFrame::FrameTypeCommand, 0, 4, {});
     DataFrame frame;
     bool complete = true;
     unsigned consumed = 0;
@@ -368,11 +349,8 @@ TEST(DataFrameReceive, AHeaderOfTypeNoneDoesNotDerailTheStream)
 {
     // Type 0 is never sent, but a peer may; its payload must be skipped as
     // a payload, not reread as headers.
-    Bytes stream = header(DataFrame::FrameTypeNone, 3, 1);
-    stream.insert(stream.end(), {0x02, 0xFF, 0xFF});
-    DataFrame next(2, 5, "ok");
-    const Bytes tail = wireBytes(next);
-    stream.insert(stream.end(), tail.begin(), tail.end());
+    Bytes stream = rawFrame(DataFrame::FrameTypeNone, 3, 1, {0x02, 0xFF, 0xFF});
+    append(stream, wireOf(DataFrame(2, 5, "ok")));
 
     const std::vector<Received> frames = reassemble(stream, {static_cast<unsigned>(stream.size())});
     ASSERT_EQ(frames.size(), 2u);
@@ -403,20 +381,16 @@ TEST(DataFrameReceive, RandomFramesReassembleFromRandomPieces)
             if (pick(0, 1) == 0) {
                 const unsigned char code = static_cast<unsigned char>(pick(0, 255));
                 const std::string body = text(pick(0, 1) ? pick(0, 40) : pick(4000, 9000));
-                DataFrame frame(id, code, body.c_str());
-                const Bytes bytes = wireBytes(frame);
-                stream.insert(stream.end(), bytes.begin(), bytes.end());
+                append(stream, wireOf(DataFrame(id, code, body.c_str())));
                 sent.push_back({DataFrame::FrameTypeCommand, id, commandForm(code, body)});
             } else {
                 std::vector<std::pair<std::string, std::string>> pairs;
                 const unsigned n = pick(1, MessageItem::s_maxNumberArguments);
                 for (unsigned p = 0; p < n; ++p)
                     pairs.emplace_back(text(pick(1, 12)), text(pick(0, 1) ? pick(0, 30) : pick(0, 800)));
-                MessagePtr item = makeMessage(pairs);
-                DataFrame frame(id, item.get());
-                const Bytes bytes = wireBytes(frame);
-                stream.insert(stream.end(), bytes.begin(), bytes.end());
-                sent.push_back({DataFrame::FrameTypeMessage, id, messageForm(*item)});
+                MessageRef item = makeMessage(pairs);
+                append(stream, wireOf(DataFrame(id, item.get())));
+                sent.push_back({DataFrame::FrameTypeMessage, id, messageForm(*item.get())});
             }
         }
         std::vector<unsigned> pieces;
@@ -442,8 +416,7 @@ TEST(DataFrameReceive, RandomFramesReassembleFromRandomPieces)
 TEST_F(DataFrameLogTest, OversizedHeaderIsRefusedWithoutAllocatingAndStaysRefused)
 {
     for (unsigned announced : {DataFrame::MaxDataSize + 1, 0xFFFFFFFFu}) {
-        Bytes stream = header(DataFrame::FrameTypeMessage, announced, 1);
-        stream.insert(stream.end(), 32, 0xA4);
+        const Bytes stream = rawFrame(DataFrame::FrameTypeMessage, announced, 1, Bytes(32, 0xA4));
         DataFrame frame;
         bool complete = true;
         unsigned consumed = 0;
@@ -461,15 +434,15 @@ TEST_F(DataFrameLogTest, OversizedHeaderIsRefusedWithoutAllocatingAndStaysRefuse
         frame.reset();
         EXPECT_FALSE(frame.readIn(stream.data(), static_cast<unsigned>(stream.size()), complete, consumed));
         EXPECT_TRUE(frame.isRejected());
-        MessagePtr item(MessageItem::create());
-        EXPECT_FALSE(frame.extractMessage(*item));
+        MessageRef item(MessageItem::create());
+        EXPECT_FALSE(frame.extractMessage(*item.get()));
     }
     EXPECT_FALSE(formats().empty()) << "the refusal is logged";
 }
 
 TEST(DataFrameReceive, MemoryFollowsTheBytesReceivedNotTheAnnouncedSize)
 {
-    Bytes stream = header(DataFrame::FrameTypeCommand, DataFrame::MaxDataSize, 1);
+    Bytes stream = rawFrame(DataFrame::FrameTypeCommand, DataFrame::MaxDataSize, 1, {});
     DataFrame frame;
     bool complete = false;
     unsigned consumed = 0;
