@@ -21,18 +21,14 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
-#include <poll.h>
 #include <stdexcept>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -43,6 +39,7 @@ using UlmarComms::DataFrame;
 using UlmarComms::DataFrameHandler;
 using UlmarComms::DataFrameServer;
 using UlmarComms::MessageItem;
+using UlmarComms::MessageRef;
 using UlmarComms::WriteBatch;
 using UlmarCommsSystem::Socket;
 using UlmarCommsSystem::SocketAddress;
@@ -63,9 +60,9 @@ namespace {
 const std::chrono::milliseconds kDeadline(10000);
 
 // A message tagged in "_m", padded with a value of padding bytes.
-MessageItem* makeMessage(const std::string& tag, size_t padding)
+MessageRef makeMessage(const std::string& tag, size_t padding)
 {
-    MessageItem* message = MessageItem::create();
+    MessageRef message(MessageItem::create());
     message->add(MessageItem::ArgumentKey_To, "peer@sink");
     message->add(MessageItem::ArgumentKey_Method, tag.c_str());
     message->add("pad", std::string(padding, static_cast<char>('a' + padding % 26)).c_str());
@@ -75,18 +72,12 @@ MessageItem* makeMessage(const std::string& tag, size_t padding)
 // Queues a message on a handler; the handler copies it, so it is released here.
 bool queueMessage(DataFrameHandler& handler, const std::string& tag, size_t padding)
 {
-    MessageItem* message = makeMessage(tag, padding);
-    const bool queued = handler.addToOutbound(message);
-    MessageItem::release(message);
-    return queued;
+    return handler.addToOutbound(makeMessage(tag, padding).get());
 }
 
 Pairs expectedPairs(const std::string& tag, size_t padding)
 {
-    MessageItem* message = makeMessage(tag, padding);
-    Pairs pairs = pairsOf(message);
-    MessageItem::release(message);
-    return pairs;
+    return pairsOf(makeMessage(tag, padding).get());
 }
 
 SocketAddress loopbackAnyPort()
@@ -313,10 +304,13 @@ private:
 // A recorder the test owns: released, not deleted, when it goes.
 using RecorderPtr = std::unique_ptr<Recorder, DataFrameHandler::Releaser>;
 
-// A connected client handler built on the library's sockets.
-RecorderPtr connectRecorder(const SocketAddress& address, unsigned inbound = 0, unsigned outbound = 0)
+// A connected client handler built on the library's sockets (the one given,
+// or a new one).
+RecorderPtr connectRecorder(const SocketAddress& address, unsigned inbound = 0, unsigned outbound = 0,
+                            RecorderPtr client = nullptr)
 {
-    RecorderPtr client(new Recorder(inbound, outbound));
+    if (!client)
+        client.reset(new Recorder(inbound, outbound));
     Socket* socket = Socket::createByAddressType(address);
     EXPECT_NE(socket, nullptr);
     EXPECT_EQ(socket->create(), Socket::NoSocketError);
@@ -370,6 +364,24 @@ void exchangeEverySize(Recorder& from, Recorder& to, size_t limit)
     }
 }
 
+// Queues messages n1..n<total> of 700 to 999 padding bytes in one batch, as
+// a received block's messages are: when the batch ends, the connection takes
+// what it can at once and the next megabyte is posted, all before this
+// returns. Gives the frames' bytes and, if asked, where each begins.
+Bytes queueInOneBatch(Recorder& handler, unsigned total, std::vector<size_t>* starts = nullptr)
+{
+    Bytes frames;
+    WriteBatch batch;
+    for (unsigned i = 1; i <= total; ++i) {
+        const MessageRef message = makeMessage("n" + std::to_string(i), 700 + i % 300);
+        EXPECT_TRUE(handler.addToOutbound(message.get()));
+        if (starts != nullptr)
+            starts->push_back(frames.size());
+        append(frames, messageFrame(i, message.get()));
+    }
+    return frames;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -390,27 +402,6 @@ TEST_F(FrameLinkTest, EveryFrameSizeCrossesSmallBuffersBothWays)
     EXPECT_EQ(accepted->queuedFrames(), 0u);
 }
 
-TEST_F(FrameLinkTest, LargeFramesAtTheDefaultBuffersOverTcp)
-{
-    auto server = tcpServer();
-    auto client = connectRecorder(server->boundAddress());
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
-
-    // Around the 4096-byte transfer size and far beyond it.
-    const std::vector<size_t> sizes{4000, 4050, 4060, 4096, 8192, 12288 + 7, 1u << 20, 3u << 20};
-    for (size_t i = 0; i < sizes.size(); ++i) {
-        ASSERT_TRUE(queueMessage(*client, "c" + std::to_string(i), sizes[i]));
-        ASSERT_TRUE(queueMessage(*accepted, "s" + std::to_string(i), sizes[i]));
-    }
-    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == sizes.size(); }, kDeadline));
-    ASSERT_TRUE(waitUntil([&] { return client->messageCount() == sizes.size(); }, kDeadline));
-    for (size_t i = 0; i < sizes.size(); ++i) {
-        EXPECT_EQ(accepted->messages()[i], expectedPairs("c" + std::to_string(i), sizes[i]));
-        EXPECT_EQ(client->messages()[i], expectedPairs("s" + std::to_string(i), sizes[i]));
-    }
-}
-
 // ---------------------------------------------------------------------------
 // The outbound side, seen byte by byte by a plain peer
 
@@ -422,11 +413,10 @@ TEST_F(FrameLinkTest, SlowReaderGetsEveryByteThroughPartialSends)
     ASSERT_TRUE(server->waitForClients(1));
     Recorder* accepted = server->handler(0);
 
-    MessageItem* big = makeMessage("big", 4u << 20);
-    const Bytes expected = messageFrame(1, big) + commandFrame(2, 5, "after");
-    ASSERT_TRUE(accepted->addToOutbound(big));
+    const MessageRef big = makeMessage("big", 4u << 20);
+    const Bytes expected = messageFrame(1, big.get()) + commandFrame(2, 5, "after");
+    ASSERT_TRUE(accepted->addToOutbound(big.get()));
     ASSERT_TRUE(accepted->addToOutbound(5, "after"));
-    MessageItem::release(big);
 
     // Until the peer reads, the socket can only take part of the first
     // megabyte (written at once by the caller): the frame is still waiting,
@@ -441,7 +431,8 @@ TEST_F(FrameLinkTest, SlowReaderGetsEveryByteThroughPartialSends)
 }
 
 // Frames that wait together leave together (several per system call); the
-// peer must see exactly the frames one at a time would have written.
+// peer must see exactly the frames one at a time would have written, with ids
+// in queueing order across both kinds.
 TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
 {
     auto server = unixServer();
@@ -455,11 +446,11 @@ TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
     Bytes messages;
     unsigned id = 0;
     for (int i = 0; i < 60; ++i) {
-        MessageItem* message = makeMessage("m" + std::to_string(i), 20 + i);
-        ASSERT_TRUE(accepted->addToOutbound(message));
-        append(messages, messageFrame(++id, message));
-        MessageItem::release(message);
+        const MessageRef message = makeMessage("m" + std::to_string(i), 20 + i);
+        ASSERT_TRUE(accepted->addToOutbound(message.get()));
+        append(messages, messageFrame(++id, message.get()));
         if (i % 20 == 7) {
+            EXPECT_FALSE(accepted->addToOutbound(3, nullptr)) << "a null command text cannot be framed, nor take an id";
             const std::string text = "c" + std::to_string(i);
             ASSERT_TRUE(accepted->addToOutbound(3, text.c_str()));
             append(commands, commandFrame(++id, 3, text.c_str()));
@@ -500,21 +491,8 @@ TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWrit
         untaken.assign(buffer + count, buffer + size);
         EXPECT_TRUE(accepted->addToOutbound(7, "urgent"));
     };
-    Bytes plain;
     std::vector<size_t> starts;
-    {
-        // Written as a received block's messages are: when the batch ends,
-        // the connection takes what it can at once and the next megabyte is
-        // posted, all before the scope is left.
-        WriteBatch batch;
-        for (unsigned i = 1; i <= total; ++i) {
-            MessageItem* message = makeMessage("n" + std::to_string(i), 700 + i % 300);
-            ASSERT_TRUE(accepted->addToOutbound(message));
-            starts.push_back(plain.size());
-            append(plain, messageFrame(i, message));
-            MessageItem::release(message);
-        }
-    }
+    const Bytes plain = queueInOneBatch(*accepted, total, &starts);
     ASSERT_GT(accepted->queuedFrames(), total / 2) << "the socket cannot have taken megabytes unread";
 
     // The peer reads a little at a time and pauses after each piece until a
@@ -563,18 +541,10 @@ TEST_F(FrameLinkTest, FramesHandedToAGoneSocketAreDroppedAndTheOthersWait)
     ASSERT_TRUE(server->waitForClients(1));
     Recorder* accepted = server->handler(0);
 
+    // The peer reads nothing, so the send posted at the batch's end stays
+    // outstanding.
     const unsigned total = 3000;
-    {
-        // At the batch's end the connection takes what it can at once and a
-        // megabyte more is posted; the peer reads nothing, so that send
-        // stays outstanding.
-        WriteBatch batch;
-        for (unsigned i = 1; i <= total; ++i) {
-            MessageItem* message = makeMessage("n" + std::to_string(i), 700);
-            ASSERT_TRUE(accepted->addToOutbound(message));
-            MessageItem::release(message);
-        }
-    }
+    queueInOneBatch(*accepted, total);
     const size_t queued = accepted->queuedFrames();
     ASSERT_GT(queued, total / 2);
 
@@ -583,49 +553,6 @@ TEST_F(FrameLinkTest, FramesHandedToAGoneSocketAreDroppedAndTheOthersWait)
     EXPECT_GE(dropped, 2u) << "the frame being written and the frames posted with it";
     EXPECT_GT(accepted->queuedFrames(), 0u) << "frames the socket never took wait";
     EXPECT_LE(accepted->queuedFrames() + dropped, queued);
-}
-
-TEST_F(FrameLinkTest, CommandsOvertakeQueuedMessagesAndIdsRunAcrossBothKinds)
-{
-    auto server = unixServer();
-    RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
-
-    // The first message is too large to leave while the peer does not read,
-    // so everything after it queues behind it.
-    MessageItem* first = makeMessage("first", 2u << 20);
-    MessageItem* second = makeMessage("second", 10);
-    MessageItem* third = makeMessage("third", 20);
-    ASSERT_TRUE(accepted->addToOutbound(first));
-    ASSERT_TRUE(accepted->addToOutbound(second));
-    ASSERT_TRUE(accepted->addToOutbound(third));
-    EXPECT_FALSE(accepted->addToOutbound(7, nullptr)) << "a null command text cannot be framed";
-    ASSERT_TRUE(accepted->addToOutbound(7, "urgent"));
-
-    struct Seen {
-        unsigned char type;
-        uint32_t id;
-        Bytes payload;
-    };
-    std::vector<Seen> seen(4);
-    for (Seen& frame : seen)
-        ASSERT_TRUE(peer.readFrame(frame.type, frame.id, frame.payload));
-    // Ids in queueing order (the refused command took none); the command
-    // goes right after the frame that was being written.
-    EXPECT_EQ(seen[0].id, 1u);
-    EXPECT_EQ(seen[1].id, 4u);
-    EXPECT_EQ(seen[1].type, DataFrame::FrameTypeCommand);
-    EXPECT_EQ(seen[2].id, 2u);
-    EXPECT_EQ(seen[3].id, 3u);
-    const Bytes secondWire = messageFrame(2, second);
-    EXPECT_TRUE(Bytes(secondWire.begin() + DataFrame::HeaderSize, secondWire.end()) == seen[2].payload);
-    const Bytes commandWire = commandFrame(4, 7, "urgent");
-    EXPECT_TRUE(Bytes(commandWire.begin() + DataFrame::HeaderSize, commandWire.end()) == seen[1].payload);
-    MessageItem::release(first);
-    MessageItem::release(second);
-    MessageItem::release(third);
 }
 
 // A received block that fans out to other links: the messages it queues on
@@ -665,13 +592,12 @@ TEST_F(FrameLinkTest, ABlocksMessagesForOtherLinksLeaveWhenTheBlockEnds)
     Bytes expected;
     unsigned id = 0;
     for (const std::string& tag : tags) {
-        MessageItem* message = makeMessage(tag, 40);
-        append(block, messageFrame(1, message));
+        const MessageRef message = makeMessage(tag, 40);
+        append(block, messageFrame(1, message.get()));
         if (tag == "command")
             append(expected, commandFrame(++id, 5, "after"));
         else if (tag != "doomed")
-            append(expected, messageFrame(++id, message));
-        MessageItem::release(message);
+            append(expected, messageFrame(++id, message.get()));
     }
     ASSERT_TRUE(source.sendAll(block)); // one write, so one block
 
@@ -688,24 +614,17 @@ TEST_F(FrameLinkTest, ABlocksMessagesForOtherLinksLeaveWhenTheBlockEnds)
 TEST_F(FrameLinkTest, FramesQueuedBeforeTheLinkLeaveOnceReleasedCommandsFirst)
 {
     auto server = unixServer();
-    RecorderPtr owned(new Recorder());
-    Recorder& client = *owned;
-    ASSERT_TRUE(queueMessage(client, "early", 3));
-    ASSERT_TRUE(client.addToOutbound(1, "announce"));
-    EXPECT_EQ(client.queuedFrames(), 2u) << "without a socket, frames wait";
+    RecorderPtr client(new Recorder());
+    ASSERT_TRUE(queueMessage(*client, "early", 3));
+    ASSERT_TRUE(client->addToOutbound(1, "announce"));
+    EXPECT_EQ(client->queuedFrames(), 2u) << "without a socket, frames wait";
 
-    client.holdOutbound();
-    Socket* socket = Socket::createByAddressType(server->address());
-    ASSERT_EQ(socket->create(), Socket::NoSocketError);
-    client.setSocket(socket);
-    ASSERT_EQ(socket->connect(server->address(), DataFrameHandler::onConnectedFunction,
-                              DataFrameHandler::onDisconnectFunction, static_cast<DataFrameHandler*>(&client)),
-              Socket::NoSocketError);
-    ASSERT_TRUE(client.recvData());
+    client->holdOutbound();
+    client = connectRecorder(server->address(), 0, 0, std::move(client));
     ASSERT_TRUE(server->waitForClients(1));
-    EXPECT_EQ(client.queuedFrames(), 2u) << "held frames stay queued";
+    EXPECT_EQ(client->queuedFrames(), 2u) << "held frames stay queued";
 
-    client.releaseOutbound();
+    client->releaseOutbound();
     Recorder* accepted = server->handler(0);
     ASSERT_TRUE(waitUntil([&] { return accepted->events().size() == 2; }, kDeadline));
     EXPECT_EQ(accepted->events(), (std::vector<std::string>{"command:announce", "message:early"}));
@@ -725,12 +644,12 @@ TEST_F(FrameLinkTest, FramesThatCannotBeDecodedAreDroppedAndTheLinkGoesOn)
     ASSERT_TRUE(server->waitForClients(1));
     Recorder* accepted = server->handler(0);
 
-    MessageItem* after = makeMessage("after", 5);
+    const MessageRef after = makeMessage("after", 5);
     const Bytes textPastRecord{1, 0, 0, 0, 100, 'a', 'b', 'c', 'd', 0};
     ASSERT_TRUE(peer.sendAll(rawFrame(7, 3, 1, {1, 2, 3}) + rawFrame(9, 0, 2, {}) +
                              rawFrame(DataFrame::FrameTypeMessage, 6, 3, {0xA4, 9, 9, 9, 9, 9}) +
                              rawFrame(DataFrame::FrameTypeCommand, 10, 4, textPastRecord) + commandFrame(5, 3, "kept") +
-                             messageFrame(6, after)));
+                             messageFrame(6, after.get())));
     ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 1; }, kDeadline));
     EXPECT_EQ(accepted->events(), (std::vector<std::string>{"command:kept", "message:after"}));
     EXPECT_EQ(log.count("frame is Unknown!"), 2u);
@@ -738,7 +657,6 @@ TEST_F(FrameLinkTest, FramesThatCannotBeDecodedAreDroppedAndTheLinkGoesOn)
     EXPECT_EQ(log.count("failed frame get for command.!"), 1u);
     EXPECT_FALSE(accepted->isLinkEnding());
     EXPECT_TRUE(accepted->errors().empty());
-    MessageItem::release(after);
 }
 
 TEST_F(FrameLinkTest, AnExceptionFromTheSubclassCostsOneFrameNotTheLink)
