@@ -1,7 +1,8 @@
 # Installation of libulmarcomms: the shared library with its SONAME links,
 # the C header and the C++ layer, a CMake package (UlmarComms::ulmarcomms,
-# same-major compatibility), a pkg-config file, the system service's unit,
-# the examples' sources and the user guide.
+# same-major compatibility), a pkg-config file, the system service's unit
+# and the sysusers.d file that creates its user, the examples' sources, the
+# user guide and the security notes.
 #
 # The pkg-config file and the unit name absolute paths, so they are written
 # at install time from the prefix then in force: `cmake --install --prefix P`
@@ -16,6 +17,8 @@ set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 # Relative to the prefix; distributions that keep units elsewhere override it.
 set(ULMARCOMMS_SYSTEMD_UNITDIR lib/systemd/system CACHE STRING
     "Where the ulmarcommsd unit is installed (relative to the prefix, or absolute)")
+set(ULMARCOMMS_SYSUSERS_DIR lib/sysusers.d CACHE STRING
+    "Where the file creating the service's user goes (relative to the prefix, or absolute)")
 
 install(TARGETS ulmarcomms EXPORT UlmarCommsTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -59,6 +62,9 @@ install(CODE "
 ")
 install(FILES ${ULMARCOMMS_STAGE}/ulmarcomms.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 install(FILES ${ULMARCOMMS_STAGE}/ulmarcommsd.service DESTINATION ${ULMARCOMMS_SYSTEMD_UNITDIR})
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/ulmarcomms.sysusers DESTINATION ${ULMARCOMMS_SYSUSERS_DIR}
+        RENAME ulmarcomms.conf)
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/user-guide.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/docs/user-guide.md ${PROJECT_SOURCE_DIR}/docs/security.md
+        DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -67,7 +67,8 @@ for f in include/ulmarcomms.h include/ulmarcomms.hpp \
          "$libdir/cmake/UlmarComms/UlmarCommsConfigVersion.cmake" \
          "$libdir/cmake/UlmarComms/UlmarCommsTargets.cmake" \
          "$libdir/pkgconfig/ulmarcomms.pc" lib/systemd/system/ulmarcommsd.service \
-         "$docdir/user-guide.md" "$docdir/examples/CMakeLists.txt" "$docdir/examples/event_subscriber.cpp"; do
+         lib/sysusers.d/ulmarcomms.conf "$docdir/security.md" "$docdir/user-guide.md" \
+         "$docdir/examples/CMakeLists.txt" "$docdir/examples/event_subscriber.cpp"; do
   [ -f "$prefix/$f" ] || fail "missing $f"
 done
 # Only the C interface leaves the library.
@@ -90,7 +91,11 @@ echo "== installed tools and exports"
 exports=$(nm -D --defined-only "$lib/libulmarcomms.so.1.0.0" | awk '$2 == "T" && $3 ~ /^UlmarComms/' | wc -l)
 [ "$exports" -eq 43 ] || fail "$exports exported functions, expected 43"
 if command -v systemd-analyze >/dev/null; then
-  systemd-analyze verify "$prefix/lib/systemd/system/ulmarcommsd.service" || fail "systemd-analyze verify"
+  unit=$prefix/lib/systemd/system/ulmarcommsd.service
+  systemd-analyze verify "$unit" || fail "systemd-analyze verify"
+  # The sandbox must keep the unit's exposure at 2.5 or lower.
+  systemd-analyze security --offline=yes --threshold=25 "$unit" >"$work/security.log" 2>&1 ||
+    fail "the unit's exposure is above 2.5: $(tail -n 1 "$work/security.log")"
 fi
 
 # Sanitized builds: the examples must carry the same runtime as the library.
