@@ -28,15 +28,6 @@ std::recursive_mutex loggingProtection;
 
 const std::string emptyString;
 
-// Hands one call's arguments to the application's logger under the lock.
-void deliver(std::recursive_mutex* lock, Core::Logger logger, int level, const char* format, va_list args)
-{
-    std::lock_guard<std::recursive_mutex> locker(*lock);
-    // The logger receives the platform's va_list as char*, as applications
-    // of this library expect.
-    logger(level, format, reinterpret_cast<char*>(args));
-}
-
 } // namespace
 
 Core::Core() : m_logger(nullptr), m_pLoggingProtection(&loggingProtection), m_loggingLevel(LogWarning)
@@ -263,6 +254,22 @@ int Core::getLoggingLevel()
     return instance()->m_loggingLevel;
 }
 
+void Core::deliver(Logger logger, int level, const char* format, va_list args)
+{
+    std::lock_guard<std::recursive_mutex> locker(*m_pLoggingProtection);
+    m_throttle.write(logger, level, format, args);
+}
+
+void Core::flushLogSummaries()
+{
+    Core* core = instance();
+    Logger logger = core->m_logger;
+    if (logger == nullptr || !core->m_throttle.hasPending())
+        return;
+    std::lock_guard<std::recursive_mutex> locker(*core->m_pLoggingProtection);
+    core->m_throttle.flush(logger);
+}
+
 void Core::message(const char* format, ...)
 {
     Core* core = instance();
@@ -271,7 +278,7 @@ void Core::message(const char* format, ...)
         return;
     va_list args;
     va_start(args, format);
-    deliver(core->m_pLoggingProtection, logger, LogMessage, format, args);
+    core->deliver(logger, LogMessage, format, args);
     va_end(args);
 }
 
@@ -283,7 +290,7 @@ void Core::verbose(const char* format, ...)
         return;
     va_list args;
     va_start(args, format);
-    deliver(core->m_pLoggingProtection, logger, LogVerbose, format, args);
+    core->deliver(logger, LogVerbose, format, args);
     va_end(args);
 }
 
@@ -295,7 +302,7 @@ void Core::log(int level, const char* format, ...)
         return;
     va_list args;
     va_start(args, format);
-    deliver(core->m_pLoggingProtection, logger, level, format, args);
+    core->deliver(logger, level, format, args);
     va_end(args);
 }
 

@@ -4,12 +4,17 @@
 //
 // The library never formats log text: the logger receives the level, the
 // format and the call's argument list, under one logging lock so that it is
-// never entered by two threads at once. Settings are insert-only: the first
+// never entered by two threads at once. Each text is written at most a few
+// times a second (core/logthrottle.h); lines held back are counted and
+// summarised once the second has passed. Settings are insert-only: the first
 // value stored for a key wins, and every key of the table holds its default
 // from the moment the singleton exists.
 #pragma once
 
+#include "core/logthrottle.h"
+
 #include <atomic>
+#include <cstdarg>
 #include <map>
 #include <mutex>
 #include <string>
@@ -74,6 +79,10 @@ public:
     static void verbose(const char* format, ...) __attribute__((format(printf, 1, 2)));
     // Logs at the given level.
     static void log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+    // Writes the summaries of log texts held back in windows that have
+    // ended; the selector workers call it as they wake, so a text that went
+    // quiet is still summarised. Cheap when nothing is held back.
+    static void flushLogSummaries();
 
     // Builds (does not send) the error reply to an undeliverable message;
     // null when it has no "from" or no sender id. `failed` stays the
@@ -90,6 +99,11 @@ private:
     // The file-scope logging lock (it lives from library load to unload,
     // apart from the singleton); every call into the logger holds it.
     std::recursive_mutex* m_pLoggingProtection;
+    // Passes one line through the throttle to the logger, under the lock.
+    void deliver(Logger logger, int level, const char* format, va_list args);
+
+    // Which lines reach the logger; used under the logging lock only.
+    LogThrottle m_throttle;
     std::atomic<int> m_loggingLevel;
     std::string m_hostName;
     std::map<std::string, std::string> m_strings;

@@ -64,6 +64,19 @@ constexpr unsigned MessageKeyBytes = 255;
 // Alias: MessagePump::s_maxListenersPerEvent (src/messaging/messagepump.h).
 constexpr size_t EventListeners = 1024;
 
+// ------------------------------------------------------------- logging
+
+// Lines one log text (one call site's format) may write in a second; more
+// are counted and summarised once the second has passed, so a peer that
+// repeats a fault in a loop cannot fill the disk. Setting: none.
+// Used by LogThrottle (src/core/logthrottle.h).
+constexpr uint32_t LogLinesPerSecond = 5;
+
+// Distinct log texts the throttle keeps a window for: far above the
+// library's call sites; a format made at run time past it is not throttled.
+// Setting: none.
+constexpr size_t LogTexts = 4096;
+
 // ------------------------------------------------------------- sockets
 
 // The listen() backlog: connections the kernel holds for a listener before

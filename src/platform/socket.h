@@ -345,6 +345,8 @@ public:
     static void verbose(const char* format, ...) __attribute__((format(printf, 1, 2)));
     // Logs at the given level.
     static void log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+    // Writes the summaries of log texts held back (core/logthrottle.h).
+    static void flushLogSummaries();
 
 protected:
     Socket();

@@ -4,6 +4,7 @@
 #include "platform/socket.h"
 
 #include "core/core.h"
+#include "core/logthrottle.h"
 #include "platform/socketinternal.h"
 #include "platform/socketreaper.h"
 #include "platform/socketselector.h"
@@ -36,11 +37,14 @@ Mutex loggingLock;
 std::atomic<Socket::Logger> socketLogger{nullptr};
 std::atomic<int> socketLoggingLevel{Core::LogWarning};
 
+// Keeps each of the layer's log texts to a few lines a second; under
+// loggingLock.
+UlmarComms::LogThrottle throttle;
+
 void deliver(Socket::Logger logger, int level, const char* format, va_list args)
 {
     MutexLocker locker(loggingLock);
-    // Applications receive the platform's va_list as char*.
-    logger(level, format, reinterpret_cast<char*>(args));
+    throttle.write(logger, level, format, args);
 }
 
 } // namespace
@@ -126,6 +130,15 @@ int Socket::setLoggingLevel(int level)
 int Socket::getLoggingLevel()
 {
     return socketLoggingLevel;
+}
+
+void Socket::flushLogSummaries()
+{
+    Logger logger = socketLogger;
+    if (logger == nullptr || !throttle.hasPending())
+        return;
+    MutexLocker locker(loggingLock);
+    throttle.flush(logger);
 }
 
 void Socket::message(const char* format, ...)

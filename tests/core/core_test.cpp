@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <string>
@@ -129,7 +130,9 @@ TEST(CoreLogging, TheLevelGatesEachCallAndLinesKeepTheirOwnLevel)
         int threshold;
         std::vector<int> passed; // levels of the lines that reach the logger, in order
     };
-    // Each case logs: verbose(), message(), then log() at warning, error, fatal and 7.
+    // Each case logs: verbose(), message(), then log() at warning, error, fatal
+    // and 7, each level with a text of its own (a text repeated more than five
+    // times a second would be throttled).
     const std::vector<Case> cases = {
         {Core::LogWarning, {Core::LogWarning, Core::LogError, Core::LogFatal, 7}},
         {Core::LogError, {Core::LogError, Core::LogFatal, 7}},
@@ -141,8 +144,10 @@ TEST(CoreLogging, TheLevelGatesEachCallAndLinesKeepTheirOwnLevel)
         LogCapture capture(c.threshold);
         Core::verbose("v %d\n", Core::LogVerbose);
         Core::message("m %d\n", Core::LogMessage);
-        for (int level : {int(Core::LogWarning), int(Core::LogError), int(Core::LogFatal), 7})
-            Core::log(level, "l %d\n", level);
+        Core::log(Core::LogWarning, "w %d\n", Core::LogWarning);
+        Core::log(Core::LogError, "e %d\n", Core::LogError);
+        Core::log(Core::LogFatal, "f %d\n", Core::LogFatal);
+        Core::log(7, "s %d\n", 7);
         const auto lines = capture.lines();
         ASSERT_EQ(lines.size(), c.passed.size());
         for (size_t i = 0; i < lines.size(); ++i) {
@@ -178,28 +183,39 @@ namespace {
 
 std::atomic<int> g_inside{0};
 std::atomic<int> g_mostInside{0};
-long g_calls = 0; // deliberately unsynchronised: only the logging lock guards it
+long g_lines = 0; // deliberately unsynchronised: only the logging lock guards these
+long g_suppressed = 0;
 
-void countingLogger(int, const char*, char*)
+// Counts lines, and the lines that summaries say were held back.
+void countingLogger(int, const char* format, char* args)
 {
     const int now = ++g_inside;
     if (now > g_mostInside)
         g_mostInside = now;
-    ++g_calls;
+    unsigned held = 0;
+    if (std::sscanf(UlmarCommsTest::formatLogArguments(format, args).c_str(), "... %u similar", &held) == 1)
+        g_suppressed += held;
+    else
+        ++g_lines;
     UlmarCommsSystem::Thread::yieldTime();
     --g_inside;
 }
 
 } // namespace
 
-TEST(CoreLogging, LoggerIsNeverEnteredByTwoThreadsAtOnce)
+// Four threads log two texts 800 times each: the logger is entered by one
+// thread at a time, each text writes at most a few lines a second, and the
+// summaries account for every line held back, even once the texts go quiet.
+TEST(CoreLogging, LoggerIsNeverEnteredByTwoThreadsAtOnceAndRepeatsAreSummarised)
 {
     g_inside = 0;
     g_mostInside = 0;
-    g_calls = 0;
+    g_lines = 0;
+    g_suppressed = 0;
     const int previousLevel = Core::getLoggingLevel();
     Core::setLoggingLevel(Core::LogVerbose);
     Core::setLogger(&countingLogger);
+    const auto start = std::chrono::steady_clock::now();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([] {
@@ -210,10 +226,60 @@ TEST(CoreLogging, LoggerIsNeverEnteredByTwoThreadsAtOnce)
         });
     for (auto& thread : threads)
         thread.join();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
+    const long mostLines = 2 * 5 * (seconds.count() + 1);
+    EXPECT_TRUE(UlmarCommsTest::waitUntil(
+        [] {
+            Core::flushLogSummaries();
+            return g_lines + g_suppressed == 4 * 200 * 2;
+        },
+        std::chrono::seconds(5)))
+        << g_lines << " lines, " << g_suppressed << " held back";
     Core::setLogger(nullptr);
     Core::setLoggingLevel(previousLevel);
     EXPECT_EQ(g_mostInside.load(), 1);
-    EXPECT_EQ(g_calls, 4 * 200 * 2);
+    EXPECT_LE(g_lines, mostLines);
+}
+
+// The throttle on its own, with the clock given: five lines per text per
+// window, a summary of the rest before the text's next line or on collect.
+TEST(CoreLogging, EachTextWritesFiveLinesAWindowAndSummarisesTheRest)
+{
+    using UlmarComms::LogThrottle;
+    LogThrottle throttle;
+    std::vector<LogThrottle::Summary> due;
+    static const char text[] = "one\n";
+    static const char other[] = "other\n";
+    int admitted = 0;
+    for (int i = 0; i < 12; ++i)
+        admitted += throttle.admit(text, i == 7 ? Core::LogError : Core::LogWarning, 100 + i, due) ? 1 : 0;
+    EXPECT_EQ(admitted, 5);
+    EXPECT_TRUE(throttle.admit(other, Core::LogWarning, 150, due)) << "texts are counted apart";
+    EXPECT_TRUE(throttle.hasPending());
+    throttle.collect(1099, due);
+    EXPECT_TRUE(due.empty()) << "the window is not over yet";
+
+    // The text's next line after the window brings its summary first.
+    EXPECT_TRUE(throttle.admit(text, Core::LogWarning, 1100, due));
+    ASSERT_EQ(due.size(), 1u);
+    EXPECT_EQ(due[0].format, text);
+    EXPECT_EQ(due[0].suppressed, 7u);
+    EXPECT_EQ(due[0].level, Core::LogError) << "the highest level held back";
+    EXPECT_FALSE(throttle.hasPending());
+
+    // A text that goes quiet is summarised by collect once its window ends.
+    due.clear();
+    for (int i = 0; i < 7; ++i)
+        throttle.admit(other, Core::LogWarning, 1200, due);
+    throttle.collect(2199, due);
+    EXPECT_TRUE(due.empty()) << "other's window began at 1200";
+    throttle.collect(2200, due);
+    ASSERT_EQ(due.size(), 1u);
+    EXPECT_EQ(due[0].format, other);
+    EXPECT_EQ(due[0].suppressed, 2u);
+    due.clear();
+    throttle.collect(5000, due);
+    EXPECT_TRUE(due.empty()) << "each line held back is summarised once";
 }
 
 // --------------------------------------------------------------- host name
