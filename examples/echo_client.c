@@ -14,6 +14,8 @@
 #define _POSIX_C_SOURCE 200809L
 #include <ulmarcomms.h>
 
+#include "example_start.h"
+
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -81,7 +83,7 @@ int main(int argc, char** argv)
     }
 
     UlmarCommsSetLogger(log_to_stderr);
-    int rc = UlmarCommsStart(start);
+    int rc = example_start(start);
     if (rc != ULMARCOMMS_OK) {
         fprintf(stderr, "echo_client: start failed with %d\n", rc);
         UlmarCommsShutdown();

@@ -13,6 +13,8 @@
 #define _POSIX_C_SOURCE 200809L
 #include <ulmarcomms.h>
 
+#include "example_start.h"
+
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -92,7 +94,7 @@ int main(int argc, char** argv)
     signal(SIGTERM, on_signal);
     UlmarCommsSetLogger(log_to_stderr);
 
-    int rc = UlmarCommsStart(start);
+    int rc = example_start(start);
     if (rc != ULMARCOMMS_OK) {
         fprintf(stderr, "echo_server: start failed with %d\n", rc);
         UlmarCommsShutdown();

@@ -15,6 +15,8 @@
 #define _POSIX_C_SOURCE 200809L
 #include <ulmarcomms.h>
 
+#include "example_start.h"
+
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -64,7 +66,7 @@ int main(int argc, char** argv)
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
     UlmarCommsSetLogger(log_to_stderr);
-    int rc = UlmarCommsStart(start);
+    int rc = example_start(start);
     if (rc != ULMARCOMMS_OK) {
         fprintf(stderr, "event_publisher: start failed with %d\n", rc);
         UlmarCommsShutdown();

@@ -193,8 +193,13 @@ public:
 
     // Starts the library as an application (UlmarCommsStart); arg is empty,
     // "key=value;key=value" overrides of the settings table, or a text
-    // without '=' (a name, say), which is ignored.
-    static Result<Runtime> start(std::string_view arg = {}) { return acquire(Role::Application, arg); }
+    // without '=' (a name, say), which is ignored. Every pump the program
+    // creates is announced again when the service restarts: the start text
+    // turns on ulmar.messagerouter.reannounce.all unless arg sets it itself.
+    static Result<Runtime> start(std::string_view arg = {})
+    {
+        return acquire(Role::Application, withEveryPumpReannounced(arg));
+    }
     // Starts the library as this machine's system router service
     // (UlmarCommsSystemStartUp). A process hosts the service once: after it
     // has stopped, the library refuses to build it again.
@@ -245,6 +250,17 @@ private:
 
     struct Held {};
     explicit Runtime(Held) noexcept : m_held(true) {}
+
+    // arg with "ulmar.messagerouter.reannounce.all=1" in front, so that a
+    // value arg gives for it wins (a later item overrides an earlier one).
+    static std::string withEveryPumpReannounced(std::string_view arg)
+    {
+        std::string text = "ulmar.messagerouter.reannounce.all=1";
+        // A text without '=' is not read as overrides; it changes nothing.
+        if (arg.find('=') != std::string_view::npos)
+            text.append(";").append(arg);
+        return text;
+    }
 
     static Result<Runtime> acquire(Role role, std::string_view arg)
     {

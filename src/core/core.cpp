@@ -77,6 +77,10 @@ const DefaultSetting kDefaultSettings[] = {
     {"ulmar.networkrouter.ip4.addresses", false, 0, "*"},
     {"ulmar.networkrouter.ip4.port", false, 0, "34001"},
     {"ulmar.networkrouter.ip6", true, 0, nullptr},
+    // Added to the table after its first 25 keys: 1 makes an application's
+    // runtime hold a first pump of its own, so that every pump it creates is
+    // announced again when its link to the service returns.
+    {"ulmar.messagerouter.reannounce.all", true, 0, nullptr},
 };
 
 const DefaultSetting* findDefault(const std::string& key)

@@ -11,6 +11,8 @@
 #include "service/systemrouter.h"
 
 #include <new>
+#include <string>
+#include <unistd.h>
 
 using UlmarComms::Core;
 using UlmarComms::MessageItem;
@@ -81,6 +83,7 @@ RuntimeSupport::RuntimeSupport()
       m_socketsHeld(false),
       m_pSystemRouter(nullptr),
       m_pMessageRouter(nullptr),
+      m_pFirstPump(nullptr),
       m_pNetworkRouter(nullptr),
       m_pLinkServer(nullptr),
       m_pSystemEndpoint(nullptr)
@@ -170,13 +173,40 @@ int RuntimeSupport::ulmarCommsStart(const std::string& arg)
     if (!m_pMessageRouter->start())
         return StartRouterFailed;
     if (m_pSystemRouter->start())
-        return StartOk;
+        return addFirstPump() ? StartOk : StartRouterFailed;
     Core::log(Core::LogError, "Ulmar Comms Failed to start the system router proxy.\n");
     // The router must not keep announcing to the proxy deleted below.
     m_pMessageRouter->detachSystemRouter(m_pSystemRouter);
     delete m_pSystemRouter;
     m_pSystemRouter = nullptr;
     return StartLinkFailed;
+}
+
+// Made before the application can create a pump, so it is the router's
+// first. It has no callbacks: whatever reaches it is dropped. Its name
+// carries the pid so that it is the process's own on the machine's bus.
+bool RuntimeSupport::addFirstPump()
+{
+    if (m_pFirstPump != nullptr || Core::instance()->getNumber("ulmar.messagerouter.reannounce.all") == 0)
+        return true;
+    const std::string name = "ulmarcomms.runtime." + std::to_string(getpid());
+    auto* pump = new (std::nothrow) MessagePump(name.c_str(), m_pMessageRouter);
+    if (pump == nullptr || !pump->setCallbacks(nullptr, nullptr, nullptr, nullptr)) {
+        delete pump;
+        return false;
+    }
+    m_pFirstPump = pump;
+    return true;
+}
+
+void RuntimeSupport::removeFirstPump()
+{
+    if (m_pFirstPump == nullptr)
+        return;
+    if (m_pMessageRouter != nullptr)
+        m_pMessageRouter->remove(m_pFirstPump);
+    delete m_pFirstPump;
+    m_pFirstPump = nullptr;
 }
 
 bool RuntimeSupport::holdsAnything() const
@@ -193,6 +223,9 @@ int RuntimeSupport::ulmarCommsShutdown()
     Core::message("RuntimeSupport::ulmarCommsShutdown() <<< 1\n");
     if (m_pMessageRouter != nullptr) {
         m_pMessageRouter->finish();
+        // The worker has stopped, so nothing reaches the first pump now; its
+        // withdrawal still reaches the service while the link is attached.
+        removeFirstPump();
         m_pMessageRouter->setSystemRouter(nullptr);
         if (m_pSystemRouter != nullptr)
             m_pSystemRouter->remove(m_pMessageRouter);
@@ -287,6 +320,9 @@ int RuntimeSupport::systemRouterServiceStop()
     Core::message("RuntimeSupport::systemRouterServiceStop() >>> 1\n");
     if (m_pMessageRouter != nullptr) {
         m_pMessageRouter->finish();
+        // The worker has stopped, so nothing reaches the first pump now; its
+        // withdrawal still reaches the service while the link is attached.
+        removeFirstPump();
         m_pMessageRouter->setSystemRouter(nullptr);
     }
     Core::message("RuntimeSupport::systemRouterServiceStop() >>> 2\n");

@@ -88,12 +88,21 @@ private:
     void deleteMessageRouter();
     // Whether a start-up left anything for a shut-down to undo.
     bool holdsAnything() const;
+    // Creates the runtime's own first pump when the start text asks for it.
+    bool addFirstPump();
+    // Withdraws and deletes that pump, if there is one.
+    void removeFirstPump();
 
     bool m_started;
     // A start-up set up the socket layer and no shut-down has stopped it yet.
     bool m_socketsHeld;
     UlmarComms::ISystemRouter* m_pSystemRouter;
     UlmarComms::MessageRouter* m_pMessageRouter;
+    // Application only, with "ulmar.messagerouter.reannounce.all" set: a pump
+    // of no use of its own that takes the router's first place. The router
+    // never announces its first pump again after the link to the service
+    // returns; with this one first, every pump the application creates is.
+    UlmarComms::MessagePump* m_pFirstPump;
     UlmarComms::INetworkRouter* m_pNetworkRouter;
     // Service only: the local-link listener and the system endpoint, which
     // the system router does not own.

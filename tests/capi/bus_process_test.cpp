@@ -143,16 +143,23 @@ TEST_F(LocalBus, ManyMessagesArriveInOrderAndCallbacksRunOnTheRouterWorker)
     EXPECT_EQ(client->ask("threads", "threads "), "threads 1");
 }
 
-TEST_F(LocalBus, ExitingApplicationLeavesTheTableAndOthersReconnectWithAllButTheirFirstPump)
+// An application that asks for every pump to be re-announced is reachable
+// through its only pump after the service restarts; one that does not is
+// back with every pump but its first.
+TEST_F(LocalBus, ExitingApplicationLeavesTheTableAndOthersReconnectWithAllButTheirFirstPumpUnlessAskedForAll)
 {
     auto transient = application();
     transient->ask("pump transient", "pump transient");
     auto app = application();
     app->ask("pump alpha", "pump alpha");
     app->ask("pump beta x,y", "pump beta");
+    Participant solo(m_pipe, false, ";ulmar.messagerouter.reannounce.all=1");
+    ASSERT_TRUE(solo.waitFor("started 0"));
+    solo.ask("pump solo", "pump solo");
     ASSERT_TRUE(tableHas("@transient", true));
     ASSERT_TRUE(tableHas("@alpha", true));
     ASSERT_TRUE(tableHas("@beta", true));
+    ASSERT_TRUE(tableHas("@solo", true));
     transient->process().closeInput();
     EXPECT_EQ(transient->process().wait(), 0);
     EXPECT_TRUE(tableHas("@transient", false));
@@ -164,10 +171,15 @@ TEST_F(LocalBus, ExitingApplicationLeavesTheTableAndOthersReconnectWithAllButThe
     ASSERT_TRUE(m_service->waitFor("started 0"));
     m_service->ask("pump admin", "pump admin");
 
-    // Within a few seconds the application is back, with every pump but the
-    // first one it added (deliberately not re-announced).
+    // Within a few seconds the applications are back: the first with every
+    // pump but the first one it added (deliberately not re-announced), the
+    // second with its only pump, which answers.
     ASSERT_TRUE(tableHas("@beta,x-y", true));
     EXPECT_TRUE(tableHas("@alpha", false));
+    ASSERT_TRUE(tableHas("@solo", true));
+    app->ask("send beta solo Ping", "sent beta");
+    EXPECT_TRUE(solo.waitFor("request solo "));
+    EXPECT_TRUE(app->waitFor("response beta "));
 }
 
 } // namespace

@@ -88,6 +88,7 @@ TEST_F(SystemEndpoint, SettingsListingShowsEveryDefault)
         "number,socketmessagerouterproxy.outbound.size,4096\n"
         "number,socketsystemrouterproxy.inbound.size,4096\n"
         "number,socketsystemrouterproxy.outbound.size,4096\n"
+        "number,ulmar.messagerouter.reannounce.all,0\n"
         "number,ulmar.networkrouter,0\n"
         "number,ulmar.networkrouter.discovery,0\n"
         "number,ulmar.networkrouter.discovery.timeout,5000\n"

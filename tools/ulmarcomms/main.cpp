@@ -119,14 +119,6 @@ private:
     {
         if (isRequestCommand(m_command.kind))
             return request(inbox);
-        // When its link to the service comes back (a restarted daemon), the
-        // library announces every pump of the process again except the
-        // first one created. A first pump of no use of its own keeps the
-        // long-running commands' real pumps reachable after a restart.
-        ClientPump anchor(inbox, PumpBehaviour());
-        const std::string name = clientPumpName("anchor");
-        if (!anchor.create(name, ""))
-            return pumpFailed(name);
         switch (m_command.kind) {
         case CommandKind::Listen: return listen(inbox);
         case CommandKind::Subscribe: return subscribe(inbox);

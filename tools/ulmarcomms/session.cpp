@@ -24,10 +24,16 @@ Runtime::~Runtime()
         UlmarCommsShutdown();
 }
 
+// Listeners and publishers outlive a restart of the service: with this
+// setting every pump of ours is announced again when the link returns. It
+// goes first, so a --set of the same key still decides.
 int Runtime::start(const std::string& argument)
 {
     m_startCalled = true;
-    return UlmarCommsStart(argument.c_str());
+    std::string text = "ulmar.messagerouter.reannounce.all=1";
+    if (!argument.empty())
+        text += ";" + argument;
+    return UlmarCommsStart(text.c_str());
 }
 
 ClientPump::ClientPump(Inbox& inbox, PumpBehaviour behaviour) : m_inbox(inbox), m_behaviour(std::move(behaviour))
