@@ -230,7 +230,7 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
             SocketTimeout::instance()->handle();
         // Between turns this worker is in no section, so it may destroy.
         SocketReaper::reap();
-        // Workers wake at least once per selection time-out, so a log text
+        // Workers wake at least every half second (the wait time-out), so a log text
         // that went quiet after a burst is still summarised.
         Core::flushLogSummaries();
         Socket::flushLogSummaries();
