@@ -122,4 +122,13 @@ constexpr size_t HostNameBytes = 255;
 // Alias: NetworkRouterInterface::DiscoveryBufferSize (src/network/networkinterface.h).
 constexpr unsigned DiscoveryDatagramBytes = 1024;
 
+// ------------------------------------------------------------- logging
+
+// Lines of one refusal cause (a refused link, an ignored announcement)
+// logged per second, at most; the rest are counted and the count goes with
+// the next line logged. A peer can provoke these lines at will, so they must
+// not flood the log. Setting: none.
+// Alias: RateLimitedLog::DefaultLinesPerWindow (src/core/ratelimit.h).
+constexpr unsigned RefusalLogLinesPerSecond = 3;
+
 } // namespace UlmarComms::Limits
