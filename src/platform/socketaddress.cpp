@@ -174,6 +174,11 @@ unsigned short SocketAddress::getPort() const
     return isIP4Address() ? ntohs(ip4()->sin_port) : 0;
 }
 
+uint32_t SocketAddress::getIP4HostOrder() const
+{
+    return isIP4Address() ? ntohl(ip4()->sin_addr.s_addr) : 0;
+}
+
 std::string SocketAddress::asString() const
 {
     char text[160];

@@ -66,6 +66,8 @@ public:
     bool setPort(const std::string& port);
     // The port of an IPv4 address in host order, 0 otherwise.
     unsigned short getPort() const;
+    // The IPv4 host address in host byte order, 0 otherwise.
+    uint32_t getIP4HostOrder() const;
 
     // "a.b.c.d:port", the UNIX path ("#name" for abstract names) or
     // "Needs Defining".
