@@ -81,6 +81,10 @@ const DefaultSetting kDefaultSettings[] = {
     // runtime hold a first pump of its own, so that every pump it creates is
     // announced again when its link to the service returns.
     {"ulmar.messagerouter.reannounce.all", true, 0, nullptr},
+    // Networks trusted beyond loopback and the subnets of the interfaces in
+    // use (CIDR items joined by ","), and the switch that trusts every address.
+    {"ulmar.networkrouter.ip4.allow", false, 0, ""},
+    {"ulmar.networkrouter.ip4.allow.any", true, 0, nullptr},
 };
 
 const DefaultSetting* findDefault(const std::string& key)

@@ -41,6 +41,7 @@ DataFrameHandler::DataFrameHandler()
       m_pInboundSpare(nullptr),
       m_pInboundCurrentFrame(nullptr),
       m_linkEnding(false),
+      m_endAfterFrame(false),
       m_sending(false),
       m_lastId(0),
       m_pOutboundBuffer(nullptr),
@@ -387,6 +388,11 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
             // header said where it ends, so the next frame is read as usual.
             processInboundCurrentFrame();
             m_pInboundCurrentFrame->reset();
+            if (m_endAfterFrame) {
+                m_endAfterFrame = false;
+                endLink(socket, nullptr);
+                return;
+            }
         }
         offset += consumed;
     }
@@ -453,8 +459,9 @@ void DataFrameHandler::processInboundCurrentFrame()
 void DataFrameHandler::endLink(Socket* socket, const char* reason)
 {
     m_linkEnding = true;
-    Core::log(Core::LogError, "DataFrameHandler::onRecved() this=%p Ending the link on socket %p: %s.\n",
-              static_cast<void*>(this), static_cast<void*>(socket), reason);
+    if (reason != nullptr)
+        Core::log(Core::LogError, "DataFrameHandler::onRecved() this=%p Ending the link on socket %p: %s.\n",
+                  static_cast<void*>(this), static_cast<void*>(socket), reason);
     // Shut down rather than closed: the socket layer then reports the end on
     // a worker, outside this callback, through the same path as any drop
     // (listener's client-disconnect, disconnected, error), exactly once. The
@@ -474,6 +481,12 @@ void DataFrameHandler::endLink(Socket* socket, const char* reason)
     MutexLocker locker(m_outboundLock);
     if (!m_outboundInFlight)
         socket->send(&m_probe, 1);
+}
+
+void DataFrameHandler::endLinkAfterThisFrame()
+{
+    MutexLocker locker(m_inboundLock);
+    m_endAfterFrame = true;
 }
 
 // ------------------------------------------------------------- defaults

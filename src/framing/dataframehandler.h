@@ -165,6 +165,10 @@ protected:
     // the socket and clears its callbacks. Owners of the socket override it
     // to close and delete it, and to leave whatever lists hold the handler.
     virtual void retireLink();
+    // From doHandleMessage or doHandleCommand: the frames after this one are
+    // not dispatched and the link ends as endLink ends it, without a log line
+    // of its own (the caller has said why, within its own rate limit).
+    void endLinkAfterThisFrame();
 
 private:
     // Writes the frames it batched when a batch ends.
@@ -210,7 +214,8 @@ private:
     bool postRecv(Socket* socket);
     // Dispatches the complete inbound frame; one that does not parse is dropped.
     void processInboundCurrentFrame();
-    // Shuts the connection down so the socket layer reports its end.
+    // Shuts the connection down so the socket layer reports its end; logs
+    // the reason unless it is null.
     void endLink(Socket* socket, const char* reason);
     // Releases every frame queued or in flight.
     void releaseOutboundFrames();
@@ -231,6 +236,8 @@ private:
     // The peer sent a header that cannot be honoured; inbound bytes are
     // dropped until a new socket.
     bool m_linkEnding;
+    // Set by endLinkAfterThisFrame while a frame is dispatched (inbound lock held).
+    bool m_endAfterFrame;
     // Guards the queues, the frame in flight, the ids and the socket pointer.
     UlmarCommsSystem::Mutex m_outboundLock;
     // Tested before sending, cleared when nothing is left; never set.

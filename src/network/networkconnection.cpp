@@ -24,7 +24,12 @@ using UlmarCommsSystem::SocketAddress;
 namespace UlmarComms {
 
 NetworkRouterConnection::NetworkRouterConnection(NetworkRouterInterface* interface, const SocketAddress& remote)
-    : m_initiator(false), m_pInterface(interface), m_remote(remote), m_closing(false), m_answeredHostName(false)
+    : m_initiator(false),
+      m_pInterface(interface),
+      m_remote(remote),
+      m_closing(false),
+      m_refused(false),
+      m_answeredHostName(false)
 {
     createBuffers(BufferSize, BufferSize);
 }
@@ -128,15 +133,18 @@ void NetworkRouterConnection::doHandleCommand(unsigned char code, const std::str
     // The command record keeps the text's terminating NUL: the name ends there.
     const std::string name(text.c_str());
     Core::message("NetworkRouterConnection::doHandleCommand( %d, '%s' )\n", code, name.c_str());
+    if (m_refused)
+        return;
     switch (code) {
     case CommandMessage::NetworkHostName:
-        // Answered once per link: a peer repeating its name cannot make the
-        // outbound queue grow.
-        if (!m_answeredHostName) {
+        // Entered first, so that a peer refused for the name it gave gets no
+        // answer. Answered once per link: a peer repeating its name cannot
+        // make the outbound queue grow.
+        enterInRoutingTable(name);
+        if (!m_answeredHostName && !m_refused) {
             m_answeredHostName = true;
             addToOutbound(CommandMessage::NetworkHostNameReply, Core::instance()->getHostName().c_str());
         }
-        enterInRoutingTable(name);
         break;
     case CommandMessage::NetworkHostNameReply: enterInRoutingTable(name); break;
     default: break;
@@ -152,12 +160,17 @@ void NetworkRouterConnection::enterInRoutingTable(const std::string& hostName)
     INetworkRouter* router = m_pInterface->getNetworkRouter();
     if (router != nullptr)
         router->routingTableNewConnection(hostName, m_pInterface, this);
+    if (m_refused)
+        endLinkAfterThisFrame();
 }
 
 void NetworkRouterConnection::doHandleMessage(MessageItem* item)
 {
     Core::message("NetworkRouterConnection::doHandleMessage( %p )\n", static_cast<void*>(item));
     MessageRef message(item);
+    // A refused peer's messages are dropped with the link.
+    if (m_refused)
+        return;
     INetworkRouter* router = m_pInterface->getNetworkRouter();
     if (router == nullptr) {
         Core::log(Core::LogError, "NetworkRouterConnection::doHandleMessage() unable to get Network Router object.\n");

@@ -69,6 +69,11 @@ public:
     std::string getRemoteHostName() const;
     // Set once it has been released: the routing table must not take it again.
     bool isClosing() const { return m_closing.load(); }
+    // The router refused the host the peer named: nothing more it sends is
+    // taken, and the link ends once the naming command has been handled.
+    void refuse() { m_refused = true; }
+    // Whether the router refused the peer.
+    bool isRefused() const { return m_refused.load(); }
 
 protected:
     // Only the reaper deletes a connection.
@@ -85,6 +90,7 @@ private:
     NetworkRouterInterface* m_pInterface;
     UlmarCommsSystem::SocketAddress m_remote;
     std::atomic<bool> m_closing;
+    std::atomic<bool> m_refused;
     // Whether command 100 has been answered (receive path only).
     bool m_answeredHostName;
     // Written once by the receive path; read by queries.

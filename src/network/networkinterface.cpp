@@ -64,10 +64,23 @@ NetworkRouterInterface::NetworkRouterInterface(INetworkRouter* router, const Soc
       m_pDiscovery(nullptr),
       m_infoLength(0),
       m_local(local),
-      m_discoveryStopping(false)
+      m_discoveryStopping(false),
+      m_subnetBroadcast(0)
 {
     std::memset(m_receiveBuffer, 0, sizeof(m_receiveBuffer));
     std::memset(m_infoBuffer, 0, sizeof(m_infoBuffer));
+    Ip4Network own;
+    if (ip4NetworkFromBroadcast(m_network.getIP4HostOrder(), m_broadcast.getIP4HostOrder(), own)) {
+        m_policy.allow(own);
+        // A /31 or /32 has no broadcast address: both of its addresses are hosts.
+        if (own.prefix <= 30)
+            m_subnetBroadcast = m_broadcast.getIP4HostOrder();
+    }
+}
+
+bool NetworkRouterInterface::admits(const SocketAddress& address) const
+{
+    return address.isIP4Address() && m_policy.allows(address.getIP4HostOrder());
 }
 
 NetworkRouterInterface::~NetworkRouterInterface()
@@ -301,6 +314,19 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
     Core::message("NetworkRouterInterface::onClientConnect()\n");
     if (client == nullptr)
         return;
+    if (!admits(clientAddress)) {
+        // Closed before a byte is read: nothing the peer sends is looked at.
+        client->close();
+        delete client;
+        uint64_t heldBack = 0;
+        if (m_refusalLogs[RefusedLink].admit(heldBack))
+            Core::log(Core::LogWarning,
+                      "NetworkRouterInterface::onClientConnect() Refused link from '%s' on '%s': not an allowed "
+                      "network (%llu like it held back before this)\n",
+                      clientAddress.asString().c_str(), m_local.asString().c_str(),
+                      static_cast<unsigned long long>(heldBack));
+        return;
+    }
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, clientAddress);
     if (connection == nullptr) {
         // The accepted socket is ours to dispose of.
@@ -423,10 +449,47 @@ void NetworkRouterInterface::handleIncomingInfo(const SocketAddress& source, con
     }
     if (info.address.match(m_local, true))
         return;
+    Refusal cause = RefusalCauses;
+    if (const char* reason = refusalOf(source, info, cause)) {
+        uint64_t heldBack = 0;
+        if (m_refusalLogs[cause].admit(heldBack))
+            Core::log(Core::LogWarning,
+                      "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': "
+                      "%s (%llu like it held back before this)\n",
+                      info.hostName.c_str(), info.address.asString().c_str(), source.asString().c_str(), reason,
+                      static_cast<unsigned long long>(heldBack));
+        return;
+    }
     Core::message("Got Host information coming from '%s' with name '%s' and address of '%s'\n",
                   source.asString().c_str(), info.hostName.c_str(), info.address.asString().c_str());
     if (m_pNetworkRouter != nullptr)
         m_pNetworkRouter->infoAboutHost(info.hostName, info.address, this);
+}
+
+const char* NetworkRouterInterface::refusalOf(const SocketAddress& source, const NetworkDiscoveryInfo& info,
+                                              Refusal& cause) const
+{
+    if (!admits(source)) {
+        cause = RefusedSource;
+        return "sent from a network not allowed";
+    }
+    const uint32_t announced = info.address.getIP4HostOrder();
+    if (announced == 0 || announced == 0xFFFFFFFFu || (m_subnetBroadcast != 0 && announced == m_subnetBroadcast) ||
+        info.address.getPort() == 0) {
+        cause = RefusedImpossibleAddress;
+        return "no host can have that address";
+    }
+    if (!admits(info.address)) {
+        cause = RefusedAnnouncedNetwork;
+        return "the address is in a network not allowed";
+    }
+    // Our own announcement came back earlier (same address); our name from
+    // anywhere else is someone posing as this host.
+    if (info.hostName == Core::instance()->getHostName()) {
+        cause = RefusedOwnName;
+        return "it names this host";
+    }
+    return nullptr;
 }
 
 void NetworkRouterInterface::broadcast()

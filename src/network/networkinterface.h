@@ -10,6 +10,14 @@
 // without sockets. A datagram is untrusted input: every field is bounded by
 // the bytes actually received and anything that does not fit is dropped.
 //
+// Trust. Links and datagrams are taken only from addresses the interface's
+// NetworkPolicy allows (networkpolicy.h): loopback and its own subnet until
+// the router hands it the whole policy before starting it. A refused link is
+// closed at once; a refused datagram, one that announces an address no host
+// can have (0.0.0.0, a broadcast address, port 0) or one that carries this
+// host's own name from elsewhere is ignored. Each cause is logged at most a
+// few lines a second (core/ratelimit.h), with the count held back.
+//
 // Threads. onRecvedFrom, onClientConnect and onClientDisconnect run on
 // selector worker threads, the broadcast on the timer worker, connectTo on the
 // system router's thread (it starts the connect and waits for nothing), and
@@ -20,8 +28,10 @@
 #pragma once
 
 #include "core/limits.h"
+#include "core/ratelimit.h"
 #include "framing/dataframehandler.h"
 #include "framing/dataframeserver.h"
+#include "network/networkpolicy.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
@@ -72,6 +82,16 @@ public:
         ParseOk = 0, // accepted (possibly with a wrong trailer)
         ParseBadMagic = 1, // the first two bytes are not the magic
         ParseBadHeader = 2, // a field runs past the end, or the length is wrong
+    };
+
+    // Why a link or an announcement was not taken; each is logged apart.
+    enum Refusal {
+        RefusedLink = 0, // a link from a network not allowed
+        RefusedSource, // a datagram from a network not allowed
+        RefusedAnnouncedNetwork, // a datagram announcing an address not allowed
+        RefusedImpossibleAddress, // 0.0.0.0, a broadcast address or port 0
+        RefusedOwnName, // this host's own name, from another address
+        RefusalCauses
     };
 
     // A frame server on local; copies broadcast and network; no discovery socket.
@@ -150,6 +170,13 @@ public:
     uint32_t infoLength() const { return m_infoLength; }
     // Whether discovery runs.
     bool discoveryRunning();
+    // Replaces the trust policy; only before start, since callbacks read it
+    // without a lock.
+    void setPolicy(const NetworkPolicy& policy) { m_policy = policy; }
+    // The trust policy in force.
+    const NetworkPolicy& policy() const { return m_policy; }
+    // Whether the policy lets an IPv4 address reach this interface.
+    bool admits(const UlmarCommsSystem::SocketAddress& address) const;
 
     // Timer entry: one announcement.
     static void onDoBroadcast(void* data);
@@ -165,6 +192,9 @@ private:
     bool takeConnection(NetworkRouterConnection* connection);
     // Takes every connection out of the list (under its lock).
     std::vector<NetworkRouterConnection*> takeConnections();
+    // Why an announcement must be ignored, or null when it may be taken.
+    const char* refusalOf(const UlmarCommsSystem::SocketAddress& source, const NetworkDiscoveryInfo& info,
+                          Refusal& cause) const;
 
     INetworkRouter* m_pNetworkRouter;
     UlmarCommsSystem::SocketAddress m_broadcast;
@@ -182,6 +212,13 @@ private:
     UlmarCommsSystem::Mutex m_discoveryLock;
     // Set by discoveryStop before the socket goes: the last receive is not re-armed.
     std::atomic<bool> m_discoveryStopping;
+    // Whom links and announcements are taken from.
+    NetworkPolicy m_policy;
+    // The broadcast address of the interface's subnet (host order), 0 when
+    // the subnet has none.
+    uint32_t m_subnetBroadcast;
+    // One log gate per refusal cause.
+    RateLimitedLog m_refusalLogs[RefusalCauses];
 };
 
 } // namespace UlmarComms

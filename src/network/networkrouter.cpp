@@ -13,6 +13,7 @@
 #include "messaging/messagerouter.h"
 #include "network/networkconnection.h"
 #include "network/networkinterface.h"
+#include "network/networkpolicy.h"
 #include "platform/socketreaper.h"
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 #include <new>
 #include <sstream>
 
+using Clock = std::chrono::steady_clock;
 using UlmarCommsSystem::MutexLocker;
 using UlmarCommsSystem::NetworkInterface;
 using UlmarCommsSystem::SocketAddress;
@@ -54,7 +56,7 @@ bool addIfSet(MessageItem* item, const char* key, const char* value)
 } // namespace
 
 NetworkRouterRoutingTableEntry::NetworkRouterRoutingTableEntry()
-    : m_hostId(0), m_pInterface(nullptr), m_pConnection(nullptr)
+    : m_hostId(0), m_pInterface(nullptr), m_pConnection(nullptr), m_lastHeard(Clock::now())
 {
 }
 
@@ -224,11 +226,25 @@ void NetworkRouter::infoAboutHost(const std::string& hostName, const SocketAddre
     MutexLocker locker(m_lock);
     if (!acceptsInterface(interface))
         return;
+    const Clock::time_point now = Clock::now();
     const int32_t known = getHostId(hostName);
     if (known != 0) {
-        for (const NetworkRouterRoutingTableEntry* entry : m_routingTable)
-            if (entry->m_hostId == known && entry->m_pInterface == interface && entry->m_address.match(address, true))
+        for (NetworkRouterRoutingTableEntry* entry : m_routingTable)
+            if (entry->m_hostId == known && entry->m_pInterface == interface && entry->m_address.match(address, true)) {
+                entry->m_lastHeard = now;
                 return;
+            }
+        if (boundElsewhere(known, address, interface, now)) {
+            uint64_t heldBack = 0;
+            if (m_heldBackClaims.admit(heldBack))
+                Core::log(Core::LogWarning,
+                          "NetworkRouter::infoAboutHost() Ignored announcement of '%s' at '%s': the host is known at "
+                          "another address that has not gone quiet (%llu like it held back before this)\n",
+                          hostName.c_str(), address.asString().c_str(), static_cast<unsigned long long>(heldBack));
+            return;
+        }
+        // The host has moved on this interface: its quiet addresses there go.
+        forgetQuietAddresses(known, address, interface, now);
     }
     if (m_routingTable.size() >= MaxRoutingTableEntries) {
         Core::log(Core::LogWarning, "NetworkRouter::infoAboutHost( '%s' ) routing table full\n", hostName.c_str());
@@ -256,6 +272,19 @@ bool NetworkRouter::routingTableNewConnection(const std::string& hostName, Netwo
     // interface being stopped (taken out by stop()) takes no new entries.
     if (connection == nullptr || connection->isClosing() || !acceptsInterface(interface))
         return false;
+    const int32_t known = getHostId(hostName);
+    if (known != 0 && boundElsewhere(known, connection->getRemoteAddress(), nullptr, Clock::now())) {
+        // Taking it would hand this peer the named host's traffic.
+        connection->refuse();
+        uint64_t heldBack = 0;
+        if (m_refusedHellos.admit(heldBack))
+            Core::log(Core::LogWarning,
+                      "NetworkRouter::routingTableNewConnection() Refused link from '%s' naming host '%s', which is "
+                      "known at another address (%llu like it held back before this)\n",
+                      connection->getRemoteAddress().asString().c_str(), hostName.c_str(),
+                      static_cast<unsigned long long>(heldBack));
+        return false;
+    }
     const int32_t id = addHostId(hostName);
     if (id == 0)
         return false;
@@ -295,6 +324,53 @@ void NetworkRouter::removeConnection(NetworkRouterConnection* connection)
     for (NetworkRouterRoutingTableEntry* entry : m_routingTable)
         if (entry->m_pConnection == connection)
             entry->m_pConnection = nullptr;
+}
+
+bool NetworkRouter::isLive(const NetworkRouterRoutingTableEntry* entry, Clock::time_point now) const
+{
+    if (entry->m_pConnection != nullptr)
+        return true;
+    const int period = std::max(Core::instance()->getNumber("ulmar.networkrouter.discovery.timeout"), 0);
+    return now - entry->m_lastHeard < std::chrono::milliseconds(static_cast<int64_t>(period) * QuietPeriods);
+}
+
+bool NetworkRouter::boundElsewhere(int32_t id, const SocketAddress& address, const NetworkRouterInterface* interface,
+                                   Clock::time_point now) const
+{
+    bool live = false;
+    for (const NetworkRouterRoutingTableEntry* entry : m_routingTable) {
+        if (entry->m_hostId != id || (interface != nullptr && entry->m_pInterface != interface))
+            continue;
+        // The address itself is bound (another port there is the same host).
+        if (entry->m_address.match(address, false))
+            return false;
+        live = live || isLive(entry, now);
+    }
+    return live;
+}
+
+void NetworkRouter::forgetQuietAddresses(int32_t id, const SocketAddress& address,
+                                         const NetworkRouterInterface* interface, Clock::time_point now)
+{
+    auto quiet = [&](NetworkRouterRoutingTableEntry* entry) {
+        return entry->m_hostId == id && entry->m_pInterface == interface && !entry->m_address.match(address, false) &&
+            !isLive(entry, now);
+    };
+    for (auto it = m_routingTable.begin(); it != m_routingTable.end();) {
+        if (!quiet(*it)) {
+            ++it;
+            continue;
+        }
+        Core::message("Moving '%s' in the routing table away from the quiet address '%s'\n", lookUpHostId(id).c_str(),
+                      (*it)->m_address.asString().c_str());
+        releaseEntry(*it);
+        it = m_routingTable.erase(it);
+    }
+}
+
+bool NetworkRouter::inTable(const NetworkRouterRoutingTableEntry* entry) const
+{
+    return std::find(m_routingTable.begin(), m_routingTable.end(), entry) != m_routingTable.end();
 }
 
 NetworkRouterRoutingTableEntry* NetworkRouter::getConnectionByHost(const std::string& host)
@@ -365,7 +441,11 @@ bool NetworkRouter::withConnection(const std::string& host, const std::function<
                   address.asString().c_str());
         return false;
     }
-    if (entry->m_pConnection == nullptr)
+    // The entry may have gone meanwhile (its host moved to a new address),
+    // and a new one may sit where it was; the link is the interface's and
+    // still carries this frame.
+    if (inTable(entry) && entry->m_pConnection == nullptr && entry->m_pInterface == interface &&
+        entry->m_address.match(address, true))
         entry->m_pConnection = connection;
     return send(connection);
 }
@@ -533,16 +613,40 @@ bool NetworkRouter::start()
         m_isMaster = false;
         m_inStealthMode = true;
     }
+    // A bad list stops the start before anything is built: running with a
+    // trust other than the one configured is worse than not running.
+    std::vector<Ip4Network> allowed;
+    std::string error;
+    if (!parseIp4NetworkList(core->getString("ulmar.networkrouter.ip4.allow"), allowed, error)) {
+        Core::log(Core::LogFatal, "NetworkRouter::start() Refused ulmar.networkrouter.ip4.allow: %s.\n", error.c_str());
+        return false;
+    }
     if (!buildNetworkInterfaces()) {
         Core::log(Core::LogFatal, "NetworkRouter::start() Failed to build network interfaces.\n");
         return false;
     }
+    applyPolicy(allowed, core->getNumber("ulmar.networkrouter.ip4.allow.any") != 0);
     const int count = static_cast<int>(m_interfaces.size());
     for (int i = 0; i < count; ++i)
         if (!m_interfaces[i]->start())
             Core::log(Core::LogError, "NetworkRouter::start() Failed to start NetworkRouterInterface %d of %d\n", i,
                       count);
     return true;
+}
+
+void NetworkRouter::applyPolicy(const std::vector<Ip4Network>& allowed, bool any)
+{
+    MutexLocker locker(m_lock);
+    NetworkPolicy policy;
+    for (const NetworkRouterInterface* interface : m_interfaces)
+        for (const Ip4Network& network : interface->policy().networks())
+            policy.allow(network);
+    for (const Ip4Network& network : allowed)
+        policy.allow(network);
+    policy.allowAny(any);
+    for (NetworkRouterInterface* interface : m_interfaces)
+        interface->setPolicy(policy);
+    Core::message("NetworkRouter::start() Taking links and announcements from %s\n", policy.describe().c_str());
 }
 
 void NetworkRouter::stop()

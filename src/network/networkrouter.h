@@ -20,16 +20,27 @@
 // router lock, under a separate connect lock that also keeps stop() waiting:
 // a connection that fails at once is released there, which takes the router
 // lock. The connect itself never waits for the host.
+// A host name is bound to the addresses it was learnt at (discovery, or the
+// first link that named it). A link whose hello names a host known at other
+// addresses is refused and ended, and an announcement of a known name from a
+// new address on the same interface is ignored, until the host's entries
+// there have gone quiet: no announcement for QuietPeriods discovery periods
+// and no connection. The same name may still be learnt on another interface
+// (a host on two networks), and a new port at a known address is taken as
+// before. Refusals are logged through rate-limited gates (core/ratelimit.h).
 // stop() never holds the router lock while it deletes interfaces or
 // connections: deleting a socket waits for its callbacks, and those
 // callbacks take the lock. docs/architecture.md gives the whole lock order.
 #pragma once
 
 #include "core/limits.h"
+#include "core/ratelimit.h"
 #include "messaging/messageitem.h"
+#include "network/networkpolicy.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -98,6 +109,8 @@ public:
     NetworkRouterInterface* m_pInterface;
     // The open connection to the host, null when none (not owned).
     NetworkRouterConnection* m_pConnection;
+    // When the host last announced itself at this address (or the entry was made).
+    std::chrono::steady_clock::time_point m_lastHeard;
 };
 
 class NetworkRouter : public INetworkRouter {
@@ -107,6 +120,10 @@ public:
     static constexpr size_t MaxHostNames = Limits::NetworkHostNames;
     static constexpr size_t MaxRoutingTableEntries = Limits::RoutingTableEntries;
     static constexpr size_t MaxHostNameLength = Limits::HostNameBytes;
+    // Discovery periods without an announcement after which a host's address
+    // counts as quiet and its name may move to a new one. More than one, so
+    // that a late timer on the real host never lets a claim in between.
+    static constexpr int QuietPeriods = 3;
 
     // No interfaces, work mode 0, all flags false.
     NetworkRouter();
@@ -154,6 +171,9 @@ public:
     // Deletes an entry.
     static void releaseEntry(NetworkRouterRoutingTableEntry* entry);
 
+    // Gives every interface the same trust: loopback, every interface's
+    // subnet, the allowed networks, or any address.
+    void applyPolicy(const std::vector<Ip4Network>& allowed, bool any);
     // Chooses the local interfaces from the settings and adds one each.
     bool buildNetworkInterfaces();
     // Sends "#AddressSupportingInterfaces" to every known host and to this one.
@@ -190,6 +210,19 @@ protected:
     // Whether the interface is one of ours; stop() takes them out first, so
     // late callbacks of an interface being stopped are refused. Lock held.
     bool acceptsInterface(NetworkRouterInterface* interface) const;
+    // Whether an entry still binds its host's name to its address: it holds a
+    // connection or was heard within the quiet time. Lock held.
+    bool isLive(const NetworkRouterRoutingTableEntry* entry, std::chrono::steady_clock::time_point now) const;
+    // Whether a host is bound to addresses that exclude this one (on one
+    // interface, or on any when interface is null). Lock held.
+    bool boundElsewhere(int32_t id, const UlmarCommsSystem::SocketAddress& address,
+                        const NetworkRouterInterface* interface, std::chrono::steady_clock::time_point now) const;
+    // Drops the host's entries on the interface at other addresses that have
+    // gone quiet: the host has moved to address. Lock held.
+    void forgetQuietAddresses(int32_t id, const UlmarCommsSystem::SocketAddress& address,
+                              const NetworkRouterInterface* interface, std::chrono::steady_clock::time_point now);
+    // Whether the entry is still in the table. Lock held.
+    bool inTable(const NetworkRouterRoutingTableEntry* entry) const;
 
 private:
     // A host's queue: its id, then the messages held for it.
@@ -210,6 +243,10 @@ private:
     std::vector<WaitingQueue> m_waitingQueues;
     std::vector<NetworkRouterInterface*> m_interfaces;
     std::vector<NetworkRouterRoutingTableEntry*> m_routingTable;
+    // Log gates: announcements of a bound name from a new address, and links
+    // whose hello names a host bound elsewhere.
+    RateLimitedLog m_heldBackClaims;
+    RateLimitedLog m_refusedHellos;
 };
 
 } // namespace UlmarComms

@@ -205,6 +205,59 @@ TEST(DiscoveryDatagram, OtherHostsAreReportedButNeitherTheOwnAnnouncementNorBrok
     EXPECT_EQ(router.heard(), 1u);
 }
 
+TEST(DiscoveryDatagram, UntrustedImpossibleOrOwnNameAnnouncementsAreIgnoredAndLoggedSparingly)
+{
+    LogCapture log;
+    ScopedHostName self("hostSelf");
+    RecordingRouter router;
+    NetworkRouterInterface interface(&router, ip4("10.77.1.1", "34001"), ip4("10.77.1.255", "34001"),
+                                     ip4("10.77.1.0", "0"));
+    auto announce = [&](const char* source, const char* name, const char* host, const char* port) {
+        unsigned char bytes[NetworkRouterInterface::DiscoveryBufferSize];
+        unsigned length = 0;
+        ASSERT_TRUE(NetworkRouterInterface::buildInfo(bytes, sizeof(bytes), name, ip4(host, port), length));
+        interface.handleIncomingInfo(ip4(source, "34001"), bytes, length);
+    };
+    const struct {
+        const char* source;
+        const char* name;
+        const char* host;
+        const char* port;
+        const char* why;
+    } ignored[] = {
+        {"10.77.1.2", "hostB", "0.0.0.0", "34001", "no host can have that address"},
+        {"10.77.1.2", "hostB", "255.255.255.255", "34001", "no host can have that address"},
+        {"10.77.1.2", "hostB", "10.77.1.255", "34001", "no host can have that address"},
+        {"10.77.1.2", "hostB", "10.77.1.2", "0", nullptr},
+        {"10.77.1.2", "hostSelf", "10.77.1.9", "34001", "it names this host"},
+        {"192.168.9.9", "hostB", "10.77.1.2", "34001", "sent from a network not allowed"},
+        {"10.77.1.2", "hostB", "192.168.9.9", "34001", "the address is in a network not allowed"},
+    };
+    for (const auto& item : ignored) {
+        SCOPED_TRACE(std::string(item.name) + " at " + item.host + ":" + item.port + " from " + item.source);
+        announce(item.source, item.name, item.host, item.port);
+        EXPECT_EQ(router.heard(), 0u);
+        if (item.why != nullptr) {
+            EXPECT_TRUE(log.contains(std::string("Ignored announcement of '") + item.name + "' at '" + item.host + ":" +
+                                     item.port + "' from '" + item.source + ":34001': " + item.why));
+        }
+    }
+
+    // A flood of one cause logs a few lines, not one each.
+    for (int i = 0; i < 50; ++i)
+        announce("10.77.1.2", "hostB", "0.0.0.0", "34001");
+    EXPECT_EQ(router.heard(), 0u);
+    EXPECT_LE(log.count("no host can have that address"), UlmarComms::RateLimitedLog::DefaultLinesPerWindow);
+
+    // A wider policy lets the same source in.
+    UlmarComms::NetworkPolicy any;
+    any.allowAny(true);
+    interface.setPolicy(any);
+    announce("192.168.9.9", "hostB", "10.77.1.2", "34001");
+    ASSERT_EQ(router.heard(), 1u);
+    EXPECT_EQ(router.addresses[0], "10.77.1.2:34001");
+}
+
 TEST(DiscoveryDatagram, DatagramArrivingOnTheDiscoverySocketReachesTheTable)
 {
     // Discovery bound to a loopback port stands in for a broadcast address;

@@ -179,6 +179,39 @@ TEST_F(NetworkConnection, HostNameExchangeOnTheWireAndTheClientLeaving)
     EXPECT_NE(b.router->getRoutingTable().find("rawhost,true,127.0.0.1:"), std::string::npos);
 }
 
+TEST_F(NetworkConnection, APeerNamingAHostKnownAtAnotherAddressIsRefusedAndGetsNothing)
+{
+    LogCapture log;
+    Side b(true);
+    b.router->infoAboutHost("hostB", ip4("127.0.0.2", "34001"), b.interface);
+
+    // A peer on 127.0.0.1 says it is hostB and sends a message behind it:
+    // no answer, the link ends, the message goes nowhere.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        RawPeer client;
+        ASSERT_TRUE(client.connectTo(loopback(b.port)));
+        MessageItem* item = request("hostA@pump", "smuggled");
+        ASSERT_TRUE(client.sendAll(commandFrame(1, CommandMessage::NetworkHostName, "hostB") + messageFrame(2, item)));
+        MessageItem::release(item);
+        unsigned char type = 0;
+        uint32_t id = 0;
+        std::vector<unsigned char> payload;
+        EXPECT_FALSE(client.readFrame(type, id, payload)) << "the refused peer was answered";
+        EXPECT_TRUE(client.waitForEnd());
+    }
+    ASSERT_TRUE(waitUntil([&] { return b.interface->connectionCount() == 0; }));
+    EXPECT_EQ(b.systemRouter.count(), 0u);
+    EXPECT_FALSE(b.router->hostIsConnected("hostB"));
+    EXPECT_EQ(b.router->getRoutingTable(),
+              "hostB,true,127.0.0.2:34001,127.0.0.0:0," + b.interface->getBroadcastAddress().asString() +
+                  ",127.0.0.1:" + std::to_string(b.port) + "\n");
+    // Logged, but not once per attempt.
+    EXPECT_TRUE(log.contains("Refused link from '127.0.0.1:"));
+    EXPECT_GE(log.count("naming host 'hostB', which is known at another address"), 1u);
+    EXPECT_LE(log.count("naming host 'hostB', which is known at another address"),
+              UlmarComms::RateLimitedLog::DefaultLinesPerWindow);
+}
+
 TEST_F(NetworkConnection, EntryConnectCountsASecondFailedStartAsConnected)
 {
     LogCapture log;

@@ -80,10 +80,10 @@ TEST_F(NetworkRouterTable, InfoAboutHostAddsOneEntryPerHostAddressAndInterface)
     EXPECT_EQ(router.routingTableSize(), 1u);
     EXPECT_EQ(log.count("Adding 'hostB'"), 1u);
 
-    // The same host on another interface, or at another address: new entries
-    // under the same id.
+    // The same host on another interface, or at another port of its
+    // address: new entries under the same id.
     router.infoAboutHost("hostB", ip4("10.77.2.2", "34001"), second);
-    router.infoAboutHost("hostB", ip4("10.77.1.9", "34001"), first);
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34002"), first);
     EXPECT_EQ(router.routingTableSize(), 3u);
     EXPECT_EQ(router.getHostId("hostB"), 1);
 
@@ -91,6 +91,28 @@ TEST_F(NetworkRouterTable, InfoAboutHostAddsOneEntryPerHostAddressAndInterface)
     router.infoAboutHost("hostC", ip4("10.77.1.3", "34001"), nullptr);
     EXPECT_EQ(router.routingTableSize(), 3u);
     EXPECT_EQ(router.getHostId("hostC"), 0);
+}
+
+TEST_F(NetworkRouterTable, AKnownNameMovesToANewAddressOnlyOnceTheOldOneHasGoneQuiet)
+{
+    // Quiet means QuietPeriods periods without an announcement.
+    ScopedSetting period("ulmar.networkrouter.discovery.timeout", 200);
+    LogCapture log;
+    const std::string moved = "hostB,true,10.77.1.9:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n";
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
+    router.infoAboutHost("hostB", ip4("10.77.1.9", "34001"), first);
+    EXPECT_EQ(router.getRoutingTable(), "hostB,true,10.77.1.2:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n");
+    EXPECT_TRUE(log.contains("NetworkRouter::infoAboutHost() Ignored announcement of 'hostB' at '10.77.1.9:34001'"));
+
+    // Once the old address has gone quiet the name moves, under the same id.
+    ASSERT_TRUE(waitUntil([&] {
+        router.infoAboutHost("hostB", ip4("10.77.1.9", "34001"), first);
+        return router.getRoutingTable() == moved;
+    }));
+    EXPECT_EQ(router.getHostId("hostB"), 1);
+    // And it is bound there now: the old address is the newcomer.
+    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
+    EXPECT_EQ(router.getRoutingTable(), moved);
 }
 
 TEST_F(NetworkRouterTable, TextsOfTheTableTheKnownHostsAndTheInterfaces)
@@ -244,6 +266,42 @@ TEST(NetworkRouterStart, EveryInterfaceButLoopbackIsTakenByDefaultAndLoopbackNev
     NetworkRouter router;
     ASSERT_TRUE(router.buildNetworkInterfaces());
     EXPECT_EQ(router.interfaceCount(), 0u);
+}
+
+TEST(NetworkRouterStart, TrustsLoopbackEveryInterfaceSubnetAndTheAllowedNetworksOrRefusesABadList)
+{
+    ScopedSetting on("ulmar.networkrouter", 1);
+    ScopedSetting discovery("ulmar.networkrouter.discovery", 0);
+    {
+        LogCapture log;
+        ScopedSetting allow("ulmar.networkrouter.ip4.allow", "10.0.0.0/8,nonsense");
+        NetworkRouter router;
+        EXPECT_FALSE(router.start());
+        EXPECT_EQ(router.interfaceCount(), 0u);
+        EXPECT_TRUE(log.contains("NetworkRouter::start() Refused ulmar.networkrouter.ip4.allow: 'nonsense' is not an "
+                                 "IPv4 network"));
+    }
+    auto address = [](const char* text) { return ip4(text, "1").getIP4HostOrder(); };
+    for (const int any : {0, 1}) {
+        SCOPED_TRACE(any);
+        ScopedSetting allow("ulmar.networkrouter.ip4.allow", "10.0.0.0/8");
+        ScopedSetting allowAny("ulmar.networkrouter.ip4.allow.any", any);
+        NetworkRouter router;
+        ASSERT_TRUE(router.start());
+        if (router.interfaceCount() == 0)
+            GTEST_SKIP() << "this machine has no interface but loopback";
+        // Every interface trusts the same: every interface's address, and
+        // the rest only when listed or when any address is.
+        for (size_t i = 0; i < router.interfaceCount(); ++i) {
+            const UlmarComms::NetworkPolicy& policy = router.interfaceAt(i)->policy();
+            for (size_t j = 0; j < router.interfaceCount(); ++j)
+                EXPECT_TRUE(policy.allows(router.interfaceAt(j)->getLocalAddress().getIP4HostOrder()));
+            EXPECT_TRUE(policy.allows(address("127.0.0.1")));
+            EXPECT_TRUE(policy.allows(address("10.200.3.4")));
+            EXPECT_EQ(policy.allows(address("203.0.113.7")), any == 1) << policy.describe();
+        }
+        router.stop();
+    }
 }
 
 TEST(NetworkRouterQueries, HostsSupportingInterfacesAsksEveryHostAndThisOne)
