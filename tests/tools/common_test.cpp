@@ -250,6 +250,39 @@ TEST(DaemonOptions, ParsesSettingsLevelAndWholeStartArguments)
     EXPECT_EQ(whole.settings.value("ulmar.systemrouter.pipe.name", ""), "a");
 }
 
+TEST(DaemonOptions, NetworkOptionsAddToTheAllowSettingAndBadNetworksAreUsageErrors)
+{
+    DaemonOptions options;
+    std::string error;
+    ASSERT_EQ(parseDaemonOptions({"--set", "ulmar.networkrouter.ip4.allow=10.0.0.0/8", "--allow-network",
+                                  "192.168.1.0/24", "--allow-network=10.9.9.9", "--allow-any-network"},
+                                 options, error),
+              DaemonParse::Run)
+        << error;
+    EXPECT_EQ(options.settings.value("ulmar.networkrouter.ip4.allow", ""), "10.0.0.0/8,192.168.1.0/24,10.9.9.9");
+    EXPECT_EQ(options.settings.value("ulmar.networkrouter.ip4.allow.any", ""), "1");
+    EXPECT_NE(daemonUsage().find("--allow-network CIDR"), std::string::npos);
+    EXPECT_NE(daemonUsage().find("--allow-any-network"), std::string::npos);
+
+    const struct {
+        std::vector<std::string> args;
+        const char* error;
+    } wrong[] = {
+        {{"--allow-network", "10.1.2.3/24"}, "--allow-network: '10.1.2.3/24' has host bits set beyond /24"},
+        {{"--allow-network", "10.0.0.0/33"}, "--allow-network: '10.0.0.0/33' is not an IPv4 network: the prefix"},
+        {{"--allow-network", "eth0"}, "'eth0' is not a dotted IPv4 address"},
+        {{"--allow-network"}, "--allow-network needs a value"},
+        {{"--set", "ulmar.networkrouter.ip4.allow=10.0.0.0/8,nonsense"},
+         "ulmar.networkrouter.ip4.allow: 'nonsense' is not an IPv4 network"},
+    };
+    for (const auto& item : wrong) {
+        DaemonOptions fresh;
+        error.clear();
+        EXPECT_EQ(parseDaemonOptions(item.args, fresh, error), DaemonParse::Usage) << item.args[0];
+        EXPECT_NE(error.find(item.error), std::string::npos) << error;
+    }
+}
+
 TEST(DaemonOptions, HelpVersionAndMistakes)
 {
     DaemonOptions options;

@@ -29,6 +29,12 @@ TEST(Ulmarcommsd, HelpVersionAndUsage)
     RunResult usage = runTool({toolPath("ulmarcommsd"), "--log-level", "7"});
     EXPECT_EQ(usage.status, 2) << usage.transcript();
     EXPECT_NE(usage.err.find("--log-level"), std::string::npos);
+
+    // A bad network is a usage error before anything starts.
+    RunResult network = runTool({toolPath("ulmarcommsd"), "--allow-network", "10.1.2.3/24"});
+    EXPECT_EQ(network.status, 2) << network.transcript();
+    EXPECT_NE(network.err.find("has host bits set"), std::string::npos) << network.err;
+    EXPECT_EQ(network.out.find("service running"), std::string::npos) << network.out;
 }
 
 TEST(Ulmarcommsd, StartsAnswersAndStopsOnSigtermOrSigint)

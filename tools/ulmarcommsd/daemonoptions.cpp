@@ -4,6 +4,7 @@
 #include "ulmarcommsd/daemonoptions.h"
 
 #include "common/numbers.h"
+#include "network/networkpolicy.h"
 
 #include <algorithm>
 
@@ -42,16 +43,40 @@ bool addStartArgument(const std::string& argument, StartSettings& settings, std:
     return true;
 }
 
+const char* const kAllowKey = "ulmar.networkrouter.ip4.allow";
+const char* const kAllowAnyKey = "ulmar.networkrouter.ip4.allow.any";
+
+// Adds the --allow-network networks to the allow list (the last item for a
+// key wins, so one item carries the whole list) and checks the list.
+bool addAllowedNetworks(const std::vector<std::string>& networks, StartSettings& settings, std::string& error)
+{
+    std::string list = settings.value(kAllowKey, "");
+    for (const std::string& network : networks)
+        list += (list.empty() ? "" : ",") + network;
+    std::vector<UlmarComms::Ip4Network> parsed;
+    if (!UlmarComms::parseIp4NetworkList(list, parsed, error)) {
+        error = std::string(kAllowKey) + ": " + error;
+        return false;
+    }
+    return networks.empty() || settings.add(std::string(kAllowKey) + "=" + list, error);
+}
+
 } // namespace
 
 DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptions& options, std::string& error)
 {
+    std::vector<std::string> allowed;
     for (size_t index = 0; index < args.size(); ++index) {
         const std::string& arg = args[index];
         if (arg == "--help" || arg == "-h")
             return DaemonParse::Help;
         if (arg == "--version")
             return DaemonParse::Version;
+        if (arg == "--allow-any-network") {
+            if (!options.settings.add(std::string(kAllowAnyKey) + "=1", error))
+                return DaemonParse::Usage;
+            continue;
+        }
         if (arg.rfind("-", 0) != 0) {
             if (!addStartArgument(arg, options.settings, error))
                 return DaemonParse::Usage;
@@ -60,7 +85,7 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
         std::string name;
         std::string value;
         const bool inlineValue = splitInline(arg, name, value);
-        if (name != "--set" && name != "--log-level") {
+        if (name != "--set" && name != "--log-level" && name != "--allow-network") {
             error = "unknown argument '" + arg + "'";
             return DaemonParse::Usage;
         }
@@ -70,6 +95,15 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
                 return DaemonParse::Usage;
             }
             value = args[++index];
+        }
+        if (name == "--allow-network") {
+            UlmarComms::Ip4Network network;
+            if (!UlmarComms::parseIp4Network(value, network, error)) {
+                error = "--allow-network: " + error;
+                return DaemonParse::Usage;
+            }
+            allowed.push_back(value);
+            continue;
         }
         if (name == "--set") {
             if (!options.settings.add(value, error))
@@ -83,12 +117,15 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
         }
         options.logLevel = static_cast<int>(level);
     }
+    if (!addAllowedNetworks(allowed, options.settings, error))
+        return DaemonParse::Usage;
     return DaemonParse::Run;
 }
 
 std::string daemonUsage()
 {
-    return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N] [KEY=VALUE[;KEY=VALUE...]]\n"
+    return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N] [--allow-network CIDR]...\n"
+           "                   [--allow-any-network] [KEY=VALUE[;KEY=VALUE...]]\n"
            "\n"
            "Runs this machine's system router service in the foreground until\n"
            "SIGTERM or SIGINT, then shuts it down and exits 0.\n"
@@ -99,6 +136,14 @@ std::string daemonUsage()
            "                   to serve a separate bus on the abstract socket __test.sock\n"
            "  --log-level N    lowest library log level written to stderr: 0 verbose,\n"
            "                   1 message, 2 warning (default), 3 error, 4 fatal\n"
+           "  --allow-network CIDR\n"
+           "                   with the network router on, also take links and\n"
+           "                   discovery datagrams from this IPv4 network, e.g.\n"
+           "                   10.1.0.0/16 or a single 10.1.2.3 (repeatable); by default\n"
+           "                   only loopback and the subnets of the interfaces the\n"
+           "                   router broadcasts on are trusted, and these add to them\n"
+           "  --allow-any-network\n"
+           "                   take links and discovery datagrams from any address\n"
            "  KEY=VALUE;...    a whole start argument, as the library takes it; its\n"
            "                   items are added to the --set items (a word without\n"
            "                   '=' is accepted and ignored)\n"

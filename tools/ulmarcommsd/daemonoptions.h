@@ -1,7 +1,11 @@
 // The daemon's command line: --set KEY=VALUE (repeatable), --log-level N,
-// --help, --version, and optionally a whole start argument
-// ("key=value;key=value") as a plain word. Parsed into plain values so the
-// program's main only acts on them.
+// --allow-network CIDR (repeatable), --allow-any-network, --help, --version,
+// and optionally a whole start argument ("key=value;key=value") as a plain
+// word. Parsed into plain values so the program's main only acts on them.
+// The network options become start settings: --allow-network adds its
+// networks to "ulmar.networkrouter.ip4.allow" (after any --set value of that
+// key), --allow-any-network sets "ulmar.networkrouter.ip4.allow.any" to 1;
+// the resulting list is checked here, so a bad network is a usage error.
 #pragma once
 
 #include "common/startsettings.h"
