@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <unistd.h>
 
@@ -173,11 +174,19 @@ protected:
         return command(argv);
     }
 
-    bool startDaemon(Host& host)
+    bool startDaemon(Host& host, const std::vector<std::string>& extra = {})
     {
-        host.daemon = host.driven(
-            {m_daemonPath, "--set", "ulmar.networkrouter=1", "--set", "ulmar.networkrouter.discovery=1", "--set",
-             "ulmar.networkrouter.discovery.timeout=1000", "--set", "ulmar.systemrouter.pipe.name=" + host.pipe});
+        std::vector<std::string> argv = {m_daemonPath,
+                                         "--set",
+                                         "ulmar.networkrouter=1",
+                                         "--set",
+                                         "ulmar.networkrouter.discovery=1",
+                                         "--set",
+                                         "ulmar.networkrouter.discovery.timeout=1000",
+                                         "--set",
+                                         "ulmar.systemrouter.pipe.name=" + host.pipe};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        host.daemon = host.driven(argv);
         if (host.daemon->waitForOut("service running", seconds(20)))
             return true;
         ADD_FAILURE() << "daemon on " << host.name << " did not start: " << host.daemon->out();
@@ -247,10 +256,13 @@ protected:
     }
 
     // The announcement host sends, as hex.
-    static std::string announcement(const Host& host)
+    static std::string announcement(const Host& host) { return announcement(host.name, host.address, DiscoveryPort); }
+
+    // An announcement of name at address:port, as hex.
+    static std::string announcement(const std::string& name, const std::string& address, int port)
     {
         std::string bytes = "\xF1\x2A";
-        const size_t total = 2 + 4 + 1 + 4 + 4 + host.name.size() + 8 + 2;
+        const size_t total = 2 + 4 + 1 + 4 + 4 + name.size() + 8 + 2;
         auto put32 = [&bytes](uint32_t value) {
             for (int shift = 24; shift >= 0; shift -= 8)
                 bytes += static_cast<char>((value >> shift) & 0xFF);
@@ -258,13 +270,14 @@ protected:
         put32(static_cast<uint32_t>(total));
         bytes += '\0';
         put32(0);
-        put32(static_cast<uint32_t>(host.name.size()));
-        bytes += host.name;
+        put32(static_cast<uint32_t>(name.size()));
+        bytes += name;
         bytes += std::string("\x00\x02", 2);
-        bytes += static_cast<char>(DiscoveryPort >> 8);
-        bytes += static_cast<char>(DiscoveryPort & 0xFF);
-        bytes += std::string("\x0A\x4D\x01", 3);
-        bytes += static_cast<char>(std::atoi(host.address.c_str() + std::strlen(Subnet)));
+        bytes += static_cast<char>(port >> 8);
+        bytes += static_cast<char>(port & 0xFF);
+        in_addr parsed{};
+        inet_pton(AF_INET, address.c_str(), &parsed);
+        bytes += std::string(reinterpret_cast<const char*>(&parsed.s_addr), 4);
         bytes += "\xAA\x87";
         std::string hex;
         char pair[3];
@@ -427,4 +440,70 @@ TEST_F(MultiHost, AHostThatNeverAnswersHoldsUpNothingElse)
     // The request for hostZ itself ends with its caller's own time-out.
     EXPECT_EQ(stuck->wait(seconds(30)), 3);
     EXPECT_EQ(stuck->out(), "TIMEOUT\n");
+}
+
+TEST_F(MultiHost, LinksComeOnlyFromTrustedNetworksAndNamesStayWithTheirAddresses)
+{
+    PREPARE_HOSTS(2);
+    Host& a = m_hosts[0];
+    Host& b = m_hosts[1];
+    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
+
+    // Host B gets a second address in host A's subnet and one in 10.77.2.0/24,
+    // which host A reaches on the same link but has no interface in.
+    const std::string inside = std::string(Subnet) + "66";
+    const std::string outside = "10.77.2.2";
+    ASSERT_EQ(ip(b.netns, {"addr", "add", inside + "/24", "dev", "eth0"}), 0);
+    ASSERT_EQ(ip(b.netns, {"addr", "add", outside + "/24", "dev", "eth0"}), 0);
+    ASSERT_EQ(ip(a.netns, {"route", "add", "10.77.2.0/24", "dev", "eth0"}), 0);
+    const std::string port = std::to_string(DiscoveryPort);
+
+    // Only the trusted subnet is answered.
+    EXPECT_EQ(run(b, {"hello", outside, a.address, port, "hostQ"}), "CLOSED\n");
+    EXPECT_EQ(run(b, {"hello", inside, a.address, port, "hostQ"}), "ANSWERED hostA\n");
+
+    // A peer naming hostB from an address hostB was not learnt at is refused,
+    // and hostB's traffic still goes to hostB alone.
+    EXPECT_EQ(run(b, {"hello", inside, a.address, port, "hostB"}), "CLOSED\n");
+    EXPECT_EQ(call(a, "hostB@echo", "ping"), "RESPONSE echo:ping:hostB");
+    const std::string table = call(a, "hostA@system", "NetworkRoutingTable");
+    EXPECT_EQ(table.find("hostB,true," + inside), std::string::npos) << table;
+    EXPECT_EQ(table.find("hostB,false," + inside), std::string::npos) << table;
+
+    // --allow-network adds 10.77.2.0/24 to what host A trusts.
+    a.server->closeInput();
+    EXPECT_EQ(a.server->wait(seconds(20)), 0);
+    ASSERT_EQ(stopDaemon(a), 0);
+    ASSERT_TRUE(startDaemon(a, {"--allow-network", "10.77.2.0/24"}));
+    ASSERT_TRUE(startServer(a));
+    EXPECT_EQ(run(b, {"hello", outside, a.address, port, "hostR"}), "ANSWERED hostA\n");
+    EXPECT_EQ(run(b, {"hello", inside, a.address, port, "hostS"}), "ANSWERED hostA\n");
+}
+
+TEST_F(MultiHost, SpoofedAnnouncementsChangeNothing)
+{
+    PREPARE_HOSTS(2);
+    Host& a = m_hosts[0];
+    Host& b = m_hosts[1];
+    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
+    const std::string before = call(a, "hostA@system", "NetworkRoutingTable");
+
+    // Impossible addresses, this host's own name, and a known name from a
+    // new address; then an honest newcomer, heard only after all of them.
+    const std::string broadcast = std::string(Subnet) + "255";
+    const std::vector<std::string> spoofs = {
+        announcement("hostC", "0.0.0.0", DiscoveryPort),
+        announcement("hostC", "255.255.255.255", DiscoveryPort),
+        announcement("hostC", broadcast, DiscoveryPort),
+        announcement("hostC", std::string(Subnet) + "5", 0),
+        announcement("hostA", std::string(Subnet) + "77", DiscoveryPort),
+        announcement("hostB", std::string(Subnet) + "66", DiscoveryPort),
+        announcement("hostZ", std::string(Subnet) + "99", DiscoveryPort),
+    };
+    for (const std::string& datagram : spoofs)
+        ASSERT_EQ(run(b, {"send", broadcast, std::to_string(DiscoveryPort), datagram}), "SENT\n");
+    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostZ\nhostA"));
+    EXPECT_EQ(call(a, "hostA@system", "NetworkRoutingTable"),
+              before + "hostZ,true,10.77.1.99:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n");
+    EXPECT_EQ(call(a, "hostB@echo", "ping"), "RESPONSE echo:ping:hostB");
 }

@@ -21,6 +21,11 @@
 //                                    (exit 0) or TIMEOUT.
 //   send    ADDRESS PORT HEX         no library: one UDP datagram (broadcast
 //                                    allowed); prints "SENT".
+//   hello   SOURCE ADDRESS PORT NAME no library: a network link from SOURCE
+//                                    that names itself NAME (command 100):
+//                                    "ANSWERED <name>" when command 101 comes
+//                                    back (exit 0), "CLOSED" when the link ends
+//                                    first (4), or TIMEOUT.
 #include "ulmarcomms.h"
 
 #include <arpa/inet.h>
@@ -29,6 +34,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -316,9 +322,88 @@ int send(const char* address, const char* port, const std::string& hex)
     return 0;
 }
 
+void put32(std::string& bytes, uint32_t value)
+{
+    for (int shift = 24; shift >= 0; shift -= 8)
+        bytes += static_cast<char>((value >> shift) & 0xFF);
+}
+
+// Reads n bytes before the deadline: 1 done, 0 the link ended, -1 time-out.
+int readSome(int fd, unsigned char* into, size_t n, std::chrono::steady_clock::time_point until)
+{
+    size_t done = 0;
+    while (done < n) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+        pollfd ready{fd, POLLIN, 0};
+        if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0)
+            return -1;
+        const ssize_t got = recv(fd, into + done, n - done, 0);
+        if (got <= 0)
+            return 0;
+        done += static_cast<size_t>(got);
+    }
+    return 1;
+}
+
+int hello(const char* source, const char* address, const char* port, const std::string& name)
+{
+    sockaddr_in from{};
+    sockaddr_in to{};
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    from.sin_family = AF_INET;
+    inet_pton(AF_INET, source, &from.sin_addr);
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(std::atoi(port)));
+    inet_pton(AF_INET, address, &to.sin_addr);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof(from)) != 0 ||
+        connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0) {
+        say("CONNECT-FAILED");
+        close(fd);
+        return 1;
+    }
+    // A command frame: type 2, payload size, id 1; the payload is the code,
+    // the text's length with its NUL, and the text.
+    std::string frame(1, '\x02');
+    put32(frame, static_cast<uint32_t>(5 + name.size() + 1));
+    put32(frame, 1);
+    frame += static_cast<char>(100);
+    put32(frame, static_cast<uint32_t>(name.size() + 1));
+    frame += name;
+    frame += '\0';
+    // A link already refused may not take it; the reply shows what happened.
+    send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+    const auto until = std::chrono::steady_clock::now() + Deadline;
+    unsigned char header[9];
+    int got = readSome(fd, header, sizeof(header), until);
+    std::vector<unsigned char> payload;
+    if (got == 1) {
+        const uint32_t size = (uint32_t(header[1]) << 24) | (uint32_t(header[2]) << 16) | (uint32_t(header[3]) << 8) |
+            uint32_t(header[4]);
+        payload.resize(std::min<uint32_t>(size, 4096));
+        got = readSome(fd, payload.data(), payload.size(), until);
+    }
+    close(fd);
+    if (got == 0) {
+        say("CLOSED");
+        return 4;
+    }
+    if (got < 0) {
+        say("TIMEOUT");
+        return 3;
+    }
+    if (header[0] != 2 || payload.size() < 6 || payload[0] != 101) {
+        say("UNEXPECTED");
+        return 1;
+    }
+    const std::string text(payload.begin() + 5, payload.end());
+    say("ANSWERED " + std::string(text.c_str()));
+    return 0;
+}
+
 int usage()
 {
-    std::fputs("usage: ulmarcomms_nettest serve|call|listen|capture|send|fanout ...\n", stderr);
+    std::fputs("usage: ulmarcomms_nettest serve|call|listen|capture|send|fanout|hello ...\n", stderr);
     return 64;
 }
 
@@ -339,6 +424,8 @@ int main(int argc, char** argv)
         return capture(argv[2], argv[3], argv[4], std::atoi(argv[5]));
     if (mode == "send" && argc == 5)
         return send(argv[2], argv[3], argv[4]);
+    if (mode == "hello" && argc == 6)
+        return hello(argv[2], argv[3], argv[4], argv[5]);
     if (mode == "fanout" && argc == 5)
         return fanout(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
     return usage();
