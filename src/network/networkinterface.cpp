@@ -449,15 +449,9 @@ void NetworkRouterInterface::handleIncomingInfo(const SocketAddress& source, con
     }
     if (info.address.match(m_local, true))
         return;
-    Refusal cause = RefusalCauses;
-    if (const char* reason = refusalOf(source, info, cause)) {
-        uint64_t heldBack = 0;
-        if (m_refusalLogs[cause].admit(heldBack))
-            Core::log(Core::LogWarning,
-                      "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': "
-                      "%s (%llu like it held back before this)\n",
-                      info.hostName.c_str(), info.address.asString().c_str(), source.asString().c_str(), reason,
-                      static_cast<unsigned long long>(heldBack));
+    const Refusal cause = refusalOf(source, info);
+    if (cause != RefusalCauses) {
+        logRefusal(cause, source, info);
         return;
     }
     Core::message("Got Host information coming from '%s' with name '%s' and address of '%s'\n",
@@ -466,30 +460,61 @@ void NetworkRouterInterface::handleIncomingInfo(const SocketAddress& source, con
         m_pNetworkRouter->infoAboutHost(info.hostName, info.address, this);
 }
 
-const char* NetworkRouterInterface::refusalOf(const SocketAddress& source, const NetworkDiscoveryInfo& info,
-                                              Refusal& cause) const
+NetworkRouterInterface::Refusal NetworkRouterInterface::refusalOf(const SocketAddress& source,
+                                                                  const NetworkDiscoveryInfo& info) const
 {
-    if (!admits(source)) {
-        cause = RefusedSource;
-        return "sent from a network not allowed";
-    }
+    if (!admits(source))
+        return RefusedSource;
     const uint32_t announced = info.address.getIP4HostOrder();
     if (announced == 0 || announced == 0xFFFFFFFFu || (m_subnetBroadcast != 0 && announced == m_subnetBroadcast) ||
-        info.address.getPort() == 0) {
-        cause = RefusedImpossibleAddress;
-        return "no host can have that address";
-    }
-    if (!admits(info.address)) {
-        cause = RefusedAnnouncedNetwork;
-        return "the address is in a network not allowed";
-    }
+        info.address.getPort() == 0)
+        return RefusedImpossibleAddress;
+    if (!admits(info.address))
+        return RefusedAnnouncedNetwork;
     // Our own announcement came back earlier (same address); our name from
     // anywhere else is someone posing as this host.
-    if (info.hostName == Core::instance()->getHostName()) {
-        cause = RefusedOwnName;
-        return "it names this host";
+    if (info.hostName == Core::instance()->getHostName())
+        return RefusedOwnName;
+    return RefusalCauses;
+}
+
+// One text per cause, so that each is also throttled on its own wherever
+// log texts are.
+void NetworkRouterInterface::logRefusal(Refusal cause, const SocketAddress& source, const NetworkDiscoveryInfo& info)
+{
+    uint64_t heldBack = 0;
+    if (!m_refusalLogs[cause].admit(heldBack))
+        return;
+    const std::string address = info.address.asString();
+    const std::string from = source.asString();
+    const unsigned long long held = heldBack;
+    switch (cause) {
+    case RefusedSource:
+        Core::log(Core::LogWarning,
+                  "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': sent "
+                  "from a network not allowed (%llu like it held back before this)\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+        break;
+    case RefusedImpossibleAddress:
+        Core::log(Core::LogWarning,
+                  "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': no "
+                  "host can have that address (%llu like it held back before this)\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+        break;
+    case RefusedAnnouncedNetwork:
+        Core::log(Core::LogWarning,
+                  "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': the "
+                  "address is in a network not allowed (%llu like it held back before this)\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+        break;
+    case RefusedOwnName:
+        Core::log(Core::LogWarning,
+                  "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': it "
+                  "names this host (%llu like it held back before this)\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+        break;
+    default: break;
     }
-    return nullptr;
 }
 
 void NetworkRouterInterface::broadcast()

@@ -192,9 +192,10 @@ private:
     bool takeConnection(NetworkRouterConnection* connection);
     // Takes every connection out of the list (under its lock).
     std::vector<NetworkRouterConnection*> takeConnections();
-    // Why an announcement must be ignored, or null when it may be taken.
-    const char* refusalOf(const UlmarCommsSystem::SocketAddress& source, const NetworkDiscoveryInfo& info,
-                          Refusal& cause) const;
+    // Why an announcement must be ignored, or RefusalCauses when it may be taken.
+    Refusal refusalOf(const UlmarCommsSystem::SocketAddress& source, const NetworkDiscoveryInfo& info) const;
+    // Logs an ignored announcement through its cause's gate.
+    void logRefusal(Refusal cause, const UlmarCommsSystem::SocketAddress& source, const NetworkDiscoveryInfo& info);
 
     INetworkRouter* m_pNetworkRouter;
     UlmarCommsSystem::SocketAddress m_broadcast;
