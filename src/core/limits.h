@@ -77,13 +77,6 @@ constexpr uint32_t LogLinesPerSecond = 5;
 // Setting: none.
 constexpr size_t LogTexts = 4096;
 
-// Lines of one refusal cause (a refused link, an ignored announcement)
-// logged per second, at most; the rest are counted and the count goes with
-// the next line logged. A peer can provoke these lines at will, so they must
-// not flood the log; the per-text throttle above applies as well. Setting: none.
-// Alias: RateLimitedLog::DefaultLinesPerWindow (src/core/ratelimit.h).
-constexpr unsigned RefusalLogLinesPerSecond = 3;
-
 // ------------------------------------------------------------- sockets
 
 // The listen() backlog: connections the kernel holds for a listener before

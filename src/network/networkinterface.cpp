@@ -318,13 +318,10 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
         // Closed before a byte is read: nothing the peer sends is looked at.
         client->close();
         delete client;
-        uint64_t heldBack = 0;
-        if (m_refusalLogs[RefusedLink].admit(heldBack))
-            Core::log(Core::LogWarning,
-                      "NetworkRouterInterface::onClientConnect() Refused link from '%s' on '%s': not an allowed "
-                      "network (%llu like it held back before this)\n",
-                      clientAddress.asString().c_str(), m_local.asString().c_str(),
-                      static_cast<unsigned long long>(heldBack));
+        Core::log(Core::LogWarning,
+                  "NetworkRouterInterface::onClientConnect() Refused link from '%s' on '%s': not an allowed "
+                  "network\n",
+                  clientAddress.asString().c_str(), m_local.asString().c_str());
         return;
     }
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, clientAddress);
@@ -478,40 +475,36 @@ NetworkRouterInterface::Refusal NetworkRouterInterface::refusalOf(const SocketAd
     return RefusalCauses;
 }
 
-// One text per cause, so that each is also throttled on its own wherever
-// log texts are.
+// One text per cause, so that the log's throttle (core/logthrottle.h)
+// bounds each cause on its own.
 void NetworkRouterInterface::logRefusal(Refusal cause, const SocketAddress& source, const NetworkDiscoveryInfo& info)
 {
-    uint64_t heldBack = 0;
-    if (!m_refusalLogs[cause].admit(heldBack))
-        return;
     const std::string address = info.address.asString();
     const std::string from = source.asString();
-    const unsigned long long held = heldBack;
     switch (cause) {
     case RefusedSource:
         Core::log(Core::LogWarning,
                   "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': sent "
-                  "from a network not allowed (%llu like it held back before this)\n",
-                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+                  "from a network not allowed\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str());
         break;
     case RefusedImpossibleAddress:
         Core::log(Core::LogWarning,
                   "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': no "
-                  "host can have that address (%llu like it held back before this)\n",
-                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+                  "host can have that address\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str());
         break;
     case RefusedAnnouncedNetwork:
         Core::log(Core::LogWarning,
                   "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': the "
-                  "address is in a network not allowed (%llu like it held back before this)\n",
-                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+                  "address is in a network not allowed\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str());
         break;
     case RefusedOwnName:
         Core::log(Core::LogWarning,
                   "NetworkRouterInterface::handleIncomingInfo() Ignored announcement of '%s' at '%s' from '%s': it "
-                  "names this host (%llu like it held back before this)\n",
-                  info.hostName.c_str(), address.c_str(), from.c_str(), held);
+                  "names this host\n",
+                  info.hostName.c_str(), address.c_str(), from.c_str());
         break;
     default: break;
     }

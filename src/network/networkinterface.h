@@ -15,8 +15,8 @@
 // the router hands it the whole policy before starting it. A refused link is
 // closed at once; a refused datagram, one that announces an address no host
 // can have (0.0.0.0, a broadcast address, port 0) or one that carries this
-// host's own name from elsewhere is ignored. Each cause is logged at most a
-// few lines a second (core/ratelimit.h), with the count held back.
+// host's own name from elsewhere is ignored. Each cause is logged with a text
+// of its own, so the log's throttle bounds each (core/logthrottle.h).
 //
 // Threads. onRecvedFrom, onClientConnect and onClientDisconnect run on
 // selector worker threads, the broadcast on the timer worker, connectTo on the
@@ -28,7 +28,6 @@
 #pragma once
 
 #include "core/limits.h"
-#include "core/ratelimit.h"
 #include "framing/dataframehandler.h"
 #include "framing/dataframeserver.h"
 #include "network/networkpolicy.h"
@@ -194,7 +193,7 @@ private:
     std::vector<NetworkRouterConnection*> takeConnections();
     // Why an announcement must be ignored, or RefusalCauses when it may be taken.
     Refusal refusalOf(const UlmarCommsSystem::SocketAddress& source, const NetworkDiscoveryInfo& info) const;
-    // Logs an ignored announcement through its cause's gate.
+    // Logs an ignored announcement with its cause's text.
     void logRefusal(Refusal cause, const UlmarCommsSystem::SocketAddress& source, const NetworkDiscoveryInfo& info);
 
     INetworkRouter* m_pNetworkRouter;
@@ -218,8 +217,6 @@ private:
     // The broadcast address of the interface's subnet (host order), 0 when
     // the subnet has none.
     uint32_t m_subnetBroadcast;
-    // One log gate per refusal cause.
-    RateLimitedLog m_refusalLogs[RefusalCauses];
 };
 
 } // namespace UlmarComms

@@ -235,12 +235,10 @@ void NetworkRouter::infoAboutHost(const std::string& hostName, const SocketAddre
                 return;
             }
         if (boundElsewhere(known, address, interface, now)) {
-            uint64_t heldBack = 0;
-            if (m_heldBackClaims.admit(heldBack))
-                Core::log(Core::LogWarning,
-                          "NetworkRouter::infoAboutHost() Ignored announcement of '%s' at '%s': the host is known at "
-                          "another address that has not gone quiet (%llu like it held back before this)\n",
-                          hostName.c_str(), address.asString().c_str(), static_cast<unsigned long long>(heldBack));
+            Core::log(Core::LogWarning,
+                      "NetworkRouter::infoAboutHost() Ignored announcement of '%s' at '%s': the host is known at "
+                      "another address that has not gone quiet\n",
+                      hostName.c_str(), address.asString().c_str());
             return;
         }
         // The host has moved on this interface: its quiet addresses there go.
@@ -276,13 +274,10 @@ bool NetworkRouter::routingTableNewConnection(const std::string& hostName, Netwo
     if (known != 0 && boundElsewhere(known, connection->getRemoteAddress(), nullptr, Clock::now())) {
         // Taking it would hand this peer the named host's traffic.
         connection->refuse();
-        uint64_t heldBack = 0;
-        if (m_refusedHellos.admit(heldBack))
-            Core::log(Core::LogWarning,
-                      "NetworkRouter::routingTableNewConnection() Refused link from '%s' naming host '%s', which is "
-                      "known at another address (%llu like it held back before this)\n",
-                      connection->getRemoteAddress().asString().c_str(), hostName.c_str(),
-                      static_cast<unsigned long long>(heldBack));
+        Core::log(Core::LogWarning,
+                  "NetworkRouter::routingTableNewConnection() Refused link from '%s' naming host '%s', which is "
+                  "known at another address\n",
+                  connection->getRemoteAddress().asString().c_str(), hostName.c_str());
         return false;
     }
     const int32_t id = addHostId(hostName);

@@ -27,14 +27,13 @@
 // there have gone quiet: no announcement for QuietPeriods discovery periods
 // and no connection. The same name may still be learnt on another interface
 // (a host on two networks), and a new port at a known address is taken as
-// before. Refusals are logged through rate-limited gates (core/ratelimit.h).
+// before. Refusals are logged; the log's throttle bounds them (core/logthrottle.h).
 // stop() never holds the router lock while it deletes interfaces or
 // connections: deleting a socket waits for its callbacks, and those
 // callbacks take the lock. docs/architecture.md gives the whole lock order.
 #pragma once
 
 #include "core/limits.h"
-#include "core/ratelimit.h"
 #include "messaging/messageitem.h"
 #include "network/networkpolicy.h"
 #include "platform/mutex.h"
@@ -243,10 +242,6 @@ private:
     std::vector<WaitingQueue> m_waitingQueues;
     std::vector<NetworkRouterInterface*> m_interfaces;
     std::vector<NetworkRouterRoutingTableEntry*> m_routingTable;
-    // Log gates: announcements of a bound name from a new address, and links
-    // whose hello names a host bound elsewhere.
-    RateLimitedLog m_heldBackClaims;
-    RateLimitedLog m_refusedHellos;
 };
 
 } // namespace UlmarComms

@@ -205,11 +205,8 @@ TEST_F(NetworkConnection, APeerNamingAHostKnownAtAnotherAddressIsRefusedAndGetsN
     EXPECT_EQ(b.router->getRoutingTable(),
               "hostB,true,127.0.0.2:34001,127.0.0.0:0," + b.interface->getBroadcastAddress().asString() +
                   ",127.0.0.1:" + std::to_string(b.port) + "\n");
-    // Logged, but not once per attempt.
     EXPECT_TRUE(log.contains("Refused link from '127.0.0.1:"));
-    EXPECT_GE(log.count("naming host 'hostB', which is known at another address"), 1u);
-    EXPECT_LE(log.count("naming host 'hostB', which is known at another address"),
-              UlmarComms::RateLimitedLog::DefaultLinesPerWindow);
+    EXPECT_TRUE(log.contains("naming host 'hostB', which is known at another address"));
 }
 
 TEST_F(NetworkConnection, EntryConnectCountsASecondFailedStartAsConnected)
