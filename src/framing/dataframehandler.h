@@ -21,9 +21,9 @@
 // handler or any other, are written once per handler when the block ends.
 //
 // Ownership. The socket is the owner's (the subclass or whoever set it); the
-// handler never deletes it. An owner detaches the socket (takeSocket) before
-// deleting it, and deletes it without holding any lock that the handler's
-// callbacks take. A message given to addToOutbound stays the caller's: the
+// handler never releases it. An owner detaches the socket (takeSocket)
+// before releasing it (Socket::release), so no thread reaches it through the
+// handler afterwards; the release never waits, so any lock may be held. A message given to addToOutbound stays the caller's: the
 // frame holds a serialised copy. A message handed to doHandleMessage belongs
 // to the subclass.
 //
@@ -94,7 +94,7 @@ public:
     virtual void doHandleCommand(unsigned char code, const std::string& text) = 0;
     // One inbound message; the subclass owns it from here.
     virtual void doHandleMessage(MessageItem* message) = 0;
-    // Releases queued frames and buffers; does not close or delete the socket.
+    // Releases queued frames and buffers; does not close or release the socket.
     virtual ~DataFrameHandler();
     // Retires the handler's link at once and hands the handler to the reaper
     // (see the file comment); null does nothing.
@@ -128,11 +128,12 @@ public:
 
     // The socket in use, or null.
     Socket* socket() const { return m_pSocket.load(); }
-    // A hold on the socket in use (empty without one): sockets are deleted
-    // only after being taken from the handler, so it cannot go meanwhile.
+    // The socket in use (empty without one), found under the outbound lock.
+    // Call it inside a reaper section: an owner releases the socket only
+    // after taking it from the handler, so the section keeps it valid.
     UlmarCommsSystem::SocketHold holdSocket();
     // Forgets the socket and returns it (null if none) for the caller to
-    // delete; from now on no frame is written to it.
+    // release; from now on no frame is written to it.
     Socket* takeSocket();
     // takeSocket(), but only while expected is the socket in use.
     Socket* takeSocketIf(Socket* expected);
@@ -163,7 +164,7 @@ public:
 protected:
     // What release() does before the handler goes to the reaper: forgets
     // the socket and clears its callbacks. Owners of the socket override it
-    // to close and delete it, and to leave whatever lists hold the handler.
+    // to release it, and to leave whatever lists hold the handler.
     virtual void retireLink();
     // From doHandleMessage or doHandleCommand: the frames after this one are
     // not dispatched and the link ends as endLink ends it, without a log line

@@ -2,6 +2,7 @@
 #include "framing/dataframeserver.h"
 
 #include "core/core.h"
+#include "platform/socketreaper.h"
 
 #include <new>
 
@@ -21,12 +22,8 @@ DataFrameServer::~DataFrameServer()
 
 void DataFrameServer::dropListener()
 {
-    // Deleting waits for the listener's callbacks still running elsewhere.
-    Socket* listener = m_pSocket.exchange(nullptr);
-    if (listener == nullptr)
-        return;
-    listener->close();
-    delete listener;
+    // Closed at once; a callback of it still running keeps the object.
+    Socket::release(m_pSocket.exchange(nullptr));
 }
 
 bool DataFrameServer::start()
@@ -48,13 +45,13 @@ bool DataFrameServer::start()
     unsigned char error = listener->create();
     if (error != Socket::NoSocketError) {
         Core::log(Core::LogError, "DataFrameServer::start() Failed to create socket. Error: %d\n", error);
-        delete listener;
+        Socket::release(listener);
         return false;
     }
     error = listener->bind(m_address);
     if (error != Socket::NoSocketError) {
         Core::log(Core::LogError, "DataFrameServer::start() Failed to bind socket. Error: %d\n", error);
-        delete listener;
+        Socket::release(listener);
         return false;
     }
     listener->setUserData(this);
@@ -73,6 +70,9 @@ bool DataFrameServer::start()
 void DataFrameServer::finish()
 {
     dropListener();
+    // An accept still running may hand the subclass a client after this
+    // point; once no section that began before is left, none is.
+    UlmarCommsSystem::SocketReaper::synchronize();
 }
 
 void DataFrameServer::onClientConnectFunction(Socket* listener, const SocketAddress& peer, Socket* accepted, void* user)

@@ -4,6 +4,10 @@
 // connection to its subclass, which decides what runs on it (the local link
 // and the network link put a frame handler on each). It is kept apart from
 // DataFrameHandler: a server makes links, a handler runs one.
+//
+// The listener is released, not deleted (Socket::release), so its end never
+// waits; finish() then waits until no callback of it still runs, since the
+// subclass frees what its accept callback uses once finish() returns.
 #pragma once
 
 #include "platform/socket.h"
@@ -27,11 +31,12 @@ public:
     virtual void onClientConnect(Socket* listener, const SocketAddress& peer, Socket* accepted) = 0;
     // An accepted client's connection ended (reported before its own callbacks).
     virtual void onClientDisconnect(Socket* listener, Socket* accepted) = 0;
-    // Closes and deletes the listening socket.
+    // Releases the listening socket (subclasses call finish() first).
     virtual ~DataFrameServer();
     // Creates, binds and listens (replacing an earlier listener); false on failure.
     virtual bool start();
-    // Closes and deletes the listening socket.
+    // Releases the listening socket and waits until no callback of it still
+    // runs (SocketReaper::synchronize): never call it from a socket callback.
     virtual void finish();
 
     // Owns its listener: not copyable.
@@ -49,7 +54,7 @@ public:
     static void onClientDisconnectFunction(Socket* listener, Socket* accepted, void* user);
 
 private:
-    // Closes and deletes the listening socket, if any.
+    // Releases the listening socket, if any; never waits.
     void dropListener();
 
     // The byte the listener's re-arming receive names.

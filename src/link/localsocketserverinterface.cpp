@@ -53,11 +53,8 @@ SocketMessageRouterProxy::~SocketMessageRouterProxy()
 
 void SocketMessageRouterProxy::retireLink()
 {
-    Socket* socket = takeSocket();
-    if (socket == nullptr)
-        return;
-    socket->close();
-    delete socket; // waits for this socket's callbacks on other workers
+    // Closed at once; the reaper deletes it after its callbacks still running.
+    Socket::release(takeSocket());
 }
 
 bool SocketMessageRouterProxy::setSystemRouter(ISystemRouter* systemRouter)
@@ -132,11 +129,8 @@ void SocketMessageRouterProxy::onDisconnect(Socket* socket)
 void SocketMessageRouterProxy::onError(Socket* socket, unsigned char error)
 {
     Core::message("SocketMessageRouterProxy::onError( %p, %d )\n", static_cast<void*>(socket), error);
-    Socket* mine = takeSocketIf(socket);
-    if (mine == nullptr)
-        return;
-    mine->close();
-    delete mine; // the socket's own callback: deleting it here is allowed
+    // The socket's own callback: releasing it here is allowed.
+    Socket::release(takeSocketIf(socket));
 }
 
 // ============================================================ listener
@@ -152,7 +146,7 @@ LocalSocketServerInterface::~LocalSocketServerInterface()
 {
     Core::message("LocalSocketServerInterface::~LocalSocketServerInterface() this=%p\n", static_cast<void*>(this));
     // The listener goes before the list: its callbacks use the list, and
-    // deleting it waits for those still running.
+    // finish() waits for those still running.
     DataFrameServer::finish();
     MutexLocker locker(m_connectionsLock);
     m_connections.clear();
@@ -185,10 +179,7 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
                   "objects one.\n",
                   static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
         // Nobody else will ever own it; left alone it would leak its handle.
-        if (client != nullptr) {
-            client->close();
-            delete client;
-        }
+        Socket::release(client);
         return;
     }
     try {

@@ -12,8 +12,8 @@
 // post and commandHandler on a proxy run on the system router's callers'
 // threads; start, finish and closeAllLinks on the service's control thread.
 // The connections list has its own lock, because drops of different links
-// are reported on different workers at once; it is never held while a proxy
-// is deleted (deleting waits for the proxy's socket callbacks).
+// are reported on different workers at once; it is held only for list
+// operations.
 //
 // Ownership. The listener owns its proxies (listed in order of acceptance);
 // a proxy owns its accepted socket. A proxy is released to the reaper
@@ -40,8 +40,8 @@ class SocketMessageRouterProxy : public IMessageRouter, public DataFrameHandler 
 public:
     // No system router yet; buffers from the "socketmessagerouterproxy.*" settings.
     SocketMessageRouterProxy();
-    // Closes and deletes a socket still held (a proxy never linked); linked
-    // ones are released, not deleted.
+    // Releases a socket still held (a proxy never linked); linked proxies
+    // are released, not deleted.
     ~SocketMessageRouterProxy() override;
 
     // The router that incoming traffic goes to; null detaches (and gives false).
@@ -58,7 +58,7 @@ public:
     void doHandleMessage(MessageItem* item) override;
     // Logs only.
     void onDisconnect(Socket* socket) override;
-    // Closes and deletes the socket; the proxy stays until the listener drops it.
+    // Releases the socket; the proxy stays until the listener drops it.
     void onError(Socket* socket, unsigned char error) override;
     // Uses socket and marks it with this proxy (its user data).
     void setSocket(Socket* socket) override;
@@ -67,7 +67,7 @@ public:
     ISystemRouter* systemRouter() const { return m_pSystemRouter.load(); }
 
 protected:
-    // Closes and deletes the socket (release() calls it).
+    // Releases the socket (release() calls it).
     void retireLink() override;
 
 private:
@@ -108,7 +108,7 @@ public:
 private:
     // The router every new proxy is attached to (not owned).
     ISystemRouter* m_pLinkedSystemRouter;
-    // Guards the connections; never held while a proxy is deleted.
+    // Guards the connections; held only for list operations.
     UlmarCommsSystem::Mutex m_connectionsLock;
     // One owned proxy per accepted link, in order of acceptance.
     std::vector<SocketMessageRouterProxy*> m_connections;

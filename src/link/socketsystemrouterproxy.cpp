@@ -3,8 +3,13 @@
 //
 // Deadlock rules kept here: the proxy's timer lock is never held while
 // calling into the timer list (whose callbacks take the timer lock), nor
-// across connect(); the handler's locks are never held while a socket is
-// deleted.
+// across connect().
+//
+// The router worker's wait for the link (waitForInput) polls outside any
+// reaper section, so it never holds back the reaper or a synchronize(): it
+// takes the read and a SocketWait that keeps only the descriptor open, and
+// finds the link again inside a section to complete or return the read. A
+// link released during the poll is shut down at once, which ends the poll.
 #include "link/socketsystemrouterproxy.h"
 
 #include "core/core.h"
@@ -72,11 +77,9 @@ void SocketSystemRouterProxy::dropSocket(bool close)
     Socket* socket = takeSocket();
     if (socket == nullptr)
         return;
-    if (close) {
+    if (close)
         Core::message("SocketSystemRouterProxy::finish() Closing socket %p\n", static_cast<void*>(socket));
-        socket->close();
-    }
-    delete socket;
+    Socket::release(socket);
 }
 
 // ------------------------------------------------------------------ control
@@ -192,16 +195,20 @@ void SocketSystemRouterProxy::doHandleMessage(MessageItem* item)
 
 int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)
 {
-    UlmarCommsSystem::SocketHold hold = holdSocket();
-    Socket* link = hold.socket();
-    if (link == nullptr)
+    UlmarCommsSystem::SocketWait wait;
+    {
+        UlmarCommsSystem::SocketReaper::Section section;
+        UlmarCommsSystem::SocketHold hold = holdSocket();
+        Socket* link = hold.socket();
+        if (link == nullptr)
+            return InputUnsupported;
+        // A read being completed by a selector worker right now cannot be
+        // taken; that worker wakes the router as usual.
+        wait = link->waitOnTakenRead();
+    }
+    if (wait.handle() < 0)
         return InputUnsupported;
-    // A read being completed by a selector worker right now cannot be taken;
-    // that worker wakes the router as usual.
-    const int handle = link->takeRead();
-    if (handle < 0)
-        return InputUnsupported;
-    pollfd waits[2] = {{handle, POLLIN, 0}, {wakeHandle, POLLIN, 0}};
+    pollfd waits[2] = {{wait.handle(), POLLIN, 0}, {wakeHandle, POLLIN, 0}};
     const int ready = ::poll(waits, 2, static_cast<int>(ms));
     if (ready == 0)
         return InputTaken;
@@ -210,6 +217,12 @@ int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)
         ssize_t drained = ::read(wakeHandle, &count, sizeof(count));
         (void)drained;
     }
+    UlmarCommsSystem::SocketReaper::Section section;
+    UlmarCommsSystem::SocketHold hold = holdSocket();
+    Socket* link = hold.socket();
+    // Released meanwhile, its read with it, or replaced: nothing is left taken.
+    if (link == nullptr || !wait.of(hold))
+        return InputDone;
     if ((waits[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0)
         link->completeTakenRead(hold);
     else
@@ -219,6 +232,7 @@ int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)
 
 void SocketSystemRouterProxy::releaseInput()
 {
+    UlmarCommsSystem::SocketReaper::Section section;
     UlmarCommsSystem::SocketHold hold = holdSocket();
     if (Socket* link = hold.socket())
         link->returnRead();
@@ -253,7 +267,7 @@ bool SocketSystemRouterProxy::connect()
     }
     unsigned char error = socket->create();
     if (error != Socket::NoSocketError) {
-        delete socket;
+        Socket::release(socket);
         Core::log(Core::LogError,
                   "SocketSystemRouterProxy::connect() this=%p Unable to start of the create Socket object. Error:%d\n",
                   static_cast<void*>(this), error);
@@ -268,11 +282,7 @@ bool SocketSystemRouterProxy::connect()
     error = socket->connect(m_systemRouterAddress, DataFrameHandler::onConnectedFunction,
                             DataFrameHandler::onDisconnectFunction, static_cast<DataFrameHandler*>(this));
     if (error != Socket::NoSocketError) {
-        Socket* failed = takeSocketIf(socket);
-        if (failed != nullptr) {
-            failed->close();
-            delete failed;
-        }
+        Socket::release(takeSocketIf(socket));
         Core::log(Core::LogError,
                   "SocketSystemRouterProxy::connect() this=%p Unable to start of the Connect. Error:%d\n",
                   static_cast<void*>(this), error);
@@ -334,8 +344,8 @@ void SocketSystemRouterProxy::onError(Socket* socket, unsigned char error)
         return;
     }
     m_state = StateDown;
-    // This is the socket's own callback, where deleting it is allowed.
-    delete mine;
+    // This is the socket's own callback, where releasing it is allowed.
+    Socket::release(mine);
     doTimerReconnect();
 }
 

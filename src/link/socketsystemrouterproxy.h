@@ -22,7 +22,7 @@
 // Ownership. post takes its message whatever the result: a frame holds a
 // copy, and the message is released. Messages from the link are posted to the
 // MessageRouter.
-// The socket is the proxy's: created for each attempt, deleted on error, in
+// The socket is the proxy's: created for each attempt, released on error, in
 // finish and in the destructor. The MessageRouter is not owned. The owner
 // calls finish() before deleting the proxy: finish() waits for the callbacks
 // still running, so none runs once it returns (or it releases the proxy,
@@ -112,11 +112,12 @@ public:
     IMessageRouter* messageRouter() const { return m_pMessageRouter.load(); }
 
 protected:
-    // Removes the retry and deletes the socket (release() calls it).
+    // Removes the retry and releases the socket (release() calls it).
     void retireLink() override;
 
 private:
-    // Closes and deletes whatever socket the handler still holds.
+    // Releases whatever socket the handler still holds (logging the close
+    // when close is set).
     void dropSocket(bool close);
 
     // StateDown, StateConnecting or StateConnected.

@@ -44,13 +44,9 @@ void NetworkRouterConnection::retireLink()
     INetworkRouter* router = m_pInterface != nullptr ? m_pInterface->getNetworkRouter() : nullptr;
     if (router != nullptr)
         router->removeConnection(this);
-    // Detached first so that no frame is written to it any more; deleting it
-    // waits for its callbacks on other workers.
-    Socket* owned = takeSocket();
-    if (owned != nullptr) {
-        owned->close();
-        delete owned;
-    }
+    // Detached first so that no frame is written to it any more; closed at
+    // once, and deleted by the reaper after its callbacks still running.
+    Socket::release(takeSocket());
 }
 
 std::string NetworkRouterConnection::getRemoteHostName() const

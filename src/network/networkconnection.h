@@ -5,8 +5,8 @@
 // that connected, 101 in answer), after which each end enters the connection
 // in its routing table. The host that sends first connects; the other accepts.
 //
-// Ownership. The connection owns its socket (it closes and deletes it when it
-// is retired) and is owned by its interface's connections list once it has
+// Ownership. The connection owns its socket (it releases it, closed at once,
+// when it is retired) and is owned by its interface's connections list once it has
 // completed or been accepted. Whoever takes it out of that list (the
 // interface's remove() when it errs, or a stop) releases it exactly once
 // (DataFrameHandler::release): it is retired at once and the reaper deletes
@@ -78,8 +78,8 @@ public:
 protected:
     // Only the reaper deletes a connection.
     ~NetworkRouterConnection() override;
-    // Leaves the routing table for good, then closes and deletes the socket
-    // (release() calls it; safe inside its own callbacks).
+    // Leaves the routing table for good, then releases the socket (release()
+    // calls it; safe inside its own callbacks).
     void retireLink() override;
 
 private:

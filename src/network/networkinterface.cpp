@@ -9,12 +9,13 @@
 //
 // Releasing connections. A connection that errs asks remove() to take it out
 // of the list on its own socket's worker; remove() releases it at once (out
-// of the routing table, socket closed and deleted) and the selector's reaper
-// deletes it once that callback has returned. stop() takes the remaining ones
-// out and releases them itself. Each connection is in the list at most once
-// and whoever takes it out releases it, so it is deleted exactly once. stop()
-// then waits until the callbacks running meanwhile have ended, since a
-// remove() among them still reaches this interface.
+// of the routing table, socket closed and released) and the selector's
+// reaper deletes it once that callback has returned. stop() takes the
+// remaining ones out and releases them itself. Each connection is in the
+// list at most once and whoever takes it out releases it, so it is deleted
+// exactly once. stop() then waits until the callbacks running meanwhile have
+// ended, since a remove() among them, or a discovery datagram being read,
+// still reaches this interface.
 #include "network/networkinterface.h"
 
 #include "core/core.h"
@@ -137,15 +138,14 @@ bool NetworkRouterInterface::discoveryStart()
     unsigned char error = socket->create();
     if (error != Socket::NoSocketError) {
         Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() create failed with error %d\n", error);
-        delete socket;
+        Socket::release(socket);
         return false;
     }
     socket->setBroadcastMode(true);
     error = socket->bind(m_broadcast);
     if (error != Socket::NoSocketError) {
         Core::log(Core::LogError, "NetworkRouterInterface::discoveryStart() create failed with error %d\n", error);
-        socket->close();
-        delete socket;
+        Socket::release(socket);
         return false;
     }
     m_discoveryStopping = false;
@@ -183,9 +183,9 @@ bool NetworkRouterInterface::discoveryStop()
             socket = m_pDiscovery;
             m_pDiscovery = nullptr;
         }
-        // Deleting waits for a receive callback still running on a worker.
-        socket->close();
-        delete socket;
+        // Closed at once; a receive callback still running on a worker keeps
+        // the object, and messagingStop() waits for it to end.
+        Socket::release(socket);
     }
     messagingStop();
     return true;
@@ -204,16 +204,16 @@ bool NetworkRouterInterface::messagingStart()
 void NetworkRouterInterface::messagingStop()
 {
     Core::message("NetworkRouterInterface::messagingStop()\n");
-    // The listener goes first and waits for an accept in progress, so no new
-    // connection joins after the list has been taken.
+    // The listener goes first and finish() waits for an accept in progress,
+    // so no new connection joins after the list has been taken.
     finish();
     for (NetworkRouterConnection* connection : takeConnections()) {
         if (m_pNetworkRouter != nullptr)
             m_pNetworkRouter->removeConnection(connection);
         DataFrameHandler::release(connection);
     }
-    // A connection that remove() is releasing on a worker still reaches this
-    // interface and the router.
+    // A connection that remove() is releasing on a worker, or the discovery
+    // socket's last receive, still reaches this interface and the router.
     UlmarCommsSystem::SocketReaper::synchronize();
 }
 
@@ -246,9 +246,9 @@ void NetworkRouterInterface::add(NetworkRouterConnection* connection)
 
 void NetworkRouterInterface::remove(NetworkRouterConnection* connection)
 {
-    // Released without the list lock: deleting its socket waits for the
-    // socket's other callbacks, which may be waiting for that lock. The
-    // caller is usually its own callback; the reaper deletes it afterwards.
+    // Released without the list lock: retiring it takes the router lock,
+    // which comes before it. The caller is usually its own callback; the
+    // reaper deletes it afterwards.
     if (takeConnection(connection))
         DataFrameHandler::release(connection);
 }
@@ -280,15 +280,14 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
     if (error != Socket::NoSocketError) {
         Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to create socket object with error %d\n",
                   error);
-        delete socket;
+        Socket::release(socket);
         return nullptr;
     }
     limitConnectTime(socket);
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, address);
     if (connection == nullptr) {
         Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to create Connection object.\n");
-        socket->close();
-        delete socket;
+        Socket::release(socket);
         return nullptr;
     }
     connection->setSocket(socket);
@@ -327,8 +326,7 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, clientAddress);
     if (connection == nullptr) {
         // The accepted socket is ours to dispose of.
-        client->close();
-        delete client;
+        Socket::release(client);
         return;
     }
     connection->setSocket(client);

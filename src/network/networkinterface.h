@@ -23,8 +23,7 @@
 // system router's thread (it starts the connect and waits for nothing), and
 // connection callbacks (add / remove) on selector workers. The connections
 // list has its own lock, never held while a connection is released:
-// releasing a connection deletes its socket, which waits for that socket's
-// callbacks, and those may be waiting for this lock.
+// retiring a connection takes the router lock, which comes before it.
 #pragma once
 
 #include "core/limits.h"
@@ -128,7 +127,8 @@ public:
 
     // Creates the discovery socket, its timer and the listener.
     bool discoveryStart();
-    // Removes the timer, deletes the discovery socket, stops messaging; true.
+    // Removes the timer, releases the discovery socket, stops messaging
+    // (which waits for the socket's last callback); true.
     bool discoveryStop();
     // Starts the stream listener.
     bool messagingStart();

@@ -28,9 +28,9 @@
 // and no connection. The same name may still be learnt on another interface
 // (a host on two networks), and a new port at a known address is taken as
 // before. Refusals are logged; the log's throttle bounds them (core/logthrottle.h).
-// stop() never holds the router lock while it deletes interfaces or
-// connections: deleting a socket waits for its callbacks, and those
-// callbacks take the lock. docs/architecture.md gives the whole lock order.
+// stop() never holds the router lock while it stops interfaces: stopping one
+// waits until its sockets' callbacks have ended (SocketReaper::synchronize),
+// and those callbacks take the lock. docs/architecture.md gives the whole lock order.
 #pragma once
 
 #include "core/limits.h"

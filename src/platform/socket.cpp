@@ -1,6 +1,6 @@
 // The base asynchronous socket: set-up, accepting, addresses and accessors,
 // and the connection events. Transfers are in socketio.cpp, the record
-// registry that makes deletion safe in socketregistry.cpp, the process-wide
+// registry and the release of sockets in socketregistry.cpp, the process-wide
 // selector and logger in socketlayer.cpp, error codes in socketerrors.cpp and
 // the concrete socket types in sockettypes.cpp.
 //
@@ -48,12 +48,16 @@ template <typename Function> void* functionAsPointer(Function function)
 void BSDSocketPlatformData::closeHandle(int handle)
 {
     // No transfer begins while the lock is held; one already running is a
-    // single non-blocking system call on this number, which must not be
-    // reused until it returns.
-    if (transfers == 0)
+    // single non-blocking system call on this number, or a thread waiting on
+    // a taken read; the number must not be reused until they end.
+    if (transfers == 0) {
         ::close(handle);
-    else
-        closedHandles.push_back(handle);
+        return;
+    }
+    // A wait may last: the peer must see the end now, and the waiter wakes.
+    if (waits > 0)
+        ::shutdown(handle, SHUT_RDWR);
+    closedHandles.push_back(handle);
 }
 
 void BSDSocketPlatformData::endTransfer()
@@ -160,6 +164,11 @@ unsigned char Socket::listen(ClientConnectCallback clientConnect, ClientDisconne
 unsigned char Socket::connect(const SocketAddress& address, ConnectionCallback connected,
                               ConnectionCallback disconnected, void* user)
 {
+    // The caller owns the socket, but its error callback on a worker may
+    // release it while the connect blocks; the section keeps the object
+    // until this returns, and lets the connected callback hand objects to
+    // the reaper.
+    SocketReaper::Section section;
     int handle = BadSocketValue;
     {
         MutexLocker locker(m_platform->lock);
@@ -179,9 +188,6 @@ unsigned char Socket::connect(const SocketAddress& address, ConnectionCallback c
         return code;
     }
     SetNonBlocking(handle);
-    // The connected callback runs here, not on a worker, but it may hand
-    // objects to the reaper all the same.
-    SocketReaper::Section section;
     onConnectedAction();
     return NoSocketError;
 }
@@ -352,7 +358,7 @@ unsigned char Socket::doAccept()
     }
     const unsigned char code = accepted->set(handle);
     if (code != NoSocketError) {
-        delete accepted;
+        release(accepted);
         ::close(handle);
         return code;
     }
@@ -379,11 +385,10 @@ unsigned char Socket::doAccept()
         clientConnect(this, peer, accepted, user);
     } else {
         // Nobody would own it.
-        accepted->close();
-        delete accepted;
+        release(accepted);
     }
     if (record->owner.load() == nullptr)
-        return NoSocketError; // the callback deleted the listener
+        return NoSocketError; // the callback released the listener
     return rearmListener();
 }
 
@@ -547,26 +552,22 @@ void Socket::onConnectedAction()
 void Socket::onDisconnectAction(unsigned char code)
 {
     message("Socket::onDisconnectAction( %d ) this = %p \n", code, static_cast<void*>(this));
-    // Kept so that the socket's deletion inside a callback can be noticed.
-    std::shared_ptr<BSDSocketPlatformData> record = m_platform;
+    // Its release inside a callback shows here.
+    BSDSocketPlatformData* record = m_platform.get();
     {
         MutexLocker locker(record->lock);
         if (m_handle == BadSocketValue)
             return;
     }
-    // The listener is held while its callback runs, so that deleting it
-    // elsewhere waits for the callback.
+    // The listener is found under the registry lock, which its release takes
+    // to unlink this socket, so the caller's reaper section keeps it valid
+    // for its callback.
     Socket* listener = nullptr;
-    std::shared_ptr<BSDSocketPlatformData> listenerRecord;
     {
         std::lock_guard<std::mutex> locker(registryLock);
-        if (m_pParent != nullptr && m_pParent->m_pServerMode != nullptr &&
-            takeHoldLocked(m_pParent->m_platform.get())) {
+        if (m_pParent != nullptr && m_pParent->m_pServerMode != nullptr)
             listener = m_pParent;
-            listenerRecord = listener->m_platform;
-        }
     }
-    SocketHold listenerHold(std::move(listenerRecord));
     if (listener != nullptr) {
         ClientDisconnectCallback clientDisconnect = nullptr;
         void* user = nullptr;
@@ -582,7 +583,7 @@ void Socket::onDisconnectAction(unsigned char code)
             clientDisconnect(listener, this, user);
         }
         if (record->owner.load() == nullptr)
-            return; // the listener's owner deleted this socket
+            return; // the listener's owner released this socket
     }
     ConnectionCallback disconnected = nullptr;
     void* user = nullptr;

@@ -17,21 +17,25 @@
 // completions may run at the same time on two workers, so owners lock their
 // own state.
 //
-// Ownership and deletion. Whoever creates a socket owns it; an accepted socket
+// Ownership and release. Whoever creates a socket owns it; an accepted socket
 // belongs to whoever takes it in the listener's client-connect callback (with
-// no such callback it is closed and deleted at once). A socket may be deleted
-//  - from any thread that is not using it through another call at the time;
-//  - from inside any of its own callbacks (the worker notices and never
-//    touches it again);
-//  - while a worker is running one of its callbacks on another thread: the
-//    delete then waits until that callback has returned. So never delete a
-//    socket while holding a lock its callbacks take, and never let two
-//    threads delete the same socket.
-// Deleting also closes a descriptor that is still open: a deleted socket
-// must never stay registered with the selector. Every event carries the
+// no such callback it is released at once). A socket is never deleted: its
+// owner releases it (Socket::release), which closes its descriptors at once
+// (the peer sees the close), unlinks it from its listener or its clients,
+// forgets its callbacks and its id, so no new event finds it, and hands the
+// object to the selector's reaper (socketreaper.h). The reaper deletes it
+// once every reaper section that began before the release has ended, so a
+// callback of it still running, on a worker or on the releasing thread
+// itself, keeps a valid object; calls on it then fail as on a closed socket.
+// Releasing never waits, so it works from any thread, under any lock that
+// the reaper's destroy does not take, and inside the socket's own callbacks.
+// An owner that must know that no callback of its socket still runs before
+// it frees what the callbacks use waits with SocketReaper::synchronize(),
+// outside any callback. Release a socket once, and never use it afterwards
+// outside a callback already running on it. Every event carries the
 // socket's record id, not a pointer, so an event that outlives its socket is
-// dropped. Socket::deinit() must not run on a worker thread, and sockets
-// should be closed before it.
+// dropped. Socket::deinit() must not run on a worker thread; it destroys
+// the released sockets the workers had not reaped yet.
 //
 // The socket layer logs through its own logger, gated like the core logger.
 #pragma once
@@ -56,9 +60,10 @@ class BSDSocketServiceMode;
 bool SetNonBlocking(int descriptor);
 
 // The platform record of a socket: the write handle, both requests and the
-// lock that serialises every descriptor operation of the socket. It is shared
-// so that a worker holding an event for the socket keeps it valid while the
-// socket itself may be going away.
+// lock that serialises every descriptor operation of the socket. The socket
+// owns it; it is shared so that a thread waiting on a taken read outside any
+// reaper section (SocketWait) keeps it, and the descriptor it waits on, valid
+// while the socket may be released and reaped.
 struct BSDSocketPlatformData {
     // One outstanding transfer.
     struct Request {
@@ -79,7 +84,9 @@ struct BSDSocketPlatformData {
     void beginTransfer() { ++transfers; }
     // Ends a transfer and closes what close() left to it (takes the lock).
     void endTransfer();
-    // Closes handle now, or once the transfers running on it end (lock held).
+    // Closes handle now, or once the transfers running on it end (lock held);
+    // while a thread waits on it (waits), the connection is shut down at
+    // once, which ends that wait and shows the peer the close.
     void closeHandle(int handle);
 
     // Identifies the socket in selector registrations.
@@ -97,8 +104,10 @@ struct BSDSocketPlatformData {
     bool readTaken = false;
     // Stream transfers running on the descriptors without the lock, so that
     // a receive and a send of one socket do not wait for each other; begun
-    // and ended under the lock.
+    // and ended under the lock. A wait on a taken read counts as one.
     unsigned transfers = 0;
+    // Threads waiting on a taken read (SocketWait), among the transfers.
+    unsigned waits = 0;
     // Descriptors close() took away while transfers still used them: the
     // last transfer to end closes them, so a number is never reused under it.
     std::vector<int> closedHandles;
@@ -110,39 +119,68 @@ struct BSDSocketPlatformData {
     // A connect was started on this descriptor: a second one is refused,
     // since the kernel would report the first one's success to it again.
     bool connectStarted = false;
-    // The socket, null once it is being deleted (changed under the registry lock).
+    // The socket, null once it is released (changed under the registry lock).
     std::atomic<Socket*> owner;
-    // Threads currently working on the socket (under the registry lock).
-    unsigned holds = 0;
 };
 
-// Keeps a socket from finishing its deletion while a worker works on it.
+// The socket an event or a caller works on, found by record id or pointer.
+// It keeps nothing alive by itself: the reaper section the caller is in
+// (socketreaper.h) keeps the socket object, or the caller owns it. socket()
+// turns null as soon as the socket is released, possibly by a callback the
+// holder just ran, and the holder then stops touching it.
 class SocketHold {
 public:
-    // Holds the socket whose record has this id; empty if it is gone.
+    // The live socket whose record has this id; empty if it is gone.
     static SocketHold byId(uint64_t id);
-    // Holds a socket the caller knows to be alive; empty for null.
+    // The socket, if it is not released; empty for null.
     explicit SocketHold(Socket* socket);
     // An empty hold.
     SocketHold() = default;
-    ~SocketHold();
-    SocketHold(SocketHold&& other) noexcept;
+    SocketHold(SocketHold&& other) noexcept = default;
     SocketHold& operator=(SocketHold&& other) = delete;
     SocketHold(const SocketHold&) = delete;
     SocketHold& operator=(const SocketHold&) = delete;
 
-    // The socket, or null when it has been deleted (possibly by a callback).
+    // The socket, or null once it has been released.
     Socket* socket() const;
     // The record (valid as long as the hold lives), or null.
     BSDSocketPlatformData* record() const { return m_record.get(); }
 
 private:
-    friend class Socket;
-    // Adopts a hold already counted under the registry lock.
     explicit SocketHold(std::shared_ptr<BSDSocketPlatformData> record);
-    void release();
 
     std::shared_ptr<BSDSocketPlatformData> m_record;
+};
+
+// A taken read's descriptor, kept open for a thread that waits on it outside
+// any reaper section (Socket::waitOnTakenRead): until the wait goes, closing
+// or releasing the socket shuts the connection down instead of closing the
+// descriptor, so the wait ends at once and the number is never reused under
+// it. Holds no Socket pointer: whoever completes the read finds the socket
+// again inside a section.
+class SocketWait {
+public:
+    // An empty wait.
+    SocketWait() = default;
+    // Ends the wait; closes the descriptor if the socket was closed meanwhile.
+    ~SocketWait();
+    SocketWait(SocketWait&& other) noexcept;
+    SocketWait& operator=(SocketWait&& other) noexcept;
+    SocketWait(const SocketWait&) = delete;
+    SocketWait& operator=(const SocketWait&) = delete;
+
+    // The descriptor to wait on, -1 when empty.
+    int handle() const { return m_handle; }
+    // Whether this waits on the read of the socket hold holds.
+    bool of(const SocketHold& hold) const { return m_record && hold.record() == m_record.get(); }
+
+private:
+    friend class Socket;
+    SocketWait(std::shared_ptr<BSDSocketPlatformData> record, int handle);
+    void end();
+
+    std::shared_ptr<BSDSocketPlatformData> m_record;
+    int m_handle = -1;
 };
 
 // An asynchronous socket; see the file comment for threads and ownership.
@@ -214,8 +252,16 @@ public:
         virtual ~ServerMode();
     };
 
-    // Frees the records; closes a descriptor still open (see file comment).
-    virtual ~Socket();
+    // Retires socket at once and hands it to the reaper, which deletes it
+    // once no callback that began before can still be running (see the file
+    // comment); never waits. Null does nothing; a second release of the same
+    // socket does nothing either.
+    static void release(Socket* socket);
+    // Releases instead of deleting, for owners that hold a socket in a smart pointer.
+    struct Releaser {
+        // Releases socket.
+        void operator()(Socket* socket) const { release(socket); }
+    };
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
@@ -248,6 +294,10 @@ public:
     // stream read is pending; a read already taken is returned again
     // without a system call.
     int takeRead();
+    // takeRead() for a thread that will wait outside any reaper section: the
+    // descriptor stays open until the returned wait goes (see SocketWait).
+    // Empty when takeRead() would give -1.
+    SocketWait waitOnTakenRead();
     // Gives a taken read back to the selector.
     void returnRead();
     // Completes a taken read on the calling thread, exactly as a worker
@@ -350,9 +400,8 @@ public:
 
 protected:
     Socket();
-    // Waits out workers still using the socket and unregisters it; every
-    // concrete destructor calls it first, while its overrides still apply.
-    void retire();
+    // Only the reaper destroys a socket (release()).
+    virtual ~Socket();
 
 private:
     friend class SocketSelectorWorker;
@@ -360,6 +409,13 @@ private:
 
     // The selector registration data: record id and direction.
     uint64_t token(bool write) const;
+    // Unregisters, unlinks, closes and forgets the callbacks (release());
+    // false when already released.
+    bool retire();
+    // Deletes a released socket (the reaper's destroy).
+    static void destroy(void* socket);
+    // Takes the pending stream read off the selector (locked); the descriptor or -1.
+    int takeReadLocked();
     // Points the main handle's registration at the read request (locked).
     bool armRead(uint32_t events);
     // Re-arms a listener for the next client.
@@ -405,33 +461,42 @@ public:
 class SocketTCPIP : public Socket {
 public:
     SocketTCPIP();
-    ~SocketTCPIP() override;
     Socket* createOfType() override;
     int getFamily() const override;
     int getProtocol() const override;
     int getType() const override;
+
+protected:
+    // Released, never deleted (Socket::release).
+    ~SocketTCPIP() override = default;
 };
 
 // Stream sockets in the UNIX domain (abstract namespace).
 class SocketUNIX : public Socket {
 public:
     SocketUNIX();
-    ~SocketUNIX() override;
     Socket* createOfType() override;
     int getFamily() const override;
     int getProtocol() const override;
     int getType() const override;
+
+protected:
+    // Released, never deleted (Socket::release).
+    ~SocketUNIX() override = default;
 };
 
 // UDP over IPv4.
 class SocketUDP : public Socket {
 public:
     SocketUDP();
-    ~SocketUDP() override;
     Socket* createOfType() override;
     int getFamily() const override;
     int getProtocol() const override;
     int getType() const override;
+
+protected:
+    // Released, never deleted (Socket::release).
+    ~SocketUDP() override = default;
 };
 
 } // namespace UlmarCommsSystem

@@ -18,19 +18,15 @@
 namespace UlmarCommsSystem {
 namespace SocketLayer {
 
-// The registry lock guards the id map, record owners and hold counts, and
-// the links between listeners and accepted sockets. It is a plain mutex
-// because deletion waits on a condition bound to it; it is never held across
-// a callback, so it never needs to be re-entered. (socketregistry.cpp)
+// The registry lock guards the id map, record owners, and the links between
+// listeners and accepted sockets. It is never held across a callback, so it
+// never needs to be re-entered, and nothing waits under it.
+// (socketregistry.cpp)
 extern std::mutex registryLock;
 
 // The epoll descriptor sockets register with, -1 while no selector is
 // installed. (socketlayer.cpp)
 extern std::atomic<int> selectorHandle;
-
-// Takes a hold on record for the calling thread while the registry lock is
-// held; false for a record whose socket is gone. (socketregistry.cpp)
-bool takeHoldLocked(BSDSocketPlatformData* record);
 
 // An epoll registration for the given events carrying data.
 inline epoll_event makeEvent(uint32_t events, uint64_t data)

@@ -1,6 +1,11 @@
 // Transfers of the base socket: receiving and sending on streams and
 // datagrams, and the read a router worker may take over to wait for input
 // itself. Each request is posted to the selector and completed by a worker.
+//
+// A taken read is waited for outside any reaper section, so the socket may
+// be released meanwhile: the wait (SocketWait) keeps the record and the
+// descriptor instead of the socket, and the taker finds the socket again,
+// inside a section, to complete or return the read.
 #include "platform/socket.h"
 
 #include "core/core.h"
@@ -54,6 +59,26 @@ int Socket::takeRead()
     if (getType() != SOCK_STREAM)
         return BadSocketValue;
     MutexLocker locker(m_platform->lock);
+    return takeReadLocked();
+}
+
+SocketWait Socket::waitOnTakenRead()
+{
+    if (getType() != SOCK_STREAM)
+        return SocketWait();
+    MutexLocker locker(m_platform->lock);
+    const int handle = takeReadLocked();
+    if (handle == BadSocketValue)
+        return SocketWait();
+    // A transfer, so close() leaves the descriptor to the wait's end; a
+    // wait, so close() shuts the connection down to end the wait at once.
+    m_platform->beginTransfer();
+    ++m_platform->waits;
+    return SocketWait(m_platform, handle);
+}
+
+int Socket::takeReadLocked()
+{
     BSDSocketPlatformData& record = *m_platform;
     if (m_handle == BadSocketValue || m_pServerMode != nullptr)
         return BadSocketValue;
@@ -68,6 +93,45 @@ int Socket::takeRead()
     record.readRequest.pending = false;
     record.readTaken = true;
     return m_handle;
+}
+
+SocketWait::SocketWait(std::shared_ptr<BSDSocketPlatformData> record, int handle)
+    : m_record(std::move(record)), m_handle(handle)
+{
+}
+
+SocketWait::SocketWait(SocketWait&& other) noexcept : m_record(std::move(other.m_record)), m_handle(other.m_handle)
+{
+    other.m_handle = -1;
+}
+
+SocketWait& SocketWait::operator=(SocketWait&& other) noexcept
+{
+    if (this != &other) {
+        end();
+        m_record = std::move(other.m_record);
+        m_handle = other.m_handle;
+        other.m_handle = -1;
+    }
+    return *this;
+}
+
+SocketWait::~SocketWait()
+{
+    end();
+}
+
+void SocketWait::end()
+{
+    if (!m_record)
+        return;
+    {
+        MutexLocker locker(m_record->lock);
+        --m_record->waits;
+    }
+    m_record->endTransfer();
+    m_record.reset();
+    m_handle = -1;
 }
 
 void Socket::returnRead()

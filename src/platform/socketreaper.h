@@ -10,6 +10,8 @@
 // that began before the hand-over has ended: a section that began later
 // cannot have found it. Nothing waits for that; the selector workers destroy
 // what is due between events, and Socket::deinit destroys the rest.
+// Sockets themselves go the same way (Socket::release), as do frame handlers
+// and the links built on them (DataFrameHandler::release).
 //
 // Sections are counted in two slots. New sections enter the current slot;
 // the reaper moves the current slot on and destroys the objects handed over

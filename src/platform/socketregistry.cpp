@@ -1,18 +1,21 @@
-// The record registry that makes deleting a socket safe, and the socket's
-// construction and deletion.
+// The record registry that turns an event into its socket, and the socket's
+// construction and release.
 //
 // The registry maps record ids to records. A worker turns an event's id into
-// a hold on the record (SocketHold); deleting a socket removes its id, so no
-// new hold can be taken, and then waits until holds taken by other threads
-// are released. Holds taken by the deleting thread itself (a callback that
-// deletes its own socket) are not waited for; that worker checks the hold
-// after every callback and stops touching the socket once it is gone.
+// a SocketHold inside a reaper section (socketreaper.h). Releasing a socket
+// removes its id, so no later event finds it, retires it at once (closed,
+// unlinked from its listener or clients, callbacks forgotten) and hands the
+// object to the reaper. A worker that found it before the release is in a
+// section that began earlier, so the object outlives what that worker does;
+// its hold reports the socket gone from the release on, and it stops after
+// the callback that saw the release. Nothing waits for other threads, so
+// nothing needs to know which thread still works on a socket.
 #include "platform/socket.h"
 
 #include "platform/socketinternal.h"
+#include "platform/socketreaper.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -29,31 +32,10 @@ using namespace UlmarCommsSystem::SocketLayer;
 
 namespace {
 
-std::condition_variable holdsReleased;
 std::unordered_map<uint64_t, std::shared_ptr<BSDSocketPlatformData>> registry;
 std::atomic<uint64_t> nextRecordId{1};
 
-// Records this thread holds, to tell own holds from others' at deletion.
-// Thread-local because only the deleting thread can tell which holds are its
-// own (a socket deleted inside its own callback must not wait for them), and
-// sockets are still deleted by their owners rather than through the reaper.
-thread_local std::vector<const BSDSocketPlatformData*> heldByThisThread;
-
 } // namespace
-
-namespace SocketLayer {
-
-// Takes a hold while the registry lock is held.
-bool takeHoldLocked(BSDSocketPlatformData* record)
-{
-    if (record == nullptr || record->owner.load() == nullptr)
-        return false;
-    ++record->holds;
-    heldByThisThread.push_back(record);
-    return true;
-}
-
-} // namespace SocketLayer
 
 // ---------------------------------------------------------------------------
 // Records and holds
@@ -70,42 +52,15 @@ SocketHold SocketHold::byId(uint64_t id)
 {
     std::lock_guard<std::mutex> locker(registryLock);
     auto found = registry.find(id);
-    if (found == registry.end() || !takeHoldLocked(found->second.get()))
+    if (found == registry.end() || found->second->owner.load() == nullptr)
         return SocketHold();
     return SocketHold(found->second);
 }
 
 SocketHold::SocketHold(Socket* socket)
 {
-    if (socket == nullptr)
-        return;
-    std::lock_guard<std::mutex> locker(registryLock);
-    if (takeHoldLocked(socket->m_platform.get()))
+    if (socket != nullptr && socket->m_platform->owner.load() != nullptr)
         m_record = socket->m_platform;
-}
-
-SocketHold::SocketHold(SocketHold&& other) noexcept : m_record(std::move(other.m_record))
-{
-}
-
-SocketHold::~SocketHold()
-{
-    release();
-}
-
-void SocketHold::release()
-{
-    if (!m_record)
-        return;
-    {
-        std::lock_guard<std::mutex> locker(registryLock);
-        --m_record->holds;
-        auto mine = std::find(heldByThisThread.begin(), heldByThisThread.end(), m_record.get());
-        if (mine != heldByThisThread.end())
-            heldByThisThread.erase(mine);
-    }
-    holdsReleased.notify_all();
-    m_record.reset();
 }
 
 Socket* SocketHold::socket() const
@@ -114,7 +69,7 @@ Socket* SocketHold::socket() const
 }
 
 // ---------------------------------------------------------------------------
-// Construction and deletion
+// Construction and release
 
 Socket::ServerMode::~ServerMode() = default;
 
@@ -139,19 +94,32 @@ Socket::Socket()
     registry.emplace(m_platform->id, m_platform);
 }
 
-Socket::~Socket()
+// Everything was undone by retire(); the record lives on while a SocketWait
+// still keeps it.
+Socket::~Socket() = default;
+
+void Socket::release(Socket* socket)
 {
-    message("Socket::~Socket() this= %p \n", static_cast<void*>(this));
-    retire();
+    if (socket == nullptr)
+        return;
+    // Logged where the socket's end begins, before the close it causes.
+    message("Socket::~Socket() this= %p \n", static_cast<void*>(socket));
+    if (socket->retire())
+        SocketReaper::defer(&Socket::destroy, socket);
 }
 
-void Socket::retire()
+void Socket::destroy(void* socket)
+{
+    delete static_cast<Socket*>(socket);
+}
+
+bool Socket::retire()
 {
     BSDSocketPlatformData* record = m_platform.get();
     {
-        std::unique_lock<std::mutex> locker(registryLock);
+        std::lock_guard<std::mutex> locker(registryLock);
         if (record->owner.load() == nullptr)
-            return;
+            return false;
         record->owner = nullptr;
         registry.erase(record->id);
         if (m_pParent != nullptr && m_pParent->m_pServerMode != nullptr) {
@@ -164,21 +132,25 @@ void Socket::retire()
                 child->m_pParent = nullptr;
             m_pServerMode->accepted.clear();
         }
-        const auto own = std::count(heldByThisThread.begin(), heldByThisThread.end(), record);
-        holdsReleased.wait(locker, [&] { return record->holds <= static_cast<unsigned>(own); });
     }
-    // No other thread works on the socket any more. A socket left open would
-    // stay registered and keep its descriptors: finish what close() does.
-    bool open = false;
-    {
-        MutexLocker locker(record->lock);
-        open = m_handle != BadSocketValue;
-    }
-    if (open)
-        close();
+    // Closed now, so the peer sees the end at once and the selector reports
+    // nothing more of it (close() also drops the server mode); only the
+    // memory waits for the reaper. The callbacks go too: a worker that had
+    // not yet picked one up calls nothing. The user data stays, for a
+    // callback already running that asks for it.
+    close();
     MutexLocker locker(record->lock);
-    delete m_pServerMode;
-    m_pServerMode = nullptr;
+    m_errorCallback = nullptr;
+    m_pErrorUser = nullptr;
+    m_streamSent = nullptr;
+    m_streamReceived = nullptr;
+    m_datagramSent = nullptr;
+    m_datagramReceived = nullptr;
+    m_pTransferUser = nullptr;
+    m_connected = nullptr;
+    m_disconnected = nullptr;
+    m_pConnectionUser = nullptr;
+    return true;
 }
 
 uint64_t Socket::token(bool write) const

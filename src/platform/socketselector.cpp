@@ -6,8 +6,9 @@
 // completion runs under that lock too, so close() on another thread can never
 // pull the descriptor away mid-call; callbacks always run without it.
 //
-// Every callback may delete the socket. After each one the worker asks its
-// hold whether the socket still exists before it goes on.
+// Every callback may release the socket. After each one the worker asks its
+// hold whether the socket is still live before it goes on; the object itself
+// stays valid until the event's reaper section ends.
 #include "platform/socketselector.h"
 
 #include "core/core.h"
@@ -240,10 +241,10 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
 // ---------------------------------------------------------------------------
 // Completions
 //
-// The hold taken for an event keeps the socket object from being freed, but
-// its deletion may begin on another thread at any time; from then on
+// The event's reaper section keeps the socket object from being freed, but
+// its release may happen on another thread at any time; from then on
 // hold.socket() is null, and every step below that looks the socket up again
-// stops there: a socket on its way out has nothing left to complete.
+// stops there: a released socket has nothing left to complete.
 
 bool SocketSelectorWorker::processEvent(epoll_event* event)
 {
@@ -273,7 +274,7 @@ void SocketSelectorWorker::endConnection(SocketHold& hold, unsigned char code)
         return;
     {
         // A read and a write failing together must not report the end twice:
-        // owners delete the socket when they hear of it.
+        // owners release the socket when they hear of it.
         MutexLocker locker(hold.record()->lock);
         if (hold.record()->ended)
             return;
@@ -467,7 +468,7 @@ bool SocketSelectorWorker::rearmAfterNothing(SocketHold& hold)
     BSDSocketPlatformData* record = hold.record();
     MutexLocker locker(record->lock);
     if (socket == nullptr || socket->m_handle == Socket::BadSocketValue)
-        return true; // being deleted or closed meanwhile: nothing to wait for
+        return true; // released or closed meanwhile: nothing to wait for
     record->readRequest.pending = true;
     if (socket->armRead(EPOLLIN | EPOLLERR | EPOLLET | EPOLLONESHOT))
         return true;
@@ -542,8 +543,8 @@ void SocketSelectorWorker::processWrite(SocketHold& hold, uint32_t events)
 {
     if (processConnect(hold))
         return;
-    // A socket whose deletion began on another thread since the event was
-    // taken (the hold keeps its record) has nothing left to complete.
+    // A socket released on another thread since the event was taken (the
+    // section keeps the object) has nothing left to complete.
     Socket* socket = hold.socket();
     if (socket == nullptr)
         return;

@@ -1,8 +1,8 @@
 // The concrete socket types: TCP over IPv4, stream sockets in the UNIX
 // abstract namespace, and UDP datagrams. Each only names its family, type
-// and protocol; the base socket does the work. Each destructor retires the
-// socket first, while its overrides still apply, so workers still using the
-// socket finish with it before any part of it is destroyed.
+// and protocol; the base socket does the work. A socket is retired by
+// Socket::release() while the whole object, overrides included, still
+// stands, so the destructors the reaper runs later have nothing left to do.
 #include "platform/socket.h"
 
 #include <sys/socket.h>
@@ -13,11 +13,6 @@ namespace UlmarCommsSystem {
 // The concrete classes
 
 SocketTCPIP::SocketTCPIP() = default;
-
-SocketTCPIP::~SocketTCPIP()
-{
-    retire();
-}
 
 Socket* SocketTCPIP::createOfType()
 {
@@ -41,11 +36,6 @@ int SocketTCPIP::getType() const
 
 SocketUNIX::SocketUNIX() = default;
 
-SocketUNIX::~SocketUNIX()
-{
-    retire();
-}
-
 Socket* SocketUNIX::createOfType()
 {
     return new (std::nothrow) SocketUNIX();
@@ -67,11 +57,6 @@ int SocketUNIX::getType() const
 }
 
 SocketUDP::SocketUDP() = default;
-
-SocketUDP::~SocketUDP()
-{
-    retire();
-}
 
 Socket* SocketUDP::createOfType()
 {

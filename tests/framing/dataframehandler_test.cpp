@@ -119,8 +119,8 @@ private:
 };
 
 // A handler that records what arrives. It owns its socket: the error
-// callback closes and deletes it, as every owner of a link does, and so does
-// its release.
+// callback releases it, as every owner of a link does, and so does its
+// release.
 class Recorder : public DataFrameHandler {
 public:
     Recorder(unsigned inbound = 0, unsigned outbound = 0, Journal* journal = nullptr) : m_pJournal(journal)
@@ -130,14 +130,7 @@ public:
 
     void retireLink() override { dropSocket(); }
 
-    void dropSocket()
-    {
-        Socket* socket = takeSocket();
-        if (socket != nullptr) {
-            socket->close();
-            delete socket;
-        }
-    }
+    void dropSocket() { Socket::release(takeSocket()); }
 
     void doHandleMessage(MessageItem* message) override
     {
@@ -170,11 +163,7 @@ public:
     void onError(Socket* socket, unsigned char error) override
     {
         // The clean-up first, so that a test that sees the error sees it done.
-        Socket* mine = takeSocketIf(socket);
-        if (mine != nullptr) {
-            mine->close();
-            delete mine;
-        }
+        Socket::release(takeSocketIf(socket));
         record("error", [&] { m_errors.push_back(error); });
         if (throwInOnError)
             throw std::runtime_error("owner failure");
@@ -266,7 +255,7 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         return i < m_handlers.size() ? m_handlers[i] : nullptr;
     }
-    // Unlists a handler, closes and deletes its socket, and deletes it at
+    // Unlists a handler, releases its socket, and deletes it at
     // once, not through the reaper, so that a batch still open on this thread
     // outlives it.
     void destroy(Recorder* handler)

@@ -494,14 +494,15 @@ TEST_F(LocalLinkTest, DropsThatAreNotThisListenersChangeNothing)
     ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1; }, kDeadline));
 
     // A socket with no proxy on it.
-    UlmarCommsSystem::SocketUNIX bare;
-    service.server->onClientDisconnect(service.server->listeningSocket(), &bare);
+    const std::unique_ptr<UlmarCommsSystem::Socket, UlmarCommsSystem::Socket::Releaser> bare(
+        new UlmarCommsSystem::SocketUNIX());
+    service.server->onClientDisconnect(service.server->listeningSocket(), bare.get());
     EXPECT_TRUE(log.contains("no message router object set on socket object."));
 
     // A socket marked with a proxy of another listener.
     SocketMessageRouterProxy stranger;
-    bare.setUserData(&stranger);
-    service.server->onClientDisconnect(service.server->listeningSocket(), &bare);
+    bare->setUserData(&stranger);
+    service.server->onClientDisconnect(service.server->listeningSocket(), bare.get());
     EXPECT_TRUE(log.contains("message router object does not belong to this."));
     EXPECT_EQ(service.server->links().size(), 1u);
 

@@ -18,6 +18,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -36,6 +37,9 @@ using UlmarCommsTest::LogCapture;
 using UlmarCommsTest::waitUntil;
 
 namespace {
+
+// A socket the test owns outright: released when it goes.
+using SocketPtr = std::unique_ptr<Socket, Socket::Releaser>;
 
 // An abstract name no other test (or run) uses.
 std::string uniqueName(const char* what)
@@ -73,7 +77,8 @@ struct Endpoint {
 
     ~Endpoint() { destroy(); }
 
-    // Takes the socket away from this endpoint, closes and deletes it.
+    // Takes the socket away from this endpoint, closes and releases it, and
+    // waits until none of its callbacks, which use this endpoint, still runs.
     void destroy()
     {
         Socket* s = nullptr;
@@ -83,8 +88,9 @@ struct Endpoint {
         }
         if (s != nullptr) {
             s->close();
-            delete s;
+            Socket::release(s);
         }
+        SocketReaper::synchronize();
     }
 
     void attach(Socket* s)
@@ -180,11 +186,11 @@ struct Endpoint {
             if (remove)
                 self->socket = nullptr;
         }
-        // Deleted without our lock held: the delete waits for this socket's
-        // other callbacks, which take that lock.
+        // Released inside its own callback: the object stays valid until the
+        // callback returns.
         if (remove) {
             s->close();
-            delete s;
+            Socket::release(s);
             std::lock_guard<std::mutex> guard(self->lock);
             self->deleted = true;
         }
@@ -213,8 +219,10 @@ struct Server {
     {
         if (listener != nullptr) {
             listener->close();
-            delete listener;
+            Socket::release(listener);
         }
+        // The listener's callbacks use this server.
+        SocketReaper::synchronize();
     }
 
     unsigned char listen(Socket* socket, const SocketAddress& address)
@@ -390,23 +398,25 @@ TEST(SocketErrors, SystemErrorsMapToSocketCodes)
 TEST(SocketErrors, NothingCanBeCreatedWithoutASelector)
 {
     Socket::deinit();
-    SocketTCPIP socket;
-    EXPECT_EQ(socket.create(), Socket::SocketNotCreated);
-    EXPECT_EQ(socket.getHandle(), Socket::BadSocketValue);
+    SocketPtr socket(new SocketTCPIP());
+    EXPECT_EQ(socket->create(), Socket::SocketNotCreated);
+    EXPECT_EQ(socket->getHandle(), Socket::BadSocketValue);
 }
 
 TEST_F(SocketTest, OperationsBeforeCreateOrOnTheWrongKindOfSocketAreRefused)
 {
     unsigned char byte = 0;
     SocketAddress peer;
-    SocketTCPIP tcp;
+    SocketPtr tcpSocket(new SocketTCPIP());
+    Socket& tcp = *tcpSocket;
     EXPECT_EQ(tcp.recv(&byte, 1), Socket::SocketNotCreated);
     EXPECT_EQ(tcp.send(&byte, 1), Socket::SocketNotCreated);
     EXPECT_EQ(tcp.bind(loopback(0)), Socket::SocketNotCreated);
     EXPECT_EQ(tcp.listen(nullptr, nullptr, nullptr), Socket::SocketNotCreated);
     EXPECT_EQ(tcp.getRemoteAddress(peer), Socket::SocketNotCreated);
     EXPECT_EQ(tcp.set(Socket::BadSocketValue), Socket::SocketNotCreated);
-    SocketUDP udp;
+    SocketPtr udpSocket(new SocketUDP());
+    Socket& udp = *udpSocket;
     EXPECT_EQ(udp.recvFrom(&byte, 1), Socket::SocketNotCreated);
 
     ASSERT_EQ(udp.create(), Socket::NoSocketError);
@@ -425,7 +435,8 @@ TEST_F(SocketTest, OperationsBeforeCreateOrOnTheWrongKindOfSocketAreRefused)
 
 TEST_F(SocketTest, BindAndConnectFailuresCarryTheirCodes)
 {
-    SocketTCPIP tcp;
+    SocketPtr tcpSocket(new SocketTCPIP());
+    Socket& tcp = *tcpSocket;
     ASSERT_EQ(tcp.create(), Socket::NoSocketError);
     EXPECT_EQ(tcp.bind(SocketAddress()), Socket::BadAddress);
 
@@ -446,7 +457,8 @@ TEST_F(SocketTest, BindAndConnectFailuresCarryTheirCodes)
     // A port with a listener cannot be bound again.
     Server server;
     const SocketAddress address = listenOnLoopback(server);
-    SocketTCPIP second;
+    SocketPtr secondSocket(new SocketTCPIP());
+    Socket& second = *secondSocket;
     ASSERT_EQ(second.create(), Socket::NoSocketError);
     EXPECT_EQ(second.bind(address), Socket::AddressAlreadyUsed);
 }
@@ -598,7 +610,10 @@ TEST_F(SocketTest, DatagramsTravelOverLoopback)
         }
     } senderSide, receiverSide;
 
-    SocketUDP sender, receiver;
+    SocketPtr senderSocket(new SocketUDP());
+    SocketPtr receiverSocket(new SocketUDP());
+    Socket& sender = *senderSocket;
+    Socket& receiver = *receiverSocket;
     ASSERT_EQ(sender.create(), Socket::NoSocketError);
     ASSERT_EQ(receiver.create(), Socket::NoSocketError);
     ASSERT_EQ(sender.bind(loopback(0)), Socket::NoSocketError);
@@ -637,6 +652,8 @@ TEST_F(SocketTest, DatagramsTravelOverLoopback)
     }
     sender.close();
     receiver.close();
+    // The callbacks use the two recorders, which go before the sockets' release.
+    SocketReaper::synchronize();
 }
 
 // ---------------------------------------------------------------------------
@@ -718,7 +735,7 @@ TEST_F(SocketTest, PaddedAbstractNameIsReachedByForeignClients)
 }
 
 // ---------------------------------------------------------------------------
-// Deletion while workers run
+// Release while workers run
 
 TEST_F(SocketTest, ReadAndWriteFailingTogetherReportTheEndOnce)
 {
@@ -744,44 +761,6 @@ TEST_F(SocketTest, AFailedWriteAndALaterFailedReadEndTheConnectionOnce)
     ASSERT_TRUE(waitUntil([&] { return log.count("recv other end shutdown") + log.count("recv errored") == 1; }));
     EXPECT_EQ(end.read(&Endpoint::errors).size(), 1u) << "the end was reported twice";
     EXPECT_EQ(end.read(&Endpoint::events), (std::vector<std::string>{"disconnected", "error"}));
-}
-
-TEST_F(SocketTest, DeletingFromAnotherThreadWaitsForARunningCallback)
-{
-    struct Blocking {
-        std::atomic<bool> inCallback{false};
-        std::atomic<bool> deleting{false};
-        std::atomic<bool> deleteReturned{false};
-        std::atomic<bool> returnedEarly{false};
-        unsigned char buffer[16];
-        static void onReceived(Socket* s, unsigned char*, unsigned, unsigned, void* user, unsigned char)
-        {
-            Blocking* self = static_cast<Blocking*>(user);
-            self->inCallback = true;
-            waitUntil([&] { return self->deleting.load(); });
-            // Give the delete every chance to return too early.
-            waitUntil([&] { return self->deleteReturned.load(); }, std::chrono::seconds(1));
-            self->returnedEarly = self->deleteReturned.load();
-            s->getUserData(); // still a live object
-        }
-    } blocking;
-    Socket* a = nullptr;
-    Socket* b = nullptr;
-    makePair(a, b);
-    a->setStreamCallbacks(nullptr, &Blocking::onReceived, &blocking);
-    ASSERT_EQ(a->recv(blocking.buffer, sizeof(blocking.buffer)), Socket::NoSocketError);
-    ASSERT_EQ(::send(b->getHandle(), "x", 1, 0), 1);
-    ASSERT_TRUE(waitUntil([&] { return blocking.inCallback.load(); }));
-    std::thread deleter([&] {
-        blocking.deleting = true;
-        a->close();
-        delete a;
-        blocking.deleteReturned = true;
-    });
-    deleter.join();
-    EXPECT_FALSE(blocking.returnedEarly.load()) << "delete returned while a callback still ran";
-    b->close();
-    delete b;
 }
 
 // What is handed to the reaper outlives every section that began before the
@@ -838,27 +817,103 @@ TEST_F(SocketTest, TheReaperWaitsForEarlierSectionsOnly)
     EXPECT_EQ(SocketReaper::pending(), 0u);
 }
 
-TEST_F(SocketTest, ACallbackMayDeleteItsOwnSocketWithRequestsOutstanding)
+// A released socket is closed at once and destroyed only after the callback
+// running on it has returned, whether the callback released it itself or
+// another thread did meanwhile; that release returns while the callback
+// still runs.
+TEST_F(SocketTest, AReleasedSocketOutlivesItsRunningCallbackAndTheReleaseNeverWaits)
 {
-    struct SelfDeleting {
-        std::atomic<bool> done{false};
+    struct Tracked : SocketUNIX {
+        explicit Tracked(std::atomic<bool>& flag) : destroyed(flag) {}
+        ~Tracked() override { destroyed = true; }
+        std::atomic<bool>& destroyed;
+    };
+    struct Owner {
+        bool releaseInside = false;
+        std::atomic<bool> destroyed{false};
+        std::atomic<bool> inCallback{false};
+        std::atomic<bool> released{false};
+        std::atomic<bool> callbackDone{false};
+        std::atomic<bool> destroyedDuringCallback{false};
+        std::atomic<int> handleAfterRelease{0};
         unsigned char buffer[16];
         static void onReceived(Socket* s, unsigned char*, unsigned, unsigned, void* user, unsigned char)
         {
-            s->close();
-            delete s;
-            static_cast<SelfDeleting*>(user)->done = true;
+            Owner* self = static_cast<Owner*>(user);
+            self->inCallback = true;
+            if (self->releaseInside) {
+                Socket::release(s);
+                self->released = true;
+            } else {
+                waitUntil([&] { return self->released.load(); });
+            }
+            // Give the reaper every chance to destroy the socket too early.
+            waitUntil([&] { return self->destroyed.load(); }, std::chrono::milliseconds(200));
+            self->destroyedDuringCallback = self->destroyed.load();
+            self->handleAfterRelease = s->getHandle();
+            self->callbackDone = true;
         }
-    } owner;
+    };
+    for (const bool inside : {true, false}) {
+        SCOPED_TRACE(inside ? "released in its own callback" : "released from another thread");
+        Owner owner;
+        owner.releaseInside = inside;
+        int fds[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        ASSERT_TRUE(SetNonBlocking(fds[0]));
+        Socket* a = new Tracked(owner.destroyed);
+        ASSERT_EQ(a->set(fds[0]), Socket::NoSocketError);
+        a->setStreamCallbacks(nullptr, &Owner::onReceived, &owner);
+        ASSERT_EQ(a->recv(owner.buffer, sizeof(owner.buffer)), Socket::NoSocketError);
+        ASSERT_EQ(::send(fds[1], "x", 1, 0), 1);
+        ASSERT_TRUE(waitUntil([&] { return owner.inCallback.load(); }));
+        if (!inside) {
+            Socket::release(a);
+            EXPECT_FALSE(owner.callbackDone.load()) << "the release waited for the callback";
+            // The peer sees the end now, not when the object goes.
+            pollfd peer{fds[1], POLLIN, 0};
+            char byte = 0;
+            EXPECT_EQ(::poll(&peer, 1, 10000), 1);
+            EXPECT_EQ(::recv(fds[1], &byte, 1, MSG_DONTWAIT), 0);
+            owner.released = true;
+        }
+        ASSERT_TRUE(waitUntil([&] { return owner.callbackDone.load() && owner.destroyed.load(); }));
+        EXPECT_FALSE(owner.destroyedDuringCallback.load()) << "destroyed while its callback still ran";
+        EXPECT_EQ(owner.handleAfterRelease.load(), Socket::BadSocketValue) << "a released socket is closed";
+        close(fds[1]);
+    }
+}
+
+// A thread waiting on a taken read outside any section keeps the descriptor;
+// releasing the socket meanwhile ends the wait and shows the peer the end at
+// once, and the descriptor is closed when the wait goes.
+TEST_F(SocketTest, ReleasingASocketEndsAWaitOnItsTakenReadAtOnce)
+{
+    Endpoint left, right;
+    makeEndpoints(left, right);
+    ASSERT_EQ(left.startReceiving(), Socket::NoSocketError);
     Socket* a = nullptr;
-    Socket* b = nullptr;
-    makePair(a, b);
-    a->setStreamCallbacks(nullptr, &SelfDeleting::onReceived, &owner);
-    ASSERT_EQ(a->recv(owner.buffer, sizeof(owner.buffer)), Socket::NoSocketError);
-    ASSERT_EQ(::send(b->getHandle(), "bye", 3, 0), 3);
-    ASSERT_TRUE(waitUntil([&] { return owner.done.load(); }));
-    b->close();
-    delete b;
+    {
+        std::lock_guard<std::mutex> guard(left.lock);
+        std::swap(a, left.socket);
+    }
+    SocketWait wait = a->waitOnTakenRead();
+    const int handle = wait.handle();
+    ASSERT_NE(handle, Socket::BadSocketValue);
+    std::atomic<bool> woke{false};
+    std::thread waiter([&] {
+        pollfd entry{handle, POLLIN, 0};
+        woke = ::poll(&entry, 1, 10000) == 1;
+    });
+    Socket::release(a);
+    waiter.join();
+    EXPECT_TRUE(woke.load()) << "the wait went on after the release";
+    char byte = 0;
+    EXPECT_EQ(::recv(right.read(&Endpoint::socket)->getHandle(), &byte, 1, MSG_DONTWAIT), 0)
+        << "the peer does not see the end yet";
+    EXPECT_NE(fcntl(handle, F_GETFD), -1) << "closed under the wait";
+    wait = SocketWait();
+    EXPECT_EQ(fcntl(handle, F_GETFD), -1) << "left open after the wait";
 }
 
 // ---------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 using namespace UlmarCommsSystem;
@@ -71,12 +72,12 @@ TEST(SocketAddress, AbstractNameIsPaddedToTheFullPathAndSizesFollowTheFamily)
     for (size_t i = 11; i < sizeof(raw->sun_path); ++i)
         ASSERT_EQ(raw->sun_path[i], 0) << "byte " << i;
 
-    SocketTCPIP tcp;
-    SocketUNIX local;
-    SocketUDP udp;
-    EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(&tcp), 16u);
-    EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(&local), 110u);
-    EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(&udp), 16u);
+    const std::unique_ptr<Socket, Socket::Releaser> tcp(new SocketTCPIP());
+    const std::unique_ptr<Socket, Socket::Releaser> local(new SocketUNIX());
+    const std::unique_ptr<Socket, Socket::Releaser> udp(new SocketUDP());
+    EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(tcp.get()), 16u);
+    EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(local.get()), 110u);
+    EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(udp.get()), 16u);
     EXPECT_EQ(SocketAddress::getAddressSizeOfSocketType(nullptr), 0u);
 }
 
