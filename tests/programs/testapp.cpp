@@ -4,19 +4,15 @@
 // per line, and reports on stdout, one event per line:
 //
 //   pump NAME [INTERFACES]          -> "pump NAME ADDRESS" or "fail pump NAME"
-//   answer NAME echo|silent|error N -> "answer NAME" (how NAME answers requests)
+//   answer NAME echo|silent         -> "answer NAME" (how NAME answers requests)
 //   send NAME TO METHOD [K=V...]    -> "sent NAME ID RC"
 //   burst NAME TO METHOD COUNT      -> COUNT requests with "seq"=0..COUNT-1, then "burst NAME RC"
-//   event NAME EVENT                -> "event NAME RC" (creates the event)
-//   publish NAME EVENT [K=V...]     -> "published NAME RC"
-//   register NAME TO EVENT RETM     -> "sent NAME ID RC"
-//   unregister NAME TO EVENT RETM   -> "sent NAME ID RC"
 //   threads                         -> "threads N": how many threads have run callbacks
 //   quit                            -> shuts down and exits 0
 //
 // Callbacks (on the library's router worker thread) print:
-//   "request NAME FROM METHOD SENDERID K=V..."   (K=V pairs not starting with '_')
-//   "response NAME RESPONSEID RESPONSE K=V..."
+//   "request NAME FROM METHOD SENDERID [seq=N]"
+//   "response NAME RESPONSEID RESPONSE [seq=N]"
 //   "error NAME RESPONSEID CODE"
 #include "ulmarcomms.h"
 
@@ -47,7 +43,6 @@ struct Pump {
     std::string name;
     void* handle = nullptr;
     std::string answer = "echo";
-    int errorCode = 0;
 };
 
 std::map<std::string, Pump*> g_pumps;
@@ -61,15 +56,11 @@ void noteCallbackThread()
     g_callbackThreads.insert(std::this_thread::get_id());
 }
 
-std::string userPairs(void* message)
+// The "seq" pair a burst numbers its requests with, as " seq=N".
+std::string seqPair(void* message)
 {
-    std::string text;
-    for (const char* key : {"seq", "data", "k", "payload"}) {
-        const char* value = UlmarCommsMessageValue(message, key);
-        if (value != nullptr)
-            text += std::string(" ") + key + "=" + value;
-    }
-    return text;
+    const char* seq = UlmarCommsMessageValue(message, "seq");
+    return seq != nullptr ? std::string(" seq=") + seq : std::string();
 }
 
 // Texts go on one line: newlines are shown as "\\n", and a missing text as "-".
@@ -92,7 +83,7 @@ void onRequest(void* context, void* message, const char*, const char* method)
     noteCallbackThread();
     Pump* pump = static_cast<Pump*>(context);
     say("request " + pump->name + " " + orDash(UlmarCommsGetFrom(message)) + " " + orDash(method) + " " +
-        orDash(UlmarCommsGetSenderId(message)) + userPairs(message));
+        orDash(UlmarCommsGetSenderId(message)) + seqPair(message));
     if (pump->answer == "echo") {
         void* reply = UlmarCommsCreateReplyMessage(pump->handle, message, method);
         const char* seq = UlmarCommsMessageValue(message, "seq");
@@ -100,8 +91,6 @@ void onRequest(void* context, void* message, const char*, const char* method)
             UlmarCommsMessageAddKeyValue(reply, "seq", seq);
         if (reply != nullptr)
             UlmarCommsPostMessage(pump->handle, reply);
-    } else if (pump->answer == "error") {
-        UlmarCommsSendErrorMessage(pump->handle, message, pump->errorCode);
     }
 }
 
@@ -110,7 +99,7 @@ void onResponse(void* context, unsigned int responseId, void* message)
     noteCallbackThread();
     Pump* pump = static_cast<Pump*>(context);
     say("response " + pump->name + " " + std::to_string(responseId) + " " + orDash(UlmarCommsGetResponse(message)) +
-        userPairs(message));
+        seqPair(message));
 }
 
 void onError(void* context, unsigned int responseId, int code)
@@ -178,7 +167,6 @@ bool handle(const std::vector<std::string>& w)
     Pump* pump = found->second;
     if (verb == "answer" && w.size() >= 3) {
         pump->answer = w[2];
-        pump->errorCode = w.size() > 3 ? std::atoi(w[3].c_str()) : 0;
         say("answer " + w[1]);
     } else if (verb == "send" && w.size() >= 4) {
         void* message = UlmarCommsCreateMessage(pump->handle, w[2].c_str(), w[3].c_str());
@@ -196,18 +184,6 @@ bool handle(const std::vector<std::string>& w)
                 worst = rc;
         }
         say("burst " + w[1] + " " + std::to_string(worst));
-    } else if (verb == "event" && w.size() >= 3) {
-        say("event " + w[1] + " " + std::to_string(UlmarCommsMessagePumpCreateEvent(pump->handle, w[2].c_str())));
-    } else if (verb == "publish" && w.size() >= 3) {
-        void* message = UlmarCommsCreateEventMessage(pump->handle, w[2].c_str());
-        if (message != nullptr)
-            addPairs(message, w, 3);
-        const int rc = message != nullptr ? UlmarCommsPostMessage(pump->handle, message) : -1;
-        say("published " + w[1] + " " + std::to_string(rc));
-    } else if ((verb == "register" || verb == "unregister") && w.size() >= 5) {
-        postBuilt(pump,
-                  UlmarCommsCreateEventRegistrationMessage(pump->handle, w[4].c_str(), w[2].c_str(), w[3].c_str(),
-                                                           verb == "register"));
     } else {
         say("fail usage " + verb);
     }
