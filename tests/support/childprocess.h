@@ -119,12 +119,6 @@ public:
         }
         return false;
     }
-    // Reads lines until one begins with prefix.
-    bool waitForPrefix(const std::string& prefix, std::string* found = nullptr,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10))
-    {
-        return waitForLine([&](const std::string& line) { return line.rfind(prefix, 0) == 0; }, found, timeout);
-    }
 
     // Waits for the child to end and its output to close; the exit code, or
     // 128 + the signal that ended it; nothing if the timeout passed.
