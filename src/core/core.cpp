@@ -43,12 +43,17 @@ Core* Core::instance()
 
 namespace {
 
-// The settings table: every key with its type and default, in order.
+// The settings table: every key with its type and default, in order. Keys
+// not installed are accepted in a start argument and listed once given;
+// until then their readers use the default written here (stringOrDefault,
+// numberOrDefault), so a service started without them lists exactly the
+// settings it always lists.
 struct DefaultSetting {
     const char* key;
     bool isNumber;
     int number;
     const char* text;
+    bool installed = true;
 };
 
 const DefaultSetting kDefaultSettings[] = {
@@ -77,14 +82,23 @@ const DefaultSetting kDefaultSettings[] = {
     {"ulmar.networkrouter.ip4.addresses", false, 0, "*"},
     {"ulmar.networkrouter.ip4.port", false, 0, "34001"},
     {"ulmar.networkrouter.ip6", true, 0, nullptr},
-    // Added to the table after its first 25 keys: 1 makes an application's
+    // The keys below are not installed (see above). 1 makes an application's
     // runtime hold a first pump of its own, so that every pump it creates is
     // announced again when its link to the service returns.
-    {"ulmar.messagerouter.reannounce.all", true, 0, nullptr},
+    {"ulmar.messagerouter.reannounce.all", true, 0, nullptr, false},
     // Networks trusted beyond loopback and the subnets of the interfaces in
     // use (CIDR items joined by ","), and the switch that trusts every address.
-    {"ulmar.networkrouter.ip4.allow", false, 0, ""},
-    {"ulmar.networkrouter.ip4.allow.any", true, 0, nullptr},
+    {"ulmar.networkrouter.ip4.allow", false, 0, "", false},
+    {"ulmar.networkrouter.ip4.allow.any", true, 0, nullptr, false},
+    // Who may use the local link besides root and the service's own user:
+    // members of these groups (comma-separated names), these users (names or
+    // uids), or with 1 every local user.
+    {"ulmar.systemrouter.pipe.allow.groups", false, 0, "ulmarcomms", false},
+    {"ulmar.systemrouter.pipe.allow.users", false, 0, "", false},
+    {"ulmar.systemrouter.pipe.allow.everyone", true, 0, nullptr, false},
+    // The user an application believes as its service besides root and
+    // itself (a name or a uid).
+    {"ulmar.systemrouter.pipe.serviceuser", false, 0, "ulmarcomms", false},
 };
 
 const DefaultSetting* findDefault(const std::string& key)
@@ -156,6 +170,8 @@ bool parseItem(const std::string& item, Override& out, const char*& reason)
 void Core::installDefaults()
 {
     for (const DefaultSetting& setting : kDefaultSettings) {
+        if (!setting.installed)
+            continue;
         if (setting.isNumber)
             addSetting(setting.key, setting.number);
         else
@@ -219,6 +235,24 @@ int Core::getNumber(const std::string& key) const
 {
     auto found = m_numbers.find(key);
     return found == m_numbers.end() ? 0 : found->second;
+}
+
+int Core::numberOrDefault(const std::string& key) const
+{
+    auto found = m_numbers.find(key);
+    if (found != m_numbers.end())
+        return found->second;
+    const DefaultSetting* setting = findDefault(key);
+    return setting != nullptr && setting->isNumber ? setting->number : 0;
+}
+
+std::string Core::stringOrDefault(const std::string& key) const
+{
+    auto found = m_strings.find(key);
+    if (found != m_strings.end())
+        return found->second;
+    const DefaultSetting* setting = findDefault(key);
+    return setting != nullptr && !setting->isNumber ? setting->text : std::string();
 }
 
 const std::string& Core::getString(const std::string& key) const

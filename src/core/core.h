@@ -45,6 +45,11 @@ public:
     int getNumber(const std::string& key) const;
     // A text setting, or a shared empty text when absent.
     const std::string& getString(const std::string& key) const;
+    // A number setting, or its table default when it was never stored (the
+    // local-link policy keys are stored only when given).
+    int numberOrDefault(const std::string& key) const;
+    // A text setting, or its table default when it was never stored.
+    std::string stringOrDefault(const std::string& key) const;
     // All number settings, in key order.
     const std::map<std::string, int>& numberSettings() const { return m_numbers; }
     // All text settings, in key order.
