@@ -11,6 +11,7 @@
 #include "platform/socketreaper.h"
 
 #include <algorithm>
+#include <unistd.h>
 
 namespace UlmarComms {
 
@@ -102,7 +103,7 @@ void SocketMessageRouterProxy::doHandleMessage(MessageItem* item)
                   "object.\n");
         return;
     }
-    if (!router->post(std::move(message)))
+    if (!router->postFromLink(this, std::move(message)))
         Core::log(Core::LogError, "SocketMessageRouterProxy::doHandleMessage() post to system router failed.\n");
 }
 
@@ -136,7 +137,10 @@ void SocketMessageRouterProxy::onError(Socket* socket, unsigned char error)
 // ============================================================ listener
 
 LocalSocketServerInterface::LocalSocketServerInterface(ISystemRouter* systemRouter, const SocketAddress& listenAddress)
-    : IRealSystemRouterLinkServer(systemRouter), DataFrameServer(listenAddress), m_pLinkedSystemRouter(systemRouter)
+    : IRealSystemRouterLinkServer(systemRouter),
+      DataFrameServer(listenAddress),
+      m_pLinkedSystemRouter(systemRouter),
+      m_policy(UlmarCommsService::UserPolicy::fromSettings(geteuid()))
 {
     Core::message("LocalSocketServerInterface::LocalSocketServerInterface( %p, '%s' ) this=%p Constructor\n",
                   static_cast<void*>(systemRouter), listenAddress.asString().c_str(), static_cast<void*>(this));
@@ -182,8 +186,15 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
         Socket::release(client);
         return;
     }
+    UlmarCommsSystem::PeerCredentials peer;
+    if (!admits(client, peer)) {
+        client->close();
+        delete client;
+        return;
+    }
     try {
         SocketMessageRouterProxy* proxy = new SocketMessageRouterProxy();
+        proxy->setPeer(peer);
         proxy->setSocket(client);
         proxy->setSystemRouter(m_pLinkedSystemRouter);
         // Listed and registered under the lock, so that closeAllLinks never
@@ -202,6 +213,27 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
                   "LocalSocketServerInterface::onClientConnect( %p, , %p ) this=%p Unhandled exception!\n",
                   static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
     }
+}
+
+bool LocalSocketServerInterface::admits(Socket* client, UlmarCommsSystem::PeerCredentials& peer)
+{
+    const bool known = client != nullptr && UlmarCommsSystem::readPeerCredentials(client->getHandle(), peer);
+    if (known && m_policy.allows(peer.uid, peer.gid))
+        return true;
+    unsigned long heldBack = 0;
+    if (!m_refusalLog.admit(heldBack))
+        return false;
+    if (!known)
+        Core::log(Core::LogWarning,
+                  "LocalSocketServerInterface: refused a local link whose peer's user cannot be told (%lu more "
+                  "refusals not logged).\n",
+                  heldBack);
+    else
+        Core::log(Core::LogWarning,
+                  "LocalSocketServerInterface: refused the local link of uid %u pid %d: that user is not allowed on "
+                  "this bus (%lu more refusals not logged).\n",
+                  static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid), heldBack);
+    return false;
 }
 
 void LocalSocketServerInterface::onClientDisconnect(Socket* server, Socket* client)

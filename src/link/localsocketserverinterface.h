@@ -22,13 +22,22 @@
 // leaves proxies still listed alone. The system router is not owned.
 // A proxy's post takes its message whatever the result (a frame holds a
 // copy); a message from the link is posted to the system router.
+//
+// Who may connect. The listener reads each accepted link's peer credentials
+// and asks the service's UserPolicy; a refused peer's socket is closed at
+// once, before any proxy exists, so nothing else on the bus notices. A
+// proxy remembers its peer's uid: the system router files the link's pumps
+// under it.
 #pragma once
 
+#include "core/logratelimit.h"
 #include "framing/dataframehandler.h"
 #include "framing/dataframeserver.h"
 #include "messaging/messagerouter.h"
 #include "platform/mutex.h"
+#include "platform/peercredentials.h"
 #include "service/systemrouter.h"
+#include "service/userpolicy.h"
 
 #include <atomic>
 #include <vector>
@@ -65,6 +74,14 @@ public:
 
     // The attached system router, or null.
     ISystemRouter* systemRouter() const { return m_pSystemRouter.load(); }
+    // The peer's credentials, read when the link was accepted.
+    void setPeer(const UlmarCommsSystem::PeerCredentials& peer) { m_peer = peer; }
+    // The uid of the process behind the link.
+    bool linkUser(unsigned& uid) const override
+    {
+        uid = static_cast<unsigned>(m_peer.uid);
+        return true;
+    }
 
 protected:
     // Releases the socket (release() calls it).
@@ -73,6 +90,8 @@ protected:
 private:
     // Where incoming traffic goes (not owned); null once detached.
     std::atomic<ISystemRouter*> m_pSystemRouter;
+    // Set before the proxy is registered, then only read.
+    UlmarCommsSystem::PeerCredentials m_peer;
 };
 
 // The listener of the local link, attached to the real system router.
@@ -106,12 +125,19 @@ public:
     std::vector<SocketMessageRouterProxy*> links();
 
 private:
+    // Whether the peer of an accepted socket may use the link (logged when not).
+    bool admits(Socket* client, UlmarCommsSystem::PeerCredentials& peer);
+
     // The router every new proxy is attached to (not owned).
     ISystemRouter* m_pLinkedSystemRouter;
     // Guards the connections; held only for list operations.
     UlmarCommsSystem::Mutex m_connectionsLock;
     // One owned proxy per accepted link, in order of acceptance.
     std::vector<SocketMessageRouterProxy*> m_connections;
+    // Who may connect; read from the settings when the listener is made.
+    UlmarCommsService::UserPolicy m_policy;
+    // Refused peers are logged a few times a second at most.
+    LogRateLimit m_refusalLog;
 };
 
 } // namespace UlmarComms

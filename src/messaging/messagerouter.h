@@ -44,6 +44,10 @@ public:
     virtual bool post(MessageRef message) = 0;
     // A link command from a process router (codes: CommandMessage).
     virtual void handleCommand(IMessageRouter* from, unsigned char command, const char* text) = 0;
+    // Routes one message that arrived over the link of router from; the
+    // system router uses the link to check the sender and to never send a
+    // message back where it came from. Takes it whatever the result.
+    virtual bool postFromLink(IMessageRouter*, MessageRef message) { return post(std::move(message)); }
     // Attaches the router to other hosts; only the system router uses it.
     virtual void setNetworkRouter(INetworkRouter*) {}
 
@@ -80,6 +84,9 @@ public:
     // Whether the router has stopped and drops what it is posted: a refusal
     // from it leaves nobody to answer.
     virtual bool isStopped() { return false; }
+    // The user behind a router that stands for another process (a link);
+    // false for a router of this process.
+    virtual bool linkUser(unsigned&) const { return false; }
 };
 
 // Intrusive FIFO of messages linked through MessageItem::m_pNext. It has no

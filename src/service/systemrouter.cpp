@@ -7,6 +7,8 @@
 #include "network/networkrouter.h"
 
 #include <algorithm>
+#include <strings.h>
+#include <unistd.h>
 
 using UlmarComms::Address;
 using UlmarComms::CommandMessage;
@@ -41,7 +43,11 @@ struct PostDepthGuard {
 
 } // namespace
 
-SystemRouter::SystemRouter() : m_pSystemRouterMessagePump(nullptr), m_pNetworkRouter(nullptr), m_running(false)
+SystemRouter::SystemRouter()
+    : m_pSystemRouterMessagePump(nullptr),
+      m_pNetworkRouter(nullptr),
+      m_running(false),
+      m_serviceUser(static_cast<unsigned>(geteuid()))
 {
 }
 
@@ -97,19 +103,86 @@ bool SystemRouter::add(IMessageRouter* router)
 bool SystemRouter::add(IMessageRouter* router, const char* address)
 {
     Address parsed(address);
+    bool isLink = false;
+    const unsigned uid = userOf(router, isLink);
     MutexLocker locker(m_tableLock);
+    if (isLink) {
+        if (const char* why = registrationRefusal(parsed, uid)) {
+            logRefusal(m_nameRefusals, "registration of", address, uid, why);
+            return false;
+        }
+    }
     // Prefix matching means a pump whose leading names equal an existing entry
     // updates that entry instead of adding one.
     RoutingEntry* entry = find(parsed);
     if (entry != nullptr) {
         entry->router = router;
+        entry->owner = uid;
         return true;
     }
     RoutingEntry* added = new RoutingEntry;
     added->address = parsed;
     added->router = router;
+    added->owner = uid;
     m_routingTable.push_back(added);
     return true;
+}
+
+unsigned SystemRouter::userOf(IMessageRouter* router, bool& isLink) const
+{
+    unsigned uid = m_serviceUser;
+    isLink = router != nullptr && router->linkUser(uid);
+    return isLink ? uid : m_serviceUser;
+}
+
+bool SystemRouter::isSystemEndpointTarget(const Address& address)
+{
+    static const char* const endpointName = "system";
+    const std::vector<std::string>& parts = address.parts();
+    return parts.empty() || strcasecmp(parts.front().c_str(), endpointName) == 0;
+}
+
+// Any entry of another user that the address matches is refused: equal or
+// under it would take its targets, above it would take the entry over.
+const char* SystemRouter::registrationRefusal(const Address& address, unsigned uid)
+{
+    if (isSystemEndpointTarget(address))
+        return "it would take targets meant for the system endpoint";
+    if (uid == 0)
+        return nullptr;
+    for (const RoutingEntry* entry : m_routingTable) {
+        int score = -1;
+        if (entry->owner != uid && entry->address.match(address, score))
+            return "another user holds a name it matches";
+    }
+    return nullptr;
+}
+
+bool SystemRouter::mayChange(const RoutingEntry& entry, unsigned uid) const
+{
+    if (isSystemEndpointTarget(entry.address))
+        return false;
+    return uid == 0 || entry.owner == uid;
+}
+
+// A sender no entry here holds names nobody on this machine, so replies to
+// it hurt no other user's pump.
+bool SystemRouter::maySendAs(const char* sender, unsigned uid)
+{
+    if (uid == 0 || sender == nullptr || sender[0] == '\0')
+        return true;
+    const RoutingEntry* entry = find(Address(sender));
+    return entry == nullptr || entry->owner == uid;
+}
+
+void SystemRouter::logRefusal(UlmarComms::LogRateLimit& limit, const char* what, const char* text, unsigned uid,
+                              const char* why)
+{
+    unsigned long heldBack = 0;
+    if (!limit.admit(heldBack))
+        return;
+    Core::log(Core::LogWarning, "SystemRouter: refused %s '%s' from a link of uid %u: %s (%lu more not logged).\n",
+              what, textOrEmpty(text), uid, why, heldBack);
 }
 
 bool SystemRouter::remove(IMessageRouter* router)
@@ -129,12 +202,18 @@ bool SystemRouter::remove(IMessageRouter* router)
     return true;
 }
 
-bool SystemRouter::remove(IMessageRouter*, const char* address)
+bool SystemRouter::remove(IMessageRouter* router, const char* address)
 {
     Address parsed(address);
+    bool isLink = false;
+    const unsigned uid = userOf(router, isLink);
     MutexLocker locker(m_tableLock);
     for (auto it = m_routingTable.begin(); it != m_routingTable.end(); ++it) {
         if ((*it)->address == parsed) {
+            if (isLink && !mayChange(**it, uid)) {
+                logRefusal(m_nameRefusals, "removal of", address, uid, "the entry is not that user's");
+                return false;
+            }
             delete *it;
             m_routingTable.erase(it);
             return true;
@@ -161,14 +240,14 @@ void SystemRouter::handleCommand(IMessageRouter* from, unsigned char command, co
     switch (command) {
     case CommandMessage::AddMessagePump: add(from, text); break;
     case CommandMessage::RemoveMessagePump: remove(from, text); break;
-    case CommandMessage::AddInterfaceNamesToMessagePump: replaceInterfaces(text); break;
+    case CommandMessage::AddInterfaceNamesToMessagePump: replaceInterfaces(from, text); break;
     default: break;
     }
 }
 
 // "address:name,name": replaces that entry's interface list. The list is
 // changed under the table lock: readers of the table hold it too.
-void SystemRouter::replaceInterfaces(const char* text)
+void SystemRouter::replaceInterfaces(IMessageRouter* from, const char* text)
 {
     std::string addressText;
     std::string namesText;
@@ -177,10 +256,17 @@ void SystemRouter::replaceInterfaces(const char* text)
     std::vector<std::string> names;
     UlmarComms::splitOn(namesText, ",", names);
     Address parsed(addressText);
+    bool isLink = false;
+    const unsigned uid = userOf(from, isLink);
     MutexLocker locker(m_tableLock);
     RoutingEntry* entry = find(parsed);
-    if (entry != nullptr)
-        entry->interfaces = names;
+    if (entry == nullptr)
+        return;
+    if (isLink && !mayChange(*entry, uid)) {
+        logRefusal(m_nameRefusals, "interfaces of", addressText.c_str(), uid, "the entry is not that user's");
+        return;
+    }
+    entry->interfaces = names;
 }
 
 RoutingEntry* SystemRouter::find(const Address& address)
@@ -201,6 +287,18 @@ RoutingEntry* SystemRouter::find(const Address& address)
 
 bool SystemRouter::post(UlmarComms::MessageRef message)
 {
+    route(std::move(message), nullptr);
+    return true;
+}
+
+bool SystemRouter::postFromLink(IMessageRouter* link, UlmarComms::MessageRef message)
+{
+    route(std::move(message), link);
+    return true;
+}
+
+void SystemRouter::route(UlmarComms::MessageRef message, IMessageRouter* link)
+{
     char* to = nullptr;
     char* from = nullptr;
     message->getMandatoryRoutingFields(&to, &from);
@@ -208,20 +306,34 @@ bool SystemRouter::post(UlmarComms::MessageRef message)
                   textOrEmpty(from));
     if (t_postDepth > 0) {
         rejectMessage(std::move(message), to, from);
-        return true;
+        return;
     }
+    bool isLink = false;
+    const unsigned uid = userOf(link, isLink);
+    bool backToLink = false;
     {
         PostDepthGuard depth;
         Address target(textOrEmpty(to));
         MutexLocker locker(m_tableLock);
+        if (isLink && !maySendAs(from, uid)) {
+            logRefusal(m_senderRefusals, "a message sent as", from, uid, "another user holds that sender");
+            return;
+        }
         RoutingEntry* entry = find(target);
-        if (entry != nullptr && entry->router != nullptr) {
+        if (isLink && entry != nullptr && entry->router == link) {
+            backToLink = true;
+        } else if (entry != nullptr && entry->router != nullptr) {
             Core::message("SystemRouter::post( %p ) Posting to message router\n", static_cast<void*>(message.get()));
             // The result is not looked at: the router took the message
             // either way.
             entry->router->post(std::move(message));
-            return true;
+            return;
         }
+    }
+    if (backToLink) {
+        logRefusal(m_loopRefusals, "a message to", to, uid, "its best entry is the link it came from");
+        rejectMessage(std::move(message), to, from);
+        return;
     }
     Core::message("SystemRouter::post( %p ) Adding to message queue.\n", static_cast<void*>(message.get()));
     bool queued = false;
@@ -231,7 +343,6 @@ bool SystemRouter::post(UlmarComms::MessageRef message)
     }
     if (queued)
         m_wakeUp.broadcastLocked();
-    return true;
 }
 
 unsigned SystemRouter::run()

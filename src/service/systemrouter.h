@@ -11,9 +11,23 @@
 // Messages that cannot be delivered at once are queued for the router's own
 // thread ("system router" thread), which makes the full routing decision and
 // answers undeliverable requests with error 400.
+//
+// Who owns which name. Every entry remembers the user of the router that
+// added it: the peer of a link, or this service's own user for a router in
+// this process. A link of one user cannot register a name that matches an
+// entry of another user (equal, under it, or above it, which would take the
+// entry over), cannot remove or re-describe another user's entry, and cannot
+// send a message whose sender names another user's entry; root's links may.
+// No link, root's included, may register a name that would take targets
+// meant for the system endpoint (no path names, or a first name "system"),
+// nor remove or re-describe its entry. A message that arrived over a link
+// and whose best entry is that same link has no path: sending it back would
+// make it circulate. Each refusal leaves the table as it was and is logged,
+// a few lines a second at most per cause.
 #pragma once
 
 #include "core/address.h"
+#include "core/logratelimit.h"
 #include "messaging/messagerouter.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
@@ -53,6 +67,8 @@ struct RoutingEntry {
     UlmarComms::IMessageRouter* router = nullptr;
     // Interface names the pump supports, as last announced.
     std::vector<std::string> interfaces;
+    // The user of the router that registered it last.
+    unsigned owner = 0;
 };
 
 class SystemRouter : public UlmarComms::ISystemRouter, public UlmarCommsSystem::Thread {
@@ -82,6 +98,11 @@ public:
     void setSystemRouterMessagePump(UlmarComms::SystemRouterMessagePump* pump) { m_pSystemRouterMessagePump = pump; }
     // Routes a message (it takes it); always true.
     bool post(UlmarComms::MessageRef message) override;
+    // Routes a message that arrived over link (it takes it); always true.
+    bool postFromLink(UlmarComms::IMessageRouter* link, UlmarComms::MessageRef message) override;
+    // Whether a link could never own address: it would be chosen instead of
+    // the system endpoint's entry for a target meant for it.
+    static bool isSystemEndpointTarget(const UlmarComms::Address& address);
     // Acts on a link command from a process router.
     void handleCommand(UlmarComms::IMessageRouter* from, unsigned char command, const char* text) override;
 
@@ -109,7 +130,19 @@ private:
     bool deliverLocally(const UlmarComms::MessageRef& message, const UlmarComms::Address& target);
     // Answers an undeliverable message with error 400 where that is due.
     void rejectMessage(UlmarComms::MessageRef message, const char* to, const char* from);
-    void replaceInterfaces(const char* text);
+    void replaceInterfaces(UlmarComms::IMessageRouter* from, const char* text);
+    // Routes message; link is the link it arrived over, or null.
+    void route(UlmarComms::MessageRef message, UlmarComms::IMessageRouter* link);
+    // The user router acts for; isLink tells whether it stands for another process.
+    unsigned userOf(UlmarComms::IMessageRouter* router, bool& isLink) const;
+    // Why a link of uid may not register address, or null (table lock held).
+    const char* registrationRefusal(const UlmarComms::Address& address, unsigned uid);
+    // Whether a link of uid may change or remove entry (table lock held).
+    bool mayChange(const RoutingEntry& entry, unsigned uid) const;
+    // Whether a link of uid may send as sender (table lock held).
+    bool maySendAs(const char* sender, unsigned uid);
+    // One rate-limited line about a refused link command or message.
+    void logRefusal(UlmarComms::LogRateLimit& limit, const char* what, const char* text, unsigned uid, const char* why);
 
     UlmarCommsSystem::Mutex m_tableLock;
     std::vector<UlmarComms::IMessageRouter*> m_routers;
@@ -122,6 +155,12 @@ private:
     std::atomic<UlmarComms::INetworkRouter*> m_pNetworkRouter;
     std::atomic<bool> m_running;
     UlmarCommsSystem::ConditionValue m_wakeUp;
+    // The user this service runs as: the owner of its own process's entries.
+    unsigned m_serviceUser;
+    // One gate per cause of refusal: names, senders, messages sent back.
+    UlmarComms::LogRateLimit m_nameRefusals;
+    UlmarComms::LogRateLimit m_senderRefusals;
+    UlmarComms::LogRateLimit m_loopRefusals;
 };
 
 } // namespace UlmarCommsService
