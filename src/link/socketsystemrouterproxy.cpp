@@ -13,9 +13,11 @@
 #include "link/socketsystemrouterproxy.h"
 
 #include "core/core.h"
+#include "platform/peercredentials.h"
 #include "platform/socket.h"
 #include "platform/socketreaper.h"
 #include "platform/sockettimeout.h"
+#include "service/userpolicy.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -46,7 +48,8 @@ SocketSystemRouterProxy::SocketSystemRouterProxy(const SocketAddress& systemRout
       m_reconnectPending(false),
       m_live(false),
       m_systemRouterAddress(systemRouterAddress),
-      m_pMessageRouter(nullptr)
+      m_pMessageRouter(nullptr),
+      m_serviceRefused(false)
 {
     Core::message("SocketSystemRouterProxy::SocketSystemRouterProxy( '%s' ) this=%p\n",
                   m_systemRouterAddress.asString().c_str(), static_cast<void*>(this));
@@ -287,6 +290,14 @@ bool SocketSystemRouterProxy::connect()
                   "SocketSystemRouterProxy::connect() this=%p Unable to start of the Connect. Error:%d\n",
                   static_cast<void*>(this), error);
         doTimerReconnect();
+    } else if (m_serviceRefused.exchange(false)) {
+        Socket* refused = takeSocketIf(socket);
+        if (refused != nullptr) {
+            m_state = StateDown;
+            refused->close();
+            delete refused;
+        }
+        doTimerReconnect();
     }
     // True also when the connect could not be started: a retry is on its way.
     Core::message("SocketSystemRouterProxy::connect() Done.\n");
@@ -300,6 +311,10 @@ void SocketSystemRouterProxy::onConnected(Socket* socket)
         return;
     }
     removeReconnectionTimerFunction();
+    if (!trustsService(socket)) {
+        m_serviceRefused = true;
+        return;
+    }
     if (!recvData()) {
         Core::log(Core::LogError, "SSRProxy::OnConnected() this=%p Failed to start recv data from the network.\n",
                   static_cast<void*>(this));
@@ -317,6 +332,26 @@ void SocketSystemRouterProxy::onConnected(Socket* socket)
     // Every (re)connection announces the table again, so the service
     // rebuilds its picture of this process after a restart of either side.
     router->sendRoutingTableToSystemRouter();
+}
+
+bool SocketSystemRouterProxy::trustsService(Socket* socket)
+{
+    UlmarCommsSystem::PeerCredentials service;
+    if (!UlmarCommsSystem::readPeerCredentials(socket->getHandle(), service)) {
+        Core::log(Core::LogError,
+                  "SocketSystemRouterProxy: not using the service on '%s': its user cannot be told; retrying.\n",
+                  m_systemRouterAddress.asString().c_str());
+        return false;
+    }
+    if (UlmarCommsService::isTrustedServiceUser(service.uid))
+        return true;
+    Core::log(Core::LogError,
+              "SocketSystemRouterProxy: not using the service on '%s': it runs as uid %u (pid %d), which is not root, "
+              "this process's user or ulmar.systemrouter.pipe.serviceuser '%s'; retrying.\n",
+              m_systemRouterAddress.asString().c_str(), static_cast<unsigned>(service.uid),
+              static_cast<int>(service.pid),
+              Core::instance()->stringOrDefault("ulmar.systemrouter.pipe.serviceuser").c_str());
+    return false;
 }
 
 void SocketSystemRouterProxy::onDisconnect(Socket* socket)

@@ -19,6 +19,12 @@
 // selector worker). Only the timer flags are guarded by the proxy's lock,
 // which is never held across connect().
 //
+// Trust. Before anything is announced on a new link, the service's
+// credentials on the connected socket are checked: root, this process's own
+// user, or the user named by "ulmar.systemrouter.pipe.serviceuser". Any other
+// listener on the service's address is not believed: the link is dropped
+// with a log line and retried like any failed connection.
+//
 // Ownership. post takes its message whatever the result: a frame holds a
 // copy, and the message is released. Messages from the link are posted to the
 // MessageRouter.
@@ -119,6 +125,8 @@ private:
     // Releases whatever socket the handler still holds (logging the close
     // when close is set).
     void dropSocket(bool close);
+    // Whether the service behind a connected socket may be believed (logged when not).
+    bool trustsService(Socket* socket);
 
     // StateDown, StateConnecting or StateConnected.
     std::atomic<int> m_state;
@@ -132,6 +140,9 @@ private:
     SocketAddress m_systemRouterAddress;
     // The process's router (not owned), or null.
     std::atomic<IMessageRouter*> m_pMessageRouter;
+    // Set by onConnected when the service was not believed; connect() then
+    // drops the link, after the connected callback has returned.
+    std::atomic<bool> m_serviceRefused;
 };
 
 } // namespace UlmarComms
