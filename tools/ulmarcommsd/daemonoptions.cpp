@@ -61,6 +61,36 @@ bool addAllowedNetworks(const std::vector<std::string>& networks, StartSettings&
     return networks.empty() || settings.add(std::string(kAllowKey) + "=" + list, error);
 }
 
+std::string joined(const std::vector<std::string>& items)
+{
+    std::string text;
+    for (const std::string& item : items)
+        text += (text.empty() ? "" : ",") + item;
+    return text;
+}
+
+// The policy options as settings items; they come after the --set items, so
+// an option given on the command line wins over a --set of the same key.
+bool addPolicySettings(DaemonOptions& options, std::string& error)
+{
+    if (!options.allowGroups.empty() &&
+        !options.settings.add("ulmar.systemrouter.pipe.allow.groups=" + joined(options.allowGroups), error))
+        return false;
+    if (!options.allowUsers.empty() &&
+        !options.settings.add("ulmar.systemrouter.pipe.allow.users=" + joined(options.allowUsers), error))
+        return false;
+    return !options.allowEveryone || options.settings.add("ulmar.systemrouter.pipe.allow.everyone=1", error);
+}
+
+// A group or user name as the policy takes it: one word, no list separator.
+bool policyName(const std::string& option, const std::string& value, std::string& error)
+{
+    if (!value.empty() && value.find_first_of(",; \t=") == std::string::npos)
+        return true;
+    error = option + " takes one user or group name (or number), not '" + value + "'";
+    return false;
+}
+
 } // namespace
 
 DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptions& options, std::string& error)
@@ -77,6 +107,10 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
                 return DaemonParse::Usage;
             continue;
         }
+        if (arg == "--allow-everyone") {
+            options.allowEveryone = true;
+            continue;
+        }
         if (arg.rfind("-", 0) != 0) {
             if (!addStartArgument(arg, options.settings, error))
                 return DaemonParse::Usage;
@@ -85,7 +119,8 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
         std::string name;
         std::string value;
         const bool inlineValue = splitInline(arg, name, value);
-        if (name != "--set" && name != "--log-level" && name != "--allow-network") {
+        if (name != "--set" && name != "--log-level" && name != "--allow-network" && name != "--allow-group" &&
+            name != "--allow-user") {
             error = "unknown argument '" + arg + "'";
             return DaemonParse::Usage;
         }
@@ -110,6 +145,12 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
                 return DaemonParse::Usage;
             continue;
         }
+        if (name == "--allow-group" || name == "--allow-user") {
+            if (!policyName(name, value, error))
+                return DaemonParse::Usage;
+            (name == "--allow-group" ? options.allowGroups : options.allowUsers).push_back(value);
+            continue;
+        }
         long level = 0;
         if (!parseNumber(value, 0, 4, level)) {
             error = "--log-level takes a number from 0 to 4, not '" + value + "'";
@@ -119,12 +160,13 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
     }
     if (!addAllowedNetworks(allowed, options.settings, error))
         return DaemonParse::Usage;
-    return DaemonParse::Run;
+    return addPolicySettings(options, error) ? DaemonParse::Run : DaemonParse::Usage;
 }
 
 std::string daemonUsage()
 {
-    return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N] [--allow-network CIDR]...\n"
+    return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N] [--allow-group NAME]...\n"
+           "                   [--allow-user NAME|UID]... [--allow-everyone] [--allow-network CIDR]...\n"
            "                   [--allow-any-network] [KEY=VALUE[;KEY=VALUE...]]\n"
            "\n"
            "Runs this machine's system router service in the foreground until\n"
@@ -144,6 +186,12 @@ std::string daemonUsage()
            "                   router broadcasts on are trusted, and these add to them\n"
            "  --allow-any-network\n"
            "                   take links and discovery datagrams from any address\n"
+           "  --allow-group NAME  let members of group NAME use the bus (repeatable;\n"
+           "                   without it, members of the group 'ulmarcomms' when it\n"
+           "                   exists); root and the daemon's own user always may\n"
+           "  --allow-user NAME|UID  let this user use the bus (repeatable)\n"
+           "  --allow-everyone let every local user use the bus; each user still\n"
+           "                   owns the names its programs register\n"
            "  KEY=VALUE;...    a whole start argument, as the library takes it; its\n"
            "                   items are added to the --set items (a word without\n"
            "                   '=' is accepted and ignored)\n"
