@@ -32,6 +32,13 @@ public:
     FdGuard(const FdGuard&) = delete;
     FdGuard& operator=(const FdGuard&) = delete;
     int get() const { return m_fd; }
+    // Hands the descriptor to the caller.
+    int release()
+    {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
 
 private:
     int m_fd;
@@ -80,7 +87,7 @@ ProbeResult classify(int error, std::string& detail)
     }
 }
 
-ProbeResult probeUnix(const LinkTarget& target, std::string& detail)
+ProbeResult probeUnix(const LinkTarget& target, std::string& detail, int* kept)
 {
     FdGuard fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
@@ -92,8 +99,11 @@ ProbeResult probeUnix(const LinkTarget& target, std::string& detail)
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "%s",
                   abstractSocketName(target.pipeName).c_str());
-    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        if (kept != nullptr)
+            *kept = fd.release();
         return ProbeResult::Answered;
+    }
     // A listener whose backlog is full still proves that the service is
     // there.
     if (errno == EAGAIN || errno == EINPROGRESS)
@@ -101,7 +111,7 @@ ProbeResult probeUnix(const LinkTarget& target, std::string& detail)
     return classify(errno, detail);
 }
 
-ProbeResult probeTcp(const LinkTarget& target, int timeoutMs, std::string& detail)
+ProbeResult probeTcp(const LinkTarget& target, int timeoutMs, std::string& detail, int* kept)
 {
     addrinfo hints{};
     hints.ai_family = AF_INET;
@@ -122,11 +132,24 @@ ProbeResult probeTcp(const LinkTarget& target, int timeoutMs, std::string& detai
         detail = errnoText("socket", errno);
         return ProbeResult::Failed;
     }
-    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
-        return ProbeResult::Answered;
-    if (errno != EINPROGRESS)
-        return classify(errno, detail);
-    return classify(finishConnect(fd.get(), timeoutMs), detail);
+    ProbeResult result = ProbeResult::Answered;
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+        result = errno != EINPROGRESS ? classify(errno, detail) : classify(finishConnect(fd.get(), timeoutMs), detail);
+    if (result == ProbeResult::Answered && kept != nullptr)
+        *kept = fd.release();
+    return result;
+}
+
+ProbeResult probe(const LinkTarget& target, int timeoutMs, std::string& detail, int* kept)
+{
+    detail.clear();
+    switch (target.kind) {
+    case LinkTarget::Kind::Unix: return probeUnix(target, detail, kept);
+    case LinkTarget::Kind::Tcp: return probeTcp(target, timeoutMs, detail, kept);
+    case LinkTarget::Kind::None: break;
+    }
+    detail = "no local link is configured";
+    return ProbeResult::NoService;
 }
 
 } // namespace
@@ -148,14 +171,36 @@ std::string abstractSocketName(const std::string& pipeName)
 
 ProbeResult probeService(const LinkTarget& target, int timeoutMs, std::string& detail)
 {
-    detail.clear();
-    switch (target.kind) {
-    case LinkTarget::Kind::Unix: return probeUnix(target, detail);
-    case LinkTarget::Kind::Tcp: return probeTcp(target, timeoutMs, detail);
-    case LinkTarget::Kind::None: break;
-    }
-    detail = "no local link is configured";
-    return ProbeResult::NoService;
+    return probe(target, timeoutMs, detail, nullptr);
+}
+
+ProbeConnection::~ProbeConnection()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+ProbeResult ProbeConnection::open(const LinkTarget& target, int timeoutMs, std::string& detail)
+{
+    return probe(target, timeoutMs, detail, &m_fd);
+}
+
+bool ProbeConnection::refusedByService(int waitMs) const
+{
+    if (m_fd < 0)
+        return false;
+    pollfd entry{};
+    entry.fd = m_fd;
+    entry.events = POLLIN | POLLRDHUP;
+    int ready;
+    do {
+        ready = ::poll(&entry, 1, waitMs);
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0)
+        return false;
+    char byte = 0;
+    const ssize_t got = ::recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return got == 0 || (got < 0 && (errno == ECONNRESET || errno == EPIPE));
 }
 
 } // namespace UlmarCommsTools

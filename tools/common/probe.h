@@ -43,4 +43,26 @@ std::string abstractSocketName(const std::string& pipeName);
 // Connects once to the target; `detail` explains anything but Answered.
 ProbeResult probeService(const LinkTarget& target, int timeoutMs, std::string& detail);
 
+// A probe whose connection is kept open, to learn later whether the service
+// refused this user. The wire has no refusal message: a service that does
+// not let this user in closes each of its connections right after accepting
+// it, before any traffic. A connection that the service ended with nothing
+// received is that refusal; an allowed one simply stays open and silent.
+class ProbeConnection {
+public:
+    ProbeConnection() = default;
+    ~ProbeConnection();
+    ProbeConnection(const ProbeConnection&) = delete;
+    ProbeConnection& operator=(const ProbeConnection&) = delete;
+
+    // Probes like probeService, keeping the connection when it stands.
+    ProbeResult open(const LinkTarget& target, int timeoutMs, std::string& detail);
+    // Whether the service ended the kept connection with nothing sent,
+    // waiting at most waitMs for that to show.
+    bool refusedByService(int waitMs) const;
+
+private:
+    int m_fd = -1;
+};
+
 } // namespace UlmarCommsTools

@@ -217,7 +217,9 @@ const char* const kGlobalOptionsHelp =
     "  --version          show the version\n";
 
 const char* const kExitHelp = "Exit status: 0 success; 1 an error reply or a refused operation; 2 usage\n"
-                              "error; 3 time-out or no service reachable.\n";
+                              "error; 3 time-out or no service reachable; 4 the bus refused this user\n"
+                              "(the service does not let this user in: see --allow-group in ulmarcommsd\n"
+                              "--help).\n";
 
 // Reads an option's value: inline after '=' or the next argument.
 bool optionValue(const std::vector<std::string>& args, size_t& index, const std::string& name, bool hasInline,

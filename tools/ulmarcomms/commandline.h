@@ -19,6 +19,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1; // an error reply, or a refused operation
 constexpr int kExitUsage = 2; // bad command line
 constexpr int kExitUnreachable = 3; // time-out, or no service reachable
+constexpr int kExitUserRefused = 4; // the service does not let this user use the bus
 
 // The commands.
 enum class CommandKind {

@@ -2,7 +2,9 @@
 //
 // Order of a run: parse the command line; probe the local link (so "no
 // service" is reported at once, naming the pipe name tried, instead of the
-// library retrying in the background); block the stop signals and start the
+// library retrying in the background) and keep the probe's connection open:
+// a service that does not let this user in closes it at once, which is how a
+// refusal is told from a time-out; block the stop signals and start the
 // signal watcher before the library starts any thread; start the runtime;
 // run the command; then destroy the pumps and shut the runtime down in that
 // order, on every path including Ctrl-C.
@@ -27,6 +29,10 @@ namespace {
 
 // How long a TCP probe waits for the connect to complete.
 const int kProbeTimeoutMs = 1000;
+// How long a failed run waits for the kept probe connection to show a
+// refusal; the service closes a refused connection as it accepts it, so by
+// the time a run fails that has long happened.
+const int kRefusalWaitMs = 200;
 
 void out(const std::string& text)
 {
@@ -69,7 +75,7 @@ public:
             return kExitUsage;
         }
         std::string detail;
-        if (probeService(link, kProbeTimeoutMs, detail) != ProbeResult::Answered) {
+        if (m_probe.open(link, kProbeTimeoutMs, detail) != ProbeResult::Answered) {
             complain("no service reachable on " + link.describe() + (detail.empty() ? "" : " (" + detail + ")"));
             out(formatNoService(m_invocation, link, detail));
             return kExitUnreachable;
@@ -93,10 +99,28 @@ public:
             UlmarCommsSetLogger(nullptr);
         if (started != ULMARCOMMS_OK)
             return startFailure(started);
+        // The service handles the probe's connection before the library's
+        // own, so a refusal is usually visible by now; otherwise a run that
+        // fails looks again before it reports.
+        if (m_probe.refusedByService(0))
+            return userRefused();
         return dispatch(inbox);
     }
 
 private:
+    int userRefused()
+    {
+        const std::string reason = "the bus refused this user (uid " + std::to_string(getuid()) +
+            "): the service lets in only root, its own user and the users and groups it is told to";
+        complain(reason);
+        out(formatFailure(m_invocation, "user-refused", reason, 0));
+        return kExitUserRefused;
+    }
+
+    // A run that got no answer or lost its link: refused, when the service
+    // closed the probe's connection unasked.
+    bool refusedUser() const { return m_probe.refusedByService(kRefusalWaitMs); }
+
     int startFailure(int code)
     {
         std::string reason;
@@ -152,6 +176,8 @@ private:
         case Exchange::Result::NotBuilt:
             return refused("the library refused to build the " + plan.method + " request (too many pairs?)", 0);
         case Exchange::Result::NotPosted:
+            if (exchange.postCode == ULMARCOMMS_NOT_ROUTED && refusedUser())
+                return userRefused();
             if (exchange.postCode == ULMARCOMMS_NOT_ROUTED) {
                 complain("the local link to the service is down; the request could not be sent");
                 out(formatFailure(m_invocation, "link-down", "the request could not be sent", exchange.postCode));
@@ -159,6 +185,8 @@ private:
             }
             return refused("the library refused to post the " + plan.method + " request", exchange.postCode);
         case Exchange::Result::TimedOut:
+            if (refusedUser())
+                return userRefused();
             complain(timeoutMessage(m_invocation, plan));
             out(formatTimeout(m_invocation, plan));
             return kExitUnreachable;
@@ -370,6 +398,8 @@ private:
 
     const Invocation& m_invocation;
     const Command& m_command;
+    // The probe's connection, kept for the run to tell a refusal.
+    ProbeConnection m_probe;
 };
 
 } // namespace
