@@ -211,7 +211,7 @@ bool SystemRouter::remove(IMessageRouter* router, const char* address)
     for (auto it = m_routingTable.begin(); it != m_routingTable.end(); ++it) {
         if ((*it)->address == parsed) {
             if (isLink && !mayChange(**it, uid)) {
-                logRefusal(m_nameRefusals, "removal of", address, uid, "the entry is not that user's");
+                logRefusal(m_changeRefusals, "removal of", address, uid, "the entry is not that user's");
                 return false;
             }
             delete *it;
@@ -263,7 +263,7 @@ void SystemRouter::replaceInterfaces(IMessageRouter* from, const char* text)
     if (entry == nullptr)
         return;
     if (isLink && !mayChange(*entry, uid)) {
-        logRefusal(m_nameRefusals, "interfaces of", addressText.c_str(), uid, "the entry is not that user's");
+        logRefusal(m_changeRefusals, "interfaces of", addressText.c_str(), uid, "the entry is not that user's");
         return;
     }
     entry->interfaces = names;

@@ -157,8 +157,10 @@ private:
     UlmarCommsSystem::ConditionValue m_wakeUp;
     // The user this service runs as: the owner of its own process's entries.
     unsigned m_serviceUser;
-    // One gate per cause of refusal: names, senders, messages sent back.
+    // One gate per cause of refusal: registrations, removals and interface
+    // lists, senders, messages sent back.
     UlmarComms::LogRateLimit m_nameRefusals;
+    UlmarComms::LogRateLimit m_changeRefusals;
     UlmarComms::LogRateLimit m_senderRefusals;
     UlmarComms::LogRateLimit m_loopRefusals;
 };

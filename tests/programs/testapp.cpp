@@ -8,7 +8,11 @@
 //   send NAME TO METHOD [K=V...]    -> "sent NAME ID RC"
 //   burst NAME TO METHOD COUNT      -> COUNT requests with "seq"=0..COUNT-1, then "burst NAME RC"
 //   threads                         -> "threads N": how many threads have run callbacks
+//   destroy NAME                    -> "destroyed NAME" (the pump is gone)
 //   quit                            -> shuts down and exits 0
+//
+// With --log, the library's warnings and errors are printed as
+// "log LEVEL TEXT" lines (newlines in the text dropped).
 //
 // Callbacks (on the library's router worker thread) print:
 //   "request NAME FROM METHOD SENDERID [seq=N]"
@@ -16,6 +20,8 @@
 //   "error NAME RESPONSEID CODE"
 #include "ulmarcomms.h"
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -145,6 +151,13 @@ bool handle(const std::vector<std::string>& w)
         say("fail usage " + verb);
         return true;
     }
+    if (verb == "destroy" && w.size() >= 2 && g_pumps.count(w[1]) != 0) {
+        UlmarCommsDestroyMessagePump(g_pumps[w[1]]->handle);
+        delete g_pumps[w[1]];
+        g_pumps.erase(w[1]);
+        say("destroyed " + w[1]);
+        return true;
+    }
     if (verb == "pump") {
         Pump* pump = new Pump;
         pump->name = w[1];
@@ -192,12 +205,27 @@ bool handle(const std::vector<std::string>& w)
 
 } // namespace
 
+void logLine(int level, const char* format, char* args)
+{
+    char text[1024];
+    va_list copy;
+    va_copy(copy, *reinterpret_cast<va_list*>(args));
+    std::vsnprintf(text, sizeof(text), format, copy);
+    va_end(copy);
+    std::string line = "log " + std::to_string(level) + " " + text;
+    line.erase(std::remove(line.begin(), line.end(), '\n'), line.end());
+    say(line);
+}
+
 int main(int argc, char** argv)
 {
     std::string start;
     bool service = false;
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--service") == 0)
+        if (std::strcmp(argv[i], "--log") == 0) {
+            UlmarCommsSetLogger(logLine);
+            UlmarCommsSetLoggerLevel(2);
+        } else if (std::strcmp(argv[i], "--service") == 0)
             service = true;
         else if (std::strcmp(argv[i], "--start") == 0 && i + 1 < argc)
             start = argv[++i];

@@ -30,10 +30,10 @@ inline std::string uniquePipe()
 // One participant: the test program started with the bus's start argument.
 class Participant {
 public:
-    Participant(const std::string& pipe, bool service, const std::string& extraSettings = "")
-        : m_process(ULMARCOMMS_TESTAPP,
-                    service ? std::vector<std::string>{"--service", "--start", argument(pipe) + extraSettings}
-                            : std::vector<std::string>{"--start", argument(pipe) + extraSettings})
+    // launcher, when given, runs the program (as another user, say).
+    Participant(const std::string& pipe, bool service, const std::string& extraSettings = "",
+                const std::vector<std::string>& launcher = {})
+        : Participant(commandLine(pipe, service, extraSettings, launcher))
     {
     }
     // Every participant leaves cleanly: a non-zero exit (a crash, or a leak
@@ -44,6 +44,16 @@ public:
         EXPECT_EQ(m_process.wait(), 0) << "participant " << m_process.pid() << " did not exit cleanly";
     }
     static std::string argument(const std::string& pipe) { return "ulmar.systemrouter.pipe.name=" + pipe; }
+    static std::vector<std::string> commandLine(const std::string& pipe, bool service, const std::string& extraSettings,
+                                                std::vector<std::string> argv)
+    {
+        argv.push_back(ULMARCOMMS_TESTAPP);
+        if (service)
+            argv.push_back("--service");
+        argv.push_back("--start");
+        argv.push_back(argument(pipe) + extraSettings);
+        return argv;
+    }
 
     // Sends a command and returns the first line starting with expect.
     std::string ask(const std::string& command, const std::string& expect)
@@ -89,6 +99,11 @@ public:
     ChildProcess& process() { return m_process; }
 
 private:
+    explicit Participant(const std::vector<std::string>& argv)
+        : m_process(argv.front(), std::vector<std::string>(argv.begin() + 1, argv.end()))
+    {
+    }
+
     ChildProcess m_process;
     std::list<std::string> m_unclaimed;
 };

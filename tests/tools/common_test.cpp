@@ -283,6 +283,31 @@ TEST(DaemonOptions, NetworkOptionsAddToTheAllowSettingAndBadNetworksAreUsageErro
     }
 }
 
+TEST(DaemonOptions, PolicyOptionsBecomeTheAllowSettings)
+{
+    DaemonOptions options;
+    std::string error;
+    ASSERT_EQ(parseDaemonOptions({"--allow-group", "staff", "--allow-user=alice", "--set",
+                                  "ulmar.systemrouter.pipe.allow.groups=wheel", "--allow-group=ops", "--allow-user",
+                                  "1001", "--allow-everyone"},
+                                 options, error),
+              DaemonParse::Run)
+        << error;
+    // The options come after every --set item, so they win.
+    EXPECT_EQ(options.settings.value("ulmar.systemrouter.pipe.allow.groups", ""), "staff,ops");
+    EXPECT_EQ(options.settings.value("ulmar.systemrouter.pipe.allow.users", ""), "alice,1001");
+    EXPECT_EQ(options.settings.value("ulmar.systemrouter.pipe.allow.everyone", ""), "1");
+
+    DaemonOptions none;
+    ASSERT_EQ(parseDaemonOptions({}, none, error), DaemonParse::Run);
+    EXPECT_EQ(none.settings.value("ulmar.systemrouter.pipe.allow.groups", "unset"), "unset");
+    for (const std::vector<std::string>& wrong :
+         std::vector<std::vector<std::string>>{{"--allow-group", "a,b"}, {"--allow-user", ""}, {"--allow-user"}}) {
+        DaemonOptions fresh;
+        EXPECT_EQ(parseDaemonOptions(wrong, fresh, error), DaemonParse::Usage) << wrong[0];
+    }
+}
+
 TEST(DaemonOptions, HelpVersionAndMistakes)
 {
     DaemonOptions options;

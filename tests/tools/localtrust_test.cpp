@@ -1,0 +1,242 @@
+// Who may use the bus and who owns which name, with the real daemon and real
+// processes of two users. The second user is a uid with no account: a child
+// program runs as it through setpriv, and the test's own thread takes it on
+// for a moment (raw credential syscalls change only the calling thread) to
+// open a raw link or a fake service. Both need root; elsewhere the tests
+// say why they are skipped.
+#include "support/participant.h"
+#include "support/rawpeer.h"
+#include "tools/bus.h"
+
+#include "messaging/messageitem.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <sys/un.h>
+
+using namespace UlmarCommsToolsTest;
+using UlmarComms::MessageItem;
+using UlmarCommsTest::Participant;
+
+namespace {
+
+constexpr unsigned kOtherUser = 4242;
+const char* const kSetpriv = "/usr/bin/setpriv";
+
+// Why a second user cannot be had here, or "" when it can.
+std::string secondUserUnavailable()
+{
+    if (geteuid() != 0)
+        return "needs root to act as a second user";
+    if (access(kSetpriv, X_OK) != 0)
+        return std::string("needs ") + kSetpriv + " to run a program as a second user";
+    return "";
+}
+
+#define REQUIRE_SECOND_USER()                                                                                          \
+    do {                                                                                                               \
+        const std::string why = secondUserUnavailable();                                                               \
+        if (!why.empty())                                                                                              \
+            GTEST_SKIP() << why;                                                                                       \
+    } while (0)
+
+std::vector<std::string> asOtherUser()
+{
+    const std::string id = std::to_string(kOtherUser);
+    return {kSetpriv, "--reuid=" + id, "--regid=" + id, "--clear-groups"};
+}
+
+// This thread acts as the second user while the guard lives; root's saved
+// uid lets it come back.
+class ThreadAsOtherUser {
+public:
+    ThreadAsOtherUser()
+    {
+        EXPECT_EQ(syscall(SYS_setresgid, kOtherUser, kOtherUser, 0), 0);
+        EXPECT_EQ(syscall(SYS_setresuid, kOtherUser, kOtherUser, 0), 0);
+    }
+    ~ThreadAsOtherUser()
+    {
+        EXPECT_EQ(syscall(SYS_setresuid, 0, 0, 0), 0);
+        EXPECT_EQ(syscall(SYS_setresgid, 0, 0, 0), 0);
+    }
+};
+
+UlmarCommsSystem::SocketAddress pipeAddress(const std::string& pipe)
+{
+    UlmarCommsSystem::SocketAddress address;
+    EXPECT_TRUE(address.setUNIXAddress(pipe));
+    return address;
+}
+
+bool contains(const std::string& text, const std::string& needle)
+{
+    return text.find(needle) != std::string::npos;
+}
+
+size_t occurrences(const std::string& text, const std::string& needle)
+{
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        ++count;
+    return count;
+}
+
+// Waits until the daemon's log holds needle.
+bool daemonLogged(Daemon& daemon, const std::string& needle)
+{
+    return daemon.process().waitFor([&] { return contains(daemon.process().err(), needle); }, std::chrono::seconds(10));
+}
+
+} // namespace
+
+TEST(LocalTrust, AUserNotAllowedIsRefusedAndTheClientSaysSo)
+{
+    REQUIRE_SECOND_USER();
+    const std::string pipe = uniquePipeName();
+    Daemon daemon(pipe);
+    ASSERT_TRUE(daemon.waitReady()) << daemon.process().transcript();
+
+    std::vector<std::string> argv = asOtherUser();
+    for (const std::string& arg : clientArgs(pipe, {"--timeout", "3000", "info"}))
+        argv.push_back(arg);
+    const RunResult refused = runTool(argv);
+    EXPECT_EQ(refused.status, 4) << refused.transcript();
+    EXPECT_TRUE(contains(refused.err, "the bus refused this user")) << refused.transcript();
+    EXPECT_TRUE(daemonLogged(daemon, "refused the local link of uid 4242 pid ")) << daemon.process().err();
+
+    // The daemon's own user is unaffected.
+    const RunResult own = client(pipe, {"info"});
+    EXPECT_EQ(own.status, 0) << own.transcript();
+
+    // Allowed by uid, the same user gets its answer.
+    const std::string allowedPipe = uniquePipeName();
+    Daemon allowing(allowedPipe, {"--allow-user", std::to_string(kOtherUser)});
+    ASSERT_TRUE(allowing.waitReady()) << allowing.process().transcript();
+    argv = asOtherUser();
+    for (const std::string& arg : clientArgs(allowedPipe, {"info"}))
+        argv.push_back(arg);
+    const RunResult allowed = runTool(argv);
+    EXPECT_EQ(allowed.status, 0) << allowed.transcript();
+}
+
+// With every user let in, the second user still cannot take, shadow or remove
+// the first user's names or the system endpoint's, nor send as them.
+TEST(LocalTrust, EveryoneAllowedStillOwnsTheirNames)
+{
+    REQUIRE_SECOND_USER();
+    const std::string pipe = uniquePipeName();
+    Daemon daemon(pipe, {"--allow-everyone"});
+    ASSERT_TRUE(daemon.waitReady()) << daemon.process().transcript();
+    const std::string host = hostName();
+
+    Participant owner(pipe, false);
+    ASSERT_TRUE(owner.waitFor("started 0"));
+    owner.ask("pump svc", "pump svc ");
+    owner.ask("answer svc echo", "answer svc");
+    Participant asker(pipe, false);
+    ASSERT_TRUE(asker.waitFor("started 0"));
+    asker.ask("pump asker", "pump asker ");
+    const std::string tableBefore = asker.query("asker", "ViewSystemRouterRoutingTable");
+
+    {
+        Participant other(pipe, false, "", asOtherUser());
+        ASSERT_TRUE(other.waitFor("started 0")) << other.process().transcript();
+        // The pumps exist in the other process; the bus does not take them.
+        other.ask("pump svc", "pump svc ");
+        other.ask("pump svc/sub", "pump svc/sub ");
+        other.ask("pump system", "pump system ");
+        EXPECT_TRUE(daemonLogged(daemon, "refused registration of '" + host + "@system'")) << daemon.process().err();
+        EXPECT_EQ(occurrences(daemon.process().err(), "refused registration of"), 3u) << daemon.process().err();
+        // Destroying them asks the bus to remove the names.
+        other.ask("destroy svc", "destroyed svc");
+        other.ask("destroy system", "destroyed system");
+        EXPECT_TRUE(daemonLogged(daemon, "refused removal of '" + host + "@system'")) << daemon.process().err();
+        EXPECT_TRUE(contains(daemon.process().err(), "refused removal of '" + host + "@svc'")) << daemon.process().err();
+    }
+    EXPECT_EQ(asker.query("asker", "ViewSystemRouterRoutingTable"), tableBefore);
+
+    // A request under the name the other user tried to shadow reaches the owner.
+    const std::string sent = asker.ask("send asker svc/sub ping", "sent asker ");
+    EXPECT_TRUE(owner.waitFor("request svc ")) << owner.process().transcript();
+    EXPECT_TRUE(asker.waitFor("response asker ")) << sent;
+
+    // A raw link of the other user sends a query as the owner's pump: it is
+    // dropped, so the reply never reaches the owner.
+    UlmarCommsTest::RawPeer raw;
+    {
+        ThreadAsOtherUser other;
+        ASSERT_TRUE(raw.connectTo(pipeAddress(pipe)));
+    }
+    UlmarComms::MessageRef forged(MessageItem::create());
+    forged->add(MessageItem::ArgumentKey_To, (host + "@system").c_str());
+    forged->add(MessageItem::ArgumentKey_From, (host + "@svc").c_str());
+    forged->add(MessageItem::ArgumentKey_Method, "SystemInfo");
+    forged->add(MessageItem::ArgumentKey_SenderId, "77");
+    ASSERT_TRUE(raw.sendAll(UlmarCommsTest::messageFrame(1, forged.get())));
+    EXPECT_TRUE(daemonLogged(daemon, "refused a message sent as '" + host + "@svc'")) << daemon.process().err();
+    EXPECT_FALSE(owner.waitFor("response svc 77", nullptr, std::chrono::milliseconds(300)));
+    EXPECT_EQ(asker.query("asker", "SystemInfo").rfind("name=" + host, 0), 0u);
+}
+
+// A name captured by one process and then given up by it once made a message
+// circulate between that process and the service; now it ends at once.
+TEST(LocalTrust, ACapturedNameGivenUpEndsAtOnce)
+{
+    const std::string pipe = uniquePipeName();
+    Daemon daemon(pipe);
+    ASSERT_TRUE(daemon.waitReady()) << daemon.process().transcript();
+    Participant first(pipe, false);
+    ASSERT_TRUE(first.waitFor("started 0"));
+    first.ask("pump cap", "pump cap ");
+    Participant capturer(pipe, false);
+    ASSERT_TRUE(capturer.waitFor("started 0"));
+    capturer.ask("pump keep", "pump keep ");
+    // Registered under the first process's entry, the new pump takes it over.
+    capturer.ask("pump cap/sub", "pump cap/sub ");
+    capturer.ask("destroy cap/sub", "destroyed cap/sub");
+    Participant asker(pipe, false);
+    ASSERT_TRUE(asker.waitFor("started 0"));
+    asker.ask("pump asker", "pump asker ");
+    // Make sure the capturer's commands are through before asking.
+    capturer.query("keep", "SystemInfo");
+
+    asker.ask("send asker cap ping", "sent asker ");
+    EXPECT_TRUE(daemonLogged(daemon, "rejecting message as no path was found to 'cap'")) << daemon.process().err();
+    EXPECT_EQ(asker.query("asker", "SystemInfo").rfind("name=", 0), 0u);
+    EXPECT_EQ(occurrences(daemon.process().err(), "rejecting message as no path was found to 'cap'"), 1u)
+        << daemon.process().err();
+    EXPECT_EQ(occurrences(daemon.process().err(), "refused a message to 'cap'"), 1u) << daemon.process().err();
+}
+
+// An application does not announce itself to a listener on the service's
+// address that another user runs.
+TEST(LocalTrust, AFakeServiceOfAnotherUserIsNotBelieved)
+{
+    REQUIRE_SECOND_USER();
+    const std::string pipe = uniquePipeName();
+    int listener = -1;
+    {
+        ThreadAsOtherUser other;
+        listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const UlmarCommsSystem::SocketAddress address = pipeAddress(pipe);
+        ASSERT_EQ(::bind(listener, address.getAddress(), address.getAddressSize()), 0);
+        ASSERT_EQ(::listen(listener, 4), 0);
+    }
+    UlmarCommsTest::ChildProcess logged(ULMARCOMMS_TESTAPP, {"--log", "--start", Participant::argument(pipe)});
+    ASSERT_TRUE(logged.waitForOut("not using the service")) << logged.transcript();
+    EXPECT_TRUE(contains(logged.out(), "it runs as uid 4242")) << logged.transcript();
+
+    // What the application sent before it gave up: nothing.
+    const int accepted = ::accept(listener, nullptr, nullptr);
+    ASSERT_GE(accepted, 0);
+    pollfd entry{accepted, POLLIN, 0};
+    ASSERT_EQ(::poll(&entry, 1, 10000), 1);
+    char byte = 0;
+    EXPECT_EQ(::recv(accepted, &byte, 1, 0), 0);
+    ::close(accepted);
+    logged.send("quit");
+    EXPECT_EQ(logged.wait(), 0) << logged.transcript();
+    ::close(listener);
+}
