@@ -220,19 +220,14 @@ bool LocalSocketServerInterface::admits(Socket* client, UlmarCommsSystem::PeerCr
     const bool known = client != nullptr && UlmarCommsSystem::readPeerCredentials(client->getHandle(), peer);
     if (known && m_policy.allows(peer.uid, peer.gid))
         return true;
-    unsigned long heldBack = 0;
-    if (!m_refusalLog.admit(heldBack))
-        return false;
     if (!known)
         Core::log(Core::LogWarning,
-                  "LocalSocketServerInterface: refused a local link whose peer's user cannot be told (%lu more "
-                  "refusals not logged).\n",
-                  heldBack);
+                  "LocalSocketServerInterface: refused a local link whose peer's user cannot be told.\n");
     else
         Core::log(Core::LogWarning,
                   "LocalSocketServerInterface: refused the local link of uid %u pid %d: that user is not allowed on "
-                  "this bus (%lu more refusals not logged).\n",
-                  static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid), heldBack);
+                  "this bus.\n",
+                  static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
     return false;
 }
 

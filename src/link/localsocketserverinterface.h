@@ -25,12 +25,12 @@
 //
 // Who may connect. The listener reads each accepted link's peer credentials
 // and asks the service's UserPolicy; a refused peer's socket is closed at
-// once, before any proxy exists, so nothing else on the bus notices. A
+// once, before any proxy exists, so nothing else on the bus notices; the
+// log's throttle keeps a peer that retries in a loop from filling the log. A
 // proxy remembers its peer's uid: the system router files the link's pumps
 // under it.
 #pragma once
 
-#include "core/logratelimit.h"
 #include "framing/dataframehandler.h"
 #include "framing/dataframeserver.h"
 #include "messaging/messagerouter.h"
@@ -136,8 +136,6 @@ private:
     std::vector<SocketMessageRouterProxy*> m_connections;
     // Who may connect; read from the settings when the listener is made.
     UlmarCommsService::UserPolicy m_policy;
-    // Refused peers are logged a few times a second at most.
-    LogRateLimit m_refusalLog;
 };
 
 } // namespace UlmarComms

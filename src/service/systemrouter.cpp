@@ -106,12 +106,8 @@ bool SystemRouter::add(IMessageRouter* router, const char* address)
     bool isLink = false;
     const unsigned uid = userOf(router, isLink);
     MutexLocker locker(m_tableLock);
-    if (isLink) {
-        if (const char* why = registrationRefusal(parsed, uid)) {
-            logRefusal(m_nameRefusals, "registration of", address, uid, why);
-            return false;
-        }
-    }
+    if (isLink && !mayRegister(parsed, address, uid))
+        return false;
     // Prefix matching means a pump whose leading names equal an existing entry
     // updates that entry instead of adding one.
     RoutingEntry* entry = find(parsed);
@@ -144,18 +140,27 @@ bool SystemRouter::isSystemEndpointTarget(const Address& address)
 
 // Any entry of another user that the address matches is refused: equal or
 // under it would take its targets, above it would take the entry over.
-const char* SystemRouter::registrationRefusal(const Address& address, unsigned uid)
+bool SystemRouter::mayRegister(const Address& address, const char* text, unsigned uid)
 {
-    if (isSystemEndpointTarget(address))
-        return "it would take targets meant for the system endpoint";
+    if (isSystemEndpointTarget(address)) {
+        Core::log(Core::LogWarning,
+                  "SystemRouter: refused the registration of '%s' by a link of uid %u: it would take targets meant "
+                  "for the system endpoint.\n",
+                  textOrEmpty(text), uid);
+        return false;
+    }
     if (uid == 0)
-        return nullptr;
+        return true;
     for (const RoutingEntry* entry : m_routingTable) {
         int score = -1;
-        if (entry->owner != uid && entry->address.match(address, score))
-            return "another user holds a name it matches";
+        if (entry->owner != uid && entry->address.match(address, score)) {
+            Core::log(Core::LogWarning,
+                      "SystemRouter: refused the registration of '%s' by a link of uid %u: uid %u holds '%s'.\n",
+                      textOrEmpty(text), uid, entry->owner, entry->address.toString().c_str());
+            return false;
+        }
     }
-    return nullptr;
+    return true;
 }
 
 bool SystemRouter::mayChange(const RoutingEntry& entry, unsigned uid) const
@@ -175,14 +180,18 @@ bool SystemRouter::maySendAs(const char* sender, unsigned uid)
     return entry == nullptr || entry->owner == uid;
 }
 
-void SystemRouter::logRefusal(UlmarComms::LogRateLimit& limit, const char* what, const char* text, unsigned uid,
-                              const char* why)
+void SystemRouter::refuseCirculating(UlmarComms::MessageRef message, const char* to, unsigned uid)
 {
-    unsigned long heldBack = 0;
-    if (!limit.admit(heldBack))
+    Core::log(Core::LogWarning,
+              "SystemRouter: a message to '%s' from a link of uid %u has no path: its best entry is that link.\n",
+              textOrEmpty(to), uid);
+    const char* mode = message->value(MessageItem::ArgumentKey_Mode);
+    const bool isError = mode != nullptr && mode[0] == MessageItem::Mode_Error;
+    if (isError || message->value(MessageItem::ArgumentKey_ResponseId) != nullptr)
         return;
-    Core::log(Core::LogWarning, "SystemRouter: refused %s '%s' from a link of uid %u: %s (%lu more not logged).\n",
-              what, textOrEmpty(text), uid, why, heldBack);
+    UlmarComms::MessageRef reply(Core::instance()->errorOut(message.get(), 400));
+    if (reply)
+        post(std::move(reply));
 }
 
 bool SystemRouter::remove(IMessageRouter* router)
@@ -211,7 +220,10 @@ bool SystemRouter::remove(IMessageRouter* router, const char* address)
     for (auto it = m_routingTable.begin(); it != m_routingTable.end(); ++it) {
         if ((*it)->address == parsed) {
             if (isLink && !mayChange(**it, uid)) {
-                logRefusal(m_changeRefusals, "removal of", address, uid, "the entry is not that user's");
+                Core::log(Core::LogWarning,
+                          "SystemRouter: refused the removal of '%s' by a link of uid %u: the entry is not that "
+                          "user's.\n",
+                          textOrEmpty(address), uid);
                 return false;
             }
             delete *it;
@@ -263,7 +275,9 @@ void SystemRouter::replaceInterfaces(IMessageRouter* from, const char* text)
     if (entry == nullptr)
         return;
     if (isLink && !mayChange(*entry, uid)) {
-        logRefusal(m_changeRefusals, "interfaces of", addressText.c_str(), uid, "the entry is not that user's");
+        Core::log(Core::LogWarning,
+                  "SystemRouter: refused new interfaces of '%s' from a link of uid %u: the entry is not that user's.\n",
+                  addressText.c_str(), uid);
         return;
     }
     entry->interfaces = names;
@@ -316,7 +330,10 @@ void SystemRouter::route(UlmarComms::MessageRef message, IMessageRouter* link)
         Address target(textOrEmpty(to));
         MutexLocker locker(m_tableLock);
         if (isLink && !maySendAs(from, uid)) {
-            logRefusal(m_senderRefusals, "a message sent as", from, uid, "another user holds that sender");
+            Core::log(Core::LogWarning,
+                      "SystemRouter: refused a message sent as '%s' by a link of uid %u: another user holds that "
+                      "sender.\n",
+                      textOrEmpty(from), uid);
             return;
         }
         RoutingEntry* entry = find(target);
@@ -331,8 +348,7 @@ void SystemRouter::route(UlmarComms::MessageRef message, IMessageRouter* link)
         }
     }
     if (backToLink) {
-        logRefusal(m_loopRefusals, "a message to", to, uid, "its best entry is the link it came from");
-        rejectMessage(std::move(message), to, from);
+        refuseCirculating(std::move(message), to, uid);
         return;
     }
     Core::message("SystemRouter::post( %p ) Adding to message queue.\n", static_cast<void*>(message.get()));

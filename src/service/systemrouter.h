@@ -22,12 +22,12 @@
 // meant for the system endpoint (no path names, or a first name "system"),
 // nor remove or re-describe its entry. A message that arrived over a link
 // and whose best entry is that same link has no path: sending it back would
-// make it circulate. Each refusal leaves the table as it was and is logged,
-// a few lines a second at most per cause.
+// make it circulate: a request is answered with error 400, anything else
+// dropped. Each refusal leaves the table as it was and is logged with a text
+// of its own, so the log's throttle holds back each cause on its own.
 #pragma once
 
 #include "core/address.h"
-#include "core/logratelimit.h"
 #include "messaging/messagerouter.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
@@ -135,14 +135,16 @@ private:
     void route(UlmarComms::MessageRef message, UlmarComms::IMessageRouter* link);
     // The user router acts for; isLink tells whether it stands for another process.
     unsigned userOf(UlmarComms::IMessageRouter* router, bool& isLink) const;
-    // Why a link of uid may not register address, or null (table lock held).
-    const char* registrationRefusal(const UlmarComms::Address& address, unsigned uid);
+    // Whether a link of uid may register address (text as sent); logs a
+    // refusal (table lock held).
+    bool mayRegister(const UlmarComms::Address& address, const char* text, unsigned uid);
     // Whether a link of uid may change or remove entry (table lock held).
     bool mayChange(const RoutingEntry& entry, unsigned uid) const;
     // Whether a link of uid may send as sender (table lock held).
     bool maySendAs(const char* sender, unsigned uid);
-    // One rate-limited line about a refused link command or message.
-    void logRefusal(UlmarComms::LogRateLimit& limit, const char* what, const char* text, unsigned uid, const char* why);
+    // A message that would go back over the link it came from: a request
+    // is answered with error 400, anything else dropped.
+    void refuseCirculating(UlmarComms::MessageRef message, const char* to, unsigned uid);
 
     UlmarCommsSystem::Mutex m_tableLock;
     std::vector<UlmarComms::IMessageRouter*> m_routers;
@@ -157,12 +159,6 @@ private:
     UlmarCommsSystem::ConditionValue m_wakeUp;
     // The user this service runs as: the owner of its own process's entries.
     unsigned m_serviceUser;
-    // One gate per cause of refusal: registrations, removals and interface
-    // lists, senders, messages sent back.
-    UlmarComms::LogRateLimit m_nameRefusals;
-    UlmarComms::LogRateLimit m_changeRefusals;
-    UlmarComms::LogRateLimit m_senderRefusals;
-    UlmarComms::LogRateLimit m_loopRefusals;
 };
 
 } // namespace UlmarCommsService
