@@ -188,8 +188,7 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
     }
     UlmarCommsSystem::PeerCredentials peer;
     if (!admits(client, peer)) {
-        client->close();
-        delete client;
+        Socket::release(client); // closed at once: the peer sees its refusal
         return;
     }
     try {

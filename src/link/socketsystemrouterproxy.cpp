@@ -294,8 +294,7 @@ bool SocketSystemRouterProxy::connect()
         Socket* refused = takeSocketIf(socket);
         if (refused != nullptr) {
             m_state = StateDown;
-            refused->close();
-            delete refused;
+            Socket::release(refused);
         }
         doTimerReconnect();
     }

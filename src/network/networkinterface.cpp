@@ -315,8 +315,7 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
         return;
     if (!admits(clientAddress)) {
         // Closed before a byte is read: nothing the peer sends is looked at.
-        client->close();
-        delete client;
+        Socket::release(client);
         Core::log(Core::LogWarning,
                   "NetworkRouterInterface::onClientConnect() Refused link from '%s' on '%s': not an allowed "
                   "network\n",

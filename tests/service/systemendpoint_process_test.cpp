@@ -71,7 +71,6 @@ protected:
 TEST_F(SystemEndpoint, SettingsListingShowsEveryDefault)
 {
     const std::string expected = "string,ulmar.networkrouter.ip4.addresses,*\n"
-                                 "string,ulmar.networkrouter.ip4.allow,\n"
                                  "string,ulmar.networkrouter.ip4.networks,*\n"
                                  "string,ulmar.networkrouter.ip4.port,34001\n"
                                  "string,ulmar.systemrouter.ip4.addresses,127.0.0.1\n"
@@ -89,13 +88,11 @@ TEST_F(SystemEndpoint, SettingsListingShowsEveryDefault)
         "number,socketmessagerouterproxy.outbound.size,4096\n"
         "number,socketsystemrouterproxy.inbound.size,4096\n"
         "number,socketsystemrouterproxy.outbound.size,4096\n"
-        "number,ulmar.messagerouter.reannounce.all,0\n"
         "number,ulmar.networkrouter,0\n"
         "number,ulmar.networkrouter.discovery,0\n"
         "number,ulmar.networkrouter.discovery.timeout,5000\n"
         "number,ulmar.networkrouter.inStelthMode,0\n"
         "number,ulmar.networkrouter.ip4,1\n"
-        "number,ulmar.networkrouter.ip4.allow.any,0\n"
         "number,ulmar.networkrouter.ip6,0\n"
         "number,ulmar.networkrouter.isLowerOrder,0\n"
         "number,ulmar.networkrouter.isMaster,0\n"
