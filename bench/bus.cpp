@@ -67,13 +67,14 @@ int measure(BusClient& client, Figures& figures)
 
 } // namespace
 
-bool startLibrary(const std::string& pipe)
+bool startLibrary(const std::string& pipe, const std::string& more)
 {
     UlmarCommsSetLogger(stderrLogger);
     UlmarCommsSetLoggerLevel(ULMARCOMMS_LOG_ERROR);
     UlmarCommsSocketsSetLogger(stderrLogger);
     UlmarCommsSocketsSetLoggerLevel(ULMARCOMMS_LOG_ERROR);
-    const int code = UlmarCommsStart(pipeSetting(pipe).c_str());
+    const std::string argument = more.empty() ? pipeSetting(pipe) : pipeSetting(pipe) + ";" + more;
+    const int code = UlmarCommsStart(argument.c_str());
     if (code != ULMARCOMMS_OK) {
         std::fprintf(stderr, "ulmarcomms-bench: UlmarCommsStart failed with %d\n", code);
         return false;

@@ -31,8 +31,9 @@ extern const char kMethodOneWay[]; // counted, acknowledged now and then
 extern const char kMethodDone[]; // answered with the one-way summary
 extern const char kMethodQuit[]; // ends the server
 
-// Starts the library on pipe with its log on stderr (errors only).
-bool startLibrary(const std::string& pipe);
+// Starts the library on pipe with its log on stderr (errors only); more is
+// appended to the start argument ("key=value;key=value").
+bool startLibrary(const std::string& pipe, const std::string& more = "");
 
 // The key of application pair i ("p0", "p1", ...).
 std::string pairKey(unsigned i);

@@ -24,9 +24,17 @@ const char kUsage[] = "Usage: ulmarcomms-bench [options]\n"
                       "  --runs N            repeat the measurements, report medians (1)\n"
                       "  --no-relay          skip the relay measurements\n"
                       "  --json              print the figures as one JSON object\n"
-                      "  --soak-apps N       memory test: N applications instead of the figures\n"
-                      "  --soak-pumps N      memory test: pumps per application (10)\n"
-                      "  --soak-seconds N    memory test: duration (60)\n";
+                      "  --soak-apps N       soak: N application processes instead of the figures\n"
+                      "                      (scripts/soak runs 100)\n"
+                      "  --soak-pumps N      soak: pumps per application (10)\n"
+                      "  --soak-seconds N    soak: duration once all are reachable (60)\n"
+                      "  --soak-rate N       soak: requests a second, all applications (1200)\n"
+                      "  --soak-settle-ms N  soak: margin before and after each fault (1000)\n"
+                      "  --soak-daemon-every N   soak: restart the daemon every N s (20; 0 never)\n"
+                      "  --soak-sigkill-every N  soak: every Nth daemon stop is SIGKILL (2; 0 never)\n"
+                      "  --soak-kill-every N     soak: SIGKILL applications every N s (15; 0 never)\n"
+                      "  --soak-kill-count N     soak: applications killed each time (3)\n"
+                      "  --soak-stall-at N       soak: the stalled consumer appears at N s (5; 0 none)\n";
 
 namespace {
 
@@ -52,8 +60,13 @@ bool checkLimits(const Options& options, std::string& error)
         return false;
     }
     if (options.requests == 0 || options.messages == 0 || options.window == 0 || options.runs == 0 ||
-        options.soakPumps == 0) {
-        error = "--requests, --messages, --window, --runs and --soak-pumps must be above 0";
+        options.soakPumps == 0 || options.soakRate == 0 || options.soakSeconds == 0) {
+        error =
+            "--requests, --messages, --window, --runs, --soak-pumps, --soak-rate and --soak-seconds must be above 0";
+        return false;
+    }
+    if (options.soakApps > 0 && options.soakKillCount >= options.soakApps && options.soakKillEvery > 0) {
+        error = "--soak-kill-count must be below --soak-apps";
         return false;
     }
     return true;
@@ -75,13 +88,19 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
         {"--soak-apps", &options.soakApps},
         {"--soak-pumps", &options.soakPumps},
         {"--soak-seconds", &options.soakSeconds},
+        {"--soak-rate", &options.soakRate},
+        {"--soak-settle-ms", &options.soakSettleMs},
+        {"--soak-daemon-every", &options.soakDaemonEvery},
+        {"--soak-sigkill-every", &options.soakSigkillEvery},
+        {"--soak-kill-every", &options.soakKillEvery},
+        {"--soak-kill-count", &options.soakKillCount},
+        {"--soak-stall-at", &options.soakStallAt},
         {"--soak-index", &options.soakIndex},
+        {"--soak-generation", &options.soakGeneration},
     };
     std::map<std::string, std::string*> texts = {
-        {"--role", &options.role},
-        {"--pipe", &options.pipe},
-        {"--daemon", &options.daemon},
-        {"--tag", &options.tag},
+        {"--role", &options.role}, {"--pipe", &options.pipe},        {"--daemon", &options.daemon},
+        {"--tag", &options.tag},   {"--soak-dir", &options.soakDir},
     };
     std::map<std::string, bool*> flags = {{"--json", &options.json}, {"--no-relay", &options.skipRelay}};
     for (int i = 1; i < argc; ++i) {
@@ -118,19 +137,22 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
 
 std::vector<std::string> childArguments(const Options& options, const std::string& role)
 {
-    return {"--role",         role,
-            "--pipe",         options.pipe,
-            "--tag",          options.tag,
-            "--pairs",        std::to_string(options.pairs),
-            "--value-size",   std::to_string(options.valueSize),
-            "--requests",     std::to_string(options.requests),
-            "--warmup",       std::to_string(options.warmup),
-            "--messages",     std::to_string(options.messages),
-            "--window",       std::to_string(options.window),
-            "--frame-bytes",  std::to_string(options.frameBytes),
-            "--soak-pumps",   std::to_string(options.soakPumps),
-            "--soak-seconds", std::to_string(options.soakSeconds),
-            "--soak-apps",    std::to_string(options.soakApps)};
+    return {"--role",          role,
+            "--pipe",          options.pipe,
+            "--tag",           options.tag,
+            "--pairs",         std::to_string(options.pairs),
+            "--value-size",    std::to_string(options.valueSize),
+            "--requests",      std::to_string(options.requests),
+            "--warmup",        std::to_string(options.warmup),
+            "--messages",      std::to_string(options.messages),
+            "--window",        std::to_string(options.window),
+            "--frame-bytes",   std::to_string(options.frameBytes),
+            "--soak-pumps",    std::to_string(options.soakPumps),
+            "--soak-seconds",  std::to_string(options.soakSeconds),
+            "--soak-apps",     std::to_string(options.soakApps),
+            "--soak-rate",     std::to_string(options.soakRate),
+            "--soak-stall-at", std::to_string(options.soakStallAt),
+            "--soak-dir",      options.soakDir.empty() ? "-" : options.soakDir};
 }
 
 } // namespace UlmarCommsBench

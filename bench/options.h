@@ -23,10 +23,19 @@ struct Options {
     unsigned window = 64; // pipelined requests outstanding
     unsigned runs = 1; // repetitions; figures are medians
     unsigned frameBytes = 0; // relay message size (internal)
-    unsigned soakApps = 0; // memory test: application processes
-    unsigned soakPumps = 10; // memory test: pumps per application
-    unsigned soakSeconds = 60; // memory test: duration
-    unsigned soakIndex = 0; // memory test: this application (internal)
+    unsigned soakApps = 0; // soak: application processes (0: no soak)
+    unsigned soakPumps = 10; // soak: pumps per application
+    unsigned soakSeconds = 60; // soak: duration once every application is reachable
+    unsigned soakRate = 1200; // soak: requests a second, all applications together
+    unsigned soakSettleMs = 1000; // soak: margin on both sides of a fault window
+    unsigned soakDaemonEvery = 20; // soak: seconds between daemon restarts (0: none)
+    unsigned soakSigkillEvery = 2; // soak: every Nth daemon stop is SIGKILL (0: never)
+    unsigned soakKillEvery = 15; // soak: seconds between application kills (0: none)
+    unsigned soakKillCount = 3; // soak: applications killed each time
+    unsigned soakStallAt = 5; // soak: second the stalled consumer appears (0: none)
+    unsigned soakIndex = 0; // soak: this application (internal)
+    unsigned soakGeneration = 0; // soak: this application's restarts (internal)
+    std::string soakDir; // soak: where applications write their records (internal)
     bool json = false; // print the figures as one JSON object
     bool skipRelay = false; // skip the relay measurements
 };

@@ -100,25 +100,10 @@ std::string findDaemon(const Options& options)
     return "ulmarcommsd";
 }
 
-// Whether something accepts on the daemon's local link: the library's
-// abstract name for a pipe, NUL-padded to the full address size.
-bool daemonAnswers(const std::string& pipe)
-{
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "__%s.sock", pipe.c_str());
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    ::close(fd);
-    return ok;
-}
-
 } // namespace
 
-Child spawn(const std::string& program, const std::vector<std::string>& arguments, bool captureOutput)
+Child spawn(const std::string& program, const std::vector<std::string>& arguments, bool captureOutput,
+            const std::string& errorLog)
 {
     Child child;
     int pipeFds[2] = {-1, -1};
@@ -132,6 +117,11 @@ Child spawn(const std::string& program, const std::vector<std::string>& argument
     const pid_t pid = ::fork();
     if (pid == 0) {
         redirectStreams(captureOutput, pipeFds[1]);
+        if (!errorLog.empty()) {
+            const int log = ::open(errorLog.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            if (log >= 0)
+                ::dup2(log, STDERR_FILENO);
+        }
         if (program.find('/') != std::string::npos)
             ::execv(program.c_str(), argv.data());
         else
@@ -177,6 +167,27 @@ bool awaitLine(Child& child, const std::string& line, std::chrono::seconds limit
     return true;
 }
 
+socklen_t localLinkAddress(const std::string& pipe, sockaddr_un& address)
+{
+    // The library's abstract name for a pipe, NUL-padded to the full size.
+    std::memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "__%s.sock", pipe.c_str());
+    return sizeof(address);
+}
+
+bool daemonAnswers(const std::string& pipe)
+{
+    sockaddr_un address;
+    const socklen_t size = localLinkAddress(pipe, address);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0;
+    ::close(fd);
+    return ok;
+}
+
 std::string selfPath()
 {
     char path[PATH_MAX];
@@ -197,12 +208,38 @@ bool Daemon::start(Options& options)
         return true;
     }
     options.pipe = "ulmarbench" + options.tag;
+    return launch(options, options.pipe);
+}
+
+bool Daemon::launch(const Options& options, const std::string& pipe, const std::string& errorLog)
+{
     const std::string program = findDaemon(options);
-    child = spawn(program, {"--set", pipeSetting(options.pipe)}, false);
+    child = spawn(program, {"--set", pipeSetting(pipe)}, false, errorLog);
     if (child.pid < 0)
         return false;
     ours = true;
-    return awaitListening(program, options.pipe);
+    return awaitListening(program, pipe);
+}
+
+bool Daemon::stopWith(int signal)
+{
+    if (!ours)
+        return false;
+    ::kill(child.pid, signal);
+    finish(child, std::chrono::seconds(10));
+    ours = false;
+    return true;
+}
+
+bool Daemon::ended()
+{
+    if (!ours)
+        return false;
+    int status = 0;
+    if (::waitpid(child.pid, &status, WNOHANG) != child.pid)
+        return false;
+    ours = false;
+    return true;
 }
 
 bool Daemon::awaitListening(const std::string& program, const std::string& pipe)
@@ -236,9 +273,12 @@ void Daemon::stop()
 
 long Daemon::residentKiB() const
 {
-    if (!ours)
-        return 0;
-    FILE* status = std::fopen(("/proc/" + std::to_string(child.pid) + "/status").c_str(), "r");
+    return ours ? residentKiBOf(child.pid) : 0;
+}
+
+long residentKiBOf(pid_t pid)
+{
+    FILE* status = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
     if (status == nullptr)
         return 0;
     char line[256];

@@ -11,7 +11,9 @@
 #include "options.h"
 
 #include <string>
+#include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/un.h>
 #include <vector>
 
 namespace UlmarCommsBench {
@@ -24,8 +26,10 @@ struct Child {
 };
 
 // Starts program with arguments; with captureOutput its stdout is piped to
-// us, otherwise discarded (stderr always reaches the user).
-Child spawn(const std::string& program, const std::vector<std::string>& arguments, bool captureOutput);
+// us, otherwise discarded; stderr reaches the user, or is appended to
+// errorLog when one is named.
+Child spawn(const std::string& program, const std::vector<std::string>& arguments, bool captureOutput,
+            const std::string& errorLog = "");
 
 // Reads a child's output until it ends and reaps it; its exit status, or -1
 // when it overran the deadline (then it is killed).
@@ -38,6 +42,15 @@ bool awaitLine(Child& child, const std::string& line, std::chrono::seconds limit
 // The path of this program, for running it again in another role.
 std::string selfPath();
 
+// The resident memory of process pid in KiB (VmRSS), 0 when unknown.
+long residentKiBOf(pid_t pid);
+
+// Whether something accepts on the local link of the daemon serving pipe.
+bool daemonAnswers(const std::string& pipe);
+
+// The local link's socket address for pipe (abstract, NUL-padded), and its size.
+socklen_t localLinkAddress(const std::string& pipe, sockaddr_un& address);
+
 // The ulmarcommsd a run uses: a private one it starts, or the one --pipe names.
 struct Daemon {
     Child child; // the private daemon
@@ -46,6 +59,14 @@ struct Daemon {
     // Checks the daemon on --pipe, or starts a private one and sets
     // options.pipe to its pipe; false (with a message) when neither works.
     bool start(Options& options);
+    // Starts a private daemon on pipe (its stderr to errorLog, if named)
+    // and waits until it listens; false (with a message) when it does not.
+    bool launch(const Options& options, const std::string& pipe, const std::string& errorLog = "");
+    // Sends signal to the private daemon and reaps it (SIGKILL after 10 s);
+    // false when it had already ended.
+    bool stopWith(int signal);
+    // Whether the private daemon has ended on its own (it is then reaped).
+    bool ended();
     // Stops the private daemon, if any.
     void stop();
     // The private daemon's resident memory in KiB, 0 when unknown.

@@ -1,238 +1,376 @@
-// The soak applications and the memory test's coordinator. Applications
-// send a request every 50 ms to a random pump of a random application (their
-// own included) and answer every request they get, so the daemon carries a
-// steady, modest load across many pumps and connections.
+// The soak's coordinator. It starts a daemon on a pipe name of its own, the
+// applications, the probe and (at --soak-stall-at) the stalled consumer,
+// then works through a timeline of faults, one at a time: a daemon stop
+// (SIGTERM, every --soak-sigkill-every-th time SIGKILL) and restart, or
+// --soak-kill-count applications killed with SIGKILL and started again as
+// a new generation. Each fault opens a window that closes once the probe
+// has reached every pump concerned plus --soak-settle-ms; the window also
+// reaches back that margin before the fault, since a message posted just
+// before it may still have sat in a queue that the fault destroyed.
+// A thread samples the daemon's VmRSS once a second throughout.
 #include "soak.h"
 
-#include "bus.h"
 #include "common.h"
 #include "process.h"
+#include "soakprobe.h"
+#include "soakrecords.h"
+#include "soakreport.h"
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <numeric>
 #include <random>
-#include <string>
 #include <thread>
-#include <ulmarcomms.h>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 namespace UlmarCommsBench {
 
 namespace {
 
-// One application of the memory test: its pumps answer every request, and
-// it sends requests to random pumps of other applications at a steady pace.
-struct SoakApp {
-    Options options; // this run's settings
-    std::vector<void*> pumps; // this application's pumps
-    PumpHandle answering; // the pump that answers, as the callbacks see it
-    std::atomic<uint64_t> replies{0}; // replies received
-    std::atomic<uint64_t> errors{0}; // error replies received
+// How long start-up and a recovery may take before the run fails.
+constexpr std::chrono::seconds kStartLimit{180};
+constexpr std::chrono::seconds kRecoveryLimit{60};
 
-    // Answers every request; runs on the router's worker thread.
-    static void onMessage(void* context, void* message, const char*, const char*)
-    {
-        SoakApp* self = static_cast<SoakApp*>(context);
-        void* pump = self->answering.get();
-        void* reply = UlmarCommsCreateReplyMessage(pump, message, "ok");
-        if (reply != nullptr)
-            UlmarCommsPostMessage(pump, reply);
-    }
-    // Counts a reply; runs on the router's worker thread.
-    static void onResponse(void* context, unsigned, void*) { static_cast<SoakApp*>(context)->replies.fetch_add(1); }
-    // Counts an error reply; runs on the router's worker thread.
-    static void onError(void* context, unsigned, int) { static_cast<SoakApp*>(context)->errors.fetch_add(1); }
-};
-
-// A memory sample: seconds since the start and the daemon's KiB.
-typedef std::pair<double, double> Sample;
-
-// The name of pump number pump of application number app.
-std::string soakPumpName(const Options& options, unsigned app, unsigned pump)
+// A line of progress on stderr, with the second of the soak it happened at.
+void note(int64_t startNs, const std::string& text)
 {
-    return "ulmarsoak" + options.tag + "/a" + std::to_string(app) + "/p" + std::to_string(pump);
+    const double at = startNs > 0 ? double(monotonicNs() - startNs) / 1e9 : 0;
+    std::fprintf(stderr, "soak %6.1f s: %s\n", at, text.c_str());
 }
 
-// Creates the application's pumps; false when one could not be created.
-bool createPumps(SoakApp& app, const Options& options)
-{
-    app.pumps.resize(options.soakPumps, nullptr);
-    for (unsigned i = 0; i < options.soakPumps; ++i) {
-        app.pumps[i] =
-            UlmarCommsCreateMessagePump(soakPumpName(options, options.soakIndex, i).c_str(), &app, &SoakApp::onMessage,
-                                        &SoakApp::onResponse, &SoakApp::onError, nullptr);
-        if (app.pumps[i] == nullptr)
-            return false;
-        if (i == 0)
-            app.answering.store(app.pumps[0]);
+// One planned fault: seconds after the start, and which.
+struct Fault {
+    enum Kind { DaemonRestart, AppKill, Stall } kind;
+    unsigned at;
+};
+
+// Samples the daemon's resident memory once a second on its own thread.
+class MemorySampler {
+public:
+    // Starts sampling; times are taken relative to origin.
+    void start(int64_t origin)
+    {
+        m_origin = origin;
+        m_thread = std::thread([this] { run(); });
     }
+    // Ends the thread and hands the samples over.
+    std::vector<MemorySample> finish()
+    {
+        m_done.store(true);
+        m_thread.join();
+        return m_samples;
+    }
+    // The daemon to sample from now on (0: none).
+    void follow(pid_t pid, unsigned instance)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_pid = pid;
+        m_instance = instance;
+    }
+
+private:
+    void run()
+    {
+        while (!m_done.load()) {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            std::lock_guard<std::mutex> guard(m_lock);
+            const long kib = m_pid > 0 ? residentKiBOf(m_pid) : 0;
+            if (kib > 0)
+                m_samples.push_back({double(monotonicNs() - m_origin) / 1e9, m_instance, kib});
+        }
+    }
+
+    std::thread m_thread;
+    std::atomic<bool> m_done{false};
+    std::mutex m_lock; // guards the fields below
+    pid_t m_pid = 0;
+    unsigned m_instance = 0;
+    int64_t m_origin = 0;
+    std::vector<MemorySample> m_samples;
+};
+
+// The coordinator's whole state.
+struct SoakRun {
+    Options options;
+    Daemon daemon;
+    SoakProbe probe;
+    StallPeer stall;
+    bool stalling = false; // the stalled consumer has appeared
+    MemorySampler memory;
+    std::vector<Child> apps;
+    std::vector<unsigned> generations;
+    std::vector<Window> windows;
+    SoakResult result;
+    std::mt19937 random{12345};
+    unsigned daemonInstance = 0;
+    int64_t startNs = 0; // every application reachable: the soak proper begins
+
+    int64_t settleNs() const { return int64_t(options.soakSettleMs) * 1000000; }
+
+    // Starts application app as its current generation; false when it did
+    // not say READY.
+    bool startApp(unsigned app)
+    {
+        Options one = options;
+        one.soakIndex = app;
+        std::vector<std::string> arguments = childArguments(one, "soak-app");
+        arguments.insert(arguments.end(),
+                         {"--soak-index", std::to_string(app), "--soak-generation", std::to_string(generations[app])});
+        apps[app] = spawn(selfPath(), arguments, true, options.soakDir + "/applications.log");
+        return apps[app].pid > 0 && awaitLine(apps[app], "READY", kStartLimit);
+    }
+
+    // Starts the daemon on the run's pipe; the stalled consumer comes back
+    // with it.
+    bool startDaemon()
+    {
+        if (!daemon.launch(options, options.pipe, options.soakDir + "/daemon.log"))
+            return false;
+        memory.follow(daemon.child.pid, ++daemonInstance);
+        if (stalling && !stall.connect(options.pipe, soakStallName(options)))
+            std::fprintf(stderr, "ulmarcomms-bench: the stalled consumer could not connect again\n");
+        return true;
+    }
+
+    // Every application's number.
+    std::vector<unsigned> everyApp() const
+    {
+        std::vector<unsigned> all(options.soakApps);
+        std::iota(all.begin(), all.end(), 0u);
+        return all;
+    }
+
+    // Restarts the daemon after stopping it with signal (0: it died on its
+    // own); false when the applications did not come back.
+    bool restartDaemon(int signal)
+    {
+        const int64_t faultNs = monotonicNs();
+        note(startNs,
+             signal == SIGKILL       ? "daemon stopped with SIGKILL"
+                 : signal == SIGTERM ? "daemon stopped with SIGTERM"
+                                     : "daemon ended on its own");
+        if (signal != 0)
+            daemon.stopWith(signal);
+        memory.follow(0, daemonInstance);
+        if (!startDaemon()) {
+            result.failures.push_back("the daemon could not be started again");
+            return false;
+        }
+        const int64_t upNs = monotonicNs();
+        const bool back = probe.awaitReachable(everyApp(), kRecoveryLimit);
+        const int64_t reachableNs = monotonicNs();
+        result.restarts.push_back({double(faultNs - startNs) / 1e9, signal, double(upNs - faultNs) / 1e6,
+                                   double(reachableNs - upNs) / 1e6, back});
+        windows.push_back({faultNs - settleNs(), reachableNs + settleNs(), -1});
+        note(startNs, back ? "every pump reachable again" : "NOT every pump reachable again");
+        if (!back)
+            result.failures.push_back("applications not reachable within 60 s of a daemon restart");
+        return back;
+    }
+
+    // Kills --soak-kill-count applications and starts them again.
+    bool killApps()
+    {
+        std::vector<unsigned> victims = everyApp();
+        std::shuffle(victims.begin(), victims.end(), random);
+        victims.resize(options.soakKillCount);
+        const int64_t faultNs = monotonicNs();
+        note(startNs, std::to_string(victims.size()) + " applications killed with SIGKILL");
+        bool started = true;
+        for (unsigned app : victims) {
+            ::kill(apps[app].pid, SIGKILL);
+            finish(apps[app], std::chrono::seconds(10));
+            ++generations[app];
+            started = startApp(app) && started;
+        }
+        const bool back = started && probe.awaitReachable(victims, kRecoveryLimit);
+        const int64_t reachableNs = monotonicNs();
+        for (unsigned app : victims)
+            windows.push_back({faultNs - settleNs(), reachableNs + settleNs(), int(app)});
+        result.kills.push_back({double(faultNs - startNs) / 1e9, victims, double(reachableNs - faultNs) / 1e6, back});
+        note(startNs, back ? "killed applications reachable again" : "killed applications NOT reachable again");
+        if (!back)
+            result.failures.push_back("killed applications not reachable again within 60 s");
+        return back;
+    }
+
+    // Sleeps until second at of the soak, restarting a daemon that died on
+    // its own meanwhile; false when that restart failed.
+    bool waitUntil(double at)
+    {
+        const int64_t until = startNs + int64_t(at * 1e9);
+        while (monotonicNs() < until) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (!daemon.ended())
+                continue;
+            ++result.daemonDeaths;
+            result.failures.push_back("the daemon ended on its own");
+            if (!restartDaemon(0))
+                return false;
+        }
+        return true;
+    }
+
+    // Carries out one fault; false when the bus did not recover.
+    bool carryOut(const Fault& fault)
+    {
+        switch (fault.kind) {
+        case Fault::DaemonRestart: {
+            const unsigned n = unsigned(result.restarts.size()) + 1;
+            const bool hard = options.soakSigkillEvery > 0 && n % options.soakSigkillEvery == 0;
+            return restartDaemon(hard ? SIGKILL : SIGTERM);
+        }
+        case Fault::AppKill: return killApps();
+        case Fault::Stall:
+            note(startNs, "the stalled consumer connects");
+            stalling = stall.connect(options.pipe, soakStallName(options));
+            result.stallAt = double(monotonicNs() - startNs) / 1e9;
+            if (!stalling)
+                result.failures.push_back("the stalled consumer could not connect");
+            return stalling;
+        }
+        return false;
+    }
+};
+
+// The faults of a run in time order; none in the last tenth (at least 5 s)
+// so that the last window has closed before the end.
+std::vector<Fault> planFaults(const Options& options)
+{
+    std::vector<Fault> faults;
+    const unsigned quiet = std::max(5u, options.soakSeconds / 10);
+    const unsigned last = options.soakSeconds > quiet ? options.soakSeconds - quiet : 0;
+    auto every = [&](unsigned interval, Fault::Kind kind) {
+        for (unsigned at = interval; interval > 0 && at < last; at += interval)
+            faults.push_back({kind, at});
+    };
+    every(options.soakDaemonEvery, Fault::DaemonRestart);
+    if (options.soakKillCount > 0)
+        every(options.soakKillEvery, Fault::AppKill);
+    if (options.soakStallAt > 0 && options.soakStallAt < options.soakSeconds)
+        faults.push_back({Fault::Stall, options.soakStallAt});
+    // An application kill due at the same second as a restart goes first.
+    std::stable_sort(faults.begin(), faults.end(), [](const Fault& a, const Fault& b) { return a.at < b.at; });
+    return faults;
+}
+
+// Starts everything and waits until every pump answers; false on failure.
+bool startUp(SoakRun& run)
+{
+    if (!run.startDaemon() || !run.probe.start(run.options)) {
+        run.result.failures.push_back("the daemon or the probe could not be started");
+        return false;
+    }
+    run.apps.resize(run.options.soakApps);
+    run.generations.assign(run.options.soakApps, 0);
+    for (unsigned app = 0; app < run.options.soakApps; ++app) {
+        if (!run.startApp(app)) {
+            run.result.failures.push_back("application " + std::to_string(app) + " did not start");
+            return false;
+        }
+    }
+    if (!run.probe.awaitReachable(run.everyApp(), kStartLimit)) {
+        run.result.failures.push_back("not every application was reachable after start-up");
+        return false;
+    }
+    run.startNs = monotonicNs();
+    note(run.startNs, "every pump reachable; the soak begins");
+    // Start-up is a window too: applications posted before all were known.
+    run.windows.push_back({0, run.startNs + run.settleNs(), -1});
     return true;
 }
 
-// Sends a request every 50 ms until the time is up; the number posted.
-uint64_t sendRequests(SoakApp& app, const Options& options)
+// Stops the applications (they drain, then end) and everything else.
+void shutDown(SoakRun& run)
 {
-    std::mt19937 random(options.soakIndex + 1);
-    const Clock::time_point end = Clock::now() + std::chrono::seconds(options.soakSeconds);
-    uint64_t sent = 0;
-    while (Clock::now() < end) {
-        const unsigned app2 = random() % std::max(options.soakApps, 1u);
-        const unsigned pump = random() % options.soakPumps;
-        void* message = UlmarCommsCreateMessage(app.pumps[sent % app.pumps.size()],
-                                                soakPumpName(options, app2, pump).c_str(), "soak.ping");
-        if (message != nullptr) {
-            UlmarCommsMessageAddKeyValue(message, "payload", std::string(options.valueSize, 's').c_str());
-            if (UlmarCommsPostMessage(app.pumps[sent % app.pumps.size()], message) == ULMARCOMMS_OK)
-                ++sent;
+    note(run.startNs, "stopping the applications");
+    for (Child& app : run.apps)
+        if (app.pid > 0)
+            ::kill(app.pid, SIGTERM);
+    for (unsigned app = 0; app < run.apps.size(); ++app) {
+        if (run.apps[app].pid <= 0)
+            continue;
+        Figures figures;
+        if (finish(run.apps[app], std::chrono::seconds(60)) != 0 || !parseResult(run.apps[app].collected, figures)) {
+            run.result.failures.push_back("application " + std::to_string(app) + " did not end cleanly");
+            continue;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        run.result.replies += figures["replies"];
+        run.result.errorReplies += figures["errors"];
     }
-    return sent;
+    run.stall.close();
+    run.probe.stop();
+    if (run.daemon.ended()) {
+        ++run.result.daemonDeaths;
+        run.result.failures.push_back("the daemon ended on its own");
+    }
+    run.daemon.stopWith(SIGTERM);
 }
 
-// The slope of a least-squares line through (seconds, KiB), in KiB per minute.
-double slopePerMinute(const std::vector<Sample>& points)
+// Removes the records directory and what is in it.
+void removeRecords(const std::string& dir, const std::vector<unsigned>& generations)
 {
-    if (points.size() < 2)
-        return 0;
-    double sx = 0, sy = 0, sxx = 0, sxy = 0;
-    for (const auto& [x, y] : points) {
-        sx += x;
-        sy += y;
-        sxx += x * x;
-        sxy += x * y;
+    for (unsigned app = 0; app < generations.size(); ++app) {
+        for (unsigned generation = 0; generation <= generations[app]; ++generation) {
+            ::unlink(sentPath(dir, app, generation).c_str());
+            ::unlink(receivedPath(dir, app, generation).c_str());
+        }
     }
-    const double n = double(points.size());
-    const double denominator = n * sxx - sx * sx;
-    return denominator == 0 ? 0 : 60.0 * (n * sxy - sx * sy) / denominator;
-}
-
-// Starts the applications and waits for each to be ready; false if one is not.
-bool startApps(const Options& options, std::vector<Child>& apps)
-{
-    const std::string self = selfPath();
-    bool ok = true;
-    for (unsigned i = 0; i < options.soakApps; ++i) {
-        Options one = options;
-        one.soakIndex = i;
-        std::vector<std::string> arguments = childArguments(one, "soak-app");
-        arguments.push_back("--soak-index");
-        arguments.push_back(std::to_string(i));
-        apps.push_back(spawn(self, arguments, true));
-        ok = ok && apps.back().pid > 0;
-    }
-    for (Child& app : apps)
-        ok = ok && awaitLine(app, "READY", std::chrono::seconds(120));
-    return ok;
-}
-
-// Samples the daemon's memory once a second for the test's duration; the peak.
-long sampleMemory(const Options& options, const Daemon& daemon, long peak, std::vector<Sample>& samples)
-{
-    const Clock::time_point start = Clock::now();
-    while (Clock::now() - start < std::chrono::seconds(options.soakSeconds)) {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        const long kib = daemon.residentKiB();
-        peak = std::max(peak, kib);
-        samples.emplace_back(secondsSince(start), double(kib));
-    }
-    return peak;
-}
-
-// Waits for the applications and sums their figures; false if one failed.
-bool collectTotals(std::vector<Child>& apps, Figures& totals)
-{
-    bool ok = true;
-    for (Child& app : apps) {
-        Figures one;
-        if (finish(app, std::chrono::seconds(60)) != 0 || !parseResult(app.collected, one))
-            ok = false;
-        for (const auto& [key, value] : one)
-            totals[key] += value;
-    }
-    return ok;
-}
-
-// The daemon's memory at each stage of the test.
-struct Memory {
-    long idle = 0; // before any application
-    long connected = 0; // every application ready
-    long peak = 0; // the largest sample
-    long end = 0; // after the applications ended
-    double slope = 0; // KiB per minute over the second half
-};
-
-// Prints the memory test's report, as JSON or text.
-void printSoakReport(const Options& options, const Memory& memory, Figures& totals)
-{
-    if (options.json) {
-        std::printf("{\"apps\": %u, \"pumps_per_app\": %u, \"seconds\": %u, \"daemon_rss_kib\": {\"idle\": %ld, "
-                    "\"connected\": %ld, \"peak\": %ld, \"end\": %ld, \"slope_second_half_kib_per_min\": %.1f}, "
-                    "\"sent\": %.0f, \"replies\": %.0f, \"errors\": %.0f}\n",
-                    options.soakApps, options.soakPumps, options.soakSeconds, memory.idle, memory.connected,
-                    memory.peak, memory.end, memory.slope, totals["sent"], totals["replies"], totals["errors"]);
-        return;
-    }
-    std::printf("memory test: %u applications x %u pumps for %u s\n", options.soakApps, options.soakPumps,
-                options.soakSeconds);
-    std::printf("daemon resident memory: idle %ld KiB, all connected %ld KiB, peak %ld KiB, end %ld KiB\n", memory.idle,
-                memory.connected, memory.peak, memory.end);
-    std::printf("slope over the second half: %.1f KiB/min\n", memory.slope);
-    std::printf("requests sent %.0f, replies %.0f, error replies %.0f\n", totals["sent"], totals["replies"],
-                totals["errors"]);
+    for (const char* log : {"/applications.log", "/daemon.log", "/coordinator.log"})
+        ::unlink((dir + log).c_str());
+    ::rmdir(dir.c_str());
 }
 
 } // namespace
 
-int runSoakApp(const Options& options)
-{
-    if (!startLibrary(options.pipe))
-        return 1;
-    SoakApp app;
-    app.options = options;
-    if (!createPumps(app, options))
-        return 1;
-    std::printf("READY\n");
-    std::fflush(stdout);
-    const uint64_t sent = sendRequests(app, options);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    for (void* pump : app.pumps)
-        UlmarCommsDestroyMessagePump(pump);
-    UlmarCommsShutdown();
-    printResult(
-        {{"sent", double(sent)}, {"replies", double(app.replies.load())}, {"errors", double(app.errors.load())}});
-    return 0;
-}
-
 int runSoak(Options options)
 {
-    if (options.tag.empty())
-        options.tag = std::to_string(getpid());
     if (!options.pipe.empty()) {
-        std::fprintf(stderr, "ulmarcomms-bench: the memory test starts its own daemon (no --pipe)\n");
+        std::fprintf(stderr, "ulmarcomms-bench: the soak starts and restarts its own daemon (no --pipe)\n");
         return 2;
     }
-    Daemon daemon;
-    if (!daemon.start(options))
+    if (options.tag.empty())
+        options.tag = std::to_string(getpid());
+    options.pipe = "ulmarsoak" + options.tag;
+    const char* tmp = std::getenv("TMPDIR");
+    std::string dir = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/ulmarsoak.XXXXXX";
+    if (::mkdtemp(dir.data()) == nullptr) {
+        std::fprintf(stderr, "ulmarcomms-bench: cannot create %s\n", dir.c_str());
         return 1;
-    Memory memory;
-    memory.idle = daemon.residentKiB();
-    std::vector<Child> apps;
-    bool ok = startApps(options, apps);
-    memory.connected = daemon.residentKiB();
-    std::vector<Sample> samples;
-    memory.peak = ok ? sampleMemory(options, daemon, memory.connected, samples) : memory.connected;
-    Figures totals;
-    ok = collectTotals(apps, totals) && ok;
-    memory.end = daemon.residentKiB();
-    daemon.stop();
-    const std::vector<Sample> secondHalf(samples.begin() + samples.size() / 2, samples.end());
-    memory.slope = slopePerMinute(secondHalf);
-    printSoakReport(options, memory, totals);
-    return ok ? 0 : 1;
+    }
+    options.soakDir = dir;
+    SoakRun run;
+    run.options = options;
+    const int64_t originNs = monotonicNs();
+    run.memory.start(originNs);
+    bool ok = startUp(run);
+    for (const Fault& fault : ok ? planFaults(options) : std::vector<Fault>()) {
+        ok = run.waitUntil(fault.at) && run.carryOut(fault);
+        if (!ok)
+            break;
+    }
+    ok = ok && run.waitUntil(options.soakSeconds);
+    const int64_t endNs = monotonicNs();
+    shutDown(run);
+    run.result.samples = run.memory.finish();
+    // Sample times count from the start of the soak proper (start-up is negative).
+    for (MemorySample& sample : run.result.samples)
+        sample.at -= run.startNs > 0 ? double(run.startNs - originNs) / 1e9 : 0;
+    run.result.tally = tallyRecords(dir, run.generations, run.windows);
+    run.result.seconds = double(endNs - run.startNs) / 1e9;
+    run.result.windows = run.windows.size();
+    printSoakReport(options, run.result);
+    if (!soakPassed(run.result)) {
+        std::fprintf(stderr, "soak: records and logs kept in %s\n", dir.c_str());
+        return 1;
+    }
+    removeRecords(dir, run.generations);
+    return 0;
 }
 
 } // namespace UlmarCommsBench
