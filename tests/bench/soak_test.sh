@@ -47,9 +47,12 @@ if posted < rate * seconds / 2:
 if outside["sent"] < posted / 3:
     failures.append(f"most requests fell inside fault windows: {outside['sent']} of {posted} outside")
 restarts = report["daemon_restarts"]
-if len(restarts) < (seconds - 1) // daemon_every - 1 or not all(r["recovered"] for r in restarts):
+if daemon_every == 0:
+    if restarts:
+        failures.append(f"daemon restarts that were not asked for: {restarts}")
+elif len(restarts) < (seconds - 1) // daemon_every - 1 or not all(r["recovered"] for r in restarts):
     failures.append(f"daemon restarts: {restarts}")
-if {r["signal"] for r in restarts} != {"SIGTERM", "SIGKILL"}:
+elif {r["signal"] for r in restarts} != {"SIGTERM", "SIGKILL"}:
     failures.append(f"the daemon was not stopped both ways: {restarts}")
 kills = report["app_kills"]
 if not kills or len(kills) < (seconds - 1) // kill_every - 1 or not all(k["recovered"] for k in kills):
