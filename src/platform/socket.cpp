@@ -512,10 +512,8 @@ void* Socket::getUserData() const
     return m_pUserData;
 }
 
-void Socket::clear()
+void Socket::forgetCallbacksLocked()
 {
-    setParent(nullptr);
-    MutexLocker locker(m_platform->lock);
     m_errorCallback = nullptr;
     m_pErrorUser = nullptr;
     m_streamSent = nullptr;
@@ -526,6 +524,13 @@ void Socket::clear()
     m_connected = nullptr;
     m_disconnected = nullptr;
     m_pConnectionUser = nullptr;
+}
+
+void Socket::clear()
+{
+    setParent(nullptr);
+    MutexLocker locker(m_platform->lock);
+    forgetCallbacksLocked();
     m_pUserData = nullptr;
 }
 

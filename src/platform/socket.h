@@ -412,6 +412,8 @@ private:
     // Unregisters, unlinks, closes and forgets the callbacks (release());
     // false when already released.
     bool retire();
+    // Forgets every callback and its user pointer; the record lock is held.
+    void forgetCallbacksLocked();
     // Deletes a released socket (the reaper's destroy).
     static void destroy(void* socket);
     // Takes the pending stream read off the selector (locked); the descriptor or -1.

@@ -140,16 +140,7 @@ bool Socket::retire()
     // callback already running that asks for it.
     close();
     MutexLocker locker(record->lock);
-    m_errorCallback = nullptr;
-    m_pErrorUser = nullptr;
-    m_streamSent = nullptr;
-    m_streamReceived = nullptr;
-    m_datagramSent = nullptr;
-    m_datagramReceived = nullptr;
-    m_pTransferUser = nullptr;
-    m_connected = nullptr;
-    m_disconnected = nullptr;
-    m_pConnectionUser = nullptr;
+    forgetCallbacksLocked();
     return true;
 }
 
