@@ -263,20 +263,23 @@ const std::string& Core::getString(const std::string& key) const
 
 const std::string& Core::getHostName()
 {
-    if (!m_hostName.empty())
+    if (m_hostNameReady.load(std::memory_order_acquire))
         return m_hostName;
-    char buffer[256];
-    std::memset(buffer, 0, sizeof(buffer));
-    if (gethostname(buffer, 255) != 0)
-        m_hostName = "unknownhost";
-    else
-        m_hostName = buffer;
+    std::lock_guard<std::mutex> locker(m_hostNameLock);
+    if (m_hostName.empty()) {
+        char buffer[256];
+        std::memset(buffer, 0, sizeof(buffer));
+        m_hostName = gethostname(buffer, 255) != 0 ? "unknownhost" : buffer;
+    }
+    m_hostNameReady.store(true, std::memory_order_release);
     return m_hostName;
 }
 
 void Core::setHostName(const std::string& name)
 {
+    std::lock_guard<std::mutex> locker(m_hostNameLock);
     m_hostName = name;
+    m_hostNameReady.store(!name.empty(), std::memory_order_release);
 }
 
 int Core::setLogger(Logger logger)

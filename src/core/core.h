@@ -69,7 +69,8 @@ public:
 
     // This machine's host name, asked of the system once and cached.
     const std::string& getHostName();
-    // Replaces the cached host name.
+    // Replaces the cached host name (empty: ask the system again). Call it
+    // before other threads run: readers keep the text by reference.
     void setHostName(const std::string& name);
 
     // Installs the application's logger; null switches logging off.
@@ -110,7 +111,11 @@ private:
     // Which lines reach the logger; used under the logging lock only.
     LogThrottle m_throttle;
     std::atomic<int> m_loggingLevel;
+    // Filled once, on first use, by whichever thread asks first: the
+    // service's main thread and its selector workers may ask at once.
     std::string m_hostName;
+    std::atomic<bool> m_hostNameReady{false};
+    std::mutex m_hostNameLock;
     std::map<std::string, std::string> m_strings;
     std::map<std::string, int> m_numbers;
 };
