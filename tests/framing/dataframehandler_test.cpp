@@ -311,6 +311,16 @@ RecorderPtr connectRecorder(const SocketAddress& address, unsigned inbound = 0, 
     return client;
 }
 
+// Connects a plain peer to server and gives the link the server made for it
+// (null if none came).
+Recorder* linkRawPeer(RecordingServer& server, RawPeer& peer)
+{
+    const size_t before = server.handlers().size();
+    if (!peer.connectTo(server.boundAddress()) || !server.waitForClients(before + 1))
+        return nullptr;
+    return server.handler(before);
+}
+
 class FrameLinkTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(Socket::init(3)); }
@@ -398,9 +408,8 @@ TEST_F(FrameLinkTest, SlowReaderGetsEveryByteThroughPartialSends)
 {
     auto server = unixServer(0, 1u << 20);
     RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
+    Recorder* accepted = linkRawPeer(*server, peer);
+    ASSERT_NE(accepted, nullptr);
 
     const MessageRef big = makeMessage("big", 4u << 20);
     const Bytes expected = messageFrame(1, big.get()) + commandFrame(2, 5, "after");
@@ -426,9 +435,8 @@ TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
 {
     auto server = unixServer();
     RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
+    Recorder* accepted = linkRawPeer(*server, peer);
+    ASSERT_NE(accepted, nullptr);
 
     accepted->holdOutbound();
     Bytes commands;
@@ -467,9 +475,8 @@ TEST_F(FrameLinkTest, UnderBackPressureACommandLeavesBeforeTheMessagesNotYetWrit
     Bytes untaken;
     auto server = unixServer(0, 1u << 20);
     RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
+    Recorder* accepted = linkRawPeer(*server, peer);
+    ASSERT_NE(accepted, nullptr);
 
     const unsigned total = 3000;
     const Bytes command = commandFrame(total + 1, 7, "urgent");
@@ -526,9 +533,8 @@ TEST_F(FrameLinkTest, FramesHandedToAGoneSocketAreDroppedAndTheOthersWait)
     LogCapture log(UlmarComms::Core::LogWarning);
     auto server = unixServer(0, 1u << 20);
     RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
+    Recorder* accepted = linkRawPeer(*server, peer);
+    ASSERT_NE(accepted, nullptr);
 
     // The peer reads nothing, so the send posted at the batch's end stays
     // outstanding.
@@ -553,16 +559,13 @@ TEST_F(FrameLinkTest, ABlocksMessagesForOtherLinksLeaveWhenTheBlockEnds)
 {
     auto server = unixServer();
     RawPeer source, sink, gone;
-    size_t linked = 0;
-    for (RawPeer* peer : {&source, &sink, &gone}) {
-        ASSERT_TRUE(peer->connectTo(server->address()));
-        ASSERT_TRUE(server->waitForClients(++linked));
-    }
-    Recorder* to = server->handler(1);
-    Recorder* doomed = server->handler(2);
+    Recorder* from = linkRawPeer(*server, source);
+    Recorder* to = linkRawPeer(*server, sink);
+    Recorder* doomed = linkRawPeer(*server, gone);
+    ASSERT_TRUE(from && to && doomed);
     std::mutex mutex;
     std::vector<unsigned> waiting; // the sink link's queue after each step
-    server->handler(0)->onMessage = [&](MessageItem* message, const std::string& tag) {
+    from->onMessage = [&](MessageItem* message, const std::string& tag) {
         std::lock_guard<std::mutex> lock(mutex);
         if (tag == "doomed") {
             EXPECT_TRUE(doomed->addToOutbound(message));
@@ -624,41 +627,31 @@ TEST_F(FrameLinkTest, FramesQueuedBeforeTheLinkLeaveOnceReleasedCommandsFirst)
 
 // A frame whose payload does not parse, or whose type is unknown, costs that
 // frame: its header says where it ends, so the frame after it is delivered.
-TEST_F(FrameLinkTest, FramesThatCannotBeDecodedAreDroppedAndTheLinkGoesOn)
+// An exception from the subclass's handler likewise costs only its frame.
+TEST_F(FrameLinkTest, FramesThatCannotBeDecodedOrThrowAreDroppedAndTheLinkGoesOn)
 {
     LogCapture log(UlmarComms::Core::LogWarning);
     auto server = unixServer();
     RawPeer peer;
-    ASSERT_TRUE(peer.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
+    Recorder* accepted = linkRawPeer(*server, peer);
+    ASSERT_NE(accepted, nullptr);
 
     const MessageRef after = makeMessage("after", 5);
+    const MessageRef last = makeMessage("last", 6);
     const Bytes textPastRecord{1, 0, 0, 0, 100, 'a', 'b', 'c', 'd', 0};
+    accepted->throwOnNextMessage = true;
     ASSERT_TRUE(peer.sendAll(rawFrame(7, 3, 1, {1, 2, 3}) + rawFrame(9, 0, 2, {}) +
                              rawFrame(DataFrame::FrameTypeMessage, 6, 3, {0xA4, 9, 9, 9, 9, 9}) +
                              rawFrame(DataFrame::FrameTypeCommand, 10, 4, textPastRecord) + commandFrame(5, 3, "kept") +
-                             messageFrame(6, after.get())));
-    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 1; }, kDeadline));
-    EXPECT_EQ(accepted->events(), (std::vector<std::string>{"command:kept", "message:after"}));
+                             messageFrame(6, after.get()) + messageFrame(7, last.get())));
+    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 2; }, kDeadline));
+    EXPECT_FALSE(accepted->throwOnNextMessage) << "the first message threw";
+    EXPECT_EQ(accepted->events(), (std::vector<std::string>{"command:kept", "message:after", "message:last"}));
     EXPECT_EQ(log.count("frame is Unknown!"), 2u);
     EXPECT_EQ(log.count("failed frame get.!"), 1u);
     EXPECT_EQ(log.count("failed frame get for command.!"), 1u);
+    EXPECT_EQ(log.count("doHandleMessage threw; frame 6 dropped."), 1u);
     EXPECT_FALSE(accepted->isLinkEnding());
-    EXPECT_TRUE(accepted->errors().empty());
-}
-
-TEST_F(FrameLinkTest, AnExceptionFromTheSubclassCostsOneFrameNotTheLink)
-{
-    auto server = unixServer();
-    auto client = connectRecorder(server->address());
-    ASSERT_TRUE(server->waitForClients(1));
-    Recorder* accepted = server->handler(0);
-
-    accepted->throwOnNextMessage = true;
-    ASSERT_TRUE(queueMessage(*client, "first", 1));
-    ASSERT_TRUE(queueMessage(*client, "second", 2));
-    ASSERT_TRUE(waitUntil([&] { return accepted->messageCount() == 2; }, kDeadline));
     EXPECT_TRUE(accepted->errors().empty());
 }
 
@@ -673,9 +666,8 @@ TEST_F(FrameLinkTest, PeerCloseOrResetReachesTheListenerThenDisconnectThenError)
         SCOPED_TRACE(reset ? "reset over TCP" : "orderly close over UNIX");
         auto server = reset ? tcpServer() : unixServer();
         RawPeer peer;
-        ASSERT_TRUE(peer.connectTo(server->boundAddress()));
-        ASSERT_TRUE(server->waitForClients(1));
-        Recorder* accepted = server->handler(0);
+        Recorder* accepted = linkRawPeer(*server, peer);
+        ASSERT_NE(accepted, nullptr);
 
         if (reset) {
             ASSERT_TRUE(peer.sendAll(rawFrame(DataFrame::FrameTypeMessage, 100, 1, Bytes(50, 'x'))));
@@ -797,9 +789,8 @@ TEST_P(HostilePeerTest, EndsOnlyThatLink)
     auto bystander = connectRecorder(server->address());
     ASSERT_TRUE(server->waitForClients(1));
     RawPeer hostile;
-    ASSERT_TRUE(hostile.connectTo(server->address()));
-    ASSERT_TRUE(server->waitForClients(2));
-    Recorder* victim = server->handler(1);
+    Recorder* victim = linkRawPeer(*server, hostile);
+    ASSERT_NE(victim, nullptr);
 
     ASSERT_TRUE(hostile.sendAll(GetParam().bytes));
     if (GetParam().closeAfterwards)
