@@ -294,19 +294,6 @@ protected:
         return bound;
     }
 
-    // Two connected UNIX stream sockets (non-blocking unless asked), adopted by set().
-    void makePair(Socket*& first, Socket*& second, bool nonBlocking = true)
-    {
-        int fds[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        ASSERT_TRUE(!nonBlocking || SetNonBlocking(fds[0]));
-        ASSERT_TRUE(!nonBlocking || SetNonBlocking(fds[1]));
-        first = new SocketUNIX();
-        second = new SocketUNIX();
-        ASSERT_EQ(first->set(fds[0]), Socket::NoSocketError);
-        ASSERT_EQ(second->set(fds[1]), Socket::NoSocketError);
-    }
-
     // Gives end one side of a socketpair (receiving if asked), leaves a send
     // of a megabyte outstanding on it and then closes the other side.
     void stallWriter(Endpoint& end, bool receiving)
@@ -325,14 +312,19 @@ protected:
         close(fds[1]);
     }
 
-    // A socketpair whose two ends are owned by left and right.
+    // A socketpair (non-blocking unless asked) whose two ends are owned by
+    // left and right.
     void makeEndpoints(Endpoint& left, Endpoint& right, bool nonBlocking = true)
     {
-        Socket* a = nullptr;
-        Socket* b = nullptr;
-        makePair(a, b, nonBlocking);
-        left.attach(a);
-        right.attach(b);
+        int fds[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        Endpoint* ends[] = {&left, &right};
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_TRUE(!nonBlocking || SetNonBlocking(fds[i]));
+            Socket* socket = new SocketUNIX();
+            ASSERT_EQ(socket->set(fds[i]), Socket::NoSocketError);
+            ends[i]->attach(socket);
+        }
     }
 };
 
@@ -395,50 +387,39 @@ TEST(SocketErrors, SystemErrorsMapToSocketCodes)
     EXPECT_EQ(Socket::goodAPICall(-1), Socket::ConnectionRefused);
 }
 
-TEST(SocketErrors, NothingCanBeCreatedWithoutASelector)
-{
-    Socket::deinit();
-    SocketPtr socket(new SocketTCPIP());
-    EXPECT_EQ(socket->create(), Socket::SocketNotCreated);
-    EXPECT_EQ(socket->getHandle(), Socket::BadSocketValue);
-}
-
 TEST_F(SocketTest, OperationsBeforeCreateOrOnTheWrongKindOfSocketAreRefused)
 {
     unsigned char byte = 0;
     SocketAddress peer;
-    SocketPtr tcpSocket(new SocketTCPIP());
-    Socket& tcp = *tcpSocket;
-    EXPECT_EQ(tcp.recv(&byte, 1), Socket::SocketNotCreated);
-    EXPECT_EQ(tcp.send(&byte, 1), Socket::SocketNotCreated);
-    EXPECT_EQ(tcp.bind(loopback(0)), Socket::SocketNotCreated);
-    EXPECT_EQ(tcp.listen(nullptr, nullptr, nullptr), Socket::SocketNotCreated);
-    EXPECT_EQ(tcp.getRemoteAddress(peer), Socket::SocketNotCreated);
-    EXPECT_EQ(tcp.set(Socket::BadSocketValue), Socket::SocketNotCreated);
-    SocketPtr udpSocket(new SocketUDP());
-    Socket& udp = *udpSocket;
-    EXPECT_EQ(udp.recvFrom(&byte, 1), Socket::SocketNotCreated);
+    SocketPtr tcp(new SocketTCPIP());
+    EXPECT_EQ(tcp->recv(&byte, 1), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp->send(&byte, 1), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp->bind(loopback(0)), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp->listen(nullptr, nullptr, nullptr), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp->getRemoteAddress(peer), Socket::SocketNotCreated);
+    EXPECT_EQ(tcp->set(Socket::BadSocketValue), Socket::SocketNotCreated);
+    SocketPtr udp(new SocketUDP());
+    EXPECT_EQ(udp->recvFrom(&byte, 1), Socket::SocketNotCreated);
 
-    ASSERT_EQ(udp.create(), Socket::NoSocketError);
-    EXPECT_EQ(udp.recv(&byte, 1), Socket::InvalidFunctionOnSocketType);
-    EXPECT_EQ(udp.send(&byte, 1), Socket::InvalidFunctionOnSocketType);
-    ASSERT_EQ(tcp.create(), Socket::NoSocketError);
-    EXPECT_EQ(tcp.recvFrom(&byte, 1), Socket::InvalidFunctionOnSocketType);
-    EXPECT_EQ(tcp.sendTo(loopback(9), &byte, 1), Socket::InvalidFunctionOnSocketType);
+    ASSERT_EQ(udp->create(), Socket::NoSocketError);
+    EXPECT_EQ(udp->recv(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    EXPECT_EQ(udp->send(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    ASSERT_EQ(tcp->create(), Socket::NoSocketError);
+    EXPECT_EQ(tcp->recvFrom(&byte, 1), Socket::InvalidFunctionOnSocketType);
+    EXPECT_EQ(tcp->sendTo(loopback(9), &byte, 1), Socket::InvalidFunctionOnSocketType);
 
-    EXPECT_EQ(tcp.create(), Socket::SocketAlreadlyCreated);
-    EXPECT_EQ(tcp.close(), Socket::NoSocketError);
-    EXPECT_EQ(tcp.close(), Socket::SocketNotCreated);
-    EXPECT_EQ(udp.close(), Socket::NoSocketError);
+    EXPECT_EQ(tcp->create(), Socket::SocketAlreadlyCreated);
+    EXPECT_EQ(tcp->close(), Socket::NoSocketError);
+    EXPECT_EQ(tcp->close(), Socket::SocketNotCreated);
+    EXPECT_EQ(udp->close(), Socket::NoSocketError);
     EXPECT_EQ(Socket::createByAddressType(SocketAddress()), nullptr) << "no socket for an undefined address";
 }
 
 TEST_F(SocketTest, BindAndConnectFailuresCarryTheirCodes)
 {
-    SocketPtr tcpSocket(new SocketTCPIP());
-    Socket& tcp = *tcpSocket;
-    ASSERT_EQ(tcp.create(), Socket::NoSocketError);
-    EXPECT_EQ(tcp.bind(SocketAddress()), Socket::BadAddress);
+    SocketPtr tcp(new SocketTCPIP());
+    ASSERT_EQ(tcp->create(), Socket::NoSocketError);
+    EXPECT_EQ(tcp->bind(SocketAddress()), Socket::BadAddress);
 
     // A bound port without a listener refuses connections.
     const int holder = socket(AF_INET, SOCK_STREAM, 0);
@@ -449,7 +430,7 @@ TEST_F(SocketTest, BindAndConnectFailuresCarryTheirCodes)
     socklen_t length = sizeof(bound);
     ASSERT_EQ(getsockname(holder, reinterpret_cast<sockaddr*>(&bound), &length), 0);
     std::atomic<int> connected{0};
-    EXPECT_EQ(tcp.connect(loopback(ntohs(bound.sin_port)), &onConnected, nullptr, &connected),
+    EXPECT_EQ(tcp->connect(loopback(ntohs(bound.sin_port)), &onConnected, nullptr, &connected),
               Socket::ConnectionRefused);
     EXPECT_EQ(connected.load(), 0);
     close(holder);
@@ -457,10 +438,9 @@ TEST_F(SocketTest, BindAndConnectFailuresCarryTheirCodes)
     // A port with a listener cannot be bound again.
     Server server;
     const SocketAddress address = listenOnLoopback(server);
-    SocketPtr secondSocket(new SocketTCPIP());
-    Socket& second = *secondSocket;
-    ASSERT_EQ(second.create(), Socket::NoSocketError);
-    EXPECT_EQ(second.bind(address), Socket::AddressAlreadyUsed);
+    SocketPtr second(new SocketTCPIP());
+    ASSERT_EQ(second->create(), Socket::NoSocketError);
+    EXPECT_EQ(second->bind(address), Socket::AddressAlreadyUsed);
 }
 
 // ---------------------------------------------------------------------------
@@ -483,6 +463,10 @@ TEST_F(SocketTest, ATakenReadCompletesOnTheTakingThreadAndAReturnedOneOnTheSelec
         pollfd entry{fd, POLLIN, 0};
         return ::poll(&entry, 1, 10000) == 1;
     };
+    auto completeHere = [&] {
+        SocketHold hold(a);
+        a->completeTakenRead(hold);
+    };
     EXPECT_EQ(a->takeRead(), Socket::BadSocketValue) << "no read is pending yet";
     ASSERT_EQ(left.startReceiving(), Socket::NoSocketError);
 
@@ -491,10 +475,7 @@ TEST_F(SocketTest, ATakenReadCompletesOnTheTakingThreadAndAReturnedOneOnTheSelec
     EXPECT_EQ(a->takeRead(), handle) << "taking it again finds it taken";
     peerWrites("x");
     ASSERT_TRUE(waitReadable(handle));
-    {
-        SocketHold hold(a);
-        a->completeTakenRead(hold);
-    }
+    completeHere();
     EXPECT_EQ(left.read(&Endpoint::received), "x");
     EXPECT_EQ(left.read(&Endpoint::lastReceiver), std::this_thread::get_id());
 
@@ -519,10 +500,7 @@ TEST_F(SocketTest, ATakenReadCompletesOnTheTakingThreadAndAReturnedOneOnTheSelec
     ASSERT_NE(a->takeRead(), Socket::BadSocketValue);
     right.destroy();
     ASSERT_TRUE(waitReadable(handle));
-    {
-        SocketHold hold(a);
-        a->completeTakenRead(hold);
-    }
+    completeHere();
     EXPECT_EQ(left.read(&Endpoint::events), (std::vector<std::string>{"disconnected", "error"}));
     EXPECT_EQ(left.read(&Endpoint::errors), (std::vector<unsigned char>{Socket::NoSocketError}));
 }
@@ -610,30 +588,28 @@ TEST_F(SocketTest, DatagramsTravelOverLoopback)
         }
     } senderSide, receiverSide;
 
-    SocketPtr senderSocket(new SocketUDP());
-    SocketPtr receiverSocket(new SocketUDP());
-    Socket& sender = *senderSocket;
-    Socket& receiver = *receiverSocket;
-    ASSERT_EQ(sender.create(), Socket::NoSocketError);
-    ASSERT_EQ(receiver.create(), Socket::NoSocketError);
-    ASSERT_EQ(sender.bind(loopback(0)), Socket::NoSocketError);
-    ASSERT_EQ(receiver.bind(loopback(0)), Socket::NoSocketError);
-    EXPECT_EQ(sender.setBroadcastMode(true), Socket::NoSocketError);
+    SocketPtr sender(new SocketUDP());
+    SocketPtr receiver(new SocketUDP());
+    for (Socket* socket : {sender.get(), receiver.get()}) {
+        ASSERT_EQ(socket->create(), Socket::NoSocketError);
+        ASSERT_EQ(socket->bind(loopback(0)), Socket::NoSocketError);
+    }
+    EXPECT_EQ(sender->setBroadcastMode(true), Socket::NoSocketError);
     SocketAddress from, to;
-    ASSERT_EQ(sender.getLocalAddress(from), Socket::NoSocketError);
-    ASSERT_EQ(receiver.getLocalAddress(to), Socket::NoSocketError);
-    sender.setDatagramCallbacks(&Datagrams::onSent, &Datagrams::onReceived, &senderSide);
-    receiver.setDatagramCallbacks(&Datagrams::onSent, &Datagrams::onReceived, &receiverSide);
+    ASSERT_EQ(sender->getLocalAddress(from), Socket::NoSocketError);
+    ASSERT_EQ(receiver->getLocalAddress(to), Socket::NoSocketError);
+    sender->setDatagramCallbacks(&Datagrams::onSent, &Datagrams::onReceived, &senderSide);
+    receiver->setDatagramCallbacks(&Datagrams::onSent, &Datagrams::onReceived, &receiverSide);
     {
         std::lock_guard<std::mutex> guard(receiverSide.lock);
-        ASSERT_EQ(receiver.recvFrom(receiverSide.buffer, sizeof(receiverSide.buffer)), Socket::NoSocketError);
+        ASSERT_EQ(receiver->recvFrom(receiverSide.buffer, sizeof(receiverSide.buffer)), Socket::NoSocketError);
     }
 
     const std::vector<std::string> messages{"one", "two two", "three three three"};
     for (const std::string& text : messages) {
         std::vector<unsigned char> bytes(text.begin(), text.end());
         const size_t before = senderSide.sent.size();
-        ASSERT_EQ(sender.sendTo(to, bytes.data(), static_cast<unsigned>(bytes.size())), Socket::NoSocketError);
+        ASSERT_EQ(sender->sendTo(to, bytes.data(), static_cast<unsigned>(bytes.size())), Socket::NoSocketError);
         ASSERT_TRUE(waitUntil([&] {
             std::lock_guard<std::mutex> guard(senderSide.lock);
             return senderSide.sent.size() > before;
@@ -650,8 +626,8 @@ TEST_F(SocketTest, DatagramsTravelOverLoopback)
         EXPECT_EQ(senderSide.sent[i].first, messages[i].size());
         EXPECT_TRUE(senderSide.sent[i].second.match(to, true));
     }
-    sender.close();
-    receiver.close();
+    sender->close();
+    receiver->close();
     // The callbacks use the two recorders, which go before the sockets' release.
     SocketReaper::synchronize();
 }
@@ -989,6 +965,11 @@ TEST(SocketSelectorStart, InitStartsOnceAndDeinitJoins)
     Socket::deinit();
     EXPECT_EQ(Socket::getSelector(), nullptr);
     Socket::deinit(); // harmless twice
+    {
+        SocketPtr socket(new SocketTCPIP());
+        EXPECT_EQ(socket->create(), Socket::SocketNotCreated) << "nothing can be created without a selector";
+        EXPECT_EQ(socket->getHandle(), Socket::BadSocketValue);
+    }
 
     ASSERT_TRUE(Socket::init(3));
     EXPECT_EQ(Socket::getSelector()->workerCount(), 3u);
