@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -62,6 +63,7 @@ struct Service {
     // The service shut-down order: routers, system router, links, objects.
     ~Service()
     {
+        pumps.clear();
         local.finish();
         router.finish();
         router.remove(&local);
@@ -71,6 +73,13 @@ struct Service {
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
+    // A recording pump of the service's own, joined.
+    Endpoint& join(const char* name)
+    {
+        Endpoint& pump = pumps.emplace_back(local, name);
+        EXPECT_TRUE(pump.join());
+        return pump;
+    }
     std::string table()
     {
         std::ostringstream out;
@@ -106,6 +115,7 @@ struct Service {
     SystemRouter router;
     LocalSocketServerInterface* server;
     MessageRouter local;
+    std::deque<Endpoint> pumps;
 };
 
 // An application: its router on a proxy to the service.
@@ -115,9 +125,32 @@ struct Application {
         router.setSystemRouter(&proxy);
         EXPECT_TRUE(router.start());
     }
-    ~Application() { shutdown(); }
+    // The pumps leave before the router finishes, as they would in a program.
+    ~Application()
+    {
+        pumps.clear();
+        shutdown();
+    }
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
+
+    // A recording pump on this application's router, joined.
+    Endpoint& join(const char* name, const char* interfaces = nullptr)
+    {
+        Endpoint& pump = pumps.emplace_back(router, name, interfaces);
+        EXPECT_TRUE(pump.join());
+        return pump;
+    }
+    // Starts the link and waits until the service lists every pump joined so far.
+    bool connect(Service& service)
+    {
+        if (!proxy.start())
+            return false;
+        std::vector<std::string> addresses;
+        for (Endpoint& pump : pumps)
+            addresses.push_back(pump.address());
+        return service.waitForEntries(addresses);
+    }
 
     // The application shut-down order.
     void shutdown()
@@ -132,6 +165,7 @@ struct Application {
 
     SocketSystemRouterProxy proxy;
     MessageRouter router;
+    std::deque<Endpoint> pumps;
 
 private:
     bool m_down = false;
@@ -149,6 +183,14 @@ protected:
     SocketAddress address;
 };
 
+// Posts a one-way message from one pump to another and waits until the
+// receiver holds `total` messages.
+bool deliver(Endpoint& from, Endpoint& to, const char* method, size_t total)
+{
+    return from.pump.post(MessageRef(from.pump.createMessage(to.address().c_str(), method))) == 0 &&
+        to.waitForCount(total);
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -161,21 +203,17 @@ TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWaysOverUnixAndTcp)
     for (const SocketAddress& listenOn : {address, loopback}) {
         SCOPED_TRACE(listenOn.asString());
         Service service(listenOn);
-        Endpoint svc(service.local, "svc");
-        ASSERT_TRUE(svc.join());
+        Endpoint& svc = service.join("svc");
         svc.requestHook = [&](MessageItem* request, const char*, const char*) {
             svc.pump.post(MessageRef(svc.pump.createReplyMessage(request, "pong")));
         };
 
         Application app(service.boundAddress());
-        Endpoint first(app.router, "first");
-        Endpoint second(app.router, "second", "ifA,ifB");
-        ASSERT_TRUE(first.join());
-        ASSERT_TRUE(second.join());
-        ASSERT_TRUE(app.proxy.start());
+        Endpoint& first = app.join("first");
+        Endpoint& second = app.join("second", "ifA,ifB");
+        ASSERT_TRUE(app.connect(service)) << service.table();
         EXPECT_EQ(app.proxy.state(), SocketSystemRouterProxy::StateConnected);
-
-        ASSERT_TRUE(service.waitForEntries({svc.address(), first.address(), second.address()})) << service.table();
+        ASSERT_TRUE(service.waitForEntries({svc.address()})) << service.table();
         EXPECT_TRUE(service.hasEntry(second.address(), "ifA-ifB")) << service.table();
         ASSERT_EQ(service.server->links().size(), 1u);
 
@@ -191,9 +229,7 @@ TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWaysOverUnixAndTcp)
         EXPECT_EQ(first.received()[0].value(MessageItem::ArgumentKey_Response), "pong");
 
         // Service to application.
-        MessageItem* notice = svc.pump.createMessage(second.address().c_str(), "notice");
-        ASSERT_EQ(svc.pump.post(MessageRef(notice)), 0);
-        ASSERT_TRUE(second.waitForCount(1));
+        ASSERT_TRUE(deliver(svc, second, "notice", 1));
         EXPECT_EQ(second.received()[0].method, "notice");
 
         // A burst of one-way messages arrives whole.
@@ -210,14 +246,10 @@ TEST_F(LocalLinkTest, AfterTheServiceRestartsTheApplicationReconnectsAndAnnounce
 {
     auto service = std::make_unique<Service>(address);
     Application app(address);
-    Endpoint first(app.router, "first");
-    Endpoint second(app.router, "second", "ifX");
-    Endpoint third(app.router, "third");
-    ASSERT_TRUE(first.join());
-    ASSERT_TRUE(second.join());
-    ASSERT_TRUE(third.join());
-    ASSERT_TRUE(app.proxy.start());
-    ASSERT_TRUE(service->waitForEntries({first.address(), second.address(), third.address()}));
+    Endpoint& first = app.join("first");
+    Endpoint& second = app.join("second", "ifX");
+    Endpoint& third = app.join("third");
+    ASSERT_TRUE(app.connect(*service));
 
     service.reset();
     ASSERT_TRUE(waitUntil([&] { return app.proxy.state() == SocketSystemRouterProxy::StateDown; }, kDeadline));
@@ -232,10 +264,7 @@ TEST_F(LocalLinkTest, AfterTheServiceRestartsTheApplicationReconnectsAndAnnounce
     EXPECT_EQ(SocketTimeout::instance()->count(&SocketSystemRouterProxy::onDoReconnect, &app.proxy), 0u);
 
     // The restored link carries traffic again.
-    Endpoint svc(service->local, "svc");
-    ASSERT_TRUE(svc.join());
-    ASSERT_EQ(third.pump.post(MessageRef(third.pump.createMessage(svc.address().c_str(), "again"))), 0);
-    ASSERT_TRUE(svc.waitForCount(1));
+    EXPECT_TRUE(deliver(third, service->join("svc"), "again", 1));
 }
 
 // Each application gets a proxy of its own on the system router; when one
@@ -246,14 +275,10 @@ TEST_F(LocalLinkTest, AnApplicationThatGoesIsRemovedFromTheSystemRoutersTable)
     Service service(address);
     auto leaving = std::make_unique<Application>(address);
     Application staying(address);
-    auto gone = std::make_unique<Endpoint>(leaving->router, "leaving");
-    Endpoint kept(staying.router, "staying");
-    ASSERT_TRUE(gone->join());
-    ASSERT_TRUE(kept.join());
-    ASSERT_TRUE(leaving->proxy.start());
-    ASSERT_TRUE(staying.proxy.start());
-    const std::string goneAddress = gone->address();
-    ASSERT_TRUE(service.waitForEntries({goneAddress, kept.address()}));
+    const std::string goneAddress = leaving->join("leaving").address();
+    Endpoint& kept = staying.join("staying");
+    ASSERT_TRUE(leaving->connect(service));
+    ASSERT_TRUE(staying.connect(service));
     const std::vector<SocketMessageRouterProxy*> links = service.server->links();
     ASSERT_EQ(links.size(), 2u);
     EXPECT_NE(links[0], links[1]);
@@ -264,19 +289,14 @@ TEST_F(LocalLinkTest, AnApplicationThatGoesIsRemovedFromTheSystemRoutersTable)
     ASSERT_TRUE(waitUntil([&] { return service.server->links().size() == 1; }, kDeadline));
     ASSERT_TRUE(waitUntil([&] { return !service.hasEntry(goneAddress); }, kDeadline)) << service.table();
     EXPECT_TRUE(service.hasEntry(kept.address()));
-    gone.reset();
     leaving.reset();
 
     // The remaining link still carries traffic, both ways.
-    Endpoint svc(service.local, "svc");
-    ASSERT_TRUE(svc.join());
-    ASSERT_EQ(kept.pump.post(MessageRef(kept.pump.createMessage(svc.address().c_str(), "still here"))), 0);
-    ASSERT_TRUE(svc.waitForCount(1));
-    Endpoint late(staying.router, "late");
-    ASSERT_TRUE(late.join());
+    Endpoint& svc = service.join("svc");
+    ASSERT_TRUE(deliver(kept, svc, "still here", 1));
+    Endpoint& late = staying.join("late");
     ASSERT_TRUE(service.waitForEntries({late.address()}));
-    ASSERT_EQ(svc.pump.post(MessageRef(svc.pump.createMessage(late.address().c_str(), "for the late one"))), 0);
-    ASSERT_TRUE(late.waitForCount(1));
+    EXPECT_TRUE(deliver(svc, late, "for the late one", 1));
 }
 
 TEST_F(LocalLinkTest, CloseAllLinksUnregistersAndDeletesEveryProxy)
@@ -284,13 +304,10 @@ TEST_F(LocalLinkTest, CloseAllLinksUnregistersAndDeletesEveryProxy)
     Service service(address);
     Application one(address);
     Application two(address);
-    Endpoint a(one.router, "a");
-    Endpoint b(two.router, "b");
-    ASSERT_TRUE(a.join());
-    ASSERT_TRUE(b.join());
-    ASSERT_TRUE(one.proxy.start());
-    ASSERT_TRUE(two.proxy.start());
-    ASSERT_TRUE(service.waitForEntries({a.address(), b.address()}));
+    Endpoint& a = one.join("a");
+    Endpoint& b = two.join("b");
+    ASSERT_TRUE(one.connect(service));
+    ASSERT_TRUE(two.connect(service));
 
     // The service shut-down: the system router finishes (no more links are
     // accepted), then the accepted links close while the selector runs.
@@ -315,10 +332,8 @@ TEST_F(LocalLinkTest, ALinkThatOutlivesItsListenerClosesItsOwnSocket)
 {
     Service service(address);
     Application leaving(address);
-    Endpoint pump(leaving.router, "pump");
-    ASSERT_TRUE(pump.join());
-    ASSERT_TRUE(leaving.proxy.start());
-    ASSERT_TRUE(service.waitForEntries({pump.address()}));
+    leaving.join("pump");
+    ASSERT_TRUE(leaving.connect(service));
     const std::vector<SocketMessageRouterProxy*> links = service.server->links();
     ASSERT_EQ(links.size(), 1u);
 
@@ -331,9 +346,8 @@ TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
 {
     Service service(address);
     Application good(address);
-    Endpoint kept(good.router, "kept");
-    ASSERT_TRUE(kept.join());
-    ASSERT_TRUE(good.proxy.start());
+    Endpoint& kept = good.join("kept");
+    ASSERT_TRUE(good.connect(service));
 
     // A plain peer announces a pump the honest way, then sends a header
     // announcing far more than any frame may hold.
@@ -350,10 +364,7 @@ TEST_F(LocalLinkTest, AProcessThatBreaksTheFramingLosesItsLinkAndItsEntries)
 
     // The honest process is untouched.
     EXPECT_TRUE(service.hasEntry(kept.address()));
-    Endpoint svc(service.local, "svc");
-    ASSERT_TRUE(svc.join());
-    ASSERT_EQ(kept.pump.post(MessageRef(kept.pump.createMessage(svc.address().c_str(), "fine"))), 0);
-    ASSERT_TRUE(svc.waitForCount(1));
+    EXPECT_TRUE(deliver(kept, service.join("svc"), "fine", 1));
 }
 
 // A key of 300 bytes wraps its one-byte length when written, so the receiver
@@ -362,21 +373,16 @@ TEST_F(LocalLinkTest, AMessageWhoseKeyLengthWrapsIsDroppedAndTheLinkKeepsItsPump
 {
     LogCapture log(UlmarComms::Core::LogError);
     Service service(address);
-    Endpoint svc(service.local, "svc");
-    ASSERT_TRUE(svc.join());
+    Endpoint& svc = service.join("svc");
     Application app(address);
-    Endpoint first(app.router, "first");
-    Endpoint second(app.router, "second");
-    ASSERT_TRUE(first.join());
-    ASSERT_TRUE(second.join());
-    ASSERT_TRUE(app.proxy.start());
-    ASSERT_TRUE(service.waitForEntries({first.address(), second.address()}));
+    Endpoint& first = app.join("first");
+    Endpoint& second = app.join("second");
+    ASSERT_TRUE(app.connect(service));
 
     MessageItem* longKey = first.pump.createMessage(svc.address().c_str(), "long");
     ASSERT_TRUE(longKey->add(std::string(300, 'k').c_str(), "v"));
     ASSERT_EQ(first.pump.post(MessageRef(longKey)), 0);
-    ASSERT_EQ(first.pump.post(MessageRef(first.pump.createMessage(svc.address().c_str(), "next"))), 0);
-    ASSERT_TRUE(svc.waitForCount(1));
+    ASSERT_TRUE(deliver(first, svc, "next", 1));
     EXPECT_EQ(svc.received()[0].method, "next");
     EXPECT_EQ(log.count("failed frame get.!"), 1u);
 
@@ -384,8 +390,7 @@ TEST_F(LocalLinkTest, AMessageWhoseKeyLengthWrapsIsDroppedAndTheLinkKeepsItsPump
     EXPECT_EQ(service.server->links().size(), 1u);
     EXPECT_TRUE(service.hasEntry(first.address())) << service.table();
     EXPECT_TRUE(service.hasEntry(second.address())) << service.table();
-    ASSERT_EQ(second.pump.post(MessageRef(second.pump.createMessage(svc.address().c_str(), "still"))), 0);
-    ASSERT_TRUE(svc.waitForCount(2));
+    ASSERT_TRUE(deliver(second, svc, "still", 2));
     EXPECT_EQ(svc.count(), 2u);
 }
 
