@@ -105,8 +105,7 @@ protected:
     {
         for (Host& host : m_hosts) {
             if (host.server) {
-                host.server->closeInput();
-                EXPECT_EQ(host.server->wait(seconds(30)), 0) << "echo pump on " << host.name;
+                EXPECT_EQ(stopServer(host), 0) << "echo pump on " << host.name;
             }
             if (host.daemon) {
                 EXPECT_EQ(stopDaemon(host), 0) << "daemon on " << host.name;
@@ -120,8 +119,9 @@ protected:
             command({"/usr/sbin/ip", "netns", "del", m_bridge});
     }
 
-    // Builds count hosts named hostA, hostB ... with daemons and echo pumps;
-    // an empty text on success, else why the test cannot run here.
+    // Builds count hosts named hostA, hostB ... with daemons and echo pumps
+    // and waits until each knows all the others (listed in name order, then
+    // itself); an empty text on success, else why the test cannot run here.
     std::string prepare(int count)
     {
         if (geteuid() != 0)
@@ -164,6 +164,13 @@ protected:
         for (Host& host : m_hosts)
             if (!startDaemon(host) || !startServer(host))
                 return std::string();
+        for (const Host& host : m_hosts) {
+            std::string known;
+            for (const Host& other : m_hosts)
+                if (&other != &host)
+                    known += other.name + "\n";
+            EXPECT_TRUE(waitForAnswer(host, "KnownHosts", known + host.name)) << host.name << " missed a peer";
+        }
         return std::string();
     }
 
@@ -176,21 +183,30 @@ protected:
 
     bool startDaemon(Host& host, const std::vector<std::string>& extra = {})
     {
-        std::vector<std::string> argv = {m_daemonPath,
-                                         "--set",
-                                         "ulmar.networkrouter=1",
-                                         "--set",
-                                         "ulmar.networkrouter.discovery=1",
-                                         "--set",
-                                         "ulmar.networkrouter.discovery.timeout=1000",
-                                         "--set",
-                                         "ulmar.systemrouter.pipe.name=" + host.pipe};
+        std::vector<std::string> argv = {m_daemonPath};
+        for (const std::string& setting :
+             {std::string("ulmar.networkrouter=1"), std::string("ulmar.networkrouter.discovery=1"),
+              std::string("ulmar.networkrouter.discovery.timeout=1000"), "ulmar.systemrouter.pipe.name=" + host.pipe})
+            argv.insert(argv.end(), {"--set", setting});
         argv.insert(argv.end(), extra.begin(), extra.end());
         host.daemon = host.driven(argv);
         if (host.daemon->waitForOut("service running", seconds(20)))
             return true;
         ADD_FAILURE() << "daemon on " << host.name << " did not start: " << host.daemon->out();
         return false;
+    }
+
+    int stopServer(Host& host)
+    {
+        host.server->closeInput();
+        return host.server->wait(seconds(30));
+    }
+
+    // Restarts a host's daemon (with extra options) and then its echo pump.
+    bool restart(Host& host, const std::vector<std::string>& extra = {})
+    {
+        EXPECT_EQ(stopServer(host), 0) << "echo pump on " << host.name;
+        return stopDaemon(host) == 0 && startDaemon(host, extra) && startServer(host);
     }
 
     int stopDaemon(Host& host)
@@ -211,7 +227,7 @@ protected:
     }
 
     // Starts the test application on a host.
-    std::unique_ptr<ChildProcess> app(Host& host, const std::vector<std::string>& args)
+    std::unique_ptr<ChildProcess> app(const Host& host, const std::vector<std::string>& args)
     {
         std::vector<std::string> argv = {m_appPath};
         argv.insert(argv.end(), args.begin(), args.end());
@@ -220,7 +236,7 @@ protected:
 
     // Runs the test application on a host to its end: its output, and its
     // exit status in status.
-    std::string run(Host& host, const std::vector<std::string>& args, int* status = nullptr)
+    std::string run(const Host& host, const std::vector<std::string>& args, int* status = nullptr)
     {
         auto process = app(host, args);
         const int code = process->wait(seconds(120));
@@ -230,7 +246,7 @@ protected:
     }
 
     // One request from an application on host: its whole output.
-    std::string call(Host& host, const std::string& to, const std::string& method,
+    std::string call(const Host& host, const std::string& to, const std::string& method,
                      const std::vector<std::string>& pairs = {})
     {
         std::vector<std::string> args = {"call", host.pipe, to, method};
@@ -243,7 +259,7 @@ protected:
 
     // Asks host's system endpoint until the answer equals expected (or,
     // with contains, holds it).
-    bool waitForAnswer(Host& host, const std::string& method, const std::string& expected, bool contains = false)
+    bool waitForAnswer(const Host& host, const std::string& method, const std::string& expected, bool contains = false)
     {
         const auto deadline = Clock::now() + seconds(20);
         while (Clock::now() < deadline) {
@@ -310,10 +326,8 @@ TEST_F(MultiHost, TwoHostsDiscoverEachOtherAndRouteRequests)
     Host& a = m_hosts[0];
     Host& b = m_hosts[1];
 
-    // Discovery alone: known hosts (plus the host itself) and an entry that
+    // Discovery alone (prepare() waited for the known hosts): an entry that
     // still needs a connection.
-    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
-    ASSERT_TRUE(waitForAnswer(b, "KnownHosts", "hostA\nhostB"));
     EXPECT_EQ(call(a, "hostA@system", "NetworkRoutingTable"),
               "RESPONSE hostB,true,10.77.1.2:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n");
 
@@ -345,7 +359,6 @@ TEST_F(MultiHost, EventsRegisteredAcrossHostsArrive)
     PREPARE_HOSTS(2);
     Host& a = m_hosts[0];
     Host& b = m_hosts[1];
-    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
 
     auto listener = app(a, {"listen", a.pipe, "hostB@echo", "tick", "2"});
     std::string line;
@@ -362,16 +375,11 @@ TEST_F(MultiHost, RestartedPeerIsReachedAgainAndBothSidesPostAtOnce)
     PREPARE_HOSTS(2);
     Host& a = m_hosts[0];
     Host& b = m_hosts[1];
-    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
     ASSERT_EQ(call(a, "hostB@echo", "before"), "RESPONSE echo:before:hostB");
 
     // The peer's service goes away and comes back: the next post opens a new
     // link (the old one was dropped when the peer went).
-    b.server->closeInput();
-    EXPECT_EQ(b.server->wait(seconds(20)), 0);
-    ASSERT_EQ(stopDaemon(b), 0);
-    ASSERT_TRUE(startDaemon(b));
-    ASSERT_TRUE(startServer(b));
+    ASSERT_TRUE(restart(b));
     EXPECT_EQ(call(a, "hostB@echo", "after"), "RESPONSE echo:after:hostB");
 
     // Both hosts send to each other at the same moment.
@@ -389,9 +397,6 @@ TEST_F(MultiHost, ThreeHostsRouteBetweenAnyTwoAndAnswerEveryFanOutQuery)
     Host& a = m_hosts[0];
     Host& b = m_hosts[1];
     Host& c = m_hosts[2];
-    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostC\nhostA"));
-    ASSERT_TRUE(waitForAnswer(b, "KnownHosts", "hostA\nhostC\nhostB"));
-    ASSERT_TRUE(waitForAnswer(c, "KnownHosts", "hostA\nhostB\nhostC"));
     EXPECT_EQ(call(a, "hostC@echo", "one"), "RESPONSE echo:one:hostC");
     EXPECT_EQ(call(c, "hostB@echo", "two"), "RESPONSE echo:two:hostB");
     EXPECT_EQ(call(b, "hostA@echo", "three"), "RESPONSE echo:three:hostA");
@@ -411,7 +416,6 @@ TEST_F(MultiHost, AHostThatNeverAnswersHoldsUpNothingElse)
     PREPARE_HOSTS(2);
     Host& a = m_hosts[0];
     Host& b = m_hosts[1];
-    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
 
     // hostZ is announced at an address whose frames go nowhere: host A's
     // neighbour entry names a link address no port of the bridge has, so
@@ -447,7 +451,6 @@ TEST_F(MultiHost, LinksComeOnlyFromTrustedNetworksAndNamesStayWithTheirAddresses
     PREPARE_HOSTS(2);
     Host& a = m_hosts[0];
     Host& b = m_hosts[1];
-    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
 
     // Host B gets a second address in host A's subnet and one in 10.77.2.0/24,
     // which host A reaches on the same link but has no interface in.
@@ -471,11 +474,7 @@ TEST_F(MultiHost, LinksComeOnlyFromTrustedNetworksAndNamesStayWithTheirAddresses
     EXPECT_EQ(table.find("hostB,false," + inside), std::string::npos) << table;
 
     // --allow-network adds 10.77.2.0/24 to what host A trusts.
-    a.server->closeInput();
-    EXPECT_EQ(a.server->wait(seconds(20)), 0);
-    ASSERT_EQ(stopDaemon(a), 0);
-    ASSERT_TRUE(startDaemon(a, {"--allow-network", "10.77.2.0/24"}));
-    ASSERT_TRUE(startServer(a));
+    ASSERT_TRUE(restart(a, {"--allow-network", "10.77.2.0/24"}));
     EXPECT_EQ(run(b, {"hello", outside, a.address, port, "hostR"}), "ANSWERED hostA\n");
     EXPECT_EQ(run(b, {"hello", inside, a.address, port, "hostS"}), "ANSWERED hostA\n");
 }
@@ -485,7 +484,6 @@ TEST_F(MultiHost, SpoofedAnnouncementsChangeNothing)
     PREPARE_HOSTS(2);
     Host& a = m_hosts[0];
     Host& b = m_hosts[1];
-    ASSERT_TRUE(waitForAnswer(a, "KnownHosts", "hostB\nhostA"));
     const std::string before = call(a, "hostA@system", "NetworkRoutingTable");
 
     // Impossible addresses, this host's own name, and a known name from a
