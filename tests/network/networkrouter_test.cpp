@@ -115,8 +115,9 @@ TEST_F(NetworkRouterTable, AKnownNameMovesToANewAddressOnlyOnceTheOldOneHasGoneQ
     EXPECT_EQ(router.getRoutingTable(), moved);
 }
 
-TEST_F(NetworkRouterTable, TextsOfTheTableTheKnownHostsAndTheInterfaces)
+TEST_F(NetworkRouterTable, TextsOfTheTableAndInterfacesAndAStopThatEndsBothButKeepsTheNames)
 {
+    LogCapture log;
     // The routing table says which hosts still need a connection.
     router.infoAboutHost("zulu", ip4("10.77.1.2", "34001"), first);
     router.infoAboutHost("alpha", ip4("10.77.2.3", "34001"), second);
@@ -130,24 +131,18 @@ TEST_F(NetworkRouterTable, TextsOfTheTableTheKnownHostsAndTheInterfaces)
               "interface0=10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
               "interface1=10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
 
-    // Every name ever learnt, in name order, even after a stop.
+    // Every name ever learnt, in name order, even after a stop, which shuts
+    // down every interface and empties the table.
     EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
     EXPECT_EQ(router.getKnownHosts(true), "alpha\nzulu\n");
-    router.stop();
-    EXPECT_EQ(router.routingTableSize(), 0u);
-    EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
-    EXPECT_EQ(router.getHostInfo("whoever"), "host:whoever\n");
-}
-
-TEST_F(NetworkRouterTable, StopShutsDownEveryInterface)
-{
-    LogCapture log;
-    router.infoAboutHost("hostB", ip4("10.77.1.2", "34001"), first);
     router.stop();
     EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 0 of 2"));
     EXPECT_TRUE(log.contains("NetworkRouter::stop() Shuting down interface 1 of 2"));
     EXPECT_EQ(router.interfaceCount(), 0u);
+    EXPECT_EQ(router.routingTableSize(), 0u);
     EXPECT_EQ(router.getRoutingTable(), "");
+    EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
+    EXPECT_EQ(router.getHostInfo("whoever"), "host:whoever\n");
 }
 
 TEST_F(NetworkRouterTable, RoutingTableIsBounded)
@@ -227,21 +222,16 @@ TEST(NetworkRouterStart, FlagsAreReadInOrderSoOverridesWinOverMaster)
 {
     ScopedSetting on("ulmar.networkrouter", 1);
     ScopedSetting ip4Off("ulmar.networkrouter.ip4", 0);
-    {
-        ScopedSetting master("ulmar.networkrouter.isMaster", 1);
+    ScopedSetting master("ulmar.networkrouter.isMaster", 1);
+    // Stealth mode is read after the master flag and turns it off again.
+    for (const int stealth : {0, 1}) {
+        SCOPED_TRACE(stealth);
+        ScopedSetting stealthMode("ulmar.networkrouter.inStelthMode", stealth);
         NetworkRouter router;
         EXPECT_TRUE(router.start());
-        EXPECT_TRUE(router.isMaster());
-        EXPECT_FALSE(router.inStealthMode());
+        EXPECT_EQ(router.isMaster(), stealth == 0);
+        EXPECT_EQ(router.inStealthMode(), stealth == 1);
         EXPECT_EQ(router.interfaceCount(), 0u);
-    }
-    {
-        ScopedSetting master("ulmar.networkrouter.isMaster", 1);
-        ScopedSetting stealth("ulmar.networkrouter.inStelthMode", 1);
-        NetworkRouter router;
-        EXPECT_TRUE(router.start());
-        EXPECT_FALSE(router.isMaster());
-        EXPECT_TRUE(router.inStealthMode());
     }
 }
 
