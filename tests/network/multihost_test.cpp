@@ -323,8 +323,7 @@ protected:
 TEST_F(MultiHost, TwoHostsDiscoverEachOtherAndRouteRequests)
 {
     PREPARE_HOSTS(2);
-    Host& a = m_hosts[0];
-    Host& b = m_hosts[1];
+    Host &a = m_hosts[0], &b = m_hosts[1];
 
     // Discovery alone (prepare() waited for the known hosts): an entry that
     // still needs a connection.
@@ -357,8 +356,7 @@ TEST_F(MultiHost, TwoHostsDiscoverEachOtherAndRouteRequests)
 TEST_F(MultiHost, EventsRegisteredAcrossHostsArrive)
 {
     PREPARE_HOSTS(2);
-    Host& a = m_hosts[0];
-    Host& b = m_hosts[1];
+    Host &a = m_hosts[0], &b = m_hosts[1];
 
     auto listener = app(a, {"listen", a.pipe, "hostB@echo", "tick", "2"});
     std::string line;
@@ -373,8 +371,7 @@ TEST_F(MultiHost, EventsRegisteredAcrossHostsArrive)
 TEST_F(MultiHost, RestartedPeerIsReachedAgainAndBothSidesPostAtOnce)
 {
     PREPARE_HOSTS(2);
-    Host& a = m_hosts[0];
-    Host& b = m_hosts[1];
+    Host &a = m_hosts[0], &b = m_hosts[1];
     ASSERT_EQ(call(a, "hostB@echo", "before"), "RESPONSE echo:before:hostB");
 
     // The peer's service goes away and comes back: the next post opens a new
@@ -394,9 +391,7 @@ TEST_F(MultiHost, RestartedPeerIsReachedAgainAndBothSidesPostAtOnce)
 TEST_F(MultiHost, ThreeHostsRouteBetweenAnyTwoAndAnswerEveryFanOutQuery)
 {
     PREPARE_HOSTS(3);
-    Host& a = m_hosts[0];
-    Host& b = m_hosts[1];
-    Host& c = m_hosts[2];
+    Host &a = m_hosts[0], &b = m_hosts[1], &c = m_hosts[2];
     EXPECT_EQ(call(a, "hostC@echo", "one"), "RESPONSE echo:one:hostC");
     EXPECT_EQ(call(c, "hostB@echo", "two"), "RESPONSE echo:two:hostB");
     EXPECT_EQ(call(b, "hostA@echo", "three"), "RESPONSE echo:three:hostA");
@@ -414,8 +409,7 @@ TEST_F(MultiHost, ThreeHostsRouteBetweenAnyTwoAndAnswerEveryFanOutQuery)
 TEST_F(MultiHost, AHostThatNeverAnswersHoldsUpNothingElse)
 {
     PREPARE_HOSTS(2);
-    Host& a = m_hosts[0];
-    Host& b = m_hosts[1];
+    Host &a = m_hosts[0], &b = m_hosts[1];
 
     // hostZ is announced at an address whose frames go nowhere: host A's
     // neighbour entry names a link address no port of the bridge has, so
@@ -449,8 +443,7 @@ TEST_F(MultiHost, AHostThatNeverAnswersHoldsUpNothingElse)
 TEST_F(MultiHost, LinksComeOnlyFromTrustedNetworksAndNamesStayWithTheirAddresses)
 {
     PREPARE_HOSTS(2);
-    Host& a = m_hosts[0];
-    Host& b = m_hosts[1];
+    Host &a = m_hosts[0], &b = m_hosts[1];
 
     // Host B gets a second address in host A's subnet and one in 10.77.2.0/24,
     // which host A reaches on the same link but has no interface in.
@@ -482,8 +475,7 @@ TEST_F(MultiHost, LinksComeOnlyFromTrustedNetworksAndNamesStayWithTheirAddresses
 TEST_F(MultiHost, SpoofedAnnouncementsChangeNothing)
 {
     PREPARE_HOSTS(2);
-    Host& a = m_hosts[0];
-    Host& b = m_hosts[1];
+    Host &a = m_hosts[0], &b = m_hosts[1];
     const std::string before = call(a, "hostA@system", "NetworkRoutingTable");
 
     // Impossible addresses, this host's own name, and a known name from a
