@@ -51,6 +51,15 @@ namespace {
 
 const std::chrono::milliseconds kDeadline(10000);
 
+// A recording pump, kept in pumps and joined to router.
+Endpoint& joinPump(std::deque<Endpoint>& pumps, MessageRouter& router, const char* name,
+                   const char* interfaces = nullptr)
+{
+    Endpoint& pump = pumps.emplace_back(router, name, interfaces);
+    EXPECT_TRUE(pump.join());
+    return pump;
+}
+
 // The service: system router, its listener and a router for its own pumps.
 struct Service {
     explicit Service(const SocketAddress& address) : server(new LocalSocketServerInterface(&router, address))
@@ -73,13 +82,7 @@ struct Service {
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
-    // A recording pump of the service's own, joined.
-    Endpoint& join(const char* name)
-    {
-        Endpoint& pump = pumps.emplace_back(local, name);
-        EXPECT_TRUE(pump.join());
-        return pump;
-    }
+    Endpoint& join(const char* name) { return joinPump(pumps, local, name); }
     std::string table()
     {
         std::ostringstream out;
@@ -134,12 +137,9 @@ struct Application {
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
-    // A recording pump on this application's router, joined.
     Endpoint& join(const char* name, const char* interfaces = nullptr)
     {
-        Endpoint& pump = pumps.emplace_back(router, name, interfaces);
-        EXPECT_TRUE(pump.join());
-        return pump;
+        return joinPump(pumps, router, name, interfaces);
     }
     // Starts the link and waits until the service lists every pump joined so far.
     bool connect(Service& service)
