@@ -127,7 +127,9 @@ TEST(MessagePumpReplies, ReplyTakesSenderAndIdAndCopiesTheMode)
     MessageItem::release(anonymous);
 }
 
-TEST(MessagePumpPost, ResultCodesAndOwnership)
+// post() takes the message whatever its result; sendErrorMessage() leaves
+// the request with its caller.
+TEST(MessagePumpPost, ResultCodesAndOwnershipOfPostAndSendErrorMessage)
 {
     MessagePump orphan("orphan", nullptr);
     EXPECT_EQ(orphan.post(MessageRef(nullptr)), 4);
@@ -137,6 +139,15 @@ TEST(MessagePumpPost, ResultCodesAndOwnership)
     EXPECT_EQ(m->count(), 1) << "and released";
     MessageItem::release(m);
 
+    EXPECT_EQ(orphan.sendErrorMessage(7, nullptr), 4);
+    MessageItem* request = MessageItem::create();
+    request->add("_f", "asker");
+    EXPECT_EQ(orphan.sendErrorMessage(7, request), 5) << "no sender id";
+    request->add("_s", "3");
+    EXPECT_EQ(orphan.sendErrorMessage(7, request), 6) << "built, but the pump has no router";
+    EXPECT_EQ(request->count(), 1);
+    MessageItem::release(request);
+
     RunningRouter running;
     MessagePump pump("poster", &running.router);
     MessageItem* event = MessageItem::create();
@@ -145,19 +156,6 @@ TEST(MessagePumpPost, ResultCodesAndOwnership)
     EXPECT_EQ(pump.post(MessageRef(event)), 1003);
     EXPECT_EQ(event->count(), 1);
     MessageItem::release(event);
-}
-
-TEST(MessagePumpErrors, SendErrorMessageArgumentsAndTheRequestStaysTheCallers)
-{
-    MessagePump pump("err", nullptr);
-    EXPECT_EQ(pump.sendErrorMessage(7, nullptr), 4);
-    MessageItem* request = MessageItem::create();
-    request->add("_f", "asker");
-    EXPECT_EQ(pump.sendErrorMessage(7, request), 5) << "no sender id";
-    request->add("_s", "3");
-    EXPECT_EQ(pump.sendErrorMessage(7, request), 6) << "built, but the pump has no router";
-    EXPECT_EQ(request->count(), 1);
-    MessageItem::release(request);
 }
 
 class MessagePumpExchange : public ::testing::Test {
