@@ -1,11 +1,13 @@
 // The client end to end against a real daemon on a private pipe name:
 // every command in text and JSON, the exit statuses, time-outs, the "no
-// service" report, and clean exits on Ctrl-C.
+// service" report, clean exits on Ctrl-C, and what the long-running commands
+// do when the daemon restarts under them.
 #include "tools/bus.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <sstream>
 
 using namespace UlmarCommsToolsTest;
 
@@ -289,23 +291,96 @@ TEST_F(Ulmarcomms, SubscribeLeavesCleanlyOnCtrlCAndUnknownEventsAreRefused)
         << count.out;
 }
 
-TEST(UlmarcommsRestart, AListenerIsReachableAgainAfterTheDaemonRestarts)
+size_t occurrences(const std::string& text, const std::string& needle)
+{
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size()))
+        ++count;
+    return count;
+}
+
+bool waitForErr(ChildProcess& child, const std::string& needle)
+{
+    return child.waitFor([&] { return contains(child.err(), needle); }, std::chrono::seconds(30));
+}
+
+// The publisher's JSON lines from its first "link lost" to the first "link
+// restored" after it hold no "published" line, the sequence numbers count
+// only the others, and the closing summary agrees.
+void expectPublishedOnlyWhileLinked(const std::string& out)
+{
+    std::istringstream lines(out);
+    std::string line;
+    bool linked = true;
+    long sequence = 0;
+    bool summary = false;
+    while (std::getline(lines, line)) {
+        if (contains(line, "\"status\":\"link lost\""))
+            linked = false;
+        else if (contains(line, "\"status\":\"link restored\""))
+            linked = true;
+        else if (contains(line, "\"status\":\"published\"")) {
+            EXPECT_TRUE(linked) << "published without a link: " << line;
+            ++sequence;
+            EXPECT_TRUE(contains(line, "\"sequence\":" + std::to_string(sequence) + ",")) << line;
+        } else if (contains(line, "\"status\":\"done\"")) {
+            summary = true;
+            EXPECT_TRUE(contains(line, "\"published\":" + std::to_string(sequence) + ",")) << line;
+            EXPECT_FALSE(contains(line, "\"withoutLink\":0}")) << "ticks went on while the link was down: " << line;
+        }
+    }
+    EXPECT_TRUE(summary) << out;
+    EXPECT_GT(sequence, 0) << out;
+}
+
+// Across a restart of the daemon the long-running commands say when their
+// link drops and returns; the listener is reachable again with its
+// interfaces; the subscriber registers again with a publisher that was
+// itself restarted (and so forgot it); the publisher counts only what it
+// emitted while linked.
+TEST(UlmarcommsRestart, LongRunningCommandsFollowTheLinkAcrossADaemonRestart)
 {
     const std::string pipe = uniquePipeName();
     auto first = std::make_unique<Daemon>(pipe);
     ASSERT_TRUE(first->waitReady()) << first->process().transcript();
     ChildProcess listener(clientArgs(pipe, {"listen", "survivor", "--interfaces", "r.one", "--reply", "here"}));
     ASSERT_TRUE(listener.waitForOut("listening on")) << listener.transcript();
+    ChildProcess counter(clientArgs(pipe, {"--json", "publish", "counter", "beat", "--every", "100"}));
+    ASSERT_TRUE(counter.waitForOut("\"sequence\":2,")) << counter.transcript();
+    auto ticker = std::make_unique<ChildProcess>(clientArgs(pipe, {"publish", "ticker", "tick", "--every", "100"}));
+    ASSERT_TRUE(ticker->waitForOut("publishing tick on")) << ticker->transcript();
+    ChildProcess subscriber(clientArgs(pipe, {"subscribe", "ticker", "tick"}));
+    ASSERT_TRUE(subscriber.waitForOut("event tick from")) << subscriber.transcript();
     ASSERT_EQ(client(pipe, {"call", "survivor", "Before"}).status, 0);
 
+    // The ticker goes with the daemon, killed, so its registrations are lost.
+    ticker->signal(SIGKILL);
+    ticker->waitExit();
+    ticker.reset();
     first->process().signal(SIGTERM);
     ASSERT_EQ(first->process().waitExit(), 0) << first->process().transcript();
     first.reset();
+    EXPECT_TRUE(waitForErr(listener, "ulmarcomms: link lost\n")) << listener.transcript();
+    EXPECT_TRUE(counter.waitForOut("{\"command\":\"publish\",\"status\":\"link lost\"}\n")) << counter.transcript();
+    EXPECT_TRUE(waitForErr(counter, "ulmarcomms: link lost\n")) << counter.transcript();
+    ASSERT_TRUE(waitForErr(subscriber, "ulmarcomms: link lost\n")) << subscriber.transcript();
+    const size_t eventsBefore = occurrences(subscriber.out(), "event tick from");
+
     Daemon second(pipe);
     ASSERT_TRUE(second.waitReady()) << second.process().transcript();
+    ChildProcess newTicker(clientArgs(pipe, {"publish", "ticker", "tick", "--every", "100"}));
+    ASSERT_TRUE(newTicker.waitForOut("publishing tick on")) << newTicker.transcript();
 
-    // The listener's link retries every two seconds; once back, its pump is
-    // announced again, interfaces included.
+    // The links retry every two seconds; these waits carry deadlines.
+    EXPECT_TRUE(waitForErr(listener, "ulmarcomms: link restored\n")) << listener.transcript();
+    EXPECT_TRUE(counter.waitForOut("\"status\":\"link restored\"")) << counter.transcript();
+    EXPECT_TRUE(waitForErr(subscriber, "ulmarcomms: link restored\n")) << subscriber.transcript();
+    EXPECT_TRUE(subscriber.waitFor([&] { return occurrences(subscriber.out(), "event tick from") > eventsBefore; },
+                                   std::chrono::seconds(30)))
+        << subscriber.transcript() << newTicker.transcript();
+    EXPECT_EQ(occurrences(subscriber.out(), "subscribed to tick at ticker\n"), 2u) << subscriber.out();
+
+    // Once back, the listener's pump is announced again, interfaces included.
     RunResult after;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     do {
@@ -316,8 +391,12 @@ TEST(UlmarcommsRestart, AListenerIsReachableAgainAfterTheDaemonRestarts)
     RunResult who = client(pipe, {"who-supports", "r.one"});
     EXPECT_EQ(who.out, hostName() + "@survivor\n") << who.transcript();
 
-    listener.signal(SIGINT);
-    EXPECT_EQ(listener.waitExit(), 0) << listener.transcript();
+    for (ChildProcess* child : {&subscriber, &newTicker, &counter, &listener}) {
+        child->signal(SIGINT);
+        EXPECT_EQ(child->waitExit(), 0) << child->transcript();
+    }
+    expectPublishedOnlyWhileLinked(counter.out());
+    EXPECT_TRUE(contains(subscriber.out(), "unsubscribed from tick at ticker\n")) << subscriber.out();
 }
 
 TEST_F(Ulmarcomms, RefusedSettingsAreAUsageError)

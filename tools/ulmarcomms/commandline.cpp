@@ -148,7 +148,9 @@ const std::vector<CommandShape>& commandShapes()
          "Creates the pump NAME (with the comma-separated interface LIST) and prints\n"
          "each request it receives until Ctrl-C or N requests. --echo answers with\n"
          "the request's method as response text, --reply TEXT with TEXT; either one\n"
-         "copies the --key pairs of the request into the reply."},
+         "copies the --key pairs of the request into the reply. When the link to the\n"
+         "service drops and returns, \"link lost\" and \"link restored\" go to stderr\n"
+         "(with --json also {\"command\":\"listen\",\"status\":\"link lost\"} to stdout)."},
         {"subscribe",
          CommandKind::Subscribe,
          {"ADDRESS", "EVENT"},
@@ -158,7 +160,11 @@ const std::vector<CommandShape>& commandShapes()
          "register for an event and print each event message",
          "Registers for EVENT at ADDRESS (\"#reg\"), prints each event message until\n"
          "Ctrl-C or N messages, then unregisters. Exits 1 when the publisher refuses\n"
-         "the registration (it has no such event)."},
+         "the registration (it has no such event). Says \"link lost\" and \"link\n"
+         "restored\" on stderr as the link to the service drops and returns (with\n"
+         "--json also as {\"command\":\"subscribe\",\"status\":...} lines), and after\n"
+         "it returns registers again until the publisher accepts (printed again as\n"
+         "subscribed)."},
         {"publish",
          CommandKind::Publish,
          {"NAME", "EVENT"},
@@ -168,7 +174,11 @@ const std::vector<CommandShape>& commandShapes()
          "create a pump that owns EVENT and emit it",
          "Creates the pump NAME with the event EVENT and emits an event message with\n"
          "the given pairs to every registered listener, at once and then every MS\n"
-         "milliseconds (default 1000), until Ctrl-C or N messages."},
+         "milliseconds (default 1000), until Ctrl-C or N messages, then prints how\n"
+         "many it published. Says \"link lost\" and \"link restored\" on stderr as the\n"
+         "link to the service drops and returns (with --json also as JSON lines);\n"
+         "events emitted while the link is down are neither numbered nor counted\n"
+         "towards N, and the closing line gives their number apart."},
     };
     return shapes;
 }

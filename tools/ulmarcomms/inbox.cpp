@@ -36,6 +36,12 @@ size_t Inbox::size() const
     return m_items.size();
 }
 
+void Inbox::clear()
+{
+    std::lock_guard<std::mutex> locker(m_lock);
+    m_items.clear();
+}
+
 // Interrupts are looked at first, then the queue, then the clock: an item
 // that arrived together with the time-out is still taken.
 Inbox::Wait Inbox::waitFor(const std::function<bool(const Received&)>& match, std::optional<Clock::time_point> deadline,

@@ -47,6 +47,8 @@ public:
     Wait sleepUntil(Clock::time_point deadline, unsigned interruptBaseline);
     // The number of queued items.
     size_t size() const;
+    // Drops every queued item (answers that came after their wait ended).
+    void clear();
 
 private:
     mutable std::mutex m_lock;

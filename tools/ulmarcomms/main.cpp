@@ -12,6 +12,7 @@
 #include "common/probe.h"
 #include "ulmarcomms/commandline.h"
 #include "ulmarcomms/inbox.h"
+#include "ulmarcomms/linkwatch.h"
 #include "ulmarcomms/output.h"
 #include "ulmarcomms/session.h"
 #include "ulmarcomms/signalwatcher.h"
@@ -29,6 +30,9 @@ namespace {
 
 // How long a TCP probe waits for the connect to complete.
 const int kProbeTimeoutMs = 1000;
+// How long a subscriber waits between attempts to register again after its
+// link came back (the publisher's own link may return later than ours).
+const std::chrono::milliseconds kRegisterAgainEvery{500};
 // How long a failed run waits for the kept probe connection to show a
 // refusal; the service closes a refused connection as it accepts it, so by
 // the time a run fails that has long happened.
@@ -253,12 +257,22 @@ private:
         if (const int confirmed = syncWithService(inbox, false); confirmed != kExitOk)
             return confirmed;
         out(formatListening(m_invocation, pump.address()));
-        const auto isRequest = [](const Received& item) { return item.kind == Received::Kind::Request; };
+        LinkWatch watch(inbox);
+        if (!watch.start(clientPumpName("link")))
+            return pumpFailed(clientPumpName("link"));
+        const auto isRequest = [](const Received& item) {
+            return item.kind == Received::Kind::Request || item.kind == Received::Kind::Link;
+        };
         bool answered = false;
-        for (long received = 0; m_command.count == 0 || received < m_command.count; ++received) {
+        for (long received = 0; m_command.count == 0 || received < m_command.count;) {
             Received request;
             if (inbox.waitFor(isRequest, std::nullopt, 0, request) != Inbox::Wait::Got)
                 break;
+            if (request.kind == Received::Kind::Link) {
+                reportLink(request.linkUp);
+                continue;
+            }
+            ++received;
             answered = answered || request.answered;
             out(formatRequest(m_invocation, request));
         }
@@ -292,17 +306,74 @@ private:
                                " (it publishes no such event)",
                            0);
         out(formatSubscribed(m_invocation, pump.address()));
+        LinkWatch watch(inbox);
+        if (!watch.start(clientPumpName("link")))
+            return pumpFailed(clientPumpName("link"));
 
         const auto isEvent = [&returnMethod](const Received& item) {
-            return item.kind == Received::Kind::Request && item.method == returnMethod;
+            return (item.kind == Received::Kind::Request && item.method == returnMethod) ||
+                item.kind == Received::Kind::Link;
         };
-        for (long received = 0; m_command.count == 0 || received < m_command.count; ++received) {
+        // After the link returns the registration is sent again until the
+        // publisher accepts it: a service that restarted, or a publisher
+        // that did, no longer routes its events to us.
+        bool linked = true;
+        std::optional<Inbox::Clock::time_point> registerAgainAt;
+        for (long received = 0; m_command.count == 0 || received < m_command.count;) {
             Received event;
-            if (inbox.waitFor(isEvent, std::nullopt, 0, event) != Inbox::Wait::Got)
+            const Inbox::Wait waited = inbox.waitFor(isEvent, linked ? registerAgainAt : std::nullopt, 0, event);
+            if (waited == Inbox::Wait::Interrupted)
                 break;
+            if (waited == Inbox::Wait::TimedOut) {
+                const RegisterAgain again = registerAgain(pump, inbox, returnMethod);
+                if (again == RegisterAgain::Interrupted)
+                    break;
+                registerAgainAt = again == RegisterAgain::Accepted
+                    ? std::nullopt
+                    : std::optional(Inbox::Clock::now() + kRegisterAgainEvery);
+                continue;
+            }
+            if (event.kind == Received::Kind::Link) {
+                reportLink(event.linkUp);
+                linked = event.linkUp;
+                if (linked)
+                    registerAgainAt = Inbox::Clock::now();
+                continue;
+            }
+            ++received;
             out(formatEvent(m_invocation, event));
         }
         return unsubscribe(pump, inbox, returnMethod);
+    }
+
+    enum class RegisterAgain { Accepted, NotYet, Interrupted };
+
+    // One attempt; a refusal is said once per return of the link, the
+    // attempts go on quietly.
+    RegisterAgain registerAgain(ClientPump& pump, Inbox& inbox, const std::string& returnMethod)
+    {
+        const Exchange result =
+            exchange(pump, inbox, registration(pump, returnMethod, true), m_invocation.global.timeoutMs, 0);
+        if (result.result == Exchange::Result::Interrupted)
+            return RegisterAgain::Interrupted;
+        if (result.result == Exchange::Result::Answered && result.answer.kind == Received::Kind::Reply &&
+            result.answer.response == "y") {
+            m_registerComplained = false;
+            out(formatSubscribed(m_invocation, pump.address()));
+            return RegisterAgain::Accepted;
+        }
+        if (!m_registerComplained) {
+            m_registerComplained = true;
+            complain("registering again for " + m_command.event + " at " + m_command.address +
+                     " not accepted yet; trying again every " + std::to_string(kRegisterAgainEvery.count()) + " ms");
+        }
+        return RegisterAgain::NotYet;
+    }
+
+    void reportLink(bool up)
+    {
+        complain(up ? "link restored" : "link lost");
+        out(formatLink(m_invocation, up));
     }
 
     void* registration(ClientPump& pump, const std::string& returnMethod, bool reg)
@@ -367,9 +438,22 @@ private:
         const std::string publisherAddress = publisher.address();
         out(formatPublishing(m_invocation, publisherAddress));
 
-        const auto isPublished = [](const Received& item) { return item.kind == Received::Kind::Published; };
+        LinkWatch watch(inbox);
+        if (!watch.start(clientPumpName("link")))
+            return pumpFailed(clientPumpName("link"));
+
+        // Events emitted while the link is down reach no other process; they
+        // are counted apart, and --count counts only the others.
+        long published = 0;
+        long withoutLink = 0;
+        bool linked = true;
+        const auto isPublished = [](const Received& item) {
+            return item.kind == Received::Kind::Published || item.kind == Received::Kind::Link;
+        };
+        const auto isLink = [](const Received& item) { return item.kind == Received::Kind::Link; };
         const Inbox::Clock::time_point start = Inbox::Clock::now();
-        for (long sequence = 1; m_command.count == 0 || sequence <= m_command.count; ++sequence) {
+        bool stop = false;
+        for (long ticks = 1; !stop && (m_command.count == 0 || published < m_command.count); ++ticks) {
             void* tick = UlmarCommsCreateMessage(ticker.handle(), publisherAddress.c_str(), kTickMethod);
             const int posted = tick == nullptr ? ULMARCOMMS_FAILED : UlmarCommsPostMessage(ticker.handle(), tick);
             if (posted != ULMARCOMMS_OK) {
@@ -377,22 +461,40 @@ private:
                     UlmarCommsDestroyMessage(tick);
                 return refused("the library refused to post the tick that emits the event", posted);
             }
-            Received published;
+            Received emitted;
             const auto deadline = Inbox::Clock::now() + std::chrono::milliseconds(m_invocation.global.timeoutMs);
-            const Inbox::Wait waited = inbox.waitFor(isPublished, deadline, 0, published);
+            Inbox::Wait waited;
+            while ((waited = inbox.waitFor(isPublished, deadline, 0, emitted)) == Inbox::Wait::Got &&
+                   emitted.kind == Received::Kind::Link) {
+                reportLink(emitted.linkUp);
+                linked = emitted.linkUp;
+            }
             if (waited == Inbox::Wait::Interrupted)
                 break;
             if (waited == Inbox::Wait::TimedOut)
                 return refused("the publisher pump did not emit the event", 0);
-            out(formatPublished(m_invocation, sequence, published.publishResult));
-            if (published.publishResult != ULMARCOMMS_OK)
+            if (emitted.publishResult != ULMARCOMMS_OK) {
+                out(formatPublished(m_invocation, published + 1, emitted.publishResult));
                 return kExitRefused;
-            if (m_command.count != 0 && sequence >= m_command.count)
+            }
+            if (!linked) {
+                ++withoutLink;
+            } else {
+                ++published;
+                out(formatPublished(m_invocation, published, emitted.publishResult));
+            }
+            if (m_command.count != 0 && published >= m_command.count)
                 break;
-            const auto next = start + std::chrono::milliseconds(m_command.everyMs * sequence);
-            if (inbox.sleepUntil(next, 0) == Inbox::Wait::Interrupted)
-                break;
+            // Until the next tick, changes of the link are reported as they come.
+            const auto next = start + std::chrono::milliseconds(m_command.everyMs * ticks);
+            Received change;
+            while ((waited = inbox.waitFor(isLink, next, 0, change)) == Inbox::Wait::Got) {
+                reportLink(change.linkUp);
+                linked = change.linkUp;
+            }
+            stop = waited == Inbox::Wait::Interrupted;
         }
+        out(formatPublishSummary(m_invocation, published, withoutLink));
         return syncWithService(inbox, true);
     }
 
@@ -400,6 +502,8 @@ private:
     const Command& m_command;
     // The probe's connection, kept for the run to tell a refusal.
     ProbeConnection m_probe;
+    // subscribe: a registration that is not accepted again was reported.
+    bool m_registerComplained = false;
 };
 
 } // namespace

@@ -437,4 +437,31 @@ std::string formatPublished(const Invocation& invocation, long sequence, int res
     return jsonLine(object);
 }
 
+std::string formatLink(const Invocation& invocation, bool up)
+{
+    if (!invocation.global.json)
+        return std::string();
+    JsonObject object;
+    object.add("command", invocation.command.word).add("status", up ? "link restored" : "link lost");
+    return jsonLine(object);
+}
+
+std::string formatPublishSummary(const Invocation& invocation, long published, long withoutLink)
+{
+    const Command& command = invocation.command;
+    if (!invocation.global.json) {
+        std::string text = "published " + std::to_string(published) + " " + command.event + " events";
+        if (withoutLink > 0)
+            text += ", " + std::to_string(withoutLink) + " more emitted without a link (not counted)";
+        return text + "\n";
+    }
+    JsonObject object;
+    object.add("command", "publish")
+        .add("status", "done")
+        .add("event", command.event)
+        .add("published", published)
+        .add("withoutLink", withoutLink);
+    return jsonLine(object);
+}
+
 } // namespace UlmarCommsTools

@@ -83,5 +83,11 @@ std::string formatUnsubscribed(const Invocation& invocation, bool confirmed, con
 std::string formatPublishing(const Invocation& invocation, const std::string& address);
 // publish: one event message was handed to the library (result 0) or not.
 std::string formatPublished(const Invocation& invocation, long sequence, int result);
+// publish: the closing count; events emitted while no link existed are
+// counted apart.
+std::string formatPublishSummary(const Invocation& invocation, long published, long withoutLink);
+// listen, subscribe, publish: the link to the service was lost or came back
+// (JSON mode only; the text goes to stderr).
+std::string formatLink(const Invocation& invocation, bool up);
 
 } // namespace UlmarCommsTools

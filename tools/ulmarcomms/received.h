@@ -19,7 +19,8 @@ struct Received {
         Request, // a request or event message reached the pump
         Reply, // a reply to one of our requests
         Error, // an error reply to one of our requests
-        Published // the publisher emitted an event message
+        Published, // the publisher emitted an event message
+        Link // the link to the service was lost or came back
     };
     Kind kind = Kind::Request;
     // The id of the request a reply or error reply answers.
@@ -41,6 +42,8 @@ struct Received {
     int answerResult = 0;
     // publish: the result of posting the event message.
     int publishResult = 0;
+    // Link: whether the link is up again (false: lost).
+    bool linkUp = false;
 };
 
 } // namespace UlmarCommsTools
