@@ -19,8 +19,12 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -496,4 +500,271 @@ TEST_F(MultiHost, SpoofedAnnouncementsChangeNothing)
     EXPECT_EQ(call(a, "hostA@system", "NetworkRoutingTable"),
               before + "hostZ,true,10.77.1.99:34001,10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n");
     EXPECT_EQ(call(a, "hostB@echo", "ping"), "RESPONSE echo:ping:hostB");
+}
+
+// Faults between the simulated hosts, made with nftables rules inside the
+// hosts' own namespaces (kernels here have no netem): random loss, a
+// partition that heals, and a host whose daemon is killed and restarted.
+// Through all of them a watchdog per host asks that host's own system
+// endpoint ten times a second and fails the test the moment one goes 3 s
+// without an answer; requests across get their reply or a clean time-out at
+// the caller; the echo pumps count request ids, and none arrives twice.
+namespace {
+
+const char* const NftPath = "/usr/sbin/nft";
+const auto WatchdogSilence = std::chrono::seconds(3);
+
+// Asks one host's system endpoint continuously from a process on that host.
+class Watchdog {
+public:
+    Watchdog(std::unique_ptr<ChildProcess> watcher, std::string hostName)
+        : m_watcher(std::move(watcher)), m_hostName(std::move(hostName))
+    {
+    }
+    ~Watchdog() { stop(); }
+
+    // Waits for the first answer, then watches on a thread of its own.
+    bool start()
+    {
+        std::string line;
+        if (!m_watcher->readLine(line, seconds(20)) || line != "ALIVE")
+            return false;
+        m_thread = std::thread([this] { run(); });
+        return true;
+    }
+
+    void stop()
+    {
+        m_stop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+private:
+    void run()
+    {
+        std::string line;
+        while (!m_stop) {
+            if (!m_watcher->readLine(line, WatchdogSilence)) {
+                if (!m_stop)
+                    ADD_FAILURE() << "the system endpoint of " << m_hostName << " did not answer for 3 s";
+                break;
+            }
+        }
+        m_watcher->closeInput();
+        m_watcher->wait(seconds(20));
+    }
+
+    std::unique_ptr<ChildProcess> m_watcher;
+    std::string m_hostName;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+// The answered, timed-out and refused counts of one "calls" run.
+struct Calls {
+    int answered = -1;
+    int timedOut = -1;
+    int errors = -1;
+    int total() const { return answered + timedOut + errors; }
+};
+
+class MultiHostFaults : public MultiHost {
+protected:
+    void TearDown() override
+    {
+        for (auto& watchdog : m_watchdogs)
+            watchdog.reset();
+        MultiHost::TearDown();
+    }
+
+    // An empty text when nftables can filter inside the hosts' namespaces.
+    std::string prepareFilters()
+    {
+        if (access(NftPath, X_OK) != 0)
+            return "nft is not installed (package nftables): the fault tests filter with it";
+        for (const Host& host : m_hosts) {
+            if (nft(host, "add table inet ulmfaults") != 0 ||
+                nft(host, "add chain inet ulmfaults input { type filter hook input priority 0 ; policy accept ; }") !=
+                    0 ||
+                nft(host, "add chain inet ulmfaults output { type filter hook output priority 0 ; policy accept ; }") !=
+                    0)
+                return "nftables cannot filter in a network namespace here";
+        }
+        return std::string();
+    }
+
+    // One nft command (words separated by blanks) in a host's network namespace.
+    int nft(const Host& host, const std::string& words)
+    {
+        std::vector<std::string> argv = {"/usr/bin/nsenter", "--net=/run/netns/" + host.netns, NftPath};
+        std::istringstream split(words);
+        for (std::string word; split >> word;)
+            argv.push_back(word);
+        return command(argv);
+    }
+
+    // Every tenth packet in, at random, dropped.
+    bool loseTenPercent(const Host& host)
+    {
+        return nft(host, "add rule inet ulmfaults input iifname eth0 numgen random mod 10 0 drop") == 0;
+    }
+
+    // Nothing in or out on the host's link.
+    bool cutOff(const Host& host)
+    {
+        return nft(host, "add rule inet ulmfaults input iifname eth0 drop") == 0 &&
+            nft(host, "add rule inet ulmfaults output oifname eth0 drop") == 0;
+    }
+
+    bool heal(const Host& host) { return nft(host, "flush table inet ulmfaults") == 0; }
+
+    void watch(Host& host)
+    {
+        auto watchdog = std::make_unique<Watchdog>(
+            host.driven({m_appPath, "watch", host.pipe, host.name + "@system", "100"}), host.name);
+        ASSERT_TRUE(watchdog->start()) << "the watchdog on " << host.name << " got no first answer";
+        m_watchdogs.push_back(std::move(watchdog));
+    }
+
+    // count requests from one host to another's echo pump, each awaited ms.
+    Calls calls(const Host& from, const Host& to, int count, int ms, const std::string& prefix)
+    {
+        int status = -1;
+        const std::string out = run(
+            from, {"calls", from.pipe, to.name + "@echo", std::to_string(count), std::to_string(ms), prefix}, &status);
+        Calls result;
+        EXPECT_EQ(status, 0) << out;
+        EXPECT_EQ(std::sscanf(out.c_str(), "CALLS %d %d %d", &result.answered, &result.timedOut, &result.errors), 3)
+            << out;
+        EXPECT_EQ(result.total(), count) << out;
+        return result;
+    }
+
+    // Asks again until a request is answered; false at the deadline.
+    bool answeredWithin(const Host& from, const Host& to, std::chrono::seconds limit, const std::string& prefix)
+    {
+        const auto deadline = Clock::now() + limit;
+        for (int attempt = 0; Clock::now() < deadline; ++attempt) {
+            if (calls(from, to, 1, 1000, prefix + std::to_string(attempt)).answered == 1)
+                return true;
+        }
+        return false;
+    }
+
+    // Stops a host's echo pump and checks that no request id reached it twice.
+    void finishServer(Host& host)
+    {
+        EXPECT_EQ(stopServer(host), 0) << "echo pump on " << host.name;
+        std::map<std::string, int> seen;
+        std::istringstream lines(host.server->out());
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("REQUEST ", 0) == 0)
+                ++seen[line.substr(8)];
+        }
+        for (const auto& [id, times] : seen)
+            EXPECT_EQ(times, 1) << "request " << id << " reached " << host.name << " " << times << " times";
+        host.server.reset();
+    }
+
+    std::vector<std::unique_ptr<Watchdog>> m_watchdogs;
+};
+
+#define PREPARE_FAULTS(count)                                                                                          \
+    do {                                                                                                               \
+        if (access(NftPath, X_OK) != 0)                                                                                \
+            GTEST_SKIP() << "nft is not installed (package nftables): the fault tests filter with it";                 \
+        PREPARE_HOSTS(count);                                                                                          \
+        const std::string whyNot = prepareFilters();                                                                   \
+        if (!whyNot.empty())                                                                                           \
+            GTEST_SKIP() << whyNot;                                                                                    \
+        for (Host & host : m_hosts)                                                                                    \
+            watch(host);                                                                                               \
+        ASSERT_FALSE(HasFailure());                                                                                    \
+    } while (false)
+
+} // namespace
+
+TEST_F(MultiHostFaults, TenPercentLossSlowsRequestsButLosesAndDoublesNone)
+{
+    PREPARE_FAULTS(2);
+    Host &a = m_hosts[0], &b = m_hosts[1];
+    ASSERT_EQ(calls(a, b, 1, 10000, "first").answered, 1);
+    ASSERT_TRUE(loseTenPercent(a) && loseTenPercent(b));
+
+    // Both ways at once; TCP carries each request through the loss, so
+    // every one is answered within its five seconds.
+    auto fromA = app(a, {"calls", a.pipe, "hostB@echo", "40", "5000", "a"});
+    auto fromB = app(b, {"calls", b.pipe, "hostA@echo", "40", "5000", "b"});
+    EXPECT_EQ(fromA->wait(seconds(120)), 0);
+    EXPECT_EQ(fromB->wait(seconds(120)), 0);
+    EXPECT_EQ(fromA->out(), "CALLS 40 0 0\n");
+    EXPECT_EQ(fromB->out(), "CALLS 40 0 0\n");
+
+    ASSERT_TRUE(heal(a) && heal(b));
+    EXPECT_EQ(calls(a, b, 1, 10000, "after").answered, 1);
+    m_watchdogs.clear();
+    finishServer(a);
+    finishServer(b);
+}
+
+// After the heal, a link whose segments went unanswered through the
+// partition carries traffic again only when TCP's next retransmission gets
+// through: its back-off has grown to tens of seconds by then, and the
+// network connections do not yet notice a link that has gone silent. So the
+// deadline here is that retransmission's, not a few seconds; the time taken
+// is printed.
+const auto HealDeadline = seconds(60);
+
+TEST_F(MultiHostFaults, APartitionOfThirtySecondsHealsAndDoublesNothing)
+{
+    PREPARE_FAULTS(2);
+    Host &a = m_hosts[0], &b = m_hosts[1];
+    ASSERT_EQ(calls(a, b, 1, 10000, "first").answered, 1);
+    ASSERT_EQ(calls(b, a, 1, 10000, "first").answered, 1);
+
+    // Host A is cut off for 30 s; requests both ways go on all that time
+    // and end in their callers' time-outs (or a refusal once a side gave
+    // up on the link), never in a hang.
+    ASSERT_TRUE(cutOff(a));
+    const auto healAt = Clock::now() + seconds(30);
+    for (int round = 0; Clock::now() < healAt; ++round) {
+        const Host& from = round % 2 == 0 ? a : b;
+        const Host& to = round % 2 == 0 ? b : a;
+        EXPECT_EQ(calls(from, to, 1, 2000, "cut" + std::to_string(round)).answered, 0) << "across a partition";
+    }
+    ASSERT_TRUE(heal(a));
+    const auto healed = Clock::now();
+    EXPECT_TRUE(answeredWithin(a, b, HealDeadline, "healedA")) << "A to B after the heal";
+    EXPECT_TRUE(answeredWithin(b, a, HealDeadline, "healedB")) << "B to A after the heal";
+    std::printf(
+        "links back %lld ms after the heal\n",
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - healed).count()));
+    m_watchdogs.clear();
+    finishServer(a);
+    finishServer(b);
+}
+
+TEST_F(MultiHostFaults, AHostKilledAndRestartedIsReachedAgain)
+{
+    PREPARE_FAULTS(2);
+    Host &a = m_hosts[0], &b = m_hosts[1];
+    ASSERT_EQ(calls(a, b, 1, 10000, "first").answered, 1);
+
+    // Host B's daemon dies without a word (its echo pump is stopped first
+    // and its watchdog with it: they are B's own applications).
+    m_watchdogs[1].reset();
+    finishServer(b);
+    b.daemon->signal(SIGKILL);
+    b.daemon->wait(seconds(20));
+    const Calls whileDown = calls(a, b, 3, 2000, "down");
+    EXPECT_EQ(whileDown.answered, 0);
+
+    ASSERT_TRUE(startDaemon(b) && startServer(b));
+    watch(b);
+    EXPECT_TRUE(answeredWithin(a, b, seconds(15), "back")) << "A to B after the restart";
+    EXPECT_TRUE(answeredWithin(b, a, seconds(15), "back")) << "B to A after the restart";
+    m_watchdogs.clear();
+    finishServer(a);
+    finishServer(b);
 }

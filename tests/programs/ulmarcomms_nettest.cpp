@@ -5,12 +5,22 @@
 //
 //   serve   PIPE PUMP [EVENT]        answers every request "echo:<method>:<host>"
 //                                    (method "fire" posts EVENT first); prints
-//                                    "READY <addr>" and runs until stdin closes.
+//                                    "READY <addr>", then "REQUEST <rid>" for
+//                                    each request with an "rid" key, and runs
+//                                    until stdin closes.
 //   call    PIPE TO METHOD [K=V]...  one request: "RESPONSE <text>" (exit 0),
 //                                    "ERROR <code>" (2) or "TIMEOUT" (3).
 //   listen  PIPE TO EVENT COUNT      registers for EVENT at TO: "REGISTERED",
 //                                    then "EVENT <from>" for each of COUNT
 //                                    events (exit 0), else TIMEOUT.
+//   calls   PIPE TO N MS PREFIX     N requests "count" in a row, each with
+//                                    rid=PREFIX-<i>, each awaiting its own
+//                                    reply for MS: "CALLS <answered> <timed
+//                                    out> <errors>" (exit 0); a reply to an
+//                                    earlier request is not taken for a later.
+//   watch   PIPE TO MS               asks TO for SystemInfo every MS until
+//                                    stdin closes: "ALIVE" per answer within
+//                                    one second.
 //   fanout  PIPE ROUNDS ANSWERS      asks the system endpoint ROUNDS times in a
 //                                    row which hosts support an interface, each
 //                                    time awaiting ANSWERS replies: "FANOUT <n>"
@@ -41,6 +51,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -67,6 +78,8 @@ struct Inbox {
     std::condition_variable changed;
     std::vector<std::string> lines;
     std::string event;
+    // The answers by the id of the request they answer.
+    std::map<unsigned, std::string> byId;
     // Stored once the pump is created; a request can be delivered (on the
     // router worker) before that store, so it is atomic and awaited.
     std::atomic<void*> pump{nullptr};
@@ -82,6 +95,14 @@ struct Inbox {
     {
         std::unique_lock<std::mutex> guard(lock);
         return changed.wait_for(guard, Deadline, [&] { return lines.size() >= count; });
+    }
+    // Waits up to timeout for the answer to request id; empty on time-out.
+    std::string waitForId(unsigned id, std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> guard(lock);
+        if (!changed.wait_for(guard, timeout, [&] { return byId.count(id) != 0; }))
+            return std::string();
+        return byId[id];
     }
     std::string first()
     {
@@ -99,6 +120,8 @@ void onServeMessage(void* context, void* message, const char*, const char* metho
         pump = inbox->pump.load();
     }
     const std::string name = text(method);
+    if (const char* rid = UlmarCommsMessageValue(message, "rid"); rid != nullptr)
+        say(std::string("REQUEST ") + rid);
     if (name == "fire" && !inbox->event.empty()) {
         void* event = UlmarCommsCreateEventMessage(pump, inbox->event.c_str());
         if (event != nullptr)
@@ -117,14 +140,23 @@ void onListenMessage(void* context, void* message, const char*, const char* meth
         static_cast<Inbox*>(context)->put("EVENT " + text(UlmarCommsGetFrom(message)));
 }
 
-void onResponse(void* context, unsigned int, void* message)
+void answered(Inbox* inbox, unsigned int id, const std::string& line)
 {
-    static_cast<Inbox*>(context)->put("RESPONSE " + text(UlmarCommsGetResponse(message)));
+    {
+        std::lock_guard<std::mutex> guard(inbox->lock);
+        inbox->byId[id] = line;
+    }
+    inbox->put(line);
 }
 
-void onError(void* context, unsigned int, int code)
+void onResponse(void* context, unsigned int id, void* message)
 {
-    static_cast<Inbox*>(context)->put("ERROR " + std::to_string(code));
+    answered(static_cast<Inbox*>(context), id, "RESPONSE " + text(UlmarCommsGetResponse(message)));
+}
+
+void onError(void* context, unsigned int id, int code)
+{
+    answered(static_cast<Inbox*>(context), id, "ERROR " + std::to_string(code));
 }
 
 void ignoreMessage(void*, void*, const char*, const char*)
@@ -228,6 +260,67 @@ int listen(const char* pipe, const char* to, const char* event, int count)
         return 0;
     say("TIMEOUT");
     return 3;
+}
+
+// Posts a request (with rid when given) and waits for its own answer:
+// "RESPONSE ...", "ERROR ..." or empty on time-out ("POST-FAILED" when the
+// library refused it).
+std::string ask(Session& session, const char* to, const char* method, const std::string& rid,
+                std::chrono::milliseconds timeout)
+{
+    void* message = UlmarCommsCreateMessage(session.pump, to, method);
+    if (message == nullptr)
+        return "POST-FAILED";
+    if (!rid.empty())
+        UlmarCommsMessageAddKeyValue(message, "rid", rid.c_str());
+    const unsigned id = static_cast<unsigned>(UlmarCommsMessageId(session.pump, message));
+    if (UlmarCommsPostMessage(session.pump, message) != ULMARCOMMS_OK) {
+        UlmarCommsDestroyMessage(message);
+        return "POST-FAILED";
+    }
+    return session.inbox.waitForId(id, timeout);
+}
+
+int calls(const char* pipe, const char* to, int count, int ms, const std::string& prefix)
+{
+    Session session(pipe, "calls" + std::to_string(getpid()), ignoreMessage, true);
+    if (session.pump == nullptr)
+        return 1;
+    int answers = 0;
+    int timeouts = 0;
+    int errors = 0;
+    for (int i = 0; i < count; ++i) {
+        const std::string answer =
+            ask(session, to, "count", prefix + "-" + std::to_string(i), std::chrono::milliseconds(ms));
+        if (answer.rfind("RESPONSE echo:count:", 0) == 0)
+            ++answers;
+        else if (answer.empty())
+            ++timeouts;
+        else
+            ++errors;
+    }
+    say("CALLS " + std::to_string(answers) + " " + std::to_string(timeouts) + " " + std::to_string(errors));
+    return 0;
+}
+
+int watch(const char* pipe, const char* to, int ms)
+{
+    Session session(pipe, "watch" + std::to_string(getpid()), ignoreMessage, true);
+    if (session.pump == nullptr)
+        return 1;
+    while (true) {
+        const auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        if (ask(session, to, "SystemInfo", "", std::chrono::seconds(1)).rfind("RESPONSE", 0) == 0)
+            say("ALIVE");
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
+        pollfd input{0, POLLIN, 0};
+        if (poll(&input, 1, static_cast<int>(std::max<long long>(left.count(), 0))) > 0) {
+            char scratch[64];
+            if (read(0, scratch, sizeof(scratch)) <= 0)
+                return 0;
+        }
+    }
 }
 
 int fanout(const char* pipe, int rounds, int answers)
@@ -403,7 +496,7 @@ int hello(const char* source, const char* address, const char* port, const std::
 
 int usage()
 {
-    std::fputs("usage: ulmarcomms_nettest serve|call|listen|capture|send|fanout|hello ...\n", stderr);
+    std::fputs("usage: ulmarcomms_nettest serve|call|calls|watch|listen|capture|send|fanout|hello ...\n", stderr);
     return 64;
 }
 
@@ -426,6 +519,10 @@ int main(int argc, char** argv)
         return send(argv[2], argv[3], argv[4]);
     if (mode == "hello" && argc == 6)
         return hello(argv[2], argv[3], argv[4], argv[5]);
+    if (mode == "calls" && argc == 7)
+        return calls(argv[2], argv[3], std::atoi(argv[4]), std::atoi(argv[5]), argv[6]);
+    if (mode == "watch" && argc == 5)
+        return watch(argv[2], argv[3], std::atoi(argv[4]));
     if (mode == "fanout" && argc == 5)
         return fanout(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
     return usage();
