@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 using UlmarComms::ByteAccount;
 
 TEST(ByteAccount, RefusesPastItsBoundButAlwaysTakesAChargeWhenEmpty)
@@ -37,4 +39,27 @@ TEST(ByteAccount, AParentIsChargedWithItsChildrenAndARefusalChargesNeither)
         // second ends here holding 30, first holding 50: both go back.
     }
     EXPECT_EQ(user.used(), 0u);
+}
+
+TEST(ByteAccount, BoundsCanBeSkippedAndTheRefusingLevelIsNamed)
+{
+    auto service = std::make_shared<ByteAccount>(100, nullptr, "service");
+    auto user = std::make_shared<ByteAccount>(1000, service, "user");
+    ByteAccount link(10, user, "link");
+    using Bounds = ByteAccount::Bounds;
+    ASSERT_EQ(link.chargeOrRefuser(8, Bounds::All), nullptr);
+    EXPECT_EQ(link.chargeOrRefuser(8, Bounds::All), &link);
+    EXPECT_EQ(link.chargeOrRefuser(50, Bounds::ParentsOnly), nullptr) << "the link's own bound skipped";
+    EXPECT_EQ(link.chargeOrRefuser(50, Bounds::ParentsOnly), service.get()) << "the service's bound still holds";
+    EXPECT_STREQ(service->name(), "service");
+    EXPECT_EQ(link.chargeOrRefuser(50, Bounds::None), nullptr) << "bytes held already are always taken";
+    EXPECT_EQ(link.used(), 108u);
+    EXPECT_EQ(service->used(), 108u);
+    // The link keeps its parents alive: they are given back to on its end.
+    std::weak_ptr<ByteAccount> kept = service;
+    service.reset();
+    user.reset();
+    EXPECT_FALSE(kept.expired());
+    link.releaseAll();
+    EXPECT_EQ(kept.lock()->used(), 0u);
 }
