@@ -12,6 +12,7 @@
 #include "platform/socketselector.h"
 
 #include "core/core.h"
+#include "core/memorytrim.h"
 #include "platform/socket.h"
 #include "platform/socketreaper.h"
 #include "platform/sockettimeout.h"
@@ -235,6 +236,8 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
         // that went quiet after a burst is still summarised.
         Core::flushLogSummaries();
         Socket::flushLogSummaries();
+        // Memory a cleared backlog freed goes back to the system.
+        UlmarComms::MemoryTrim::tick();
     }
 }
 
