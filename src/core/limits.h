@@ -1,24 +1,30 @@
 // Every bound a peer or an application can push against, in one table.
 //
 // Each entry: its value, its unit, why it is there, and the setting that
-// changes it. None of these is a setting today: they are fixed at build time.
-// The classes that enforce a bound keep their constant names as aliases of
-// these entries ("Alias:" below), so each number is written here only.
+// changes it. Most are fixed at build time; the three memory bounds of the
+// service are settings (read with Core::numberOrDefault, so they are listed
+// only once given) and daemon options. The classes that enforce a bound keep
+// their constant names as aliases of these entries ("Alias:" below), so each
+// number is written here only.
 //
 // Accounting: a bound on bytes held is kept by a ByteAccount
-// (core/byteaccount.h). Each link's DataFrameHandler has one for its outbound
-// queue (LinkQueuedBytes), charged where a frame joins the queue and released
-// where it leaves (written, or dropped when the link is torn down). An
-// account may have a parent that every charge and release reaches too: a
-// per-user account, keyed by the uid behind an accepted local link and kept
-// by the service's LocalSocketServerInterface, becomes the parent of that
-// user's links, so that one place charges and releases both.
+// (core/byteaccount.h), in the memory the bytes really take: a frame counts
+// its buffer's capacity and its object, not its size on the wire, since a
+// 1-byte message held in a 4 KiB buffer holds 4 KiB. Each link's
+// DataFrameHandler has one account for its outbound queue (charged where a
+// frame joins the queue, released where it leaves: written, or dropped when
+// the link is torn down) and one for the frame it is receiving (charged as
+// its buffer grows). In the service each local link's accounts have the
+// account of the user behind the link as parent, and every user's account
+// the service's, so one charge reaches all three bounds; the service's
+// LocalSocketServerInterface keeps the user and service accounts.
 //
 // Not limits, and so not here: the transfer buffer sizes (the *.inbound.size
 // and *.outbound.size settings, NetworkRouterConnection::BufferSize) bound
 // one read or write, not what a link may hold, since longer frames move in
 // pieces; allocation block sizes and spare-object caches (SocketTimeout's
-// BlockSize, the handler's spare frames) grow with our own use only.
+// BlockSize, the handler's spare frames) grow with our own use only and are
+// small and bounded per link.
 #pragma once
 
 #include <cstddef>
@@ -34,11 +40,33 @@ namespace UlmarComms::Limits {
 // Alias: DataFrame::MaxDataSize (src/framing/dataframe.h).
 constexpr unsigned FramePayloadBytes = 64u * 1024u * 1024u;
 
-// Bytes of frames one link keeps queued for sending, at most. A peer that
-// stops reading must not make us hold unbounded memory; one frame is always
-// accepted into an empty queue. Setting: none.
+// Memory, in bytes, of the frames one link of an application keeps queued
+// for sending, at most. A service that stops reading must not make the
+// application hold unbounded memory; one frame is always accepted into an
+// empty queue, and past the bound frames are refused. Setting: none.
 // Alias: DataFrameHandler::MaxQueuedBytes (src/framing/dataframehandler.h).
 constexpr uint64_t LinkQueuedBytes = 32u * 1024u * 1024u;
+
+// Memory, in bytes, of the frames the service keeps queued for one local
+// link. A process that stops reading is a slow consumer: the frame that
+// would pass this bound ends its link instead (one log line), so the
+// senders never wait for it. One frame always goes into an empty queue.
+// Setting: ulmar.systemrouter.memory.link (daemon option --link-memory).
+constexpr uint64_t ServiceLinkMemoryBytes = 16u * 1024u * 1024u;
+
+// Memory, in bytes, that the local links of one user hold in the service:
+// their queues and the frames they are receiving. Twice the largest frame,
+// so one user can send one largest frame while receiving another, and still
+// only half of the service's bound, so one user alone cannot take all the
+// service holds. A link whose charge would pass it is ended as above.
+// Setting: ulmar.systemrouter.memory.user (daemon option --user-memory).
+constexpr uint64_t ServiceUserMemoryBytes = 128u * 1024u * 1024u;
+
+// Memory, in bytes, that all local links together hold in the service.
+// With it, many half-received large frames, or many stalled links, still
+// leave the machine's memory alone: the link whose next charge would pass
+// it is ended. Setting: ulmar.systemrouter.memory (daemon option --memory).
+constexpr uint64_t ServiceMemoryBytes = 256u * 1024u * 1024u;
 
 // A command record's text has no bound of its own: the record (5 bytes, the
 // text and its NUL) is one frame payload, so FramePayloadBytes bounds it.

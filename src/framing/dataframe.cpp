@@ -36,7 +36,10 @@ DataFrame::DataFrame()
       m_capacity(0),
       m_progress(0),
       m_inPayload(false),
-      m_readError(ReadErrorNone)
+      m_readError(ReadErrorNone),
+      m_pGrowthAccount(nullptr),
+      m_growthBounds(ByteAccount::Bounds::All),
+      m_pRefuser(nullptr)
 {
     clear();
 }
@@ -88,6 +91,23 @@ bool DataFrame::alloc(unsigned size)
     delete[] m_buffer;
     m_buffer = fresh;
     m_capacity = size;
+    return true;
+}
+
+bool DataFrame::shrinkToFit()
+{
+    // Only a built frame holds all it needs in its buffer; a few bytes saved
+    // are not worth an allocation and a copy.
+    const uint64_t wire = wireSize();
+    if (m_frameType == FrameTypeNone || m_inPayload || wire > m_capacity || m_capacity - wire < 256)
+        return false;
+    unsigned char* fresh = new (std::nothrow) unsigned char[wire];
+    if (fresh == nullptr)
+        return false;
+    std::memcpy(fresh, m_buffer, wire);
+    delete[] m_buffer;
+    m_buffer = fresh;
+    m_capacity = static_cast<uint32_t>(wire);
     return true;
 }
 
@@ -204,6 +224,9 @@ bool DataFrame::doneWriteOut(unsigned count)
 bool DataFrame::reject(ReadError error)
 {
     m_readError = error;
+    // A refused account is the caller's to report: it knows whose link it is.
+    if (error == ReadErrorOverAccount)
+        return false;
     Core::log(Core::LogError,
               "DataFrame::readIn() this=%p Refusing the stream: frame of type %d announces %u "
               "bytes (limit %u, error %d).\n",
@@ -240,7 +263,7 @@ bool DataFrame::readIn(const unsigned char* data, unsigned length, bool& complet
     const unsigned piece = std::min(m_dataSize - m_progress, length - consumed);
     if (piece > 0) {
         if (!reserveReceived(m_progress + piece))
-            return reject(ReadErrorNoMemory);
+            return reject(m_pRefuser != nullptr ? ReadErrorOverAccount : ReadErrorNoMemory);
         std::memcpy(m_buffer + m_progress, data + consumed, piece);
     }
     consumed += piece;
@@ -258,9 +281,18 @@ bool DataFrame::reserveReceived(unsigned needed)
         return true;
     const uint64_t doubled = std::max<uint64_t>(uint64_t(m_capacity) * 2, InitialBufferSize);
     const unsigned size = static_cast<unsigned>(std::max<uint64_t>(needed, std::min<uint64_t>(doubled, m_dataSize)));
+    // Charged before it is taken, so the bound holds even at the peak.
+    if (m_pGrowthAccount != nullptr) {
+        m_pRefuser = m_pGrowthAccount->chargeOrRefuser(size - m_capacity, m_growthBounds);
+        if (m_pRefuser != nullptr)
+            return false;
+    }
     unsigned char* fresh = new (std::nothrow) unsigned char[size];
-    if (fresh == nullptr)
+    if (fresh == nullptr) {
+        if (m_pGrowthAccount != nullptr)
+            m_pGrowthAccount->release(size - m_capacity);
         return false;
+    }
     if (m_progress > 0)
         std::memcpy(fresh, m_buffer, m_progress);
     delete[] m_buffer;

@@ -11,9 +11,16 @@
 // allocating anything and then stays refused: the bytes after a refused
 // header cannot be framed again, so the only way on is to end the link.
 // Below the bound, the buffer grows with the bytes that actually arrive, so
-// a peer cannot make us hold memory it has only announced.
+// a peer cannot make us hold memory it has only announced; each growth can
+// be charged to a ByteAccount first, and a refused charge refuses the stream
+// like a header over the bound.
+//
+// heldBytes() is what a frame costs in memory (buffer capacity and object),
+// the figure every account charges. A built frame that has to wait in a
+// queue can shrinkToFit(), so a short message does not hold a 4 KiB buffer.
 #pragma once
 
+#include "core/byteaccount.h"
 #include "core/limits.h"
 #include "messaging/commandmessage.h"
 
@@ -48,7 +55,12 @@ public:
         ReadErrorNone = 0, // the stream is usable
         ReadErrorTooLarge = 1, // a header announced more than MaxDataSize
         ReadErrorNoMemory = 2, // the payload buffer could not be allocated
+        ReadErrorOverAccount = 3, // the growth account refused the payload buffer
     };
+
+    // What each heap block costs beyond the bytes asked for (the allocator's
+    // header and rounding), as the accounts reckon it.
+    static constexpr unsigned AllocationOverhead = 16;
 
     // An empty frame with a fresh 4096-byte buffer.
     DataFrame();
@@ -81,6 +93,21 @@ public:
     unsigned capacity() const { return m_capacity; }
     // The bytes the frame takes on the wire: header and payload.
     uint64_t wireSize() const { return uint64_t(m_dataSize) + HeaderSize; }
+    // The bytes the frame holds in memory: its buffer, itself, and the
+    // allocator's overhead for both.
+    uint64_t heldBytes() const { return uint64_t(m_capacity) + sizeof(DataFrame) + 2 * AllocationOverhead; }
+    // Reallocates a built frame's buffer to its wire size when that saves
+    // real memory; true when it did (heldBytes() has then shrunk).
+    bool shrinkToFit();
+    // Charges every later growth of the receive buffer to account (null:
+    // none) within bounds, before the memory is taken.
+    void chargeGrowthTo(ByteAccount* account, ByteAccount::Bounds bounds)
+    {
+        m_pGrowthAccount = account;
+        m_growthBounds = bounds;
+    }
+    // The account that refused a growth (ReadErrorOverAccount), or null.
+    const ByteAccount* refusingAccount() const { return m_pRefuser; }
 
     // Writes the 9-byte header.
     static void writeHeaderToBuffer(unsigned char* buffer, unsigned char type, unsigned size, unsigned id);
@@ -129,6 +156,9 @@ private:
     // the frame type so that a header of type 0 cannot stall the stream.
     bool m_inPayload;
     ReadError m_readError;
+    ByteAccount* m_pGrowthAccount;
+    ByteAccount::Bounds m_growthBounds;
+    const ByteAccount* m_pRefuser;
 };
 
 } // namespace UlmarComms

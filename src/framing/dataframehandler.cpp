@@ -9,11 +9,14 @@
 #include "framing/dataframehandler.h"
 
 #include "core/core.h"
+#include "core/memorytrim.h"
 #include "messaging/messageitem.h"
 #include "platform/socketreaper.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
+#include <string>
 #include <sys/socket.h>
 #include <utility>
 #include <vector>
@@ -49,7 +52,10 @@ DataFrameHandler::DataFrameHandler()
       m_pOutboundCurrentFrame(nullptr),
       m_outboundInFlight(false),
       m_currentSent(0),
-      m_queued(MaxQueuedBytes),
+      m_pQueued(std::make_unique<ByteAccount>(MaxQueuedBytes, nullptr, "link")),
+      m_pInbound(std::make_unique<ByteAccount>(MaxInboundBytes, nullptr, "frame")),
+      m_endSlowConsumer(false),
+      m_slowConsumer(false),
       m_outboundHeld(false),
       m_batchedFrames(false),
       m_pBatchMember(std::make_shared<WriteBatch::Member>(this)),
@@ -77,8 +83,7 @@ DataFrameHandler::~DataFrameHandler()
     }
     {
         MutexLocker locker(m_inboundLock);
-        release(m_pInboundCurrentFrame);
-        m_pInboundCurrentFrame = nullptr;
+        releaseInbound();
     }
     delete[] m_pInboundBuffer;
     delete[] m_pInboundSpare;
@@ -131,6 +136,58 @@ DataFrame* DataFrameHandler::create()
     Core::verbose("DataFrameHandler::create() this=%p Created=%p.\n", static_cast<void*>(this),
                   static_cast<void*>(frame));
     return frame;
+}
+
+DataFrame* DataFrameHandler::createInbound()
+{
+    DataFrame* frame = create();
+    if (frame == nullptr)
+        return nullptr;
+    // The first buffer is small and one per link, so it is never refused;
+    // its growth is, by the inbound account and the parents.
+    m_pInbound->chargeOrRefuser(frame->heldBytes(), ByteAccount::Bounds::None);
+    frame->chargeGrowthTo(m_pInbound.get(), ByteAccount::Bounds::All);
+    return frame;
+}
+
+void DataFrameHandler::releaseInbound()
+{
+    if (m_pInboundCurrentFrame == nullptr)
+        return;
+    if (m_pInboundCurrentFrame->capacity() > DataFrame::InitialBufferSize)
+        MemoryTrim::released(m_pInboundCurrentFrame->capacity());
+    release(m_pInboundCurrentFrame);
+    m_pInboundCurrentFrame = nullptr;
+    m_pInbound->releaseAll();
+}
+
+void DataFrameHandler::setMemoryAccounts(uint64_t queueLimit, std::shared_ptr<ByteAccount> parent, bool endSlowConsumer)
+{
+    MutexLocker inbound(m_inboundLock);
+    MutexLocker outbound(m_outboundLock);
+    auto queued = std::make_unique<ByteAccount>(queueLimit, parent, "link");
+    auto received = std::make_unique<ByteAccount>(MaxInboundBytes, parent, "frame");
+    // Whatever is held already moves over, whatever the bounds say.
+    queued->chargeOrRefuser(m_pQueued->used(), ByteAccount::Bounds::None);
+    received->chargeOrRefuser(m_pInbound->used(), ByteAccount::Bounds::None);
+    m_pQueued = std::move(queued);
+    m_pInbound = std::move(received);
+    if (m_pInboundCurrentFrame != nullptr)
+        m_pInboundCurrentFrame->chargeGrowthTo(m_pInbound.get(), ByteAccount::Bounds::All);
+    m_endSlowConsumer = endSlowConsumer;
+}
+
+bool DataFrameHandler::isSlowConsumer()
+{
+    MutexLocker locker(m_outboundLock);
+    return m_slowConsumer;
+}
+
+std::string DataFrameHandler::linkName() const
+{
+    char text[48];
+    std::snprintf(text, sizeof(text), "link %p", static_cast<const void*>(this));
+    return text;
 }
 
 DataFrame* DataFrameHandler::createOutbound()
@@ -238,9 +295,9 @@ Socket* DataFrameHandler::detachLocked()
     Socket* old = m_pSocket.exchange(nullptr);
     // A new stream starts with a new frame: the bytes of a half-read frame,
     // and a refusal of the old peer's stream, belong to the old connection.
-    release(m_pInboundCurrentFrame);
-    m_pInboundCurrentFrame = nullptr;
+    releaseInbound();
     m_linkEnding = false;
+    m_slowConsumer = false;
     // A frame handed to the old socket may have reached the old peer in full
     // or in part; sending it again could deliver it twice or corrupt the new
     // stream, so it goes. A frame the socket never took is kept for the next.
@@ -248,7 +305,7 @@ Socket* DataFrameHandler::detachLocked()
         Core::log(Core::LogWarning,
                   "DataFrameHandler::takeSocket() this=%p Dropping frame %u, handed to a link that has gone.\n",
                   static_cast<void*>(this), m_pOutboundCurrentFrame->id());
-        m_queued.release(m_pOutboundCurrentFrame->wireSize());
+        m_pQueued->release(m_pOutboundCurrentFrame->heldBytes());
         recycle(m_pOutboundCurrentFrame);
         m_pOutboundCurrentFrame = nullptr;
     }
@@ -259,7 +316,7 @@ Socket* DataFrameHandler::detachLocked()
             Core::log(Core::LogWarning,
                       "DataFrameHandler::takeSocket() this=%p Dropping frame %u, handed to a link that has gone.\n",
                       static_cast<void*>(this), frame->id());
-            m_queued.release(frame->wireSize());
+            m_pQueued->release(frame->heldBytes());
             release(frame);
         }
         m_batched.clear();
@@ -346,7 +403,7 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
         return;
     }
     if (m_pInboundCurrentFrame == nullptr) {
-        m_pInboundCurrentFrame = create();
+        m_pInboundCurrentFrame = createInbound();
         if (m_pInboundCurrentFrame == nullptr) {
             Core::log(Core::LogError, "DataFrameHandler::onRecved() this=%p Unable to create new inbound dataframe.\n",
                       static_cast<void*>(this));
@@ -375,10 +432,7 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
             Core::log(Core::LogError, "DataFrameHandler::onRecved() m_pInboundCurrentFrame->readIn() Failed\n");
             // Only a refused header fails with input left: the bytes after it
             // cannot be framed again, so retrying would never get past it.
-            endLink(socket,
-                    m_pInboundCurrentFrame->readError() == DataFrame::ReadErrorNoMemory
-                        ? "no memory for the payload the peer announced"
-                        : "the peer announced a frame above the size limit");
+            endLink(socket, refusalReason(*m_pInboundCurrentFrame).c_str());
             return;
         }
         if (complete) {
@@ -388,6 +442,16 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
             // header said where it ends, so the next frame is read as usual.
             processInboundCurrentFrame();
             m_pInboundCurrentFrame->reset();
+            // A large buffer is not kept for the next frame: most frames are
+            // small, and the memory goes back to the system.
+            if (m_pInboundCurrentFrame->capacity() > DataFrame::InitialBufferSize) {
+                releaseInbound();
+                m_pInboundCurrentFrame = createInbound();
+                if (m_pInboundCurrentFrame == nullptr) {
+                    endLink(socket, "no memory for the next frame");
+                    return;
+                }
+            }
             if (m_endAfterFrame) {
                 m_endAfterFrame = false;
                 endLink(socket, nullptr);
@@ -456,12 +520,42 @@ void DataFrameHandler::processInboundCurrentFrame()
     }
 }
 
+std::string DataFrameHandler::refusalReason(const DataFrame& frame) const
+{
+    switch (frame.readError()) {
+    case DataFrame::ReadErrorNoMemory: return "no memory for the payload the peer announced";
+    case DataFrame::ReadErrorOverAccount: {
+        const ByteAccount* refuser = frame.refusingAccount();
+        char text[160];
+        std::snprintf(text, sizeof(text),
+                      "the frame being received from %s would pass the %s memory limit of %llu bytes",
+                      linkName().c_str(), refuser != nullptr ? refuser->name() : "",
+                      static_cast<unsigned long long>(refuser != nullptr ? refuser->limit() : 0));
+        return text;
+    }
+    default: return "the peer announced a frame above the size limit";
+    }
+}
+
 void DataFrameHandler::endLink(Socket* socket, const char* reason)
 {
     m_linkEnding = true;
     if (reason != nullptr)
         Core::log(Core::LogError, "DataFrameHandler::onRecved() this=%p Ending the link on socket %p: %s.\n",
                   static_cast<void*>(this), static_cast<void*>(socket), reason);
+    // The half-received frame is of no use any more: its memory goes now.
+    releaseInbound();
+    shutdownConnection(socket, false);
+    // The end shows as an empty read; a write fails too, which ends the link
+    // even if the peer keeps the read side busy.
+    postRecv(socket);
+    MutexLocker locker(m_outboundLock);
+    if (!m_outboundInFlight)
+        socket->send(&m_probe, 1);
+}
+
+void DataFrameHandler::shutdownConnection(Socket* socket, bool probe)
+{
     // Shut down rather than closed: the socket layer then reports the end on
     // a worker, outside this callback, through the same path as any drop
     // (listener's client-disconnect, disconnected, error), exactly once. The
@@ -475,11 +569,7 @@ void DataFrameHandler::endLink(Socket* socket, const char* reason)
                 ::shutdown(handle, SHUT_RDWR);
         }
     }
-    // The end shows as an empty read; a write fails too, which ends the link
-    // even if the peer keeps the read side busy.
-    postRecv(socket);
-    MutexLocker locker(m_outboundLock);
-    if (!m_outboundInFlight)
+    if (probe && !m_outboundInFlight)
         socket->send(&m_probe, 1);
 }
 

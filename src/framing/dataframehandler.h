@@ -36,6 +36,20 @@
 // is only for a handler no socket has called, or whose owner has waited
 // (SocketReaper::synchronize) after detaching it.
 //
+// Memory. Every frame the handler holds is charged at heldBytes() (buffer
+// capacity and object, not wire size): the queued and in-flight outbound
+// frames to the queue account, bounded at MaxQueuedBytes unless the owner
+// sets other accounts; the frame being received to the inbound account as
+// its buffer grows, bounded by the largest frame. A frame that has to wait
+// is shrunk to its wire size first. With setMemoryAccounts both accounts
+// charge a parent (the service: the user's account, and through it the
+// service's), and a link whose queue would pass a bound is a slow consumer:
+// it is ended with one log line and its queued frames are freed, while the
+// caller of addToOutbound only gets false and carries on. An inbound frame
+// whose growth a bound refuses ends the link like a header over the size
+// limit. A frame into an empty queue is written at once, so it is charged
+// but never refused. Large frees are reported to MemoryTrim.
+//
 // A frame whose payload does not parse (a message packet or command record
 // that contradicts itself) or whose type is unknown is logged and dropped:
 // its header said where it ends, so the link stays and the next frame is read.
@@ -72,10 +86,13 @@ public:
     // The socket class of the platform layer.
     typedef UlmarCommsSystem::Socket Socket;
 
-    // Bytes of frames one handler keeps queued at most (core/limits.h); one
-    // frame is always accepted into an empty queue, so no single frame is
-    // ever refused here.
+    // Memory of frames one handler keeps queued at most, unless
+    // setMemoryAccounts says otherwise (core/limits.h); one frame is always
+    // accepted into an empty queue, so no single frame is ever refused here.
     static constexpr uint64_t MaxQueuedBytes = Limits::LinkQueuedBytes;
+    // What the frame being received may hold at most: the largest frame.
+    static constexpr uint64_t MaxInboundBytes = uint64_t(Limits::FramePayloadBytes) + DataFrame::HeaderSize +
+        sizeof(DataFrame) + 2 * DataFrame::AllocationOverhead;
 
     // Empty queues, no socket, no buffers.
     DataFrameHandler();
@@ -147,6 +164,18 @@ public:
     // Whether the peer sent a header that cannot be honoured and the link is
     // being ended.
     bool isLinkEnding();
+    // Charges this link's memory to parent as well (null: no parent): the
+    // queue bounded at queueLimit bytes, the frame being received at
+    // MaxInboundBytes. With endSlowConsumer a queue or parent bound that a
+    // frame would pass ends the link instead of refusing the frame alone.
+    // Call it before the socket is set; what is charged already moves over.
+    void setMemoryAccounts(uint64_t queueLimit, std::shared_ptr<ByteAccount> parent, bool endSlowConsumer);
+    // Memory the queued and in-flight outbound frames hold, in bytes.
+    uint64_t queuedMemory() const { return m_pQueued->used(); }
+    // Memory the frame being received holds, in bytes.
+    uint64_t inboundMemory() const { return m_pInbound->used(); }
+    // Whether the link was ended because a memory bound would have passed.
+    bool isSlowConsumer();
 
     // Socket trampolines: user data is the handler; every exception is caught.
     static void onSentFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, void* user,
@@ -166,6 +195,8 @@ protected:
     // the socket and clears its callbacks. Owners of the socket override it
     // to release it, and to leave whatever lists hold the handler.
     virtual void retireLink();
+    // Who is behind the link, for log lines; the default names the handler.
+    virtual std::string linkName() const;
     // From doHandleMessage or doHandleCommand: the frames after this one are
     // not dispatched and the link ends as endLink ends it, without a log line
     // of its own (the caller has said why, within its own rate limit).
@@ -215,11 +246,28 @@ private:
     bool postRecv(Socket* socket);
     // Dispatches the complete inbound frame; one that does not parse is dropped.
     void processInboundCurrentFrame();
+    // Why the frame being received refused the stream, for the log.
+    std::string refusalReason(const DataFrame& frame) const;
     // Shuts the connection down so the socket layer reports its end; logs
     // the reason unless it is null.
     void endLink(Socket* socket, const char* reason);
     // Releases every frame queued or in flight.
     void releaseOutboundFrames();
+    // A frame that may not join the queue because refuser's bound would
+    // pass: refused alone, or with endSlowConsumer the link ends (outbound
+    // lock held).
+    void refuseOutbound(DataFrame* frame, const ByteAccount* refuser);
+    // Ends a slow consumer's link: frees its waiting frames and shuts the
+    // connection down (outbound lock held).
+    void endSlowConsumer(const ByteAccount* refuser, uint64_t wanted);
+    // A new frame to receive into, charged to the inbound account; null
+    // when none could be made (inbound lock held).
+    DataFrame* createInbound();
+    // Frees the frame being received and its charge (inbound lock held).
+    void releaseInbound();
+    // Shuts the connection down and writes the probe that makes the socket
+    // report its end (outbound lock held unless probe is false).
+    void shutdownConnection(Socket* socket, bool probe);
 
     // Serialises the receive path and guards the inbound state.
     UlmarCommsSystem::Mutex m_inboundLock;
@@ -257,9 +305,15 @@ private:
     bool m_outboundInFlight;
     // Bytes of the current frame the socket has taken.
     uint64_t m_currentSent;
-    // Bytes of every queued frame and the current one, bounded at
-    // MaxQueuedBytes.
-    ByteAccount m_queued;
+    // Memory of every queued frame and the current one, bounded at
+    // MaxQueuedBytes or as setMemoryAccounts says.
+    std::unique_ptr<ByteAccount> m_pQueued;
+    // Memory of the frame being received (inbound lock).
+    std::unique_ptr<ByteAccount> m_pInbound;
+    // A bound a frame would pass ends the link (set before the socket).
+    bool m_endSlowConsumer;
+    // The link was ended as a slow consumer; frames are dropped until a new socket.
+    bool m_slowConsumer;
     // Set by holdOutbound: frames queue but none is written.
     bool m_outboundHeld;
     // Message frames wait, unwritten, for the end of a batch.

@@ -8,6 +8,7 @@
 #include "framing/dataframehandler.h"
 
 #include "core/core.h"
+#include "core/memorytrim.h"
 #include "messaging/messageitem.h"
 
 #include <algorithm>
@@ -97,20 +98,31 @@ bool DataFrameHandler::enqueue(DataFrame* frame, bool command)
         if (mayWrite())
             sendOutbound();
     }
-    const uint64_t size = frame->wireSize();
-    // A peer that stops reading must not make us hold unbounded memory.
-    if (!m_queued.charge(size)) {
-        Core::log(Core::LogError,
-                  "DataFrameHandler::addToOutbound() this=%p Outbound queue full (%llu bytes waiting), frame "
-                  "refused.\n",
-                  static_cast<void*>(this), static_cast<unsigned long long>(m_queued.used()));
+    if (m_slowConsumer) {
+        // Ended for holding too much: nothing more is queued for it.
+        Core::verbose("DataFrameHandler::addToOutbound() this=%p Link ending, frame dropped.\n",
+                      static_cast<void*>(this));
         release(frame);
+        return false;
+    }
+    const bool queueEmpty =
+        m_pOutboundCurrentFrame == nullptr && m_batched.empty() && m_commandQueue.empty() && m_messageQueue.empty();
+    // A frame that will wait holds no more memory than its bytes need.
+    if (!queueEmpty || !mayWrite())
+        frame->shrinkToFit();
+    const uint64_t size = frame->heldBytes();
+    // A peer that stops reading must not make us hold unbounded memory; a
+    // frame into an empty queue leaves at once, so it is never refused.
+    const ByteAccount* refuser =
+        m_pQueued->chargeOrRefuser(size, queueEmpty ? ByteAccount::Bounds::None : ByteAccount::Bounds::All);
+    if (refuser != nullptr) {
+        refuseOutbound(frame, refuser);
         return false;
     }
     try {
         (command ? m_commandQueue : m_messageQueue).push_back(frame);
     } catch (...) {
-        m_queued.release(size);
+        m_pQueued->release(size);
         release(frame);
         Core::log(Core::LogError, "DataFrameHandler::addToOutbound() this=%p Unable to queue the frame.\n",
                   static_cast<void*>(this));
@@ -278,7 +290,7 @@ bool DataFrameHandler::completeSent(Socket* socket, unsigned char* buffer, unsig
         m_currentSent += part;
         if (!m_pOutboundCurrentFrame->doneWriteOut(part))
             break;
-        m_queued.release(m_pOutboundCurrentFrame->wireSize());
+        m_pQueued->release(m_pOutboundCurrentFrame->heldBytes());
         recycle(m_pOutboundCurrentFrame);
         m_pOutboundCurrentFrame = nullptr;
         m_currentSent = 0;
@@ -338,8 +350,49 @@ void DataFrameHandler::onSent(Socket* socket, unsigned char* buffer, unsigned co
         doSendOutboundData();
 }
 
+void DataFrameHandler::refuseOutbound(DataFrame* frame, const ByteAccount* refuser)
+{
+    const uint64_t wanted = frame->heldBytes();
+    release(frame);
+    if (m_endSlowConsumer) {
+        endSlowConsumer(refuser, wanted);
+        return;
+    }
+    Core::log(Core::LogError,
+              "DataFrameHandler::addToOutbound() this=%p Outbound queue full (%llu bytes waiting), frame "
+              "refused.\n",
+              static_cast<void*>(this), static_cast<unsigned long long>(m_pQueued->used()));
+}
+
+void DataFrameHandler::endSlowConsumer(const ByteAccount* refuser, uint64_t wanted)
+{
+    m_slowConsumer = true;
+    Core::log(Core::LogError,
+              "DataFrameHandler::addToOutbound() this=%p Ending the link of %s as a slow consumer: %llu more bytes "
+              "would pass the %s memory limit (%llu of %llu bytes held).\n",
+              static_cast<void*>(this), linkName().c_str(), static_cast<unsigned long long>(wanted), refuser->name(),
+              static_cast<unsigned long long>(refuser->used()), static_cast<unsigned long long>(refuser->limit()));
+    // The frames still waiting will never be read: they go now. The one in
+    // flight stays until the socket reports the end.
+    uint64_t freed = 0;
+    for (auto* queue : {&m_commandQueue, &m_messageQueue}) {
+        for (DataFrame* frame : *queue) {
+            freed += frame->heldBytes();
+            release(frame);
+        }
+        queue->clear();
+    }
+    m_pQueued->release(freed);
+    MemoryTrim::released(freed);
+    m_batchedFrames = false;
+    Socket* socket = m_pSocket.load();
+    if (socket != nullptr)
+        shutdownConnection(socket, true);
+}
+
 void DataFrameHandler::releaseOutboundFrames()
 {
+    uint64_t freed = m_pQueued->used();
     for (DataFrame* frame : m_commandQueue)
         release(frame);
     for (DataFrame* frame : m_messageQueue)
@@ -353,7 +406,9 @@ void DataFrameHandler::releaseOutboundFrames()
     m_pOutboundCurrentFrame = nullptr;
     m_outboundInFlight = false;
     m_currentSent = 0;
-    m_queued.releaseAll();
+    m_pQueued->releaseAll();
+    if (freed >= MemoryTrim::TrimThresholdBytes)
+        MemoryTrim::released(freed);
 }
 
 } // namespace UlmarComms
