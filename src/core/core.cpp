@@ -99,6 +99,11 @@ const DefaultSetting kDefaultSettings[] = {
     // The user an application believes as its service besides root and
     // itself (a name or a uid).
     {"ulmar.systemrouter.pipe.serviceuser", false, 0, "ulmarcomms", false},
+    // Memory in bytes the service's local links may hold: one link's queue,
+    // all links of one user, all links (core/limits.h says why these).
+    {"ulmar.systemrouter.memory.link", true, 16 * 1024 * 1024, nullptr, false},
+    {"ulmar.systemrouter.memory.user", true, 128 * 1024 * 1024, nullptr, false},
+    {"ulmar.systemrouter.memory", true, 256 * 1024 * 1024, nullptr, false},
 };
 
 const DefaultSetting* findDefault(const std::string& key)

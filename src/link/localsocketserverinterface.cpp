@@ -11,6 +11,7 @@
 #include "platform/socketreaper.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <unistd.h>
 
 namespace UlmarComms {
@@ -58,6 +59,14 @@ void SocketMessageRouterProxy::retireLink()
     Socket::release(takeSocket());
 }
 
+std::string SocketMessageRouterProxy::linkName() const
+{
+    char text[96];
+    std::snprintf(text, sizeof(text), "uid %u pid %d (link %p)", static_cast<unsigned>(m_peer.uid),
+                  static_cast<int>(m_peer.pid), static_cast<const void*>(this));
+    return text;
+}
+
 bool SocketMessageRouterProxy::setSystemRouter(ISystemRouter* systemRouter)
 {
     m_pSystemRouter = systemRouter;
@@ -76,6 +85,9 @@ bool SocketMessageRouterProxy::post(MessageRef message)
     // Posted while a received block is dispatched on this thread, the frame
     // is written when that block ends (framing/writebatch.h).
     if (!addToOutbound(message.get())) {
+        // A slow consumer's end was logged once, when it was ended.
+        if (isSlowConsumer())
+            return false;
         Core::log(Core::LogError,
                   "SocketMessageRouterProxy::post( %p ) this=%p Failed to add the message to the outbound queue.\n",
                   static_cast<void*>(message.get()), static_cast<void*>(this));
@@ -87,7 +99,7 @@ bool SocketMessageRouterProxy::post(MessageRef message)
 
 void SocketMessageRouterProxy::commandHandler(unsigned char code, const char* text)
 {
-    if (!addToOutbound(code, text))
+    if (!addToOutbound(code, text) && !isSlowConsumer())
         Core::log(Core::LogError,
                   "SocketMessageRouterProxy::commandHandler( %d, '%s' ) this=%p Failed to add to outbound.\n", code,
                   printable(text), static_cast<void*>(this));
@@ -194,6 +206,7 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
     try {
         SocketMessageRouterProxy* proxy = new SocketMessageRouterProxy();
         proxy->setPeer(peer);
+        proxy->setMemoryAccounts(m_memory.linkLimit(), m_memory.accountFor(static_cast<unsigned>(peer.uid)), true);
         proxy->setSocket(client);
         proxy->setSystemRouter(m_pLinkedSystemRouter);
         // Listed and registered under the lock, so that closeAllLinks never

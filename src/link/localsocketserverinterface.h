@@ -29,10 +29,16 @@
 // log's throttle keeps a peer that retries in a loop from filling the log. A
 // proxy remembers its peer's uid: the system router files the link's pumps
 // under it.
+//
+// Memory. Each proxy charges what it holds to its user's account and the
+// service's (LinkMemory); a proxy whose queue would pass a bound is a slow
+// consumer and its link is ended (framing/dataframehandler.h), which the
+// listener then sees as any other drop.
 #pragma once
 
 #include "framing/dataframehandler.h"
 #include "framing/dataframeserver.h"
+#include "link/linkmemory.h"
 #include "messaging/messagerouter.h"
 #include "platform/mutex.h"
 #include "platform/peercredentials.h"
@@ -86,6 +92,8 @@ public:
 protected:
     // Releases the socket (release() calls it).
     void retireLink() override;
+    // The peer's uid and pid, for log lines.
+    std::string linkName() const override;
 
 private:
     // Where incoming traffic goes (not owned); null once detached.
@@ -136,6 +144,8 @@ private:
     std::vector<SocketMessageRouterProxy*> m_connections;
     // Who may connect; read from the settings when the listener is made.
     UlmarCommsService::UserPolicy m_policy;
+    // The memory accounts of the links' users and of the service.
+    LinkMemory m_memory;
 };
 
 } // namespace UlmarComms

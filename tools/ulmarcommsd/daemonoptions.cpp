@@ -7,6 +7,8 @@
 #include "network/networkpolicy.h"
 
 #include <algorithm>
+#include <cctype>
+#include <climits>
 
 namespace UlmarCommsTools {
 
@@ -91,11 +93,59 @@ bool policyName(const std::string& option, const std::string& value, std::string
     return false;
 }
 
+// The memory options and the settings they set.
+struct MemoryOption {
+    const char* name;
+    const char* key;
+};
+const MemoryOption kMemoryOptions[] = {
+    {"--link-memory", "ulmar.systemrouter.memory.link"},
+    {"--user-memory", "ulmar.systemrouter.memory.user"},
+    {"--memory", "ulmar.systemrouter.memory"},
+};
+
+const MemoryOption* memoryOption(const std::string& name)
+{
+    for (const MemoryOption& option : kMemoryOptions) {
+        if (name == option.name)
+            return &option;
+    }
+    return nullptr;
+}
+
+// A byte count with an optional K, M or G (powers of 1024). Settings are
+// int, so the count must fit one; below 64 KiB no link could work.
+bool parseBytes(const std::string& option, const std::string& text, long& bytes, std::string& error)
+{
+    const long minimum = 64 * 1024;
+    std::string digits = text;
+    long unit = 1;
+    if (!digits.empty()) {
+        const char suffix = digits.back();
+        const long units[] = {1024L, 1024L * 1024L, 1024L * 1024L * 1024L};
+        const std::string letters = "KMG";
+        const size_t found = letters.find(static_cast<char>(std::toupper(static_cast<unsigned char>(suffix))));
+        if (found != std::string::npos) {
+            unit = units[found];
+            digits.pop_back();
+        }
+    }
+    long count = 0;
+    if (!digits.empty() && digits[0] != '-' && parseNumber(digits, 1, INT_MAX, count) && count <= INT_MAX / unit &&
+        count * unit >= minimum) {
+        bytes = count * unit;
+        return true;
+    }
+    error = option + " takes a byte count from 64K to 2147483647 (suffix K, M or G allowed), not '" + text + "'";
+    return false;
+}
+
 } // namespace
 
 DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptions& options, std::string& error)
 {
     std::vector<std::string> allowed;
+    std::vector<std::string> memory; // settings items of the memory options
     for (size_t index = 0; index < args.size(); ++index) {
         const std::string& arg = args[index];
         if (arg == "--help" || arg == "-h")
@@ -120,7 +170,7 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
         std::string value;
         const bool inlineValue = splitInline(arg, name, value);
         if (name != "--set" && name != "--log-level" && name != "--allow-network" && name != "--allow-group" &&
-            name != "--allow-user") {
+            name != "--allow-user" && memoryOption(name) == nullptr) {
             error = "unknown argument '" + arg + "'";
             return DaemonParse::Usage;
         }
@@ -138,6 +188,13 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
                 return DaemonParse::Usage;
             }
             allowed.push_back(value);
+            continue;
+        }
+        if (const MemoryOption* option = memoryOption(name)) {
+            long bytes = 0;
+            if (!parseBytes(name, value, bytes, error))
+                return DaemonParse::Usage;
+            memory.push_back(std::string(option->key) + "=" + std::to_string(bytes));
             continue;
         }
         if (name == "--set") {
@@ -160,6 +217,11 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
     }
     if (!addAllowedNetworks(allowed, options.settings, error))
         return DaemonParse::Usage;
+    // After the --set items, so an option wins over a --set of its key.
+    for (const std::string& item : memory) {
+        if (!options.settings.add(item, error))
+            return DaemonParse::Usage;
+    }
     return addPolicySettings(options, error) ? DaemonParse::Run : DaemonParse::Usage;
 }
 
@@ -167,7 +229,8 @@ std::string daemonUsage()
 {
     return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N] [--allow-group NAME]...\n"
            "                   [--allow-user NAME|UID]... [--allow-everyone] [--allow-network CIDR]...\n"
-           "                   [--allow-any-network] [KEY=VALUE[;KEY=VALUE...]]\n"
+           "                   [--allow-any-network] [--link-memory BYTES] [--user-memory BYTES]\n"
+           "                   [--memory BYTES] [KEY=VALUE[;KEY=VALUE...]]\n"
            "\n"
            "Runs this machine's system router service in the foreground until\n"
            "SIGTERM or SIGINT, then shuts it down and exits 0.\n"
@@ -192,6 +255,13 @@ std::string daemonUsage()
            "  --allow-user NAME|UID  let this user use the bus (repeatable)\n"
            "  --allow-everyone let every local user use the bus; each user still\n"
            "                   owns the names its programs register\n"
+           "  --link-memory BYTES  memory the frames queued for one local link may\n"
+           "                   hold (default 16M); a link that does not read and\n"
+           "                   would pass it is ended, its senders carry on\n"
+           "  --user-memory BYTES  memory all local links of one user may hold\n"
+           "                   (default 128M)\n"
+           "  --memory BYTES   memory all local links together may hold (default\n"
+           "                   256M); BYTES takes a suffix K, M or G\n"
            "  KEY=VALUE;...    a whole start argument, as the library takes it; its\n"
            "                   items are added to the --set items (a word without\n"
            "                   '=' is accepted and ignored)\n"
