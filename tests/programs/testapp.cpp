@@ -6,7 +6,8 @@
 //   pump NAME [INTERFACES]          -> "pump NAME ADDRESS" or "fail pump NAME"
 //   answer NAME echo|silent         -> "answer NAME" (how NAME answers requests)
 //   send NAME TO METHOD [K=V...]    -> "sent NAME ID RC"
-//   burst NAME TO METHOD COUNT      -> COUNT requests with "seq"=0..COUNT-1, then "burst NAME RC"
+//   burst NAME TO METHOD COUNT [BYTES] -> COUNT requests with "seq"=0..COUNT-1 (and a "data" value of
+//                                      BYTES bytes), then "burst NAME RC"
 //   threads                         -> "threads N": how many threads have run callbacks
 //   destroy NAME                    -> "destroyed NAME" (the pump is gone)
 //   quit                            -> shuts down and exits 0
@@ -188,10 +189,13 @@ bool handle(const std::vector<std::string>& w)
         postBuilt(pump, message);
     } else if (verb == "burst" && w.size() >= 5) {
         const int count = std::atoi(w[4].c_str());
+        const std::string data(w.size() > 5 ? static_cast<size_t>(std::max(0, std::atoi(w[5].c_str()))) : 0, 'd');
         int worst = 0;
         for (int i = 0; i < count; ++i) {
             void* message = UlmarCommsCreateMessage(pump->handle, w[2].c_str(), w[3].c_str());
             UlmarCommsMessageAddKeyValue(message, "seq", std::to_string(i).c_str());
+            if (!data.empty())
+                UlmarCommsMessageAddKeyValue(message, "data", data.c_str());
             const int rc = UlmarCommsPostMessage(pump->handle, message);
             if (rc != 0)
                 worst = rc;

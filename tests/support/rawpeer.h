@@ -151,6 +151,13 @@ public:
                 return true;
         }
     }
+    // Whether the other side has shut the stream down, without reading
+    // anything: for a peer that must stay a non-reader.
+    bool peerHasShutDown()
+    {
+        pollfd entry{m_fd, POLLRDHUP, 0};
+        return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+    }
     // Closes with a reset instead of an orderly end.
     void resetNow()
     {
