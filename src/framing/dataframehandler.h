@@ -170,10 +170,6 @@ public:
     // frame would pass ends the link instead of refusing the frame alone.
     // Call it before the socket is set; what is charged already moves over.
     void setMemoryAccounts(uint64_t queueLimit, std::shared_ptr<ByteAccount> parent, bool endSlowConsumer);
-    // Memory the queued and in-flight outbound frames hold, in bytes.
-    uint64_t queuedMemory() const { return m_pQueued->used(); }
-    // Memory the frame being received holds, in bytes.
-    uint64_t inboundMemory() const { return m_pInbound->used(); }
     // Whether the link was ended because a memory bound would have passed.
     bool isSlowConsumer();
 

@@ -32,8 +32,6 @@ public:
     std::shared_ptr<ByteAccount> accountFor(unsigned uid);
     // The bound of one link's queue.
     uint64_t linkLimit() const { return m_linkLimit; }
-    // Bytes the service's links hold now.
-    uint64_t used() const { return m_pService->used(); }
 
 private:
     const uint64_t m_linkLimit;
