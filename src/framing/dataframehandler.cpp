@@ -154,7 +154,7 @@ void DataFrameHandler::releaseInbound()
 {
     if (m_pInboundCurrentFrame == nullptr)
         return;
-    if (m_pInboundCurrentFrame->capacity() > DataFrame::InitialBufferSize)
+    if (m_pInboundCurrentFrame->capacity() > KeptInboundBytes)
         MemoryTrim::released(m_pInboundCurrentFrame->capacity());
     release(m_pInboundCurrentFrame);
     m_pInboundCurrentFrame = nullptr;
@@ -443,8 +443,9 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
             processInboundCurrentFrame();
             m_pInboundCurrentFrame->reset();
             // A large buffer is not kept for the next frame: most frames are
-            // small, and the memory goes back to the system.
-            if (m_pInboundCurrentFrame->capacity() > DataFrame::InitialBufferSize) {
+            // small, and the memory goes back to the system. Up to a few
+            // kilobytes it is kept, so medium frames cost no allocation each.
+            if (m_pInboundCurrentFrame->capacity() > KeptInboundBytes) {
                 releaseInbound();
                 m_pInboundCurrentFrame = createInbound();
                 if (m_pInboundCurrentFrame == nullptr) {

@@ -90,6 +90,9 @@ public:
     // setMemoryAccounts says otherwise (core/limits.h); one frame is always
     // accepted into an empty queue, so no single frame is ever refused here.
     static constexpr uint64_t MaxQueuedBytes = Limits::LinkQueuedBytes;
+    // A receive buffer up to this size is kept for the next frame; a larger
+    // one is freed once its frame is dispatched.
+    static constexpr unsigned KeptInboundBytes = 4 * DataFrame::InitialBufferSize;
     // What the frame being received may hold at most: the largest frame.
     static constexpr uint64_t MaxInboundBytes = uint64_t(Limits::FramePayloadBytes) + DataFrame::HeaderSize +
         sizeof(DataFrame) + 2 * DataFrame::AllocationOverhead;
