@@ -69,7 +69,9 @@ constexpr uint64_t ServiceUserMemoryBytes = 128u * 1024u * 1024u;
 constexpr uint64_t ServiceMemoryBytes = 256u * 1024u * 1024u;
 
 // A command record's text has no bound of its own: the record (5 bytes, the
-// text and its NUL) is one frame payload, so FramePayloadBytes bounds it.
+// text and its NUL) is one frame payload, so FramePayloadBytes bounds it. A
+// network link carries only host names, so it ends the link at a command
+// frame longer than a HostNameBytes name needs (NetworkRouterConnection::MaxCommandRecord).
 
 // ----------------------------------------------------------- messaging
 
@@ -128,14 +130,15 @@ constexpr size_t PipeNameBytes = 99;
 
 // ------------------------------------------------------------- network
 
-// Distinct host names the network router keeps, at most. Every name a peer
-// announces stays for good, so a flood of invented names must be bounded.
-// Setting: none.
+// Distinct host names the network router keeps, at most, so that a flood of
+// invented names is bounded. A name leaves once nothing binds it (no link,
+// not heard for 3 discovery periods); when full, the oldest name without a
+// link makes room. Setting: none.
 // Alias: NetworkRouter::MaxHostNames (src/network/networkrouter.h).
 constexpr size_t NetworkHostNames = 1024;
 
 // Routing table entries the network router keeps, at most, for the same
-// reason. Setting: none.
+// reason; an entry leaves once it is quiet and without a link. Setting: none.
 // Alias: NetworkRouter::MaxRoutingTableEntries (src/network/networkrouter.h).
 constexpr size_t RoutingTableEntries = 4096;
 
@@ -143,6 +146,19 @@ constexpr size_t RoutingTableEntries = 4096;
 // is 64). Setting: none.
 // Alias: NetworkRouter::MaxHostNameLength (src/network/networkrouter.h).
 constexpr size_t HostNameBytes = 255;
+
+// Milliseconds an accepted network link has to send its host name; a link
+// silent that long is closed. A real peer names itself as soon as its
+// connect completes. Setting: none.
+// Alias: NetworkRouterInterface::HelloTimeout (src/network/networkinterface.h).
+constexpr unsigned NetworkHelloMilliseconds = 5000;
+
+// Accepted network links one source address holds on one interface, at
+// most; more are closed as they are accepted. Two hosts need two links (one
+// opened by each); 8 leaves room for a host that reconnects before its old
+// links have been torn down. Setting: none.
+// Alias: NetworkRouterInterface::MaxLinksPerSource (src/network/networkinterface.h).
+constexpr unsigned NetworkLinksPerSource = 8;
 
 // Bytes of one discovery datagram, received or sent: a receive takes at
 // most this many (the rest of a longer datagram is lost), and an

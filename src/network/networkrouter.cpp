@@ -1,8 +1,9 @@
 // The network router: interface selection from the settings, the table of
 // remote hosts, lazy connections and the network queries.
 //
-// Host names get ids 1, 2, 3 ... in order of first sight and are never
-// forgotten, so texts and ids stay stable across stop and start. The table
+// Host names get ids 1, 2, 3 ... in order of first sight and outlive stop
+// and start; a name leaves only once nothing binds it (networkhostnames.h
+// keeps them, the router decides which may go). The table
 // points at connections but does not own them: the interfaces do. A
 // connection that goes away clears every entry that points at it (through
 // removeConnection, when it is released) before its socket goes, so no entry
@@ -47,72 +48,16 @@ std::vector<SocketAddress> wantedAddresses(const std::string& list, const std::s
     return out;
 }
 
-// Adds an argument when there is a value to add.
-bool addIfSet(MessageItem* item, const char* key, const char* value)
-{
-    return value == nullptr || item->add(key, value);
-}
-
 } // namespace
 
-NetworkRouterRoutingTableEntry::NetworkRouterRoutingTableEntry()
-    : m_hostId(0), m_pInterface(nullptr), m_pConnection(nullptr), m_lastHeard(Clock::now())
-{
-}
-
-bool NetworkRouterRoutingTableEntry::connect()
-{
-    if (m_pConnection != nullptr)
-        return true;
-    if (m_pInterface == nullptr) {
-        Core::log(Core::LogError,
-                  "NetworkRouterRoutingTableEntry::connect() Failed to create new connection object.\n");
-        return false;
-    }
-    // Should the connection fail at once, it is released on a worker; the
-    // section keeps it alive while it is looked at here.
-    UlmarCommsSystem::SocketReaper::Section section;
-    m_pConnection = m_pInterface->connectTo(m_address);
-    if (m_pConnection == nullptr) {
-        Core::log(Core::LogError,
-                  "NetworkRouterRoutingTableEntry::connect() Failed to create new connection object.\n");
-        return false;
-    }
-    // connectTo has already connected the socket, so this second start fails
-    // and the entry counts as connected; a second start that succeeds means
-    // the first did not really happen.
-    const bool startedAgain = m_pConnection->connect();
-    if (!startedAgain)
-        return true;
-    Core::log(Core::LogError,
-              "NetworkRouterRoutingTableEntry::connect() Failed to create other end of the connection object.\n");
-    return false;
-}
-
-bool NetworkRouterRoutingTableEntry::post(MessageRef item)
-{
-    if (!item)
-        return false;
-    if (!connect()) {
-        Core::log(Core::LogError, "NetworkRouterRoutingTableEntry::post( %p ) Failed to connect()\n",
-                  static_cast<void*>(item.get()));
-        return false;
-    }
-    return m_pConnection->addToOutbound(item.get());
-}
-
-bool NetworkRouterRoutingTableEntry::post(unsigned char code, const char* text)
-{
-    if (!connect()) {
-        Core::log(Core::LogError, "NetworkRouterRoutingTableEntry::post( %d, '%s' ) Failed to connect()\n", code,
-                  text != nullptr ? text : "");
-        return false;
-    }
-    return m_pConnection->addToOutbound(code, text);
-}
-
 NetworkRouter::NetworkRouter()
-    : m_pSystemRouter(nullptr), m_networkWorkMode(0), m_inStealthMode(false), m_isMaster(false), m_orderFlag(false)
+    : m_pSystemRouter(nullptr),
+      m_networkWorkMode(0),
+      m_inStealthMode(false),
+      m_isMaster(false),
+      m_orderFlag(false),
+      m_hostNames(MaxHostNames),
+      m_lastAgeOut(Clock::now())
 {
 }
 
@@ -179,40 +124,47 @@ void NetworkRouter::releaseEntry(NetworkRouterRoutingTableEntry* entry)
 int32_t NetworkRouter::addHostId(const std::string& name)
 {
     MutexLocker locker(m_lock);
-    auto found = m_hostNames.find(name);
-    if (found != m_hostNames.end())
-        return found->second;
-    // A NUL would make two different names print and address alike.
-    if (name.empty() || name.size() > MaxHostNameLength || name.find('\0') != std::string::npos) {
+    const int32_t known = m_hostNames.idOf(name);
+    const Clock::time_point now = Clock::now();
+    if (known == 0 && !NetworkHostNames::acceptable(name, MaxHostNameLength)) {
         Core::log(Core::LogWarning, "NetworkRouter::addHostId() refusing a host name of %u bytes\n",
                   static_cast<unsigned>(name.size()));
         return 0;
     }
-    if (m_hostNames.size() >= MaxHostNames) {
+    // Dead names go before a live one is asked to make room.
+    if (known == 0 && m_hostNames.full())
+        ageOut(now);
+    // Hosts with a link, found once: a full table asks about every name.
+    std::vector<int32_t> linked;
+    for (const NetworkRouterRoutingTableEntry* entry : m_routingTable)
+        if (entry->m_pConnection != nullptr)
+            linked.push_back(entry->m_hostId);
+    std::sort(linked.begin(), linked.end());
+    int32_t forgotten = 0;
+    const int32_t id = m_hostNames.add(
+        name, now, [&](int32_t host) { return !std::binary_search(linked.begin(), linked.end(), host); }, forgotten);
+    if (forgotten != 0) {
+        dropEntriesOf(forgotten);
+        Core::log(Core::LogWarning,
+                  "NetworkRouter::addHostId( '%s' ) %u host names known: forgot the one heard least recently\n",
+                  name.c_str(), static_cast<unsigned>(m_hostNames.size()));
+    }
+    if (id == 0)
         Core::log(Core::LogWarning, "NetworkRouter::addHostId( '%s' ) refused: %u host names known already\n",
                   name.c_str(), static_cast<unsigned>(m_hostNames.size()));
-        return 0;
-    }
-    // Names are never removed, so the count plus one is never reused.
-    const int32_t id = static_cast<int32_t>(m_hostNames.size()) + 1;
-    m_hostNames.emplace(name, id);
     return id;
 }
 
 int32_t NetworkRouter::getHostId(const std::string& name)
 {
     MutexLocker locker(m_lock);
-    auto found = m_hostNames.find(name);
-    return found != m_hostNames.end() ? found->second : 0;
+    return m_hostNames.idOf(name);
 }
 
 std::string NetworkRouter::lookUpHostId(int32_t id)
 {
     MutexLocker locker(m_lock);
-    for (const auto& [name, hostId] : m_hostNames)
-        if (hostId == id)
-            return name;
-    return "<unknown>";
+    return m_hostNames.nameOf(id);
 }
 
 bool NetworkRouter::acceptsInterface(NetworkRouterInterface* interface) const
@@ -227,8 +179,11 @@ void NetworkRouter::infoAboutHost(const std::string& hostName, const SocketAddre
     if (!acceptsInterface(interface))
         return;
     const Clock::time_point now = Clock::now();
+    ageOutWhenDue(now);
     const int32_t known = getHostId(hostName);
     if (known != 0) {
+        // The name is heard, even from an address it may not move to yet.
+        m_hostNames.touch(known, now);
         for (NetworkRouterRoutingTableEntry* entry : m_routingTable)
             if (entry->m_hostId == known && entry->m_pInterface == interface && entry->m_address.match(address, true)) {
                 entry->m_lastHeard = now;
@@ -270,8 +225,10 @@ bool NetworkRouter::routingTableNewConnection(const std::string& hostName, Netwo
     // interface being stopped (taken out by stop()) takes no new entries.
     if (connection == nullptr || connection->isClosing() || !acceptsInterface(interface))
         return false;
+    const Clock::time_point now = Clock::now();
+    ageOutWhenDue(now);
     const int32_t known = getHostId(hostName);
-    if (known != 0 && boundElsewhere(known, connection->getRemoteAddress(), nullptr, Clock::now())) {
+    if (known != 0 && boundElsewhere(known, connection->getRemoteAddress(), nullptr, now)) {
         // Taking it would hand this peer the named host's traffic.
         connection->refuse();
         Core::log(Core::LogWarning,
@@ -321,12 +278,58 @@ void NetworkRouter::removeConnection(NetworkRouterConnection* connection)
             entry->m_pConnection = nullptr;
 }
 
+std::chrono::milliseconds NetworkRouter::quietTime() const
+{
+    const int period = std::max(Core::instance()->getNumber("ulmar.networkrouter.discovery.timeout"), 0);
+    return std::chrono::milliseconds(static_cast<int64_t>(period) * QuietPeriods);
+}
+
 bool NetworkRouter::isLive(const NetworkRouterRoutingTableEntry* entry, Clock::time_point now) const
 {
-    if (entry->m_pConnection != nullptr)
+    return entry->m_pConnection != nullptr || now - entry->m_lastHeard < quietTime();
+}
+
+void NetworkRouter::ageOutWhenDue(Clock::time_point now)
+{
+    // Once a period is enough for hosts that age in periods; a full table
+    // cannot wait, since a live host may be knocking.
+    if (now - m_lastAgeOut >= quietTime() / QuietPeriods || m_hostNames.full() ||
+        m_routingTable.size() >= MaxRoutingTableEntries)
+        ageOut(now);
+}
+
+void NetworkRouter::ageOut(Clock::time_point now)
+{
+    m_lastAgeOut = now;
+    // A quiet entry binds nothing (isLive), so dropping it changes no
+    // answer the binding gives; its host is found again when it announces.
+    std::vector<int32_t> bound;
+    for (auto it = m_routingTable.begin(); it != m_routingTable.end();) {
+        if (isLive(*it, now)) {
+            bound.push_back((*it)->m_hostId);
+            ++it;
+            continue;
+        }
+        releaseEntry(*it);
+        it = m_routingTable.erase(it);
+    }
+    std::sort(bound.begin(), bound.end());
+    const std::vector<int32_t> forgotten = m_hostNames.forgetIf([&](int32_t id) {
+        return !std::binary_search(bound.begin(), bound.end(), id) && now - m_hostNames.lastHeard(id) >= quietTime();
+    });
+    if (!forgotten.empty())
+        Core::message("NetworkRouter::ageOut() Forgot %u host names not heard for %d ms\n",
+                      static_cast<unsigned>(forgotten.size()), static_cast<int>(quietTime().count()));
+}
+
+void NetworkRouter::dropEntriesOf(int32_t id)
+{
+    std::erase_if(m_routingTable, [id](NetworkRouterRoutingTableEntry* entry) {
+        if (entry->m_hostId != id)
+            return false;
+        releaseEntry(entry);
         return true;
-    const int period = std::max(Core::instance()->getNumber("ulmar.networkrouter.discovery.timeout"), 0);
-    return now - entry->m_lastHeard < std::chrono::milliseconds(static_cast<int64_t>(period) * QuietPeriods);
+    });
 }
 
 bool NetworkRouter::boundElsewhere(int32_t id, const SocketAddress& address, const NetworkRouterInterface* interface,
@@ -468,99 +471,6 @@ bool NetworkRouter::post(const std::string& host, unsigned char code, const char
                   text != nullptr ? text : "", host.c_str());
         return false;
     });
-}
-
-bool NetworkRouter::getHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
-                                                 const char* match)
-{
-    switch (m_networkWorkMode) {
-    case 0: return peerToPeerGetHostsSupportingInterfaces(from, sender, interfaces, match);
-    case 1:
-    case 2: return false;
-    default:
-        Core::log(Core::LogWarning, "NetworkRouter::getHostsSupportingInterfaces() Network work mode is unknown!\n");
-        return false;
-    }
-}
-
-bool NetworkRouter::peerToPeerGetHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
-                                                           const char* match)
-{
-    // The targets are read under the lock and the copies posted without it:
-    // the system router's thread holds its own locks while it hands messages
-    // here, so posting to it under ours would order the two both ways.
-    ISystemRouter* systemRouter = nullptr;
-    std::vector<std::string> targets;
-    {
-        MutexLocker locker(m_lock);
-        systemRouter = m_pSystemRouter;
-        if (systemRouter == nullptr)
-            return false;
-        for (const auto& entry : m_hostNames)
-            targets.push_back(entry.first + "@system");
-    }
-    // The query to this host itself is addressed with a capital S.
-    targets.push_back(Core::instance()->getHostName() + "@System");
-    for (const std::string& to : targets) {
-        MessageRef item(MessageItem::create());
-        if (!item)
-            return false;
-        const bool built = item->add(MessageItem::ArgumentKey_To, to.c_str()) &&
-            item->add(MessageItem::ArgumentKey_Method, "#AddressSupportingInterfaces") &&
-            addIfSet(item.get(), MessageItem::ArgumentKey_From, from) &&
-            addIfSet(item.get(), MessageItem::ArgumentKey_SenderId, sender) &&
-            addIfSet(item.get(), "inters", interfaces) && addIfSet(item.get(), "match", match);
-        if (built)
-            systemRouter->post(std::move(item));
-    }
-    return true;
-}
-
-std::string NetworkRouter::getRoutingTable()
-{
-    MutexLocker locker(m_lock);
-    std::string text;
-    for (const NetworkRouterRoutingTableEntry* entry : m_routingTable) {
-        // The second column says whether the host still needs a connection.
-        text += lookUpHostId(entry->m_hostId);
-        text += entry->m_pConnection != nullptr ? ",false," : ",true,";
-        text += entry->m_address.asString();
-        text += ",";
-        if (entry->m_pInterface != nullptr) {
-            text += entry->m_pInterface->getNetworkAddress().asString() + "," +
-                entry->m_pInterface->getBroadcastAddress().asString() + "," +
-                entry->m_pInterface->getLocalAddress().asString();
-        } else {
-            text += ",,";
-        }
-        text += "\n";
-    }
-    return text;
-}
-
-std::string NetworkRouter::getKnownHosts(bool)
-{
-    MutexLocker locker(m_lock);
-    std::string text;
-    for (const auto& entry : m_hostNames)
-        text += entry.first + "\n";
-    return text;
-}
-
-std::string NetworkRouter::getHostInfo(const std::string& host)
-{
-    return "host:" + host + "\n";
-}
-
-void NetworkRouter::getCurrentNetworkInterfaces(std::ostream& out)
-{
-    MutexLocker locker(m_lock);
-    out << "interfaces=" << m_interfaces.size() << "\n";
-    for (size_t i = 0; i < m_interfaces.size(); ++i) {
-        const NetworkRouterInterface* interface = m_interfaces[i];
-        out << "interface" << i << "=" << interface->getNetworkAddress().asString() << ","
-            << interface->getBroadcastAddress().asString() << "," << interface->getLocalAddress().asString() << "\n";
-    }
 }
 
 bool NetworkRouter::buildNetworkInterfaces()

@@ -28,6 +28,12 @@
 // and no connection. The same name may still be learnt on another interface
 // (a host on two networks), and a new port at a known address is taken as
 // before. Refusals are logged; the log's throttle bounds them (core/logthrottle.h).
+// Hosts age out: an entry that has gone quiet is dropped, and a name left
+// with no entry and not heard for the quiet time is forgotten. That is
+// exactly when its binding would have let it move anyway, so aging never
+// hands a name over sooner than the binding does. A full name table makes
+// room by forgetting the oldest name without a live link; a host with a
+// link is never forgotten (networkhostnames.h).
 // stop() never holds the router lock while it stops interfaces: stopping one
 // waits until its sockets' callbacks have ended (SocketReaper::synchronize),
 // and those callbacks take the lock. docs/architecture.md gives the whole lock order.
@@ -35,7 +41,9 @@
 
 #include "core/limits.h"
 #include "messaging/messageitem.h"
+#include "network/networkhostnames.h"
 #include "network/networkpolicy.h"
+#include "network/networkroutingentry.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
@@ -73,7 +81,7 @@ public:
     // A connection named its host: enter it in the routing table.
     virtual bool routingTableNewConnection(const std::string& hostName, NetworkRouterInterface* interface,
                                            NetworkRouterConnection* connection) = 0;
-    // Every host name ever learnt, one per line.
+    // Every host name known, one per line.
     virtual std::string getKnownHosts(bool activeOnly) = 0;
     // What is known about one host.
     virtual std::string getHostInfo(const std::string& host) = 0;
@@ -87,31 +95,6 @@ public:
     virtual ISystemRouter* getSystemRouter() { return nullptr; }
 };
 
-// One known way to one remote host: a plain record owned by the routing table.
-class NetworkRouterRoutingTableEntry {
-public:
-    // Host id 0, no interface, no connection.
-    NetworkRouterRoutingTableEntry();
-
-    // Makes sure the entry has a connection, opening one through the interface.
-    bool connect();
-    // Queues a copy on the connection; releases the item whatever the result.
-    bool post(MessageRef item);
-    // Queues a link command on the connection.
-    bool post(unsigned char code, const char* text);
-
-    // Key into the router's host names.
-    int32_t m_hostId;
-    // The remote host's stream address as learnt.
-    UlmarCommsSystem::SocketAddress m_address;
-    // The local interface through which the host is reached (not owned).
-    NetworkRouterInterface* m_pInterface;
-    // The open connection to the host, null when none (not owned).
-    NetworkRouterConnection* m_pConnection;
-    // When the host last announced itself at this address (or the entry was made).
-    std::chrono::steady_clock::time_point m_lastHeard;
-};
-
 class NetworkRouter : public INetworkRouter {
 public:
     // Bounds on what peers make the router keep (core/limits.h): host names,
@@ -120,8 +103,9 @@ public:
     static constexpr size_t MaxRoutingTableEntries = Limits::RoutingTableEntries;
     static constexpr size_t MaxHostNameLength = Limits::HostNameBytes;
     // Discovery periods without an announcement after which a host's address
-    // counts as quiet and its name may move to a new one. More than one, so
-    // that a late timer on the real host never lets a claim in between.
+    // counts as quiet and its name may move to a new one, or be forgotten.
+    // More than one, so that a late timer or a lost datagram on the real
+    // host never lets a claim in between nor drops a host that is there.
     static constexpr int QuietPeriods = 3;
 
     // No interfaces, work mode 0, all flags false.
@@ -158,7 +142,9 @@ public:
     // The interfaces in use as "interfaces=N" and one line each.
     void getCurrentNetworkInterfaces(std::ostream& out);
 
-    // The id of a name, registering a new one (0 when the name is refused).
+    // The id of a name, registering a new one (0 when the name is refused);
+    // a full table first forgets what has aged out, then the oldest name
+    // without a link, with its entries.
     int32_t addHostId(const std::string& name);
     // The id of a known name, 0 for an unknown one.
     int32_t getHostId(const std::string& name);
@@ -222,6 +208,15 @@ protected:
                               const NetworkRouterInterface* interface, std::chrono::steady_clock::time_point now);
     // Whether the entry is still in the table. Lock held.
     bool inTable(const NetworkRouterRoutingTableEntry* entry) const;
+    // QuietPeriods discovery periods. Lock held.
+    std::chrono::milliseconds quietTime() const;
+    // Drops the entries that have gone quiet and forgets the names that
+    // nothing binds any more. Lock held.
+    void ageOut(std::chrono::steady_clock::time_point now);
+    // ageOut, at most once a discovery period unless a table is full. Lock held.
+    void ageOutWhenDue(std::chrono::steady_clock::time_point now);
+    // Drops every entry of a host. Lock held.
+    void dropEntriesOf(int32_t id);
 
 private:
     // A host's queue: its id, then the messages held for it.
@@ -238,7 +233,9 @@ private:
     UlmarCommsSystem::Mutex m_lock;
     // Serialises opening links and keeps stop() out while one is opened.
     UlmarCommsSystem::Mutex m_connectLock;
-    std::map<std::string, int32_t> m_hostNames;
+    NetworkHostNames m_hostNames;
+    // When ageOut last ran.
+    std::chrono::steady_clock::time_point m_lastAgeOut;
     std::vector<WaitingQueue> m_waitingQueues;
     std::vector<NetworkRouterInterface*> m_interfaces;
     std::vector<NetworkRouterRoutingTableEntry*> m_routingTable;

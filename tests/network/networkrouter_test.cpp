@@ -2,6 +2,7 @@
 // hosts, interface texts, start with the router switched off, and posting to
 // hosts that cannot be reached. No connection is made here except to a port
 // that refuses it.
+#include "network/networkconnection.h"
 #include "network/networkinterface.h"
 #include "network/networkrouter.h"
 #include "platform/socket.h"
@@ -12,11 +13,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 using UlmarComms::MessageItem;
 using UlmarComms::MessageRef;
 using UlmarComms::NetworkRouter;
+using UlmarComms::NetworkRouterConnection;
 using UlmarComms::NetworkRouterInterface;
 using UlmarCommsSystem::SocketAddress;
 using namespace UlmarCommsTest;
@@ -59,7 +62,7 @@ TEST(NetworkRouterHostIds, RunInOrderOfFirstSightAndAreNeverReused)
     EXPECT_EQ(router.addHostId("delta"), 4);
 }
 
-TEST(NetworkRouterHostIds, NamesAPeerInventsAreBounded)
+TEST(NetworkRouterHostIds, NamesAPeerInventsAreRefusedOrBounded)
 {
     NetworkRouter router;
     EXPECT_EQ(router.addHostId(""), 0);
@@ -67,8 +70,13 @@ TEST(NetworkRouterHostIds, NamesAPeerInventsAreBounded)
     EXPECT_EQ(router.addHostId(std::string("a\0b", 3)), 0);
     for (size_t i = 0; i < NetworkRouter::MaxHostNames; ++i)
         ASSERT_EQ(router.addHostId("host" + std::to_string(i)), static_cast<int32_t>(i + 1));
-    EXPECT_EQ(router.addHostId("onemore"), 0);
+    // Full: a newcomer takes the place of the name heard least recently,
+    // with an id never given before.
+    EXPECT_EQ(router.addHostId("onemore"), static_cast<int32_t>(NetworkRouter::MaxHostNames + 1));
+    EXPECT_EQ(router.getHostId("host0"), 0);
     EXPECT_EQ(router.addHostId("host7"), 8);
+    const std::string known = router.getKnownHosts(false);
+    EXPECT_EQ(static_cast<size_t>(std::count(known.begin(), known.end(), '\n')), NetworkRouter::MaxHostNames);
 }
 
 TEST_F(NetworkRouterTable, InfoAboutHostAddsOneEntryPerHostAddressAndInterface)
@@ -115,6 +123,46 @@ TEST_F(NetworkRouterTable, AKnownNameMovesToANewAddressOnlyOnceTheOldOneHasGoneQ
     EXPECT_EQ(router.getRoutingTable(), moved);
 }
 
+TEST_F(NetworkRouterTable, HostsThatFallSilentAgeOutAndDeadOnesNeverKeepALiveHostOut)
+{
+    {
+        // A minute's period: nothing ages while the table fills.
+        ScopedSetting period("ulmar.networkrouter.discovery.timeout", 60000);
+        for (size_t i = 0; i < NetworkRouter::MaxHostNames; ++i)
+            router.infoAboutHost("fake" + std::to_string(i), ip4("10.77.1.7", std::to_string(1000 + i).c_str()), first);
+        ASSERT_EQ(router.routingTableSize(), NetworkRouter::MaxHostNames);
+    }
+    // Quiet after QuietPeriods periods: 150 ms from here on.
+    ScopedSetting period("ulmar.networkrouter.discovery.timeout", 50);
+
+    // A real host that keeps announcing stays; the silent ones age out.
+    ASSERT_TRUE(waitUntil([&] {
+        router.infoAboutHost("real", ip4("10.77.1.2", "34001"), first);
+        return router.getKnownHosts(false) == "real\n";
+    }));
+    EXPECT_EQ(router.routingTableSize(), 1u);
+    // And it ages out the same way once it falls silent.
+    EXPECT_TRUE(waitUntil([&] { return router.getKnownHosts(false).empty(); }));
+    EXPECT_EQ(router.getRoutingTable(), "");
+}
+
+TEST_F(NetworkRouterTable, AFullTableOfLiveNamesForgetsTheOldestUnlinkedOneNeverALinkedOne)
+{
+    // The oldest name has a link, so the next oldest goes for the newcomer.
+    NetworkRouterConnection* link = new NetworkRouterConnection(first, ip4("10.77.1.2", "40000"));
+    ASSERT_TRUE(router.routingTableNewConnection("linked", first, link));
+    for (size_t i = 1; i < NetworkRouter::MaxHostNames; ++i)
+        ASSERT_NE(router.addHostId("host" + std::to_string(i)), 0);
+    LogCapture log;
+    EXPECT_NE(router.addHostId("newcomer"), 0);
+    EXPECT_NE(router.getHostId("linked"), 0);
+    EXPECT_TRUE(router.hostIsConnected("linked"));
+    EXPECT_EQ(router.getHostId("host1"), 0);
+    EXPECT_TRUE(log.contains("host names known: forgot the one heard least recently"));
+    UlmarComms::DataFrameHandler::release(link);
+    EXPECT_FALSE(router.hostIsConnected("linked"));
+}
+
 TEST_F(NetworkRouterTable, TextsOfTheTableAndInterfacesAndAStopThatEndsBothButKeepsTheNames)
 {
     LogCapture log;
@@ -131,7 +179,7 @@ TEST_F(NetworkRouterTable, TextsOfTheTableAndInterfacesAndAStopThatEndsBothButKe
               "interface0=10.77.1.0:0,10.77.1.255:34001,10.77.1.1:34001\n"
               "interface1=10.77.2.0:0,10.77.2.255:34001,10.77.2.1:34001\n");
 
-    // Every name ever learnt, in name order, even after a stop, which shuts
+    // Every name known, in name order, even after a stop, which shuts
     // down every interface and empties the table.
     EXPECT_EQ(router.getKnownHosts(false), "alpha\nzulu\n");
     EXPECT_EQ(router.getKnownHosts(true), "alpha\nzulu\n");
