@@ -39,7 +39,8 @@ DataFrame::DataFrame()
       m_readError(ReadErrorNone),
       m_pGrowthAccount(nullptr),
       m_growthBounds(ByteAccount::Bounds::All),
-      m_pRefuser(nullptr)
+      m_pRefuser(nullptr),
+      m_commandLimit(0)
 {
     clear();
 }
@@ -221,6 +222,11 @@ bool DataFrame::doneWriteOut(unsigned count)
 
 // -------------------------------------------------------------- receiving
 
+unsigned DataFrame::limit() const
+{
+    return m_frameType == FrameTypeCommand && m_commandLimit != 0 ? std::min(m_commandLimit, MaxDataSize) : MaxDataSize;
+}
+
 bool DataFrame::reject(ReadError error)
 {
     m_readError = error;
@@ -230,7 +236,7 @@ bool DataFrame::reject(ReadError error)
     Core::log(Core::LogError,
               "DataFrame::readIn() this=%p Refusing the stream: frame of type %d announces %u "
               "bytes (limit %u, error %d).\n",
-              static_cast<void*>(this), m_frameType, m_dataSize, MaxDataSize, static_cast<int>(error));
+              static_cast<void*>(this), m_frameType, m_dataSize, limit(), static_cast<int>(error));
     return false;
 }
 
@@ -253,7 +259,7 @@ bool DataFrame::readIn(const unsigned char* data, unsigned length, bool& complet
             return true;
         readHeaderFromBuffer(m_buffer, m_frameType, m_dataSize, m_id);
         // Checked before anything is allocated: the size is the peer's word.
-        if (m_dataSize > MaxDataSize)
+        if (m_dataSize > limit())
             return reject(ReadErrorTooLarge);
         m_progress = 0;
         m_inPayload = true;

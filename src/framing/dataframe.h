@@ -134,6 +134,9 @@ public:
     bool isRejected() const { return m_readError != ReadErrorNone; }
     // Why the stream was refused.
     ReadError readError() const { return m_readError; }
+    // Refuses, like an oversized frame, a command frame whose header
+    // announces more than bytes of payload (0: MaxDataSize only); kept by reset().
+    void limitCommands(unsigned bytes) { m_commandLimit = bytes; }
 
     // Parses the payload of a completely received frame into an empty
     // message.
@@ -142,6 +145,8 @@ public:
     bool extractCommand(unsigned char& code, std::string& text) const;
 
 private:
+    // The largest payload the current header may announce.
+    unsigned limit() const;
     bool reject(ReadError error);
     bool reserveReceived(unsigned needed);
     bool payloadReadable() const;
@@ -159,6 +164,8 @@ private:
     ByteAccount* m_pGrowthAccount;
     ByteAccount::Bounds m_growthBounds;
     const ByteAccount* m_pRefuser;
+    // Largest command payload taken; 0 for MaxDataSize.
+    unsigned m_commandLimit;
 };
 
 } // namespace UlmarComms

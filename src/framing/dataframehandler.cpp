@@ -45,6 +45,7 @@ DataFrameHandler::DataFrameHandler()
       m_pInboundCurrentFrame(nullptr),
       m_linkEnding(false),
       m_endAfterFrame(false),
+      m_inboundCommandLimit(0),
       m_sending(false),
       m_lastId(0),
       m_pOutboundBuffer(nullptr),
@@ -409,6 +410,7 @@ void DataFrameHandler::onRecved(Socket* socket, unsigned char* buffer, unsigned 
                       static_cast<void*>(this));
             return;
         }
+        m_pInboundCurrentFrame->limitCommands(m_inboundCommandLimit);
     }
     // The next receive is posted into the other buffer before these bytes
     // are dispatched. Dispatching wakes the router worker, which answers at
@@ -501,6 +503,10 @@ void DataFrameHandler::processInboundCurrentFrame()
             Core::log(Core::LogError,
                       "DataFrameHandler::processInboundCurrentFrame() this=%p failed frame get for command.!\n",
                       static_cast<void*>(this));
+            // A link that bounds its commands takes no record that lies
+            // about its own length.
+            if (m_inboundCommandLimit != 0)
+                m_endAfterFrame = true;
             return;
         }
         try {

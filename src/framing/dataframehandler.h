@@ -175,6 +175,12 @@ public:
     void setMemoryAccounts(uint64_t queueLimit, std::shared_ptr<ByteAccount> parent, bool endSlowConsumer);
     // Whether the link was ended because a memory bound would have passed.
     bool isSlowConsumer();
+    // Ends the link, before buffering a byte of it, at a command frame
+    // announcing more than bytes of payload, and at a command record whose
+    // own length does not fit its frame (0, the default: frames of up to
+    // DataFrame::MaxDataSize, and such a record only dropped). Set before
+    // receiving starts.
+    void limitInboundCommands(unsigned bytes) { m_inboundCommandLimit = bytes; }
 
     // Socket trampolines: user data is the handler; every exception is caught.
     static void onSentFunction(Socket* socket, unsigned char* buffer, unsigned count, unsigned size, void* user,
@@ -286,6 +292,8 @@ private:
     bool m_linkEnding;
     // Set by endLinkAfterThisFrame while a frame is dispatched (inbound lock held).
     bool m_endAfterFrame;
+    // See limitInboundCommands.
+    unsigned m_inboundCommandLimit;
     // Guards the queues, the frame in flight, the ids and the socket pointer.
     UlmarCommsSystem::Mutex m_outboundLock;
     // Tested before sending, cleared when nothing is left; never set.

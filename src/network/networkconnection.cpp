@@ -29,9 +29,13 @@ NetworkRouterConnection::NetworkRouterConnection(NetworkRouterInterface* interfa
       m_remote(remote),
       m_closing(false),
       m_refused(false),
+      m_named(false),
+      m_silent(false),
+      m_createdAt(std::chrono::steady_clock::now()),
       m_answeredHostName(false)
 {
     createBuffers(BufferSize, BufferSize);
+    limitInboundCommands(MaxCommandRecord);
 }
 
 // Released before it is deleted: retireLink() has run, and its interface
@@ -129,6 +133,8 @@ void NetworkRouterConnection::doHandleCommand(unsigned char code, const std::str
     // The command record keeps the text's terminating NUL: the name ends there.
     const std::string name(text.c_str());
     Core::message("NetworkRouterConnection::doHandleCommand( %d, '%s' )\n", code, name.c_str());
+    if (code == CommandMessage::NetworkHostName || code == CommandMessage::NetworkHostNameReply)
+        m_named = true;
     if (m_refused)
         return;
     switch (code) {

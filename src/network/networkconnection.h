@@ -14,6 +14,13 @@
 // returned. Code that uses a connection it did not take out of the list
 // (the opener, just after connectTo) does so inside a reaper section.
 //
+// Bounds. A peer's frames are checked against what a network link can carry
+// from their headers, before a byte of their payload is kept: a command
+// frame larger than the largest host-name record (MaxCommandRecord) ends the
+// link at once, as does a record whose length field does not fit its frame.
+// An accepted link must name its host within the hello timeout, or its
+// interface closes it (networkinterface.h).
+//
 // Threads. Every callback runs on a selector worker thread, onConnected
 // included: connect() only starts the connect, so the system router's thread
 // never waits for a host. Frames queued meanwhile are held (within the frame
@@ -21,11 +28,13 @@
 // connection stands.
 #pragma once
 
+#include "core/limits.h"
 #include "framing/dataframehandler.h"
 #include "platform/mutex.h"
 #include "platform/socketaddress.h"
 
 #include <atomic>
+#include <chrono>
 #include <string>
 
 namespace UlmarComms {
@@ -37,6 +46,10 @@ class NetworkRouterConnection : public DataFrameHandler {
 public:
     // Bytes of the inbound and of the outbound transfer buffer.
     static constexpr unsigned BufferSize = 4096;
+    // The largest command record a network link carries: code, length, a
+    // host name of the longest kind and its NUL. Only the host-name
+    // commands travel here, so a larger command frame is hostile.
+    static constexpr unsigned MaxCommandRecord = 5 + Limits::HostNameBytes + 1;
 
     // An accepting (not initiating) connection to remote; buffers of 4096.
     NetworkRouterConnection(NetworkRouterInterface* interface, const UlmarCommsSystem::SocketAddress& remote);
@@ -74,6 +87,12 @@ public:
     void refuse() { m_refused = true; }
     // Whether the router refused the peer.
     bool isRefused() const { return m_refused.load(); }
+    // Whether the peer has sent its host-name command (100 or 101).
+    bool hasNamedItsHost() const { return m_named.load(); }
+    // Marks the link as closed for never naming its host; true the first time.
+    bool markSilent() { return !m_silent.exchange(true); }
+    // When the connection object was made (for an accepted one: accepted).
+    std::chrono::steady_clock::time_point createdAt() const { return m_createdAt; }
 
 protected:
     // Only the reaper deletes a connection.
@@ -91,6 +110,9 @@ private:
     UlmarCommsSystem::SocketAddress m_remote;
     std::atomic<bool> m_closing;
     std::atomic<bool> m_refused;
+    std::atomic<bool> m_named;
+    std::atomic<bool> m_silent;
+    const std::chrono::steady_clock::time_point m_createdAt;
     // Whether command 100 has been answered (receive path only).
     bool m_answeredHostName;
     // Written once by the receive path; read by queries.

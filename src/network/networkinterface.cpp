@@ -66,7 +66,8 @@ NetworkRouterInterface::NetworkRouterInterface(INetworkRouter* router, const Soc
       m_infoLength(0),
       m_local(local),
       m_discoveryStopping(false),
-      m_subnetBroadcast(0)
+      m_subnetBroadcast(0),
+      m_helloTimeout(HelloTimeout)
 {
     std::memset(m_receiveBuffer, 0, sizeof(m_receiveBuffer));
     std::memset(m_infoBuffer, 0, sizeof(m_infoBuffer));
@@ -198,12 +199,17 @@ bool NetworkRouterInterface::messagingStart()
                   "NetworkRouterInterface::messagingStart() Failed to start DataFrameServer::start()\n");
         return false;
     }
+    // The timer looks once a second at most, so the sweep need not run more
+    // often; a silent link is closed within a second or two of its time.
+    Socket::addToTimer(onHelloSweep, this, 1000, false);
     return true;
 }
 
 void NetworkRouterInterface::messagingStop()
 {
     Core::message("NetworkRouterInterface::messagingStop()\n");
+    // Removed under the timer lock: no sweep runs once this returns.
+    Socket::removeFromTimer(onHelloSweep, this);
     // The listener goes first and finish() waits for an accept in progress,
     // so no new connection joins after the list has been taken.
     finish();
@@ -225,6 +231,58 @@ bool NetworkRouterInterface::takeConnection(NetworkRouterConnection* connection)
         return false;
     m_connections.erase(found);
     return true;
+}
+
+unsigned NetworkRouterInterface::linksFrom(const SocketAddress& source) const
+{
+    unsigned count = 0;
+    for (const NetworkRouterConnection* connection : m_connections)
+        if (!connection->isInitiator() && connection->getRemoteAddress().getIP4HostOrder() == source.getIP4HostOrder())
+            ++count;
+    return count;
+}
+
+void NetworkRouterInterface::closeSilentLinks(std::chrono::steady_clock::time_point now)
+{
+    // The section keeps every connection seen below alive, even one that
+    // its own end releases on a worker meanwhile.
+    UlmarCommsSystem::SocketReaper::Section section;
+    std::vector<NetworkRouterConnection*> silent;
+    {
+        MutexLocker locker(m_connectionsLock);
+        for (NetworkRouterConnection* connection : m_connections)
+            if (!connection->isInitiator() && !connection->hasNamedItsHost() &&
+                now - connection->createdAt() >= m_helloTimeout && connection->markSilent())
+                silent.push_back(connection);
+    }
+    for (NetworkRouterConnection* connection : silent) {
+        Core::log(Core::LogWarning,
+                  "NetworkRouterInterface::closeSilentLinks() Closed link from '%s' on '%s': no host name within %d "
+                  "ms\n",
+                  connection->getRemoteAddress().asString().c_str(), m_local.asString().c_str(),
+                  static_cast<int>(m_helloTimeout.count()));
+        shutDown(connection);
+    }
+}
+
+void NetworkRouterInterface::shutDown(NetworkRouterConnection* connection)
+{
+    // Shut down, not released: the socket layer reports the end on a worker
+    // and the link goes as any dropped link goes (onError, remove()), so the
+    // timer never takes a link's own locks.
+    UlmarCommsSystem::SocketHold hold = connection->holdSocket();
+    if (hold.record() == nullptr || hold.socket() == nullptr)
+        return;
+    MutexLocker locker(hold.record()->lock);
+    const int handle = hold.socket()->getHandle();
+    if (handle != Socket::BadSocketValue)
+        ::shutdown(handle, SHUT_RDWR);
+}
+
+void NetworkRouterInterface::onHelloSweep(void* data)
+{
+    if (data != nullptr)
+        static_cast<NetworkRouterInterface*>(data)->closeSilentLinks(std::chrono::steady_clock::now());
 }
 
 std::vector<NetworkRouterConnection*> NetworkRouterInterface::takeConnections()
@@ -329,7 +387,23 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
         return;
     }
     connection->setSocket(client);
-    add(connection);
+    bool capped = false;
+    {
+        // Counted and listed under one lock, so a burst cannot slip past the cap.
+        MutexLocker locker(m_connectionsLock);
+        capped = linksFrom(clientAddress) >= MaxLinksPerSource;
+        if (!capped)
+            m_connections.push_back(connection);
+    }
+    if (capped) {
+        // Closed before a byte is read; released without the list lock.
+        DataFrameHandler::release(connection);
+        Core::log(Core::LogWarning,
+                  "NetworkRouterInterface::onClientConnect() Refused link from '%s' on '%s': %u links from that "
+                  "address already\n",
+                  clientAddress.asString().c_str(), m_local.asString().c_str(), MaxLinksPerSource);
+        return;
+    }
     if (!connection->recvData())
         Core::log(Core::LogError,
                   "NetworkRouterInterface::onClientConnect() Failed to do recvData() on connection object.\n");

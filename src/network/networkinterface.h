@@ -18,6 +18,13 @@
 // host's own name from elsewhere is ignored. Each cause is logged with a text
 // of its own, so the log's throttle bounds each (core/logthrottle.h).
 //
+// Bounds on links. An accepted link that has not named its host within the
+// hello timeout (Limits::NetworkHelloMilliseconds) is shut down by a sweep on
+// the timer (and then goes as any dropped link goes), and one source address may hold at most
+// Limits::NetworkLinksPerSource accepted links here; a link past that is
+// closed as it is accepted. Links that never speak cannot use up the
+// descriptors real peers need.
+//
 // Threads. onRecvedFrom, onClientConnect and onClientDisconnect run on
 // selector worker threads, the broadcast on the timer worker, connectTo on the
 // system router's thread (it starts the connect and waits for nothing), and
@@ -34,6 +41,7 @@
 #include "platform/socketaddress.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -74,6 +82,10 @@ public:
     static constexpr unsigned char DiscoveryTypeHostInfo = 0;
     // Size of the receive and the info buffers (core/limits.h).
     static constexpr unsigned DiscoveryBufferSize = Limits::DiscoveryDatagramBytes;
+    // Time an accepted link has to name its host (core/limits.h).
+    static constexpr std::chrono::milliseconds HelloTimeout{Limits::NetworkHelloMilliseconds};
+    // Accepted links one source address may hold here (core/limits.h).
+    static constexpr unsigned MaxLinksPerSource = Limits::NetworkLinksPerSource;
 
     // Why parseInfo refused a datagram.
     enum ParseResult {
@@ -176,9 +188,15 @@ public:
     const NetworkPolicy& policy() const { return m_policy; }
     // Whether the policy lets an IPv4 address reach this interface.
     bool admits(const UlmarCommsSystem::SocketAddress& address) const;
+    // Replaces the hello timeout (tests shorten it); only before start.
+    void setHelloTimeout(std::chrono::milliseconds timeout) { m_helloTimeout = timeout; }
+    // Closes the accepted links that have not named their host in time.
+    void closeSilentLinks(std::chrono::steady_clock::time_point now);
 
     // Timer entry: one announcement.
     static void onDoBroadcast(void* data);
+    // Timer entry: closeSilentLinks.
+    static void onHelloSweep(void* data);
     // Datagram sent: nothing to do.
     static void onSentTo(UlmarCommsSystem::Socket* socket, const UlmarCommsSystem::SocketAddress& peer,
                          unsigned char* buffer, unsigned count, unsigned size, void* data, unsigned char error);
@@ -189,6 +207,10 @@ public:
 private:
     // Takes one connection out of the list; false when it is not listed.
     bool takeConnection(NetworkRouterConnection* connection);
+    // Ends a link by shutting its socket down (inside a reaper section).
+    static void shutDown(NetworkRouterConnection* connection);
+    // Accepted links from the address of source here (list lock held).
+    unsigned linksFrom(const UlmarCommsSystem::SocketAddress& source) const;
     // Takes every connection out of the list (under its lock).
     std::vector<NetworkRouterConnection*> takeConnections();
     // Why an announcement must be ignored, or RefusalCauses when it may be taken.
@@ -217,6 +239,8 @@ private:
     // The broadcast address of the interface's subnet (host order), 0 when
     // the subnet has none.
     uint32_t m_subnetBroadcast;
+    // See setHelloTimeout.
+    std::chrono::milliseconds m_helloTimeout;
 };
 
 } // namespace UlmarComms

@@ -2,6 +2,7 @@
 // one process, each with an interface whose listener is on 127.0.0.1. The
 // process has one host name, so both ends name themselves alike; the tests
 // look at what each side's table and system router end up with.
+#include "core/bigendian.h"
 #include "network/networkconnection.h"
 #include "network/networkinterface.h"
 #include "network/networkrouter.h"
@@ -15,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
 #include <memory>
 #include <thread>
 
@@ -28,6 +30,17 @@ using UlmarCommsSystem::SocketAddress;
 using namespace UlmarCommsTest;
 
 namespace {
+
+// This process's resident memory in KiB, -1 when unknown.
+long residentKiB()
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::stol(line.substr(6));
+    return -1;
+}
 
 MessageItem* request(const char* to, const char* value)
 {
@@ -275,4 +288,97 @@ TEST_F(NetworkConnection, StopWhileTrafficFlows)
     running = false;
     sender.join();
     EXPECT_EQ(a.router->interfaceCount(), 0u);
+}
+
+TEST_F(NetworkConnection, LinksThatNeverNameTheirHostAreClosedAndOneAddressHoldsFew)
+{
+    LogCapture log;
+    Side b(false);
+    b.interface->setHelloTimeout(std::chrono::milliseconds(300));
+    ASSERT_TRUE(b.interface->messagingStart());
+
+    RawPeer named(loopback(b.port));
+    ASSERT_TRUE(named.sendAll(commandFrame(1, CommandMessage::NetworkHostName, "rawhost")));
+    ASSERT_TRUE(waitUntil([&] { return b.router->hostIsConnected("rawhost"); }));
+    // A silent link goes once the timeout has passed (the timer looks once
+    // a second, so allow a few); the one that named its host stays.
+    RawPeer silent(loopback(b.port));
+    EXPECT_TRUE(silent.waitForEnd(std::chrono::milliseconds(5000)));
+    EXPECT_TRUE(log.contains("Closed link from '127.0.0.1:"));
+    EXPECT_TRUE(log.contains("no host name within 300 ms"));
+    EXPECT_TRUE(waitUntil([&] { return b.interface->connectionCount() == 1; }));
+    EXPECT_TRUE(b.router->hostIsConnected("rawhost"));
+
+    // One source address holds at most MaxLinksPerSource accepted links;
+    // the next is closed as it arrives, and the others stay.
+    std::vector<std::unique_ptr<RawPeer>> peers;
+    for (unsigned i = 1; i < NetworkRouterInterface::MaxLinksPerSource; ++i) {
+        peers.push_back(std::make_unique<RawPeer>(loopback(b.port)));
+        ASSERT_TRUE(peers.back()->sendAll(commandFrame(1, CommandMessage::NetworkHostName, "rawhost")));
+    }
+    ASSERT_TRUE(waitUntil([&] { return b.interface->connectionCount() == NetworkRouterInterface::MaxLinksPerSource; }));
+    RawPeer onemore(loopback(b.port));
+    EXPECT_TRUE(onemore.waitForEnd());
+    EXPECT_TRUE(log.contains("links from that address already"));
+    EXPECT_EQ(b.interface->connectionCount(), NetworkRouterInterface::MaxLinksPerSource);
+    EXPECT_FALSE(named.waitForEnd(std::chrono::milliseconds(0)));
+}
+
+TEST_F(NetworkConnection, CommandsLargerThanAHostNameEndTheLinkBeforeTheirPayload)
+{
+    LogCapture log;
+    Side b(true);
+    // The longest host name is still a hello like any other.
+    {
+        RawPeer client(loopback(b.port));
+        const std::string longest(NetworkRouter::MaxHostNameLength, 'n');
+        ASSERT_TRUE(client.sendAll(commandFrame(1, CommandMessage::NetworkHostName, longest.c_str())));
+        unsigned char type = 0;
+        uint32_t id = 0;
+        std::vector<unsigned char> payload;
+        ASSERT_TRUE(client.readFrame(type, id, payload));
+        EXPECT_EQ(payload[0], CommandMessage::NetworkHostNameReply);
+        EXPECT_TRUE(waitUntil([&] { return b.router->hostIsConnected(longest); }));
+    }
+    // A 60 MiB hello: the header alone ends the link, before a byte of the
+    // name is sent, so nothing of it is ever buffered.
+    {
+        RawPeer client(loopback(b.port));
+        const uint32_t size = 60u * 1024u * 1024u;
+        Bytes record{CommandMessage::NetworkHostName};
+        record.resize(5);
+        UlmarComms::writeU32(record.data() + 1, size - 5);
+        ASSERT_TRUE(client.sendAll(rawFrame(DataFrame::FrameTypeCommand, size, 1, record)));
+        EXPECT_TRUE(client.waitForEnd());
+        EXPECT_TRUE(log.contains("Refusing the stream: frame of type 2 announces 62914560 bytes (limit 261"));
+    }
+    // A record whose own length runs past its frame ends the link as well.
+    {
+        RawPeer client(loopback(b.port));
+        Bytes record{CommandMessage::NetworkHostName};
+        record.resize(12, 'x');
+        UlmarComms::writeU32(record.data() + 1, 1000);
+        ASSERT_TRUE(client.sendAll(rawFrame(DataFrame::FrameTypeCommand, 12, 1, record)));
+        EXPECT_TRUE(client.waitForEnd());
+        EXPECT_TRUE(log.contains("failed frame get for command"));
+    }
+    EXPECT_TRUE(waitUntil([&] { return b.interface->connectionCount() == 0; }));
+}
+
+TEST_F(NetworkConnection, ALinkClosedInTheMiddleOfALargeFrameGivesItsMemoryBackAsItCloses)
+{
+    Side b(true);
+    const long before = residentKiB();
+    ASSERT_GT(before, 0);
+    {
+        // A message frame may be large; the link holds what has arrived of it.
+        RawPeer client(loopback(b.port));
+        ASSERT_TRUE(client.sendAll(rawFrame(DataFrame::FrameTypeMessage, 40u * 1024u * 1024u, 1, {})));
+        ASSERT_TRUE(client.sendAll(Bytes(24u * 1024u * 1024u, 'a')));
+        ASSERT_TRUE(waitUntil([&] { return residentKiB() - before > 20 * 1024; }));
+    }
+    // Given back when the link ends, with no other link arriving to prompt it.
+    EXPECT_TRUE(waitUntil([&] { return b.interface->connectionCount() == 0; }));
+    EXPECT_TRUE(waitUntil([&] { return residentKiB() - before < 8 * 1024; }))
+        << residentKiB() - before << " KiB still held";
 }
