@@ -199,7 +199,7 @@ void NetworkRouter::infoAboutHost(const std::string& hostName, const SocketAddre
         // The host has moved on this interface: its quiet addresses there go.
         forgetQuietAddresses(known, address, interface, now);
     }
-    if (m_routingTable.size() >= MaxRoutingTableEntries) {
+    if (!roomForEntry(now)) {
         Core::log(Core::LogWarning, "NetworkRouter::infoAboutHost( '%s' ) routing table full\n", hostName.c_str());
         return;
     }
@@ -250,7 +250,7 @@ bool NetworkRouter::routingTableNewConnection(const std::string& hostName, Netwo
         entry->m_pConnection = connection;
         return true;
     }
-    if (m_routingTable.size() >= MaxRoutingTableEntries) {
+    if (!roomForEntry(now)) {
         Core::log(Core::LogWarning, "NetworkRouter::routingTableNewConnection( '%s' ) routing table full\n",
                   hostName.c_str());
         return false;
@@ -292,15 +292,22 @@ bool NetworkRouter::isLive(const NetworkRouterRoutingTableEntry* entry, Clock::t
 void NetworkRouter::ageOutWhenDue(Clock::time_point now)
 {
     // Once a period is enough for hosts that age in periods; a full table
-    // cannot wait, since a live host may be knocking.
-    if (now - m_lastAgeOut >= quietTime() / QuietPeriods || m_hostNames.full() ||
-        m_routingTable.size() >= MaxRoutingTableEntries)
+    // does not wait (addHostId, roomForEntry), since a live host may be knocking.
+    if (now - m_lastAgeOut >= quietTime() / QuietPeriods)
         ageOut(now);
+}
+
+bool NetworkRouter::roomForEntry(Clock::time_point now)
+{
+    if (m_routingTable.size() >= MaxRoutingTableEntries)
+        ageOut(now);
+    return m_routingTable.size() < MaxRoutingTableEntries;
 }
 
 void NetworkRouter::ageOut(Clock::time_point now)
 {
     m_lastAgeOut = now;
+    const std::chrono::milliseconds quiet = quietTime();
     // A quiet entry binds nothing (isLive), so dropping it changes no
     // answer the binding gives; its host is found again when it announces.
     std::vector<int32_t> bound;
@@ -315,11 +322,11 @@ void NetworkRouter::ageOut(Clock::time_point now)
     }
     std::sort(bound.begin(), bound.end());
     const std::vector<int32_t> forgotten = m_hostNames.forgetIf([&](int32_t id) {
-        return !std::binary_search(bound.begin(), bound.end(), id) && now - m_hostNames.lastHeard(id) >= quietTime();
+        return !std::binary_search(bound.begin(), bound.end(), id) && now - m_hostNames.lastHeard(id) >= quiet;
     });
     if (!forgotten.empty())
         Core::message("NetworkRouter::ageOut() Forgot %u host names not heard for %d ms\n",
-                      static_cast<unsigned>(forgotten.size()), static_cast<int>(quietTime().count()));
+                      static_cast<unsigned>(forgotten.size()), static_cast<int>(quiet.count()));
 }
 
 void NetworkRouter::dropEntriesOf(int32_t id)

@@ -213,8 +213,11 @@ protected:
     // Drops the entries that have gone quiet and forgets the names that
     // nothing binds any more. Lock held.
     void ageOut(std::chrono::steady_clock::time_point now);
-    // ageOut, at most once a discovery period unless a table is full. Lock held.
+    // ageOut, at most once a discovery period. Lock held.
     void ageOutWhenDue(std::chrono::steady_clock::time_point now);
+    // Whether the routing table can take one more entry, after ageOut if
+    // it is full. Lock held.
+    bool roomForEntry(std::chrono::steady_clock::time_point now);
     // Drops every entry of a host. Lock held.
     void dropEntriesOf(int32_t id);
 

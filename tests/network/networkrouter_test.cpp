@@ -193,13 +193,24 @@ TEST_F(NetworkRouterTable, TextsOfTheTableAndInterfacesAndAStopThatEndsBothButKe
     EXPECT_EQ(router.getHostInfo("whoever"), "host:whoever\n");
 }
 
-TEST_F(NetworkRouterTable, RoutingTableIsBounded)
+TEST_F(NetworkRouterTable, RoutingTableIsBoundedUntilItsEntriesGoQuiet)
 {
-    for (size_t i = 0; i < NetworkRouter::MaxRoutingTableEntries + 10; ++i) {
-        const std::string port = std::to_string(1000 + i);
-        router.infoAboutHost("hostB", ip4("10.77.1.2", port.c_str()), first);
+    {
+        ScopedSetting period("ulmar.networkrouter.discovery.timeout", 60000);
+        for (size_t i = 0; i < NetworkRouter::MaxRoutingTableEntries + 10; ++i) {
+            const std::string port = std::to_string(1000 + i);
+            router.infoAboutHost("hostB", ip4("10.77.1.2", port.c_str()), first);
+        }
+        EXPECT_EQ(router.routingTableSize(), NetworkRouter::MaxRoutingTableEntries);
+        router.infoAboutHost("hostC", ip4("10.77.1.3", "34001"), first);
+        EXPECT_EQ(router.getRoutingTable().find("hostC"), std::string::npos);
     }
-    EXPECT_EQ(router.routingTableSize(), NetworkRouter::MaxRoutingTableEntries);
+    // Once those entries are quiet, a full table takes a new host at once.
+    ScopedSetting period("ulmar.networkrouter.discovery.timeout", 50);
+    EXPECT_TRUE(waitUntil([&] {
+        router.infoAboutHost("hostC", ip4("10.77.1.3", "34001"), first);
+        return router.getRoutingTable().find("hostC,true,10.77.1.3:34001") != std::string::npos;
+    }));
 }
 
 TEST_F(NetworkRouterTable, PostToAnUnknownHostTakesTheMessage)
