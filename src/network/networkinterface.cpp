@@ -396,12 +396,12 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
             m_connections.push_back(connection);
     }
     if (capped) {
-        // Closed before a byte is read; released without the list lock.
-        DataFrameHandler::release(connection);
         Core::log(Core::LogWarning,
                   "NetworkRouterInterface::onClientConnect() Refused link from '%s' on '%s': %u links from that "
                   "address already\n",
                   clientAddress.asString().c_str(), m_local.asString().c_str(), MaxLinksPerSource);
+        // Closed before a byte is read; released without the list lock.
+        DataFrameHandler::release(connection);
         return;
     }
     if (!connection->recvData())
