@@ -48,10 +48,35 @@ namespace {
 // fails: about seven seconds, during which that host's frames wait queued.
 constexpr int ConnectSynRetries = 2;
 
+// How long a link may leave sent bytes unacknowledged, or stay silent to
+// keep-alive probes, before it is taken for dead. Without it a link that
+// went through a partition waits for TCP's retransmission back-off (tens of
+// seconds by then) after the network heals; with it the link ends during the
+// partition and the next frame for that host opens a fresh one at once.
+constexpr unsigned SilentLinkMilliseconds = 5000;
+// An idle link is probed after this many seconds, then every second.
+constexpr int KeepAliveIdleSeconds = 5;
+constexpr int KeepAliveIntervalSeconds = 1;
+constexpr int KeepAliveProbes = 3;
+
 void limitConnectTime(Socket* socket)
 {
     int retries = ConnectSynRetries;
     setsockopt(socket->getHandle(), IPPROTO_TCP, TCP_SYNCNT, &retries, sizeof(retries));
+}
+
+// Best effort: a link whose options could not be set still works, it only
+// notices a dead peer later.
+void watchForSilence(Socket* socket)
+{
+    const int handle = socket->getHandle();
+    const unsigned timeout = SilentLinkMilliseconds;
+    const int on = 1, idle = KeepAliveIdleSeconds, interval = KeepAliveIntervalSeconds, probes = KeepAliveProbes;
+    setsockopt(handle, IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof(timeout));
+    setsockopt(handle, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    setsockopt(handle, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
+    setsockopt(handle, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval));
+    setsockopt(handle, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof(probes));
 }
 
 } // namespace
@@ -342,6 +367,7 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
         return nullptr;
     }
     limitConnectTime(socket);
+    watchForSilence(socket);
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, address);
     if (connection == nullptr) {
         Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to create Connection object.\n");
@@ -380,6 +406,7 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
                   clientAddress.asString().c_str(), m_local.asString().c_str());
         return;
     }
+    watchForSilence(client);
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, clientAddress);
     if (connection == nullptr) {
         // The accepted socket is ours to dispose of.
