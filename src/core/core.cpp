@@ -4,6 +4,7 @@
 #include "core/core.h"
 
 #include "core/address.h"
+#include "core/limits.h"
 
 #include <cctype>
 #include <cerrno>
@@ -104,6 +105,11 @@ const DefaultSetting kDefaultSettings[] = {
     {"ulmar.systemrouter.memory.link", true, 16 * 1024 * 1024, nullptr, false},
     {"ulmar.systemrouter.memory.user", true, 128 * 1024 * 1024, nullptr, false},
     {"ulmar.systemrouter.memory", true, 256 * 1024 * 1024, nullptr, false},
+    // The service's bounds on local links and the pumps each may register
+    // (core/limits.h says why each is there).
+    {Limits::LinksPerUserKey, true, static_cast<int>(Limits::LinksPerUser), nullptr, false},
+    {Limits::LinksTotalKey, true, static_cast<int>(Limits::LinksTotal), nullptr, false},
+    {Limits::PumpsPerLinkKey, true, static_cast<int>(Limits::PumpsPerLink), nullptr, false},
 };
 
 const DefaultSetting* findDefault(const std::string& key)

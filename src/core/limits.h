@@ -2,10 +2,11 @@
 //
 // Each entry: its value, its unit, why it is there, and the setting that
 // changes it. Most are fixed at build time; the three memory bounds of the
-// service are settings (read with Core::numberOrDefault, so they are listed
-// only once given) and daemon options. The classes that enforce a bound keep
-// their constant names as aliases of these entries ("Alias:" below), so each
-// number is written here only.
+// service and the bounds of the local link (links per user and in total,
+// pumps per link) are settings (read with Core::numberOrDefault, so they are
+// listed only once given) and daemon options. The classes that enforce a
+// bound keep their constant names as aliases of these entries ("Alias:"
+// below), so each number is written here only.
 //
 // Accounting: a bound on bytes held is kept by a ByteAccount
 // (core/byteaccount.h), in the memory the bytes really take: a frame counts
@@ -114,11 +115,39 @@ constexpr size_t LogTexts = 4096;
 // Alias: Socket::ListenBacklog (src/platform/socket.h).
 constexpr int ListenBacklog = 256;
 
-// Live accepted sockets one listener keeps, at most; later clients are
+// Live accepted sockets one listener keeps, at most, unless its owner sets
+// another bound (the local link's follows LinksTotal); later clients are
 // accepted and closed at once, so a connection flood cannot use up every
 // descriptor. Setting: none.
 // Alias: Socket::MaxAcceptedSockets (src/platform/socket.h).
 constexpr unsigned AcceptedSocketsPerListener = 1024;
+
+// --------------------------------------------------------- local link
+
+// Local links one user may hold open at the service at once; more are
+// accepted and closed at once with a log line, so one user's idle links
+// cannot shut out another user's application. Root is counted too.
+// Setting: "ulmar.systemrouter.pipe.links.peruser" (LinksPerUserKey).
+// Used by LocalSocketServerInterface (src/link/localsocketserverinterface.h).
+constexpr unsigned LinksPerUser = 256;
+constexpr const char* LinksPerUserKey = "ulmar.systemrouter.pipe.links.peruser";
+
+// Local links of all users together. 0 means: derived from the process's
+// descriptor limit when the listener starts, (RLIMIT_NOFILE - 64) / 2,
+// since each link costs two descriptors (its socket and the write handle)
+// and 64 stay for the listener, the selector, logs and network links. A
+// cap below the descriptor limit keeps accept() from failing for lack of
+// descriptors, which would leave every later client waiting unanswered.
+// Setting: "ulmar.systemrouter.pipe.links.total" (LinksTotalKey).
+constexpr unsigned LinksTotal = 0;
+constexpr const char* LinksTotalKey = "ulmar.systemrouter.pipe.links.total";
+
+// Routing entries (registered pumps) one link may hold in the system
+// router's table; a registration past it is refused, logged, and leaves
+// the table as it was. Setting: "ulmar.systemrouter.pipe.pumps.perlink"
+// (PumpsPerLinkKey). Used by SystemRouter (src/service/systemrouter.h).
+constexpr unsigned PumpsPerLink = 4096;
+constexpr const char* PumpsPerLinkKey = "ulmar.systemrouter.pipe.pumps.perlink";
 
 // Longest pipe name (ulmar.systemrouter.pipe.name) used whole, in bytes: the
 // abstract socket path "__NAME.sock" must fit sockaddr_un's 108-byte path

@@ -3,6 +3,7 @@
 #include "service/systemrouter.h"
 
 #include "core/core.h"
+#include "core/limits.h"
 #include "framing/dataframe.h"
 #include "network/networkrouter.h"
 
@@ -47,8 +48,12 @@ SystemRouter::SystemRouter()
     : m_pSystemRouterMessagePump(nullptr),
       m_pNetworkRouter(nullptr),
       m_running(false),
-      m_serviceUser(static_cast<unsigned>(geteuid()))
+      m_serviceUser(static_cast<unsigned>(geteuid())),
+      m_pumpsPerLink(UlmarComms::Limits::PumpsPerLink)
 {
+    const int perLink = Core::instance()->numberOrDefault(UlmarComms::Limits::PumpsPerLinkKey);
+    if (perLink > 0)
+        m_pumpsPerLink = static_cast<size_t>(perLink);
 }
 
 SystemRouter::~SystemRouter()
@@ -59,8 +64,6 @@ SystemRouter::~SystemRouter()
         Core::message("SystemRouter::~SystemRouter() 1 \n");
         Core::message("SystemRouter::~SystemRouter() 2 \n");
         Core::message("SystemRouter::~SystemRouter() Q >> \n");
-        for (RoutingEntry* entry : m_routingTable)
-            delete entry;
         m_routingTable.clear();
         Core::message("SystemRouter::~SystemRouter() Q << \n");
         Core::message("SystemRouter::~SystemRouter() 3 \n");
@@ -111,17 +114,33 @@ bool SystemRouter::add(IMessageRouter* router, const char* address)
     // Prefix matching means a pump whose leading names equal an existing entry
     // updates that entry instead of adding one.
     RoutingEntry* entry = find(parsed);
+    const bool takesOneMore = entry == nullptr || entry->router != router;
+    if (isLink && takesOneMore && !mayHoldAnother(router, address, uid))
+        return false;
     if (entry != nullptr) {
-        entry->router = router;
-        entry->owner = uid;
+        m_routingTable.assign(entry, router, uid);
         return true;
     }
-    RoutingEntry* added = new RoutingEntry;
-    added->address = parsed;
-    added->router = router;
-    added->owner = uid;
-    m_routingTable.push_back(added);
+    m_routingTable.append(parsed, router, uid);
     return true;
+}
+
+bool SystemRouter::mayHoldAnother(IMessageRouter* link, const char* text, unsigned uid)
+{
+    const size_t held = m_routingTable.countFor(link);
+    if (held < m_pumpsPerLink)
+        return true;
+    Core::log(Core::LogWarning,
+              "SystemRouter: refused the registration of '%s' by a link of uid %u: the link holds %u pumps, its "
+              "limit.\n",
+              textOrEmpty(text), uid, static_cast<unsigned>(held));
+    return false;
+}
+
+size_t SystemRouter::entryCount()
+{
+    MutexLocker locker(m_tableLock);
+    return m_routingTable.size();
 }
 
 unsigned SystemRouter::userOf(IMessageRouter* router, bool& isLink) const
@@ -151,16 +170,13 @@ bool SystemRouter::mayRegister(const Address& address, const char* text, unsigne
     }
     if (uid == 0)
         return true;
-    for (const RoutingEntry* entry : m_routingTable) {
-        int score = -1;
-        if (entry->owner != uid && entry->address.match(address, score)) {
-            Core::log(Core::LogWarning,
-                      "SystemRouter: refused the registration of '%s' by a link of uid %u: uid %u holds '%s'.\n",
-                      textOrEmpty(text), uid, entry->owner, entry->address.toString().c_str());
-            return false;
-        }
-    }
-    return true;
+    const RoutingEntry* held = m_routingTable.firstMatchNotOwnedBy(address, uid);
+    if (held == nullptr)
+        return true;
+    Core::log(Core::LogWarning,
+              "SystemRouter: refused the registration of '%s' by a link of uid %u: uid %u holds '%s'.\n",
+              textOrEmpty(text), uid, held->owner, held->address.toString().c_str());
+    return false;
 }
 
 bool SystemRouter::mayChange(const RoutingEntry& entry, unsigned uid) const
@@ -200,14 +216,7 @@ bool SystemRouter::remove(IMessageRouter* router)
     auto listed = std::find(m_routers.begin(), m_routers.end(), router);
     if (listed != m_routers.end())
         m_routers.erase(listed);
-    for (auto it = m_routingTable.begin(); it != m_routingTable.end();) {
-        if ((*it)->router == router) {
-            delete *it;
-            it = m_routingTable.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    m_routingTable.eraseRouter(router);
     return true;
 }
 
@@ -217,21 +226,17 @@ bool SystemRouter::remove(IMessageRouter* router, const char* address)
     bool isLink = false;
     const unsigned uid = userOf(router, isLink);
     MutexLocker locker(m_tableLock);
-    for (auto it = m_routingTable.begin(); it != m_routingTable.end(); ++it) {
-        if ((*it)->address == parsed) {
-            if (isLink && !mayChange(**it, uid)) {
-                Core::log(Core::LogWarning,
-                          "SystemRouter: refused the removal of '%s' by a link of uid %u: the entry is not that "
-                          "user's.\n",
-                          textOrEmpty(address), uid);
-                return false;
-            }
-            delete *it;
-            m_routingTable.erase(it);
-            return true;
-        }
+    RoutingEntry* entry = m_routingTable.firstEqual(parsed);
+    if (entry == nullptr)
+        return false;
+    if (isLink && !mayChange(*entry, uid)) {
+        Core::log(Core::LogWarning,
+                  "SystemRouter: refused the removal of '%s' by a link of uid %u: the entry is not that user's.\n",
+                  textOrEmpty(address), uid);
+        return false;
     }
-    return false;
+    m_routingTable.erase(entry);
+    return true;
 }
 
 void SystemRouter::addLinkServer(UlmarComms::IRealSystemRouterLinkServer* server)
@@ -287,16 +292,7 @@ RoutingEntry* SystemRouter::find(const Address& address)
 {
     if (!address.host().empty() && address.host() != Core::instance()->getHostName())
         return nullptr;
-    RoutingEntry* best = nullptr;
-    int bestScore = -1;
-    for (RoutingEntry* entry : m_routingTable) {
-        int score = -1;
-        if (entry->address.match(address, score) && score > bestScore) {
-            best = entry;
-            bestScore = score;
-        }
-    }
-    return best;
+    return m_routingTable.best(address);
 }
 
 bool SystemRouter::post(UlmarComms::MessageRef message)
@@ -486,7 +482,7 @@ bool SystemRouter::interfaceDoesAddressSupport(const Address& address, const std
 void SystemRouter::interfaceGetAddressSupporting(const std::string& interface, std::vector<Address>& out)
 {
     MutexLocker locker(m_tableLock);
-    for (RoutingEntry* entry : m_routingTable) {
+    for (const auto& [sequence, entry] : m_routingTable.entries()) {
         if (std::find(entry->interfaces.begin(), entry->interfaces.end(), interface) != entry->interfaces.end())
             out.push_back(entry->address);
     }
@@ -499,7 +495,7 @@ std::string SystemRouter::getAddressesSupportingInterfaces(std::vector<std::stri
 {
     std::string result;
     MutexLocker locker(m_tableLock);
-    for (RoutingEntry* entry : m_routingTable) {
+    for (const auto& [sequence, entry] : m_routingTable.entries()) {
         size_t equalPairs = 0;
         bool selected = false;
         for (const std::string& name : entry->interfaces) {
@@ -527,7 +523,7 @@ void SystemRouter::dumpSystemRouterTable(std::ostringstream& out)
 {
     out << "# System Routing Table " << '\n' << "Address,Interfaces" << '\n';
     MutexLocker locker(m_tableLock);
-    for (RoutingEntry* entry : m_routingTable) {
+    for (const auto& [sequence, entry] : m_routingTable.entries()) {
         out << entry->address.toString() << ',';
         for (size_t i = 0; i < entry->interfaces.size(); ++i) {
             if (i != 0)

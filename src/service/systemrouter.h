@@ -23,14 +23,17 @@
 // nor remove or re-describe its entry. A message that arrived over a link
 // and whose best entry is that same link has no path: sending it back would
 // make it circulate: a request is answered with error 400, anything else
-// dropped. Each refusal leaves the table as it was and is logged with a text
-// of its own, so the log's throttle holds back each cause on its own.
+// dropped. A link holds at most a bounded number of entries (PumpsPerLink in
+// core/limits.h), so one process cannot grow the table without end. Each
+// refusal leaves the table as it was and is logged with a text of its own,
+// so the log's throttle holds back each cause on its own.
 #pragma once
 
 #include "core/address.h"
 #include "messaging/messagerouter.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
+#include "service/routingtable.h"
 
 #include <sstream>
 #include <string>
@@ -58,18 +61,6 @@ protected:
 } // namespace UlmarComms
 
 namespace UlmarCommsService {
-
-// One known pump address.
-struct RoutingEntry {
-    // The pump's address as registered.
-    UlmarComms::Address address;
-    // The router that delivers to it (not owned; may be null).
-    UlmarComms::IMessageRouter* router = nullptr;
-    // Interface names the pump supports, as last announced.
-    std::vector<std::string> interfaces;
-    // The user of the router that registered it last.
-    unsigned owner = 0;
-};
 
 class SystemRouter : public UlmarComms::ISystemRouter, public UlmarCommsSystem::Thread {
 public:
@@ -116,6 +107,10 @@ public:
     std::string getAddressesSupportingInterfaces(std::vector<std::string>& interfaces, bool all);
     // Writes the routing table as text.
     void dumpSystemRouterTable(std::ostringstream& out);
+    // Entries one link may hold from now on (the setting decides at start).
+    void setPumpsPerLink(size_t pumps) { m_pumpsPerLink = pumps; }
+    // How many entries the table holds.
+    size_t entryCount();
 
 protected:
     // The system router thread: drains the queue.
@@ -138,6 +133,8 @@ private:
     // Whether a link of uid may register address (text as sent); logs a
     // refusal (table lock held).
     bool mayRegister(const UlmarComms::Address& address, const char* text, unsigned uid);
+    // Whether link may take one more entry; logs a refusal (table lock held).
+    bool mayHoldAnother(UlmarComms::IMessageRouter* link, const char* text, unsigned uid);
     // Whether a link of uid may change or remove entry (table lock held).
     bool mayChange(const RoutingEntry& entry, unsigned uid) const;
     // Whether a link of uid may send as sender (table lock held).
@@ -148,7 +145,7 @@ private:
 
     UlmarCommsSystem::Mutex m_tableLock;
     std::vector<UlmarComms::IMessageRouter*> m_routers;
-    std::vector<RoutingEntry*> m_routingTable;
+    RoutingTable m_routingTable;
     UlmarCommsSystem::Mutex m_queueLock;
     UlmarComms::MessageQueue m_queue;
     UlmarComms::SystemRouterMessagePump* m_pSystemRouterMessagePump;
@@ -159,6 +156,8 @@ private:
     UlmarCommsSystem::ConditionValue m_wakeUp;
     // The user this service runs as: the owner of its own process's entries.
     unsigned m_serviceUser;
+    // Entries one link may hold (Limits::PumpsPerLink or its setting).
+    size_t m_pumpsPerLink;
 };
 
 } // namespace UlmarCommsService

@@ -5,6 +5,7 @@
 #include "framing/dataframe.h"
 #include "messaging/messagepump.h"
 #include "network/networkrouter.h"
+#include "support/logcapture.h"
 #include "support/networkrouterstub.h"
 #include "support/scopedhostname.h"
 #include "support/wait.h"
@@ -57,6 +58,20 @@ public:
 private:
     std::mutex m_lock;
     std::vector<MessageRef> m_messages;
+};
+
+// A process behind a local link, of the given user.
+class LinkRouter : public RecordingRouter {
+public:
+    explicit LinkRouter(unsigned uid) : m_uid(uid) {}
+    bool linkUser(unsigned& uid) const override
+    {
+        uid = m_uid;
+        return true;
+    }
+
+private:
+    unsigned m_uid;
 };
 
 MessageItem* request(const char* to, const char* from, const char* senderId = "7")
@@ -311,6 +326,47 @@ TEST_F(SystemRouterTest, RouterThatPassesAMessageBackEndsItInsteadOfLooping)
     process.remove(&pump);
     process.finish();
     m_router.remove(&process);
+}
+
+// A link at its bound of pumps gets the next one refused, logged, with the
+// table as it was; names it holds already still update, a removal frees a
+// place, and another link of the same user is not held back.
+TEST_F(SystemRouterTest, ALinkHoldsAtMostItsBoundOfPumps)
+{
+    LinkRouter first(1000);
+    LinkRouter second(1000);
+    m_router.setPumpsPerLink(3);
+    for (const char* name : {"alpha@p1", "alpha@p2", "alpha@p3/x"})
+        EXPECT_TRUE(m_router.add(&first, name));
+    const std::string full = dump();
+    {
+        UlmarCommsTest::LogCapture log(UlmarComms::Core::LogWarning);
+        EXPECT_FALSE(m_router.add(&first, "alpha@p4"));
+        EXPECT_TRUE(log.contains("refused the registration of 'alpha@p4' by a link of uid 1000: the link holds 3 "
+                                 "pumps, its limit."));
+    }
+    EXPECT_EQ(dump(), full);
+    EXPECT_EQ(m_router.entryCount(), 3u);
+    // Its own entry (by prefix) is only updated, so it still fits.
+    EXPECT_TRUE(m_router.add(&first, "alpha@p3"));
+    // Taking over another link's entry counts as one more.
+    EXPECT_TRUE(m_router.add(&second, "alpha@q"));
+    EXPECT_FALSE(m_router.add(&first, "alpha@q/sub"));
+    m_router.post(MessageRef(request("alpha@q", "alpha@s")));
+    EXPECT_EQ(second.count(), 1u);
+    EXPECT_EQ(first.count(), 0u);
+    // The other link registers freely; a removal makes room for the first.
+    for (const char* name : {"alpha@q2", "alpha@q3"})
+        EXPECT_TRUE(m_router.add(&second, name));
+    EXPECT_TRUE(m_router.remove(&first, "alpha@p1"));
+    EXPECT_TRUE(m_router.add(&first, "alpha@p4"));
+    // The service's own routers are not links and have no bound.
+    for (const char* name : {"alpha@s1", "alpha@s2", "alpha@s3", "alpha@s4"})
+        EXPECT_TRUE(m_router.add(&m_appA, name));
+    EXPECT_EQ(m_router.entryCount(), 10u);
+    m_router.remove(&first);
+    m_router.remove(&second);
+    EXPECT_EQ(m_router.entryCount(), 4u);
 }
 
 } // namespace
