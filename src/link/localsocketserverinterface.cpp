@@ -7,11 +7,13 @@
 #include "link/localsocketserverinterface.h"
 
 #include "core/core.h"
+#include "core/limits.h"
 #include "platform/socket.h"
 #include "platform/socketreaper.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace UlmarComms {
@@ -31,6 +33,26 @@ unsigned setting(const char* key)
 {
     const int value = Core::instance()->getNumber(key);
     return value > 0 ? static_cast<unsigned>(value) : 0u;
+}
+
+// A bound from its setting when given and positive, else fallback.
+unsigned boundOrDefault(const char* key, unsigned fallback)
+{
+    const int value = Core::instance()->numberOrDefault(key);
+    return value > 0 ? static_cast<unsigned>(value) : fallback;
+}
+
+// Links that fit the descriptor limit: two descriptors each, 64 kept back.
+unsigned linksForDescriptorLimit()
+{
+    const rlim_t reserved = 64;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+        return 4096;
+    if (limit.rlim_cur <= reserved + 2)
+        return 1;
+    const rlim_t links = (limit.rlim_cur - reserved) / 2;
+    return links > 1000000 ? 1000000u : static_cast<unsigned>(links);
 }
 
 } // namespace
@@ -152,7 +174,9 @@ LocalSocketServerInterface::LocalSocketServerInterface(ISystemRouter* systemRout
     : IRealSystemRouterLinkServer(systemRouter),
       DataFrameServer(listenAddress),
       m_pLinkedSystemRouter(systemRouter),
-      m_policy(UlmarCommsService::UserPolicy::fromSettings(geteuid()))
+      m_policy(UlmarCommsService::UserPolicy::fromSettings(geteuid())),
+      m_maxLinksPerUser(boundOrDefault(Limits::LinksPerUserKey, Limits::LinksPerUser)),
+      m_maxLinks(0)
 {
     Core::message("LocalSocketServerInterface::LocalSocketServerInterface( %p, '%s' ) this=%p Constructor\n",
                   static_cast<void*>(systemRouter), listenAddress.asString().c_str(), static_cast<void*>(this));
@@ -166,6 +190,7 @@ LocalSocketServerInterface::~LocalSocketServerInterface()
     DataFrameServer::finish();
     MutexLocker locker(m_connectionsLock);
     m_connections.clear();
+    m_linksPerUser.clear();
 }
 
 bool LocalSocketServerInterface::start()
@@ -175,6 +200,14 @@ bool LocalSocketServerInterface::start()
         Core::log(Core::LogError, "LocalSocketServerInterface::start() Failed the call to DataFrameServer::start().\n");
         return false;
     }
+    {
+        MutexLocker locker(m_connectionsLock);
+        m_maxLinks = boundOrDefault(Limits::LinksTotalKey, linksForDescriptorLimit());
+    }
+    // The socket layer's own bound stays above ours, so that our refusal,
+    // with its reason, comes first.
+    if (Socket* listener = listeningSocket())
+        listener->setMaxAcceptedSockets(m_maxLinks + 64);
     Core::message("LocalSocketServerInterface::start() Done.\n");
     return true;
 }
@@ -199,7 +232,7 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
         return;
     }
     UlmarCommsSystem::PeerCredentials peer;
-    if (!admits(client, peer)) {
+    if (!admits(client, peer) || !takePlace(peer)) {
         Socket::release(client); // closed at once: the peer sees its refusal
         return;
     }
@@ -209,8 +242,9 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
         proxy->setMemoryAccounts(m_memory.linkLimit(), m_memory.accountFor(static_cast<unsigned>(peer.uid)), true);
         proxy->setSocket(client);
         proxy->setSystemRouter(m_pLinkedSystemRouter);
-        // Listed and registered under the lock, so that closeAllLinks never
-        // sees a proxy that is only half set up.
+        // Counted, listed and registered under the lock, so that closeAllLinks
+        // never sees a proxy that is only half set up and two links accepted
+        // at once never both take the last place.
         MutexLocker locker(m_connectionsLock);
         m_connections.push_back(proxy);
         m_pLinkedSystemRouter->add(proxy);
@@ -221,6 +255,11 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
                       static_cast<void*>(proxy));
         Core::message("LSSInterface::onClientConnect() Added a new connection.\n");
     } catch (...) {
+        // Only the proxy's creation throws; the place it took is given back.
+        {
+            MutexLocker locker(m_connectionsLock);
+            givePlaceBack(static_cast<unsigned>(peer.uid));
+        }
         Core::log(Core::LogError,
                   "LocalSocketServerInterface::onClientConnect( %p, , %p ) this=%p Unhandled exception!\n",
                   static_cast<void*>(server), static_cast<void*>(client), static_cast<void*>(this));
@@ -241,6 +280,40 @@ bool LocalSocketServerInterface::admits(Socket* client, UlmarCommsSystem::PeerCr
                   "this bus.\n",
                   static_cast<unsigned>(peer.uid), static_cast<int>(peer.pid));
     return false;
+}
+
+bool LocalSocketServerInterface::takePlace(const UlmarCommsSystem::PeerCredentials& peer)
+{
+    const unsigned uid = static_cast<unsigned>(peer.uid);
+    MutexLocker locker(m_connectionsLock);
+    auto held = m_linksPerUser.find(uid);
+    const unsigned ofUser = held == m_linksPerUser.end() ? 0u : held->second;
+    if (ofUser >= m_maxLinksPerUser) {
+        Core::log(Core::LogWarning,
+                  "LocalSocketServerInterface: refused a local link of uid %u pid %d: that user holds %u links, its "
+                  "limit.\n",
+                  uid, static_cast<int>(peer.pid), ofUser);
+        return false;
+    }
+    if (m_maxLinks != 0 && m_linkCount >= m_maxLinks) {
+        Core::log(Core::LogWarning,
+                  "LocalSocketServerInterface: refused a local link of uid %u pid %d: the service holds %u links, its "
+                  "limit.\n",
+                  uid, static_cast<int>(peer.pid), m_linkCount);
+        return false;
+    }
+    ++m_linksPerUser[uid];
+    ++m_linkCount;
+    return true;
+}
+
+void LocalSocketServerInterface::givePlaceBack(unsigned uid)
+{
+    auto held = m_linksPerUser.find(uid);
+    if (held != m_linksPerUser.end() && --held->second == 0)
+        m_linksPerUser.erase(held);
+    if (m_linkCount > 0)
+        --m_linkCount;
 }
 
 void LocalSocketServerInterface::onClientDisconnect(Socket* server, Socket* client)
@@ -294,6 +367,9 @@ void LocalSocketServerInterface::remove(SocketMessageRouterProxy* proxy)
         auto found = std::find(m_connections.begin(), m_connections.end(), proxy);
         if (found != m_connections.end()) {
             m_connections.erase(found); // the others keep their order
+            unsigned uid = 0;
+            proxy->linkUser(uid);
+            givePlaceBack(uid);
             listed = true;
         }
     }
@@ -319,6 +395,8 @@ void LocalSocketServerInterface::closeAllLinks()
         {
             MutexLocker locker(m_connectionsLock);
             claimed.swap(m_connections);
+            m_linksPerUser.clear();
+            m_linkCount = 0;
         }
         if (claimed.empty())
             break;

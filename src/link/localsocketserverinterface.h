@@ -34,6 +34,12 @@
 // service's (LinkMemory); a proxy whose queue would pass a bound is a slow
 // consumer and its link is ended (framing/dataframehandler.h), which the
 // listener then sees as any other drop.
+// How many may connect. Links are counted per user and in total (the bounds
+// LinksPerUser and LinksTotal of core/limits.h, or their settings); a link
+// past either is closed at once like a refused user's, with a log line
+// naming the bound, so one user's idle links never shut out another user.
+// The counts live beside the connections list, under its lock: a link is
+// counted when it is admitted and uncounted when it leaves the list.
 #pragma once
 
 #include "framing/dataframehandler.h"
@@ -46,6 +52,7 @@
 #include "service/userpolicy.h"
 
 #include <atomic>
+#include <unordered_map>
 #include <vector>
 
 namespace UlmarComms {
@@ -135,6 +142,10 @@ public:
 private:
     // Whether the peer of an accepted socket may use the link (logged when not).
     bool admits(Socket* client, UlmarCommsSystem::PeerCredentials& peer);
+    // Counts one more link of peer when it fits the bounds (logged when not).
+    bool takePlace(const UlmarCommsSystem::PeerCredentials& peer);
+    // Counts a link of uid out (connections lock held).
+    void givePlaceBack(unsigned uid);
 
     // The router every new proxy is attached to (not owned).
     ISystemRouter* m_pLinkedSystemRouter;
@@ -146,6 +157,13 @@ private:
     UlmarCommsService::UserPolicy m_policy;
     // The memory accounts of the links' users and of the service.
     LinkMemory m_memory;
+    // Counted links per peer uid, and of all users (under the connections
+    // lock): a link is counted from its admission until it leaves the list.
+    std::unordered_map<unsigned, unsigned> m_linksPerUser;
+    unsigned m_linkCount = 0;
+    // The bounds: per user from the settings, in total fixed by start().
+    unsigned m_maxLinksPerUser;
+    unsigned m_maxLinks;
 };
 
 } // namespace UlmarComms

@@ -346,7 +346,7 @@ unsigned char Socket::doAccept()
         std::lock_guard<std::mutex> locker(registryLock);
         alive = m_pServerMode != nullptr ? m_pServerMode->accepted.size() : 0;
     }
-    if (alive >= MaxAcceptedSockets) {
+    if (alive >= m_maxAccepted.load()) {
         refuseClient(handle);
         return rearmListener();
     }

@@ -329,6 +329,10 @@ public:
     virtual unsigned char setBroadcastMode(bool on);
     // Accepts one client (run by a worker when the listener is readable).
     virtual unsigned char doAccept();
+    // Live accepted sockets this listener keeps at most from now on
+    // (MaxAcceptedSockets until set); an owner with a bound of its own sets
+    // it a little above that, so that its own refusal, with its reason, comes first.
+    void setMaxAcceptedSockets(unsigned count) { m_maxAccepted = count; }
 
     // The socket's own address (getsockname).
     unsigned char getLocalAddress(SocketAddress& address);
@@ -444,6 +448,7 @@ private:
     std::shared_ptr<BSDSocketPlatformData> m_platform;
     BSDSocketServiceMode* m_pServerMode;
     void* m_pUserData;
+    std::atomic<unsigned> m_maxAccepted{MaxAcceptedSockets};
 };
 
 // The server mode of a BSD listener: its accepted sockets and callbacks.

@@ -6,12 +6,14 @@
 // say why they are skipped.
 #include "support/participant.h"
 #include "support/rawpeer.h"
+#include "support/wait.h"
 #include "tools/bus.h"
 
 #include "messaging/messageitem.h"
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <sstream>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -245,4 +247,95 @@ TEST(LocalTrust, AFakeServiceOfAnotherUserIsNotBelieved)
     logged.send("quit");
     EXPECT_EQ(logged.wait(), 0) << logged.transcript();
     ::close(listener);
+}
+
+namespace {
+
+// Raw connections to the service's pipe that send nothing: idle links.
+class IdleLinks {
+public:
+    ~IdleLinks()
+    {
+        for (int fd : m_fds)
+            ::close(fd);
+    }
+    bool open(const std::string& pipe, size_t count)
+    {
+        const UlmarCommsSystem::SocketAddress address = pipeAddress(pipe);
+        for (size_t i = 0; i < count; ++i) {
+            const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (fd < 0)
+                return false;
+            m_fds.push_back(fd);
+            if (::connect(fd, address.getAddress(), address.getAddressSize()) != 0)
+                return false;
+        }
+        return true;
+    }
+    // How many the service has closed.
+    size_t closed() const
+    {
+        size_t count = 0;
+        for (int fd : m_fds) {
+            pollfd entry{fd, POLLIN | POLLRDHUP, 0};
+            char byte = 0;
+            if (::poll(&entry, 1, 0) == 1 && ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0)
+                ++count;
+        }
+        return count;
+    }
+
+private:
+    std::vector<int> m_fds;
+};
+
+} // namespace
+
+// One user's idle links fill that user's share only: the links past it are
+// closed at once and logged, and another user's application and client get
+// through as ever.
+TEST(LocalTrust, OneUsersIdleLinksDoNotShutOutAnother)
+{
+    REQUIRE_SECOND_USER();
+    const std::string pipe = uniquePipeName();
+    Daemon daemon(pipe, {"--allow-everyone", "--links-per-user", "256"});
+    ASSERT_TRUE(daemon.waitReady()) << daemon.process().transcript();
+
+    IdleLinks idle;
+    {
+        ThreadAsOtherUser other;
+        ASSERT_TRUE(idle.open(pipe, 300));
+    }
+    EXPECT_TRUE(UlmarCommsTest::waitUntil([&] { return idle.closed() == 44; }, std::chrono::seconds(10)))
+        << idle.closed() << " closed";
+    EXPECT_TRUE(daemonLogged(daemon, "refused a local link of uid 4242 pid ")) << daemon.process().err();
+    EXPECT_TRUE(contains(daemon.process().err(), "that user holds 256 links, its limit.")) << daemon.process().err();
+
+    Participant app(pipe, false);
+    ASSERT_TRUE(app.waitFor("started 0")) << app.process().transcript();
+    app.ask("pump app", "pump app ");
+    EXPECT_EQ(app.query("app", "SystemInfo").rfind("name=", 0), 0u);
+    const RunResult own = client(pipe, {"--timeout", "5000", "info"});
+    EXPECT_EQ(own.status, 0) << own.transcript();
+    EXPECT_EQ(idle.closed(), 44u);
+}
+
+// A client that the service closes for its bound of links says so, and does
+// not wait for a reply that cannot come. Root is never a refused user, so the
+// message is that of the bound.
+TEST(LocalTrust, AClientPastItsBoundOfLinksSaysTheServiceIsNotAccepting)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "the client tells a bound from a refused user only as root or the service's user";
+    const std::string pipe = uniquePipeName();
+    Daemon daemon(pipe, {"--links-per-user", "2"});
+    ASSERT_TRUE(daemon.waitReady()) << daemon.process().transcript();
+    IdleLinks idle;
+    ASSERT_TRUE(idle.open(pipe, 2));
+
+    const RunResult refused = client(pipe, {"--timeout", "3000", "info"});
+    EXPECT_EQ(refused.status, 5) << refused.transcript();
+    EXPECT_TRUE(contains(refused.err, "the service is not accepting connections")) << refused.transcript();
+    EXPECT_FALSE(contains(refused.err, "no reply")) << refused.transcript();
+    EXPECT_TRUE(daemonLogged(daemon, "that user holds 2 links, its limit.")) << daemon.process().err();
 }

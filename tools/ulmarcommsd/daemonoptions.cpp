@@ -4,6 +4,7 @@
 #include "ulmarcommsd/daemonoptions.h"
 
 #include "common/numbers.h"
+#include "core/limits.h"
 #include "network/networkpolicy.h"
 
 #include <algorithm>
@@ -82,6 +83,38 @@ bool addPolicySettings(DaemonOptions& options, std::string& error)
         !options.settings.add("ulmar.systemrouter.pipe.allow.users=" + joined(options.allowUsers), error))
         return false;
     return !options.allowEveryone || options.settings.add("ulmar.systemrouter.pipe.allow.everyone=1", error);
+}
+
+// The options that set one of the local link's bounds (core/limits.h). Like
+// the allow options they are stored only when given, so a service started
+// without them lists exactly the settings it always lists.
+struct BoundOption {
+    const char* name;
+    const char* key;
+};
+const BoundOption kBoundOptions[] = {
+    {"--links-per-user", UlmarComms::Limits::LinksPerUserKey},
+    {"--links-total", UlmarComms::Limits::LinksTotalKey},
+    {"--pumps-per-link", UlmarComms::Limits::PumpsPerLinkKey},
+};
+
+const BoundOption* boundOption(const std::string& name)
+{
+    for (const BoundOption& option : kBoundOptions) {
+        if (name == option.name)
+            return &option;
+    }
+    return nullptr;
+}
+
+bool addBound(const BoundOption& option, const std::string& value, StartSettings& settings, std::string& error)
+{
+    long number = 0;
+    if (!parseNumber(value, 1, 1000000000, number)) {
+        error = std::string(option.name) + " takes a number from 1 to 1000000000, not '" + value + "'";
+        return false;
+    }
+    return settings.add(std::string(option.key) + "=" + std::to_string(number), error);
 }
 
 // A group or user name as the policy takes it: one word, no list separator.
@@ -170,7 +203,7 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
         std::string value;
         const bool inlineValue = splitInline(arg, name, value);
         if (name != "--set" && name != "--log-level" && name != "--allow-network" && name != "--allow-group" &&
-            name != "--allow-user" && memoryOption(name) == nullptr) {
+            name != "--allow-user" && memoryOption(name) == nullptr && boundOption(name) == nullptr) {
             error = "unknown argument '" + arg + "'";
             return DaemonParse::Usage;
         }
@@ -195,6 +228,11 @@ DaemonParse parseDaemonOptions(const std::vector<std::string>& args, DaemonOptio
             if (!parseBytes(name, value, bytes, error))
                 return DaemonParse::Usage;
             memory.push_back(std::string(option->key) + "=" + std::to_string(bytes));
+            continue;
+        }
+        if (const BoundOption* bound = boundOption(name)) {
+            if (!addBound(*bound, value, options.settings, error))
+                return DaemonParse::Usage;
             continue;
         }
         if (name == "--set") {
@@ -230,7 +268,8 @@ std::string daemonUsage()
     return "Usage: ulmarcommsd [--set KEY=VALUE]... [--log-level N] [--allow-group NAME]...\n"
            "                   [--allow-user NAME|UID]... [--allow-everyone] [--allow-network CIDR]...\n"
            "                   [--allow-any-network] [--link-memory BYTES] [--user-memory BYTES]\n"
-           "                   [--memory BYTES] [KEY=VALUE[;KEY=VALUE...]]\n"
+           "                   [--memory BYTES] [--links-per-user N] [--links-total N]\n"
+           "                   [--pumps-per-link N] [KEY=VALUE[;KEY=VALUE...]]\n"
            "\n"
            "Runs this machine's system router service in the foreground until\n"
            "SIGTERM or SIGINT, then shuts it down and exits 0.\n"
@@ -262,6 +301,11 @@ std::string daemonUsage()
            "                   (default 128M)\n"
            "  --memory BYTES   memory all local links together may hold (default\n"
            "                   256M); BYTES takes a suffix K, M or G\n"
+           "  --links-per-user N  local links one user may hold open (default 256);\n"
+           "                   more are closed at once and logged\n"
+           "  --links-total N  local links of all users together (default: half the\n"
+           "                   descriptor limit, less 64 kept back)\n"
+           "  --pumps-per-link N  pumps one local link may register (default 4096)\n"
            "  KEY=VALUE;...    a whole start argument, as the library takes it; its\n"
            "                   items are added to the --set items (a word without\n"
            "                   '=' is accepted and ignored)\n"

@@ -6,17 +6,21 @@
 // async-signal-safe. The daemon refuses to start when a service already
 // answers on the chosen local link, because the library's own start-up
 // would report success without listening; for the same reason it checks
-// after start-up that its own listener answers.
+// after start-up that its own listener answers. Each local link costs two
+// descriptors, so the descriptor limit is raised to its hard limit first:
+// the service's bound on links follows it.
 #include "common/logsink.h"
 #include "common/probe.h"
 #include "ulmarcommsd/daemonoptions.h"
 
 #include <ulmarcomms.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
@@ -80,6 +84,21 @@ void complain(const std::string& line)
     std::fprintf(stderr, "ulmarcommsd: %s\n", line.c_str());
 }
 
+// Raises the soft descriptor limit to the hard one; silent when done (or
+// nothing to do), a warning when refused: the service then serves fewer links.
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max)
+        return;
+    const rlim_t soft = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) == 0)
+        return;
+    complain("warning: could not raise the descriptor limit from " + std::to_string(soft) + " to " +
+             std::to_string(limit.rlim_max) + " (" + std::strerror(errno) + "); fewer local links will be served");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -111,6 +130,7 @@ int main(int argc, char** argv)
         return kExitFailed;
     }
 
+    raiseDescriptorLimit();
     sigset_t stopSignals;
     blockStopSignals(stopSignals);
     installLoggers(options.logLevel);
