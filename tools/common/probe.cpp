@@ -203,4 +203,15 @@ bool ProbeConnection::refusedByService(int waitMs) const
     return got == 0 || (got < 0 && (errno == ECONNRESET || errno == EPIPE));
 }
 
+bool ProbeConnection::serviceUser(unsigned& uid) const
+{
+    ucred credentials{};
+    socklen_t length = sizeof(credentials);
+    if (m_fd < 0 || ::getsockopt(m_fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 ||
+        length != sizeof(credentials) || credentials.pid == 0)
+        return false;
+    uid = static_cast<unsigned>(credentials.uid);
+    return true;
+}
+
 } // namespace UlmarCommsTools

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <string>
+#include <sys/types.h>
 
 namespace UlmarCommsTools {
 
@@ -48,6 +49,10 @@ ProbeResult probeService(const LinkTarget& target, int timeoutMs, std::string& d
 // not let this user in closes each of its connections right after accepting
 // it, before any traffic. A connection that the service ended with nothing
 // received is that refusal; an allowed one simply stays open and silent.
+// The service closes a connection the same way when it holds as many links
+// as it may (for this user or in all); the service's uid, which the kept
+// connection tells, lets the caller rule out a refused user when it is
+// root or the service's own user.
 class ProbeConnection {
 public:
     ProbeConnection() = default;
@@ -60,6 +65,9 @@ public:
     // Whether the service ended the kept connection with nothing sent,
     // waiting at most waitMs for that to show.
     bool refusedByService(int waitMs) const;
+    // The uid of the process that accepted the kept connection (a local
+    // link over a UNIX socket only); false when not known.
+    bool serviceUser(unsigned& uid) const;
 
 private:
     int m_fd = -1;

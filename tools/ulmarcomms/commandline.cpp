@@ -220,7 +220,8 @@ const char* const kGlobalOptionsHelp =
     "Global options (before or after the command):\n"
     "  --set KEY=VALUE    override a library setting (repeatable), e.g.\n"
     "                     --set ulmar.systemrouter.pipe.name=NAME to use another bus\n"
-    "  --timeout MS       how long to wait for a reply (default 5000)\n"
+    "  --timeout MS       how long the run may take to get through: connecting,\n"
+    "                     starting and the reply (default 5000)\n"
     "  --json             one JSON object per line instead of text\n"
     "  --log-level N      write library log lines of level N (0-4) and above to stderr\n"
     "  --help             show help (after a command: that command's help)\n"
@@ -229,7 +230,9 @@ const char* const kGlobalOptionsHelp =
 const char* const kExitHelp = "Exit status: 0 success; 1 an error reply or a refused operation; 2 usage\n"
                               "error; 3 time-out or no service reachable; 4 the bus refused this user\n"
                               "(the service does not let this user in: see --allow-group in ulmarcommsd\n"
-                              "--help).\n";
+                              "--help; or, for a user it never refuses, see 5); 5 the service is not\n"
+                              "accepting connections (it holds as many links as it may: --links-per-user,\n"
+                              "--links-total in ulmarcommsd --help).\n";
 
 // Reads an option's value: inline after '=' or the next argument.
 bool optionValue(const std::vector<std::string>& args, size_t& index, const std::string& name, bool hasInline,

@@ -20,6 +20,7 @@ constexpr int kExitRefused = 1; // an error reply, or a refused operation
 constexpr int kExitUsage = 2; // bad command line
 constexpr int kExitUnreachable = 3; // time-out, or no service reachable
 constexpr int kExitUserRefused = 4; // the service does not let this user use the bus
+constexpr int kExitNotAccepting = 5; // the service closed the connection: it holds as many links as it may
 
 // The commands.
 enum class CommandKind {

@@ -4,10 +4,13 @@
 // service" is reported at once, naming the pipe name tried, instead of the
 // library retrying in the background) and keep the probe's connection open:
 // a service that does not let this user in closes it at once, which is how a
-// refusal is told from a time-out; block the stop signals and start the
+// refusal is told from a time-out (a refused user, or a service that holds
+// as many links as it may); block the stop signals and start the
 // signal watcher before the library starts any thread; start the runtime;
 // run the command; then destroy the pumps and shut the runtime down in that
-// order, on every path including Ctrl-C.
+// order, on every path including Ctrl-C. --timeout counts from the start of
+// the run: connecting, starting and the first exchange share it, so a run
+// that cannot get through ends when it says it would.
 #include "common/logsink.h"
 #include "common/probe.h"
 #include "ulmarcomms/commandline.h"
@@ -19,6 +22,8 @@
 
 #include <ulmarcomms.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <unistd.h>
@@ -68,7 +73,12 @@ std::string eventReturnMethod(const std::string& event)
 
 class Client {
 public:
-    explicit Client(const Invocation& invocation) : m_invocation(invocation), m_command(invocation.command) {}
+    explicit Client(const Invocation& invocation)
+        : m_invocation(invocation),
+          m_command(invocation.command),
+          m_deadline(Inbox::Clock::now() + std::chrono::milliseconds(invocation.global.timeoutMs))
+    {
+    }
 
     int run()
     {
@@ -79,7 +89,7 @@ public:
             return kExitUsage;
         }
         std::string detail;
-        if (m_probe.open(link, kProbeTimeoutMs, detail) != ProbeResult::Answered) {
+        if (m_probe.open(link, std::min(kProbeTimeoutMs, remainingMs()), detail) != ProbeResult::Answered) {
             complain("no service reachable on " + link.describe() + (detail.empty() ? "" : " (" + detail + ")"));
             out(formatNoService(m_invocation, link, detail));
             return kExitUnreachable;
@@ -107,15 +117,45 @@ public:
         // own, so a refusal is usually visible by now; otherwise a run that
         // fails looks again before it reports.
         if (m_probe.refusedByService(0))
-            return userRefused();
+            return closedByService();
         return dispatch(inbox);
     }
 
 private:
+    // What is left of --timeout, counted from the start of the run.
+    int remainingMs() const
+    {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(m_deadline - Inbox::Clock::now()).count();
+        return static_cast<int>(std::max<long long>(0, left));
+    }
+
+    // The service closed our connection unasked: a refused user, or a
+    // service that holds as many links as it may. Root and the service's own
+    // user are never refused, so for them it is the second.
+    int closedByService()
+    {
+        unsigned serviceUid = 0;
+        const unsigned self = static_cast<unsigned>(getuid());
+        if (self == 0 || (m_probe.serviceUser(serviceUid) && serviceUid == self))
+            return notAccepting();
+        return userRefused();
+    }
+
+    int notAccepting()
+    {
+        const std::string reason = "the service is not accepting connections: it closed this one at once, as it "
+                                   "does when it holds as many links as it may (for this user or in all)";
+        complain(reason);
+        out(formatFailure(m_invocation, "not-accepting", reason, 0));
+        return kExitNotAccepting;
+    }
+
     int userRefused()
     {
         const std::string reason = "the bus refused this user (uid " + std::to_string(getuid()) +
-            "): the service lets in only root, its own user and the users and groups it is told to";
+            "): the service lets in only root, its own user and the users and groups it is told to (or it is "
+            "not accepting connections: it holds as many links as it may)";
         complain(reason);
         out(formatFailure(m_invocation, "user-refused", reason, 0));
         return kExitUserRefused;
@@ -181,7 +221,7 @@ private:
             return refused("the library refused to build the " + plan.method + " request (too many pairs?)", 0);
         case Exchange::Result::NotPosted:
             if (exchange.postCode == ULMARCOMMS_NOT_ROUTED && refusedUser())
-                return userRefused();
+                return closedByService();
             if (exchange.postCode == ULMARCOMMS_NOT_ROUTED) {
                 complain("the local link to the service is down; the request could not be sent");
                 out(formatFailure(m_invocation, "link-down", "the request could not be sent", exchange.postCode));
@@ -190,7 +230,7 @@ private:
             return refused("the library refused to post the " + plan.method + " request", exchange.postCode);
         case Exchange::Result::TimedOut:
             if (refusedUser())
-                return userRefused();
+                return closedByService();
             complain(timeoutMessage(m_invocation, plan));
             out(formatTimeout(m_invocation, plan));
             return kExitUnreachable;
@@ -209,8 +249,7 @@ private:
         if (!pump.create(name, ""))
             return pumpFailed(name);
         const RequestPlan plan = planRequest(m_command);
-        const Exchange result =
-            exchange(pump, inbox, buildRequest(pump, plan, m_command), m_invocation.global.timeoutMs, 0);
+        const Exchange result = exchange(pump, inbox, buildRequest(pump, plan, m_command), remainingMs(), 0);
         if (result.result != Exchange::Result::Answered)
             return notAnswered(result, plan);
         out(formatAnswer(m_invocation, plan, result.answer));
@@ -235,8 +274,11 @@ private:
         RequestPlan plan;
         plan.to = systemAddress("");
         plan.method = "SystemInfo";
-        const Exchange result = exchange(helper, inbox, buildRequest(helper, plan, m_command),
-                                         m_invocation.global.timeoutMs, interruptBaseline);
+        // The first sync is part of getting through; the last one has a
+        // --timeout of its own.
+        const int timeoutMs = leaving ? m_invocation.global.timeoutMs : remainingMs();
+        const Exchange result =
+            exchange(helper, inbox, buildRequest(helper, plan, m_command), timeoutMs, interruptBaseline);
         if (result.result == Exchange::Result::Answered)
             return kExitOk;
         if (leaving && result.result == Exchange::Result::Interrupted)
@@ -293,8 +335,7 @@ private:
         RequestPlan plan;
         plan.to = m_command.address;
         plan.method = "#reg";
-        const Exchange registered =
-            exchange(pump, inbox, registration(pump, returnMethod, true), m_invocation.global.timeoutMs, 0);
+        const Exchange registered = exchange(pump, inbox, registration(pump, returnMethod, true), remainingMs(), 0);
         if (registered.result != Exchange::Result::Answered)
             return notAnswered(registered, plan);
         if (registered.answer.kind == Received::Kind::Error) {
@@ -504,6 +545,8 @@ private:
     ProbeConnection m_probe;
     // subscribe: a registration that is not accepted again was reported.
     bool m_registerComplained = false;
+    // The end of --timeout, counted from the start of the run.
+    const Inbox::Clock::time_point m_deadline;
 };
 
 } // namespace
