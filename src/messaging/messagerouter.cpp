@@ -24,6 +24,8 @@ namespace UlmarComms {
 
 namespace {
 
+// The table's first capacity; it then doubles, so that adding N pumps copies
+// O(N) entries in all (a fixed step would copy O(N^2)).
 const unsigned kTableGrowth = 10;
 // The longest an idle worker sleeps; a kick normally ends the wait at once.
 const unsigned kWorkerWaitMs = 5;
@@ -423,13 +425,14 @@ bool MessageRouter::add(MessagePump* pump)
         {
             UlmarCommsSystem::MutexLocker table(m_tableLock);
             if (m_count == m_capacity) {
-                MessageRouterEntry** grown = new (std::nothrow) MessageRouterEntry*[m_capacity + kTableGrowth]();
+                const unsigned capacity = m_capacity * 2;
+                MessageRouterEntry** grown = new (std::nothrow) MessageRouterEntry*[capacity]();
                 if (grown == nullptr)
                     return false;
                 std::memcpy(grown, m_entries, sizeof(MessageRouterEntry*) * m_count);
                 delete[] m_entries;
                 m_entries = grown;
-                m_capacity += kTableGrowth;
+                m_capacity = capacity;
             }
             m_entries[m_count] = new MessageRouterEntry{Address(pump->address()), pump};
             ++m_count;

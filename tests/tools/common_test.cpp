@@ -250,6 +250,29 @@ TEST(DaemonOptions, ParsesSettingsLevelAndWholeStartArguments)
     EXPECT_EQ(whole.settings.value("ulmar.systemrouter.pipe.name", ""), "a");
 }
 
+// The bounds of the local link are stored only when given, after the --set
+// items, and only as whole positive numbers.
+TEST(DaemonOptions, LinkBoundOptionsBecomeTheirSettings)
+{
+    DaemonOptions options;
+    std::string error;
+    ASSERT_EQ(parseDaemonOptions({"--links-per-user", "10", "--links-total=300", "--pumps-per-link", "50000"}, options,
+                                 error),
+              DaemonParse::Run)
+        << error;
+    EXPECT_EQ(options.settings.startArgument(),
+              "ulmar.systemrouter.pipe.links.peruser=10;"
+              "ulmar.systemrouter.pipe.links.total=300;"
+              "ulmar.systemrouter.pipe.pumps.perlink=50000");
+    for (const std::vector<std::string>& wrong : std::vector<std::vector<std::string>>{
+             {"--links-per-user", "0"}, {"--links-total", "-3"}, {"--pumps-per-link", "4k"}, {"--links-total"}}) {
+        DaemonOptions refused;
+        EXPECT_EQ(parseDaemonOptions(wrong, refused, error), DaemonParse::Usage) << wrong.front();
+        EXPECT_NE(error.find(wrong.front()), std::string::npos) << error;
+    }
+    EXPECT_NE(daemonUsage().find("--pumps-per-link N"), std::string::npos);
+}
+
 TEST(DaemonOptions, NetworkOptionsAddToTheAllowSettingAndBadNetworksAreUsageErrors)
 {
     DaemonOptions options;
