@@ -23,6 +23,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 namespace UlmarComms {
 
@@ -71,6 +72,42 @@ private:
     ByteAccount* const m_pParent;
     const char* const m_name;
     std::atomic<uint64_t> m_used;
+};
+
+// Bytes charged to an account, given back when the charge goes: for what is
+// held in a container whose entries leave one by one.
+class ByteCharge {
+public:
+    // Nothing charged.
+    ByteCharge() = default;
+    // Holds bytes already charged to account.
+    ByteCharge(std::shared_ptr<ByteAccount> account, uint64_t bytes) : m_pAccount(std::move(account)), m_bytes(bytes) {}
+    // Moves the charge; the source holds nothing afterwards.
+    ByteCharge(ByteCharge&& other) noexcept : m_pAccount(std::move(other.m_pAccount)), m_bytes(other.m_bytes) {}
+    ByteCharge& operator=(ByteCharge&& other) noexcept
+    {
+        if (this != &other) {
+            giveBack();
+            m_pAccount = std::move(other.m_pAccount);
+            m_bytes = other.m_bytes;
+        }
+        return *this;
+    }
+    ByteCharge(const ByteCharge&) = delete;
+    ByteCharge& operator=(const ByteCharge&) = delete;
+    // Gives the bytes back.
+    ~ByteCharge() { giveBack(); }
+
+private:
+    void giveBack()
+    {
+        if (m_pAccount)
+            m_pAccount->release(m_bytes);
+        m_pAccount.reset();
+    }
+
+    std::shared_ptr<ByteAccount> m_pAccount;
+    uint64_t m_bytes = 0;
 };
 
 } // namespace UlmarComms

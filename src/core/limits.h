@@ -18,7 +18,10 @@
 // its buffer grows). In the service each local link's accounts have the
 // account of the user behind the link as parent, and every user's account
 // the service's, so one charge reaches all three bounds; the service's
-// LocalSocketServerInterface keeps the user and service accounts.
+// LocalSocketServerInterface keeps the user and service accounts. A message
+// from a local link that waits in the system router's queue (its target has
+// no entry yet, or it is bound for another host) is charged to that link's
+// user account until it is routed.
 //
 // Not limits, and so not here: the transfer buffer sizes (the *.inbound.size
 // and *.outbound.size settings, NetworkRouterConnection::BufferSize) bound

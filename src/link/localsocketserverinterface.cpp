@@ -239,7 +239,9 @@ void LocalSocketServerInterface::onClientConnect(Socket* server, const SocketAdd
     try {
         SocketMessageRouterProxy* proxy = new SocketMessageRouterProxy();
         proxy->setPeer(peer);
-        proxy->setMemoryAccounts(m_memory.linkLimit(), m_memory.accountFor(static_cast<unsigned>(peer.uid)), true);
+        std::shared_ptr<ByteAccount> user = m_memory.accountFor(static_cast<unsigned>(peer.uid));
+        proxy->setMemoryAccounts(m_memory.linkLimit(), user, true);
+        proxy->setHeldMessagesAccount(std::move(user));
         proxy->setSocket(client);
         proxy->setSystemRouter(m_pLinkedSystemRouter);
         // Counted, listed and registered under the lock, so that closeAllLinks

@@ -89,6 +89,11 @@ public:
     ISystemRouter* systemRouter() const { return m_pSystemRouter.load(); }
     // The peer's credentials, read when the link was accepted.
     void setPeer(const UlmarCommsSystem::PeerCredentials& peer) { m_peer = peer; }
+    // The account of the link's user, which messages from the link are
+    // charged to while the system router holds them; set before the proxy
+    // is registered, then only read.
+    void setHeldMessagesAccount(std::shared_ptr<ByteAccount> account) { m_pHeldMessages = std::move(account); }
+    std::shared_ptr<ByteAccount> heldMessagesAccount() const override { return m_pHeldMessages; }
     // The uid of the process behind the link.
     bool linkUser(unsigned& uid) const override
     {
@@ -107,6 +112,7 @@ private:
     std::atomic<ISystemRouter*> m_pSystemRouter;
     // Set before the proxy is registered, then only read.
     UlmarCommsSystem::PeerCredentials m_peer;
+    std::shared_ptr<ByteAccount> m_pHeldMessages;
 };
 
 // The listener of the local link, attached to the real system router.

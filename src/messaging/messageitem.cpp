@@ -285,6 +285,17 @@ uint32_t MessageItem::memSize() const
     return size + 1;
 }
 
+uint64_t MessageItem::heldBytes() const
+{
+    uint64_t texts = 0;
+    for (int i = 0; i < m_argumentCount; ++i)
+        texts += m_keyLengths[i] + 1u + m_valueLengths[i] + 1u;
+    uint64_t bytes = sizeof(MessageItem) + m_eventName.capacity();
+    if (texts > s_inlineTextBytes)
+        bytes += texts + sizeof(TextBlock);
+    return bytes;
+}
+
 bool MessageItem::toBuffer(unsigned& size, unsigned char* buffer, unsigned capacity) const
 {
     size = memSize();

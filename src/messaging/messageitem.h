@@ -108,6 +108,9 @@ public:
     static uint32_t memSize(const MessageItem* item) { return item != nullptr ? item->memSize() : 0; }
     // Writes the packet form; size always receives memSize().
     bool toBuffer(unsigned& size, unsigned char* buffer, unsigned capacity) const;
+    // The memory the message holds: the object, and its texts where they
+    // outgrew the space inside it.
+    uint64_t heldBytes() const;
     // Reads a packet into this (empty) message; false for a malformed packet.
     bool fromBuffer(const unsigned char* buffer, unsigned length);
 

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "core/address.h"
+#include "core/byteaccount.h"
 #include "messaging/messageitem.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
@@ -15,6 +16,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -87,6 +89,9 @@ public:
     // The user behind a router that stands for another process (a link);
     // false for a router of this process.
     virtual bool linkUser(unsigned&) const { return false; }
+    // The account that messages from this router are charged to while the
+    // system router holds them for it (its user's, for a link); null: none.
+    virtual std::shared_ptr<ByteAccount> heldMessagesAccount() const { return nullptr; }
 };
 
 // Intrusive FIFO of messages linked through MessageItem::m_pNext. It has no

@@ -348,22 +348,51 @@ void SystemRouter::route(UlmarComms::MessageRef message, IMessageRouter* link)
         return;
     }
     Core::message("SystemRouter::post( %p ) Adding to message queue.\n", static_cast<void*>(message.get()));
+    UlmarComms::ByteCharge charge;
+    if (!chargeHeld(link, message, to, uid, charge))
+        return;
     bool queued = false;
     {
         MutexLocker locker(m_queueLock);
         queued = m_queue.push(std::move(message));
+        if (queued)
+            m_queueCharges.push_back(std::move(charge));
     }
     if (queued)
         m_wakeUp.broadcastLocked();
+}
+
+bool SystemRouter::chargeHeld(IMessageRouter* link, const UlmarComms::MessageRef& message, const char* to, unsigned uid,
+                              UlmarComms::ByteCharge& charge)
+{
+    std::shared_ptr<UlmarComms::ByteAccount> account = link != nullptr ? link->heldMessagesAccount() : nullptr;
+    if (!account)
+        return true;
+    const uint64_t bytes = message->heldBytes();
+    const UlmarComms::ByteAccount* refuser = account->chargeOrRefuser(bytes, UlmarComms::ByteAccount::Bounds::All);
+    if (refuser != nullptr) {
+        Core::log(Core::LogWarning,
+                  "SystemRouter: dropped a message for '%s' from a link of uid %u: the %s memory bound of %llu bytes "
+                  "is reached.\n",
+                  textOrEmpty(to), uid, refuser->name(), static_cast<unsigned long long>(refuser->limit()));
+        return false;
+    }
+    charge = UlmarComms::ByteCharge(std::move(account), bytes);
+    return true;
 }
 
 unsigned SystemRouter::run()
 {
     while (m_running) {
         UlmarComms::MessageRef message;
+        UlmarComms::ByteCharge charge; // given back once the message is routed
         {
             MutexLocker locker(m_queueLock);
             message = m_queue.pop();
+            if (message && !m_queueCharges.empty()) {
+                charge = std::move(m_queueCharges.front());
+                m_queueCharges.pop_front();
+            }
         }
         if (!message) {
             // The queue is checked again under the condition's own mutex, so

@@ -26,7 +26,10 @@
 // dropped. A link holds at most a bounded number of entries (PumpsPerLink in
 // core/limits.h), so one process cannot grow the table without end. Each
 // refusal leaves the table as it was and is logged with a text of its own,
-// so the log's throttle holds back each cause on its own.
+// so the log's throttle holds back each cause on its own. A message held in
+// the queue is charged to the account its link names (its user's), so a
+// flood towards names nobody holds is bounded like any other backlog; one
+// that would pass that bound is dropped with a log line.
 #pragma once
 
 #include "core/address.h"
@@ -35,6 +38,7 @@
 #include "platform/thread.h"
 #include "service/routingtable.h"
 
+#include <deque>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -142,12 +146,18 @@ private:
     // A message that would go back over the link it came from: a request
     // is answered with error 400, anything else dropped.
     void refuseCirculating(UlmarComms::MessageRef message, const char* to, unsigned uid);
+    // Charges a message about to be queued to the account its link names;
+    // false (logged) when a bound refuses it, and the message is dropped.
+    bool chargeHeld(UlmarComms::IMessageRouter* link, const UlmarComms::MessageRef& message, const char* to,
+                    unsigned uid, UlmarComms::ByteCharge& charge);
 
     UlmarCommsSystem::Mutex m_tableLock;
     std::vector<UlmarComms::IMessageRouter*> m_routers;
     RoutingTable m_routingTable;
     UlmarCommsSystem::Mutex m_queueLock;
     UlmarComms::MessageQueue m_queue;
+    // What each queued message costs its sender's account, in queue order.
+    std::deque<UlmarComms::ByteCharge> m_queueCharges;
     UlmarComms::SystemRouterMessagePump* m_pSystemRouterMessagePump;
     std::vector<UlmarComms::IRealSystemRouterLinkServer*> m_linkServers;
     // Attached by the service start-up while queries may already be asked.

@@ -370,3 +370,34 @@ TEST_F(SystemRouterTest, ALinkHoldsAtMostItsBoundOfPumps)
 }
 
 } // namespace
+
+// A link's messages that wait in the queue are charged to the account it
+// names while they wait; one that would pass its bound is dropped and said.
+TEST_F(SystemRouterTest, MessagesQueuedFromALinkAreChargedToItsUserUntilRouted)
+{
+    class ChargedLink : public LinkRouter {
+    public:
+        ChargedLink(std::shared_ptr<UlmarComms::ByteAccount> account) : LinkRouter(1000), m_account(account) {}
+        std::shared_ptr<UlmarComms::ByteAccount> heldMessagesAccount() const override { return m_account; }
+
+    private:
+        std::shared_ptr<UlmarComms::ByteAccount> m_account;
+    };
+    const uint64_t one = MessageRef(request("alpha@late", "alpha@sender"))->heldBytes();
+    auto account = std::make_shared<UlmarComms::ByteAccount>(2 * one + one / 2, nullptr, "user");
+    ChargedLink link(account);
+    UlmarCommsTest::LogCapture log;
+    for (const char* id : {"1", "2", "3"})
+        m_router.postFromLink(&link, MessageRef(request("alpha@late", "alpha@sender", id)));
+    EXPECT_EQ(account->used(), 2 * one);
+    EXPECT_TRUE(log.contains("SystemRouter: dropped a message for 'alpha@late' from a link of uid 1000: the user "
+                             "memory bound of " +
+                             std::to_string(2 * one + one / 2) + " bytes is reached."));
+
+    m_router.add(&m_appA, "alpha@late");
+    ASSERT_TRUE(m_router.start());
+    ASSERT_TRUE(waitUntil([&] { return m_appA.count() == 2; }));
+    EXPECT_STREQ(m_appA.at(0)->value("_s"), "1");
+    EXPECT_STREQ(m_appA.at(1)->value("_s"), "2");
+    EXPECT_TRUE(waitUntil([&] { return account->used() == 0; }));
+}
