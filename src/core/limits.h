@@ -21,7 +21,10 @@
 // LocalSocketServerInterface keeps the user and service accounts. A message
 // from a local link that waits in the system router's queue (its target has
 // no entry yet, or it is bound for another host) is charged to that link's
-// user account until it is routed.
+// user account until it is routed. A link between hosts has no user: its
+// accounts charge the service's directly, and a frame that would pass the
+// service's bound is refused there, as by a full queue, without ending the
+// link.
 //
 // Not limits, and so not here: the transfer buffer sizes (the *.inbound.size
 // and *.outbound.size settings, NetworkRouterConnection::BufferSize) bound

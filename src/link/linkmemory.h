@@ -32,6 +32,8 @@ public:
     std::shared_ptr<ByteAccount> accountFor(unsigned uid);
     // The bound of one link's queue.
     uint64_t linkLimit() const { return m_linkLimit; }
+    // The whole service's account, which every user's account charges.
+    std::shared_ptr<ByteAccount> serviceAccount() const { return m_pService; }
 
 private:
     const uint64_t m_linkLimit;

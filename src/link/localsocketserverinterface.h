@@ -132,6 +132,8 @@ public:
     // Removes the proxy of a link that dropped.
     void onClientDisconnect(Socket* server, Socket* client) override;
 
+    // The service's memory account: links between hosts charge it too.
+    std::shared_ptr<ByteAccount> serviceMemory() const { return m_memory.serviceAccount(); }
     // Whether proxy is one of this listener's links (logged when not).
     bool isValid(SocketMessageRouterProxy* proxy);
     // Detaches and unregisters proxy, and releases it if it is listed here.

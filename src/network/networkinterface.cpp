@@ -348,6 +348,13 @@ size_t NetworkRouterInterface::connectionCount()
     return m_connections.size();
 }
 
+void NetworkRouterInterface::chargeMemory(NetworkRouterConnection* connection)
+{
+    // Frames past a bound are refused, as for a full queue; the link stays.
+    if (m_pMemory)
+        connection->setMemoryAccounts(DataFrameHandler::MaxQueuedBytes, m_pMemory, false);
+}
+
 NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& address)
 {
     const std::string text = address.asString();
@@ -374,6 +381,7 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
         Socket::release(socket);
         return nullptr;
     }
+    chargeMemory(connection);
     connection->setSocket(socket);
     connection->setInitiator(true);
     // Frames queue until the connection stands; it then names this host first.
@@ -413,6 +421,7 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
         Socket::release(client);
         return;
     }
+    chargeMemory(connection);
     connection->setSocket(client);
     bool capped = false;
     {

@@ -188,8 +188,13 @@ public:
     const NetworkPolicy& policy() const { return m_policy; }
     // Whether the policy lets an IPv4 address reach this interface.
     bool admits(const UlmarCommsSystem::SocketAddress& address) const;
+    // The account each link's own accounts charge as well (null: none);
+    // only before start.
+    void setMemoryAccount(std::shared_ptr<ByteAccount> parent) { m_pMemory = std::move(parent); }
     // Replaces the hello timeout (tests shorten it); only before start.
     void setHelloTimeout(std::chrono::milliseconds timeout) { m_helloTimeout = timeout; }
+    // Gives a new connection's accounts the memory account as parent.
+    void chargeMemory(NetworkRouterConnection* connection);
     // Closes the accepted links that have not named their host in time.
     void closeSilentLinks(std::chrono::steady_clock::time_point now);
 
@@ -241,6 +246,8 @@ private:
     uint32_t m_subnetBroadcast;
     // See setHelloTimeout.
     std::chrono::milliseconds m_helloTimeout;
+    // See setMemoryAccount.
+    std::shared_ptr<ByteAccount> m_pMemory;
 };
 
 } // namespace UlmarComms

@@ -106,6 +106,7 @@ bool NetworkRouter::add(const SocketAddress& local, const SocketAddress& broadca
                   localText.c_str(), broadcastText.c_str(), networkText.c_str());
         return false;
     }
+    interface->setMemoryAccount(m_pMemory);
     MutexLocker locker(m_lock);
     m_interfaces.push_back(interface);
     return true;

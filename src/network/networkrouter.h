@@ -39,6 +39,7 @@
 // and those callbacks take the lock. docs/architecture.md gives the whole lock order.
 #pragma once
 
+#include "core/byteaccount.h"
 #include "core/limits.h"
 #include "messaging/messageitem.h"
 #include "network/networkhostnames.h"
@@ -51,6 +52,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -133,6 +135,10 @@ public:
 
     // Detaches the system router if it is the stored one; always true.
     bool remove(ISystemRouter* systemRouter);
+    // Makes every link between hosts charge parent as well (its frames stay
+    // refused, not the link ended, when a bound is reached); only before
+    // any interface is added.
+    void setMemoryAccount(std::shared_ptr<ByteAccount> parent) { m_pMemory = std::move(parent); }
     // Creates and appends an interface on a local address (not started).
     bool add(const UlmarCommsSystem::SocketAddress& local, const UlmarCommsSystem::SocketAddress& broadcast,
              const UlmarCommsSystem::SocketAddress& network);
@@ -241,6 +247,8 @@ private:
     std::chrono::steady_clock::time_point m_lastAgeOut;
     std::vector<WaitingQueue> m_waitingQueues;
     std::vector<NetworkRouterInterface*> m_interfaces;
+    // See setMemoryAccount; null: links are bounded on their own only.
+    std::shared_ptr<ByteAccount> m_pMemory;
     std::vector<NetworkRouterRoutingTableEntry*> m_routingTable;
 };
 

@@ -270,6 +270,9 @@ int RuntimeSupport::systemRouterServiceStart(const std::string& arg)
     if (networkRouter == nullptr)
         return StartNetworkRouterFailed;
     m_pNetworkRouter = networkRouter;
+    // Links between hosts count towards the service's memory bound too.
+    if (m_pLinkServer != nullptr)
+        networkRouter->setMemoryAccount(m_pLinkServer->serviceMemory());
     // The system router hands messages for other hosts to the network router
     // it knows, so start-up attaches it as shut-down detaches it.
     systemRouter->setNetworkRouter(networkRouter);

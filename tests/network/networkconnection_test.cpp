@@ -53,9 +53,11 @@ MessageItem* request(const char* to, const char* value)
 // One side: a network router with one interface on 127.0.0.1 and a
 // recording system router.
 struct Side {
-    explicit Side(bool listen)
+    // memory: the account every link charges as well (null: none).
+    explicit Side(bool listen, std::shared_ptr<UlmarComms::ByteAccount> memory = nullptr)
     {
         router = std::make_unique<NetworkRouter>();
+        router->setMemoryAccount(std::move(memory));
         router->add(&systemRouter);
         port = freeLoopbackPort();
         SocketAddress network;
@@ -367,7 +369,9 @@ TEST_F(NetworkConnection, CommandsLargerThanAHostNameEndTheLinkBeforeTheirPayloa
 
 TEST_F(NetworkConnection, ALinkClosedInTheMiddleOfALargeFrameGivesItsMemoryBackAsItCloses)
 {
-    Side b(true);
+    // The service's account sees what the link holds, and gets it back.
+    auto memory = std::make_shared<UlmarComms::ByteAccount>(256u * 1024u * 1024u, nullptr, "service");
+    Side b(true, memory);
     const long before = residentKiB();
     ASSERT_GT(before, 0);
     {
@@ -376,9 +380,11 @@ TEST_F(NetworkConnection, ALinkClosedInTheMiddleOfALargeFrameGivesItsMemoryBackA
         ASSERT_TRUE(client.sendAll(rawFrame(DataFrame::FrameTypeMessage, 40u * 1024u * 1024u, 1, {})));
         ASSERT_TRUE(client.sendAll(Bytes(24u * 1024u * 1024u, 'a')));
         ASSERT_TRUE(waitUntil([&] { return residentKiB() - before > 20 * 1024; }));
+        EXPECT_TRUE(waitUntil([&] { return memory->used() >= 24u * 1024u * 1024u; })) << memory->used();
     }
     // Given back when the link ends, with no other link arriving to prompt it.
     EXPECT_TRUE(waitUntil([&] { return b.interface->connectionCount() == 0; }));
+    EXPECT_TRUE(waitUntil([&] { return memory->used() == 0; })) << memory->used() << " bytes still charged";
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizers' allocators keep freed memory resident";
 #endif
