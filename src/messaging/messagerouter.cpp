@@ -435,6 +435,7 @@ bool MessageRouter::add(MessagePump* pump)
                 m_capacity = capacity;
             }
             m_entries[m_count] = new MessageRouterEntry{Address(pump->address()), pump};
+            m_slots.emplace(pump, m_count); // a pump added twice keeps its first slot
             ++m_count;
         }
         announce(CommandMessage::AddMessagePump, pump->address());
@@ -455,16 +456,17 @@ bool MessageRouter::remove(MessagePump* pump)
         UlmarCommsSystem::MutexLocker announcing(m_announceLock);
         announce(CommandMessage::RemoveMessagePump, pump->address());
         UlmarCommsSystem::MutexLocker table(m_tableLock);
-        for (unsigned i = 0; i < m_count; ++i) {
-            if (m_entries[i]->pump != pump)
-                continue;
-            delete m_entries[i];
+        const unsigned slot = slotOf(pump);
+        if (slot < m_count) {
+            delete m_entries[slot];
             // The table's order is not kept: the last entry takes the slot.
-            m_entries[i] = m_entries[m_count - 1];
-            m_entries[m_count - 1] = nullptr;
-            --m_count;
+            MessageRouterEntry* moved = m_entries[m_count - 1];
+            m_entries[slot] = moved;
+            m_entries[--m_count] = nullptr;
+            auto it = m_slots.find(moved->pump);
+            if (it != m_slots.end() && it->second == m_count)
+                it->second = slot;
             found = true;
-            break;
         }
     }
     if (!found) {
@@ -474,6 +476,21 @@ bool MessageRouter::remove(MessagePump* pump)
     }
     waitForDeliveryToEnd(pump);
     return true;
+}
+
+unsigned MessageRouter::slotOf(const MessagePump* pump)
+{
+    auto it = m_slots.find(pump);
+    if (it != m_slots.end()) {
+        const unsigned slot = it->second;
+        m_slots.erase(it);
+        return slot;
+    }
+    // A second entry of a pump added twice has no index of its own.
+    for (unsigned i = 0; i < m_count; ++i)
+        if (m_entries[i]->pump == pump)
+            return i;
+    return m_count;
 }
 
 bool MessageRouter::onWorkerThread() const
@@ -560,6 +577,7 @@ void MessageRouter::releasePumps()
         m_entries[i] = nullptr;
     }
     m_count = 0;
+    m_slots.clear();
 }
 
 bool MessageRouter::post(MessageRef message)

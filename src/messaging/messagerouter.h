@@ -20,6 +20,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 
 namespace UlmarComms {
@@ -285,6 +286,9 @@ private:
     void waitForWorkerToLeaveSystemRouter();
     // Whether the calling thread is this router's worker.
     bool onWorkerThread() const;
+    // Takes pump's slot out of the index; m_count when it has none (table
+    // lock held).
+    unsigned slotOf(const MessagePump* pump);
 
     std::atomic<ISystemRouter*> m_pSystemRouter;
     // Guarded by the queue lock; posts test it where they push.
@@ -296,6 +300,9 @@ private:
     MessageRouterEntry** m_entries;
     unsigned m_count;
     unsigned m_capacity;
+    // Each pump's slot in m_entries, so that removing one costs the same
+    // however many there are; guarded by the table lock.
+    std::unordered_map<const MessagePump*, unsigned> m_slots;
     UlmarCommsSystem::Mutex m_queueLock;
     MessageQueue m_queue;
     // Serialises announcements so the system router hears them in table

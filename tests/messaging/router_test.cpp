@@ -165,7 +165,7 @@ TEST(MessageRouterTable, EqualScoresGoToTheEarlierEntryHigherScoresWinAndOtherHo
     router.remove(&x);
 }
 
-TEST(MessageRouterTable, GrowsPastItsFirstCapacity)
+TEST(MessageRouterTable, GrowsPastItsFirstCapacityAndRemovesInAnyOrder)
 {
     RecordingSystemRouter system;
     MessageRouter router;
@@ -179,8 +179,18 @@ TEST(MessageRouterTable, GrowsPastItsFirstCapacity)
     for (int i = 0; i < 25; ++i)
         EXPECT_EQ(router.findTargetMessagePump(("p" + std::to_string(i)).c_str()), pumps[i].get());
     EXPECT_EQ(system.commands().size(), 25u);
-    for (auto& pump : pumps)
-        EXPECT_TRUE(router.remove(pump.get()));
+    // Removals move the last entry into the freed slot; every pump left must
+    // still be found, and each removed once only.
+    std::vector<bool> removed(25, false);
+    for (int i : {0, 24, 3, 23, 12, 1, 2, 22, 5, 4, 6, 21, 7, 20, 8, 19, 9, 18, 10, 17, 11, 16, 13, 15, 14}) {
+        EXPECT_TRUE(router.remove(pumps[i].get())) << "p" << i;
+        EXPECT_FALSE(router.remove(pumps[i].get())) << "p" << i << " a second time";
+        removed[i] = true;
+        for (int j = 0; j < 25; ++j)
+            EXPECT_EQ(router.findTargetMessagePump(("p" + std::to_string(j)).c_str()),
+                      removed[j] ? nullptr : pumps[j].get())
+                << "p" << j << " after removing p" << i;
+    }
     EXPECT_EQ(router.numberOfPumps(), 0u);
 }
 
