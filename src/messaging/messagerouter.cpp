@@ -458,14 +458,15 @@ bool MessageRouter::remove(MessagePump* pump)
         UlmarCommsSystem::MutexLocker table(m_tableLock);
         const unsigned slot = slotOf(pump);
         if (slot < m_count) {
-            delete m_entries[slot];
             // The table's order is not kept: the last entry takes the slot.
+            MessageRouterEntry* removed = m_entries[slot];
             MessageRouterEntry* moved = m_entries[m_count - 1];
             m_entries[slot] = moved;
             m_entries[--m_count] = nullptr;
-            auto it = m_slots.find(moved->pump);
+            auto it = moved != removed ? m_slots.find(moved->pump) : m_slots.end();
             if (it != m_slots.end() && it->second == m_count)
                 it->second = slot;
+            delete removed;
             found = true;
         }
     }
