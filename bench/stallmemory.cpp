@@ -9,6 +9,7 @@
 // seconds after the backlog is gone (the daemon ended the link, or this
 // program closes it after the flood). Figures, not checks: it exits 0 unless
 // something could not be started.
+#include "process.h"
 #include "ulmarcomms.h"
 
 #include <algorithm>
@@ -31,34 +32,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-long residentKiB(pid_t pid)
-{
-    FILE* status = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
-    if (status == nullptr)
-        return 0;
-    char line[256];
-    long kib = 0;
-    while (std::fgets(line, sizeof(line), status) != nullptr) {
-        if (std::strncmp(line, "VmRSS:", 6) == 0)
-            kib = std::strtol(line + 6, nullptr, 10);
-    }
-    std::fclose(status);
-    return kib;
-}
-
-// The local link of pipe: the abstract name "__PIPE.sock".
-socklen_t linkAddress(const std::string& pipe, sockaddr_un& address)
-{
-    std::memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1, "__%s.sock", pipe.c_str());
-    return sizeof(address);
-}
-
 int connectLink(const std::string& pipe)
 {
     sockaddr_un address;
-    const socklen_t size = linkAddress(pipe, address);
+    const socklen_t size = UlmarCommsBench::localLinkAddress(pipe, address);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), size) == 0)
         return fd;
@@ -191,7 +168,7 @@ int main(int argc, char** argv)
         if (pump != nullptr && delivered) {
             char drain[4096];
             while (::recv(stall, drain, sizeof(drain), MSG_DONTWAIT) > 0) {}
-            const long idle = residentKiB(daemon);
+            const long idle = UlmarCommsBench::residentKiBOf(daemon);
             long peak = idle;
             unsigned refused = 0;
             unsigned endedAfter = 0;
@@ -201,24 +178,24 @@ int main(int argc, char** argv)
                 UlmarCommsMessageAddKeyValue(message, "data", data.c_str());
                 refused += UlmarCommsPostMessage(pump, message) != 0 ? 1 : 0;
                 if (i % 1000 == 999) {
-                    peak = std::max(peak, residentKiB(daemon));
+                    peak = std::max(peak, UlmarCommsBench::residentKiBOf(daemon));
                     if (endedAfter == 0 && peerEnded(stall))
                         endedAfter = i + 1;
                 }
             }
             // The daemon works through what is still on its way.
             for (auto until = Clock::now() + std::chrono::seconds(3); Clock::now() < until;) {
-                peak = std::max(peak, residentKiB(daemon));
+                peak = std::max(peak, UlmarCommsBench::residentKiBOf(daemon));
                 if (endedAfter == 0 && peerEnded(stall))
                     endedAfter = settings.count;
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
             }
-            const long held = residentKiB(daemon);
+            const long held = UlmarCommsBench::residentKiBOf(daemon);
             ::close(stall); // the backlog goes with the link, if it is still there
             long after = held;
             for (auto until = Clock::now() + std::chrono::seconds(5); Clock::now() < until;) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                after = residentKiB(daemon);
+                after = UlmarCommsBench::residentKiBOf(daemon);
             }
             std::printf("RESULT bytes=%u count=%u idle_kib=%ld peak_kib=%ld held_kib=%ld ended=%d ended_after=%u "
                         "refused=%u after_kib=%ld\n",
