@@ -1,8 +1,12 @@
 // The bus server and client processes, apart from the steps of each
 // measurement. The server echoes requests with their pairs; the client
 // first pings until the daemon knows the server's pump, then runs round
-// trips, one-way messages and pipelined requests in that order.
+// trips, one-way messages (windowed, then unwindowed) and pipelined requests
+// (from its own thread, then from the callback) in that order, reading the
+// daemon's CPU time around each when it knows the daemon's pid.
 #include "bus.h"
+
+#include "process.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -15,6 +19,7 @@ namespace UlmarCommsBench {
 const char kMethodPing[] = "bench.ping";
 const char kMethodEcho[] = "bench.echo";
 const char kMethodOneWay[] = "bench.oneway";
+const char kMethodFlood[] = "bench.flood";
 const char kMethodDone[] = "bench.done";
 const char kMethodQuit[] = "bench.quit";
 
@@ -28,41 +33,49 @@ void stderrLogger(int level, const char* format, char* args)
     std::fprintf(stderr, "ulmarcomms-bench[%d] level %d: %s", static_cast<int>(getpid()), level, text);
 }
 
-// The server pump's name in this run.
-std::string serverName(const Options& options)
+// One measurement of the client, and how many messages it sends through
+// the daemon (requests, replies, acknowledgements).
+struct Measurement {
+    const char* name; // for the failure message and the CPU figure
+    bool (BusClient::*run)(Figures&);
+    double messages;
+};
+
+// The measurements in the order they run.
+std::vector<Measurement> measurements(const Options& options)
 {
-    return "ulmarbench" + options.tag + "/server";
+    const double requests = options.requests;
+    const double roundTrips = double(options.warmup) + requests;
+    return {
+        {"rtt", &BusClient::roundTrips, 2 * roundTrips},
+        {"oneway", &BusClient::oneWay, options.messages + options.messages / double(ackEvery(options)) + 2},
+        {"oneway_unwindowed", &BusClient::oneWayUnwindowed, options.messages + 2.0},
+        {"pipelined", &BusClient::pipelined, 2 * requests},
+        {"pipelined_callback", &BusClient::pipelinedFromCallback, 2 * requests},
+    };
 }
 
-// The client pump's name in this run.
-std::string clientName(const Options& options)
-{
-    return "ulmarbench" + options.tag + "/client";
-}
-
-// Runs the client's measurements in order; 0, or 1 after saying which failed.
+// Runs the client's measurements in order, each with the daemon's CPU time
+// per message when its pid is known; 0, or 1 after saying which failed.
 int measure(BusClient& client, Figures& figures)
 {
-    const char* failed = nullptr;
-    if (client.pump == nullptr) {
-        std::fprintf(stderr, "ulmarcomms-bench: the client pump could not be created\n");
+    if (client.pump == nullptr)
         return 1;
-    }
     if (!client.waitForServer()) {
         std::fprintf(stderr, "ulmarcomms-bench: the server did not answer within 30 s\n");
         return 1;
     }
-    if (!client.roundTrips(figures))
-        failed = "the round trips";
-    else if (!client.oneWay(figures))
-        failed = "the one-way run";
-    else if (!client.pipelined(figures))
-        failed = "the pipelined run";
-    if (failed == nullptr)
-        return 0;
-    std::fprintf(stderr, "ulmarcomms-bench: %s did not complete (errors %u, last %d)\n", failed, client.errors,
-                 client.lastError);
-    return 1;
+    CpuMeter daemon(client.options.daemonPid);
+    for (const Measurement& step : measurements(client.options)) {
+        daemon.begin();
+        if (!(client.*step.run)(figures)) {
+            std::fprintf(stderr, "ulmarcomms-bench: the %s measurement did not complete (errors %u, last %d)\n",
+                         step.name, client.errors, client.lastError);
+            return 1;
+        }
+        daemon.end(step.name, step.messages, figures);
+    }
+    return 0;
 }
 
 } // namespace
@@ -80,6 +93,16 @@ bool startLibrary(const std::string& pipe, const std::string& more)
         return false;
     }
     return true;
+}
+
+std::string serverName(const Options& options)
+{
+    return "ulmarbench" + options.tag + "/server";
+}
+
+std::string clientName(const Options& options)
+{
+    return "ulmarbench" + options.tag + "/client";
 }
 
 std::string pairKey(unsigned i)
@@ -111,7 +134,9 @@ void BusServer::onMessage(void* context, void* message, const char*, const char*
     if (std::strcmp(method, kMethodEcho) == 0 || std::strcmp(method, kMethodPing) == 0) {
         self->reply(message, nullptr, true);
     } else if (std::strcmp(method, kMethodOneWay) == 0) {
-        self->onOneWay(message);
+        self->onOneWay(message, true);
+    } else if (std::strcmp(method, kMethodFlood) == 0) {
+        self->onOneWay(message, false);
     } else if (std::strcmp(method, kMethodDone) == 0) {
         self->onDone(message);
     } else if (std::strcmp(method, kMethodQuit) == 0) {
@@ -234,7 +259,8 @@ void BusClient::onResponse(void* context, unsigned, void* message)
         break;
     }
     case RoundTrip: self->onRoundTrip(); break;
-    case Pipelined: self->onPipelined(); break;
+    case Pipelined: self->replies.release(); break;
+    case PipelinedCallback: self->onPipelinedCallback(); break;
     case OneWay: self->onOneWayResponse(response); break;
     case Idle: break;
     }
@@ -249,27 +275,42 @@ void BusClient::onError(void* context, unsigned, int code)
     self->changed.notify_all();
 }
 
-int runBusClient(const Options& options)
+bool BusClient::open(const Options& settings)
 {
-    if (!startLibrary(options.pipe))
-        return 1;
-    BusClient client;
-    client.options = options;
-    client.target = serverName(options);
+    if (!startLibrary(settings.pipe))
+        return false;
+    options = settings;
+    target = serverName(options);
     for (unsigned i = 0; i < options.pairs; ++i)
-        client.values.push_back(std::string(options.valueSize, char('a' + i % 26)));
-    client.pump = UlmarCommsCreateMessagePump(clientName(options).c_str(), &client, nullptr, &BusClient::onResponse,
-                                              &BusClient::onError, nullptr);
-    Figures figures;
-    const int status = measure(client, figures);
-    client.phase = BusClient::Idle;
-    if (client.pump != nullptr) {
-        client.post(client.request(kMethodQuit));
+        values.push_back(std::string(options.valueSize, char('a' + i % 26)));
+    pump = UlmarCommsCreateMessagePump(clientName(options).c_str(), this, nullptr, &BusClient::onResponse,
+                                       &BusClient::onError, nullptr);
+    if (pump == nullptr)
+        std::fprintf(stderr, "ulmarcomms-bench: the client pump could not be created\n");
+    return true;
+}
+
+void BusClient::close()
+{
+    phase = Idle;
+    if (pump != nullptr) {
+        post(request(kMethodQuit));
         // The quit request must leave before the link closes.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        UlmarCommsDestroyMessagePump(client.pump);
+        UlmarCommsDestroyMessagePump(pump);
+        pump = nullptr;
     }
     UlmarCommsShutdown();
+}
+
+int runBusClient(const Options& options)
+{
+    BusClient client;
+    if (!client.open(options))
+        return 1;
+    Figures figures;
+    const int status = measure(client, figures);
+    client.close();
     if (status == 0)
         printResult(figures);
     return status;

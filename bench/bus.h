@@ -18,6 +18,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,12 +29,19 @@ namespace UlmarCommsBench {
 extern const char kMethodPing[]; // is the server there yet
 extern const char kMethodEcho[]; // answered with the request's pairs
 extern const char kMethodOneWay[]; // counted, acknowledged now and then
+extern const char kMethodFlood[]; // counted, never acknowledged
 extern const char kMethodDone[]; // answered with the one-way summary
 extern const char kMethodQuit[]; // ends the server
 
 // Starts the library on pipe with its log on stderr (errors only); more is
 // appended to the start argument ("key=value;key=value").
 bool startLibrary(const std::string& pipe, const std::string& more = "");
+
+// The server pump's name in the run options.tag names.
+std::string serverName(const Options& options);
+
+// The client pump's name in the run options.tag names.
+std::string clientName(const Options& options);
 
 // The key of application pair i ("p0", "p1", ...).
 std::string pairKey(unsigned i);
@@ -79,8 +87,9 @@ struct BusServer {
 
     // Answers request with response, copying its application pairs if asked.
     void reply(void* request, const char* response, bool copyPairs);
-    // Counts a one-way message and acknowledges every ackInterval-th.
-    void onOneWay(void* request);
+    // Counts a one-way message and, when acknowledging, answers every
+    // ackInterval-th.
+    void onOneWay(void* request, bool acknowledging);
     // Answers "received,in-order" for the one-way run and starts afresh.
     void onDone(void* request);
     // The pump's message callback; runs on the router's worker thread.
@@ -90,7 +99,7 @@ struct BusServer {
 // The bus client: sends the measured requests and times their answers.
 struct BusClient {
     // What the response callback is currently part of.
-    enum Phase { Idle, Ping, RoundTrip, OneWay, Pipelined };
+    enum Phase { Idle, Ping, RoundTrip, OneWay, Pipelined, PipelinedCallback };
 
     Options options; // this run's settings
     void* pump = nullptr; // the client pump
@@ -106,6 +115,8 @@ struct BusClient {
     unsigned total = 0; // requests in the phase
     Clock::time_point sentAt; // when the pending round trip left
     std::vector<double> samples; // round-trip times in microseconds
+    // Replies the pipelining thread may still wait for: one released per reply.
+    std::counting_semaphore<> replies{0};
     // Events the main thread waits for.
     bool phaseDone = false; // the phase has finished
     unsigned pingReplies = 0; // pings answered
@@ -115,6 +126,12 @@ struct BusClient {
     std::atomic<uint64_t> acknowledged{0}; // one-way messages acknowledged
     std::string summary; // the server's "received,in-order"
 
+    // Starts the library and creates the client pump for settings; false
+    // when the library did not start (a pump that could not be created
+    // leaves pump null, with a message).
+    bool open(const Options& settings);
+    // Tells the server to quit, destroys the pump and shuts the library down.
+    void close();
     // A request with the application pairs; null when it could not be built.
     void* request(const char* method);
     // Posts message; false when it is null or could not be posted.
@@ -136,12 +153,21 @@ struct BusClient {
     void onRoundTrip();
     // Measures one-way throughput, loss and order: oneway_* (oneway.cpp).
     bool oneWay(Figures& figures);
+    // The same without a window, retrying refused posts:
+    // oneway_unwindowed_* (oneway.cpp).
+    bool oneWayUnwindowed(Figures& figures);
+    // Posts the one-way message numbered sequence with method; the post's result.
+    int postNumbered(const char* method, uint64_t sequence);
     // One-way: an acknowledgement or the final summary arrived.
     void onOneWayResponse(const char* response);
-    // Measures pipelined requests: pipelined_req_per_s (pipelined.cpp).
+    // Measures pipelined requests kept --window deep by this thread:
+    // pipelined_req_per_s (pipelined.cpp).
     bool pipelined(Figures& figures);
-    // Pipelined: a reply arrived; send the next request if any remain.
-    void onPipelined();
+    // The same with each next request posted from the reply's callback:
+    // pipelined_callback_req_per_s (pipelined.cpp).
+    bool pipelinedFromCallback(Figures& figures);
+    // Pipelined from the callback: a reply arrived; send the next if any remain.
+    void onPipelinedCallback();
 
     // The pump's response callback; runs on the router's worker thread.
     static void onResponse(void* context, unsigned, void* message);

@@ -1,7 +1,10 @@
-// One-way messages on both roads. The sender numbers every message from 1
-// and stops when it is a window ahead of the last acknowledgement; after the
-// last one it asks for the receiver's summary (count and order), whose
-// arrival ends the timed run.
+// One-way messages on both roads, with two kinds of sender. Both number
+// every message from 1; after the last one they ask for the receiver's
+// summary (count and order), whose arrival ends the timed run. The windowed
+// sender stops when it is a window ahead of the last acknowledgement. The
+// unwindowed one posts as fast as the library takes the messages and is
+// never acknowledged; when the library refuses a post (a bound is full) it
+// counts the refusal and posts the same number again, as a program would.
 #include "oneway.h"
 
 #include "bus.h"
@@ -10,20 +13,29 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <ulmarcomms.h>
 
 namespace UlmarCommsBench {
 
 namespace {
 
-// Adds the one-way figures for messages sent in seconds, arrived of them
-// received, in order or not.
-void addOneWayFigures(const Options& options, double seconds, uint64_t arrived, bool inOrder, Figures& figures)
+// Adds the one-way figures named prefix ("oneway", "oneway_unwindowed")
+// for messages sent in seconds, arrived of them received, in order or not.
+void addOneWayFigures(const std::string& prefix, const Options& options, double seconds, uint64_t arrived, bool inOrder,
+                      Figures& figures)
 {
-    figures["oneway_msgs_per_s"] = double(options.messages) / seconds;
-    figures["oneway_lost"] = double(options.messages) - double(arrived);
-    figures["oneway_in_order"] = inOrder ? 1 : 0;
+    figures[prefix + "_msgs_per_s"] = double(options.messages) / seconds;
+    figures[prefix + "_lost"] = double(options.messages) - double(arrived);
+    figures[prefix + "_in_order"] = inOrder ? 1 : 0;
 }
+
+// How long an unwindowed sender keeps retrying one refused message, and
+// how long it pauses after a refusal: the library refuses when its queue
+// to the daemon is full (tens of MiB), so a short pause loses nothing,
+// while spinning would take a core from the processes draining it.
+const std::chrono::seconds kRefusedLimit(60);
+const std::chrono::microseconds kRefusedPause(100);
 
 } // namespace
 
@@ -53,11 +65,11 @@ void OneWayTally::reset()
     inOrder = true;
 }
 
-void BusServer::onOneWay(void* request)
+void BusServer::onOneWay(void* request, bool acknowledging)
 {
     const char* text = UlmarCommsMessageValue(request, "seq");
     const uint64_t sequence = text != nullptr ? std::strtoull(text, nullptr, 10) : 0;
-    if (tally.count(sequence))
+    if (tally.count(sequence) && acknowledging)
         reply(request, std::to_string(tally.received).c_str(), false);
 }
 
@@ -84,19 +96,50 @@ bool BusClient::oneWay(Figures& figures)
                 errors > 0)
                 return false;
         }
-        void* message = request(kMethodOneWay);
-        if (message == nullptr)
-            return false;
-        UlmarCommsMessageAddKeyValue(message, "seq", std::to_string(sequence).c_str());
-        if (!post(message))
+        if (postNumbered(kMethodOneWay, sequence) != ULMARCOMMS_OK)
             return false;
     }
     if (!post(request(kMethodDone)) || !awaitPhase(std::chrono::seconds(600)))
         return false;
     const double seconds = secondsSince(start);
     const uint64_t arrived = std::strtoull(summary.c_str(), nullptr, 10);
-    addOneWayFigures(options, seconds, arrived, summary.substr(summary.find(',') + 1) == "1", figures);
+    addOneWayFigures("oneway", options, seconds, arrived, summary.substr(summary.find(',') + 1) == "1", figures);
     return true;
+}
+
+bool BusClient::oneWayUnwindowed(Figures& figures)
+{
+    summary.clear();
+    beginPhase(OneWay);
+    uint64_t refused = 0;
+    const Clock::time_point start = Clock::now();
+    for (uint64_t sequence = 1; sequence <= options.messages; ++sequence) {
+        const Clock::time_point giveUp = Clock::now() + kRefusedLimit;
+        while (postNumbered(kMethodFlood, sequence) != ULMARCOMMS_OK) {
+            // Refused: the message is gone, the number is posted again.
+            ++refused;
+            if (Clock::now() > giveUp)
+                return false;
+            std::this_thread::sleep_for(kRefusedPause);
+        }
+    }
+    if (!post(request(kMethodDone)) || !awaitPhase(std::chrono::seconds(600)))
+        return false;
+    const double seconds = secondsSince(start);
+    const uint64_t arrived = std::strtoull(summary.c_str(), nullptr, 10);
+    addOneWayFigures("oneway_unwindowed", options, seconds, arrived, summary.substr(summary.find(',') + 1) == "1",
+                     figures);
+    figures["oneway_unwindowed_refused"] = double(refused);
+    return true;
+}
+
+int BusClient::postNumbered(const char* method, uint64_t sequence)
+{
+    void* message = request(method);
+    if (message == nullptr)
+        return ULMARCOMMS_FAILED;
+    UlmarCommsMessageAddKeyValue(message, "seq", std::to_string(sequence).c_str());
+    return UlmarCommsPostMessage(pump, message);
 }
 
 void BusClient::onOneWayResponse(const char* response)
@@ -134,7 +177,20 @@ bool relayOneWay(RelayLink& link, const Options& options, Figures& figures)
         if (!link.receive())
             return false;
     } while (link.in[0] != kRelayDoneReply);
-    addOneWayFigures(options, secondsSince(start), link.sequence(), link.in[9] != 0, figures);
+    addOneWayFigures("oneway", options, secondsSince(start), link.sequence(), link.in[9] != 0, figures);
+    return true;
+}
+
+bool relayOneWayUnwindowed(RelayLink& link, const Options& options, Figures& figures)
+{
+    const Clock::time_point start = Clock::now();
+    for (uint64_t sequence = 1; sequence <= options.messages; ++sequence) {
+        if (!link.send(kRelayFlood, sequence))
+            return false;
+    }
+    if (!link.send(kRelayDone, 0) || !link.receive() || link.in[0] != kRelayDoneReply)
+        return false;
+    addOneWayFigures("oneway_unwindowed", options, secondsSince(start), link.sequence(), link.in[9] != 0, figures);
     return true;
 }
 

@@ -1,8 +1,9 @@
 // One-way throughput: numbered requests without replies. The receiver
-// checks that every one arrived, in order, and acknowledges every quarter
-// window, so a sender never runs more than a window ahead (the library's
-// per-link queues are bounded, and a real application paces too). Bus and
-// relay use the same window, the same acknowledgements and the same tally.
+// checks that every one arrived, in order. Two kinds of sender, both real:
+// the windowed one is acknowledged every quarter window and never runs more
+// than a window ahead (a program that paces itself); the unwindowed one
+// posts as fast as the library takes the messages (a program that does
+// not). Bus and relay use the same senders, window and tally.
 #pragma once
 
 #include "common.h"
@@ -36,5 +37,9 @@ struct OneWayTally {
 
 // The relay client's one-way run over link: oneway_* figures.
 bool relayOneWay(RelayLink& link, const Options& options, Figures& figures);
+
+// The relay client's unwindowed one-way run over link (blocking writes, no
+// acknowledgements): oneway_unwindowed_* figures.
+bool relayOneWayUnwindowed(RelayLink& link, const Options& options, Figures& figures);
 
 } // namespace UlmarCommsBench

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <map>
+#include <utility>
 
 namespace UlmarCommsBench {
 
@@ -22,6 +23,7 @@ const char kUsage[] = "Usage: ulmarcomms-bench [options]\n"
                       "  --messages N        one-way messages (200000)\n"
                       "  --window N          pipelined requests outstanding (64)\n"
                       "  --runs N            repeat the measurements, report medians (1)\n"
+                      "  --daemon-pid PID    the daemon on --pipe, to report its CPU per message\n"
                       "  --no-relay          skip the relay measurements\n"
                       "  --json              print the figures as one JSON object\n"
                       "  --soak-apps N       soak: N application processes instead of the figures\n"
@@ -85,6 +87,7 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
         {"--window", &options.window},
         {"--runs", &options.runs},
         {"--frame-bytes", &options.frameBytes},
+        {"--daemon-pid", &options.daemonPid},
         {"--soak-apps", &options.soakApps},
         {"--soak-pumps", &options.soakPumps},
         {"--soak-seconds", &options.soakSeconds},
@@ -137,22 +140,31 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
 
 std::vector<std::string> childArguments(const Options& options, const std::string& role)
 {
-    return {"--role",          role,
-            "--pipe",          options.pipe,
-            "--tag",           options.tag,
-            "--pairs",         std::to_string(options.pairs),
-            "--value-size",    std::to_string(options.valueSize),
-            "--requests",      std::to_string(options.requests),
-            "--warmup",        std::to_string(options.warmup),
-            "--messages",      std::to_string(options.messages),
-            "--window",        std::to_string(options.window),
-            "--frame-bytes",   std::to_string(options.frameBytes),
-            "--soak-pumps",    std::to_string(options.soakPumps),
-            "--soak-seconds",  std::to_string(options.soakSeconds),
-            "--soak-apps",     std::to_string(options.soakApps),
-            "--soak-rate",     std::to_string(options.soakRate),
-            "--soak-stall-at", std::to_string(options.soakStallAt),
-            "--soak-dir",      options.soakDir.empty() ? "-" : options.soakDir};
+    const std::pair<const char*, std::string> named[] = {
+        {"--role", role},
+        {"--pipe", options.pipe},
+        {"--tag", options.tag},
+        {"--pairs", std::to_string(options.pairs)},
+        {"--value-size", std::to_string(options.valueSize)},
+        {"--requests", std::to_string(options.requests)},
+        {"--warmup", std::to_string(options.warmup)},
+        {"--messages", std::to_string(options.messages)},
+        {"--window", std::to_string(options.window)},
+        {"--frame-bytes", std::to_string(options.frameBytes)},
+        {"--daemon-pid", std::to_string(options.daemonPid)},
+        {"--soak-pumps", std::to_string(options.soakPumps)},
+        {"--soak-seconds", std::to_string(options.soakSeconds)},
+        {"--soak-apps", std::to_string(options.soakApps)},
+        {"--soak-rate", std::to_string(options.soakRate)},
+        {"--soak-stall-at", std::to_string(options.soakStallAt)},
+        {"--soak-dir", options.soakDir.empty() ? "-" : options.soakDir},
+    };
+    std::vector<std::string> arguments;
+    for (const auto& [name, value] : named) {
+        arguments.push_back(name);
+        arguments.push_back(value);
+    }
+    return arguments;
 }
 
 } // namespace UlmarCommsBench

@@ -23,6 +23,7 @@ struct Options {
     unsigned window = 64; // pipelined requests outstanding
     unsigned runs = 1; // repetitions; figures are medians
     unsigned frameBytes = 0; // relay message size (internal)
+    unsigned daemonPid = 0; // the process in the middle, for its CPU time (0: unknown)
     unsigned soakApps = 0; // soak: application processes (0: no soak)
     unsigned soakPumps = 10; // soak: pumps per application
     unsigned soakSeconds = 60; // soak: duration once every application is reachable

@@ -1,6 +1,6 @@
 // Pipelined throughput: --requests requests with --window outstanding, a
 // new one sent as each reply arrives. The bus side is BusClient::pipelined
-// (pipelined.cpp), the relay side below.
+// and BusClient::pipelinedFromCallback (pipelined.cpp), the relay side below.
 #pragma once
 
 #include "common.h"

@@ -291,4 +291,30 @@ long residentKiBOf(pid_t pid)
     return kib;
 }
 
+double cpuMicrosecondsOf(pid_t pid)
+{
+    FILE* stat = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+    if (stat == nullptr)
+        return -1;
+    char line[1024];
+    const bool read = std::fgets(line, sizeof(line), stat) != nullptr;
+    std::fclose(stat);
+    // The name in parentheses may hold spaces; the fields after it are
+    // state (3) ... utime (14) and stime (15), in clock ticks.
+    const char* rest = read ? std::strrchr(line, ')') : nullptr;
+    unsigned long long utime = 0;
+    unsigned long long stime = 0;
+    if (rest == nullptr ||
+        std::sscanf(rest + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu", &utime, &stime) != 2)
+        return -1;
+    return double(utime + stime) * 1e6 / double(::sysconf(_SC_CLK_TCK));
+}
+
+void CpuMeter::end(const std::string& name, double messages, Figures& figures) const
+{
+    const double after = m_pid > 0 ? cpuMicrosecondsOf(m_pid) : -1;
+    if (m_before >= 0 && after >= 0 && messages > 0)
+        figures["daemon_cpu_us_per_msg_" + name] = (after - m_before) / messages;
+}
+
 } // namespace UlmarCommsBench

@@ -45,6 +45,26 @@ std::string selfPath();
 // The resident memory of process pid in KiB (VmRSS), 0 when unknown.
 long residentKiBOf(pid_t pid);
 
+// The CPU time (user and system) process pid has used, in microseconds;
+// negative when unknown.
+double cpuMicrosecondsOf(pid_t pid);
+
+// Reads the CPU time of the process in the middle of a road (the daemon,
+// or the relay) around one measurement and reports it per message as
+// daemon_cpu_us_per_msg_NAME. Silent when the pid is unknown (0).
+class CpuMeter {
+public:
+    explicit CpuMeter(unsigned pid) : m_pid(static_cast<pid_t>(pid)) {}
+    // Notes the CPU time before a measurement.
+    void begin() { m_before = m_pid > 0 ? cpuMicrosecondsOf(m_pid) : -1; }
+    // Adds the figure for messages that passed since begin().
+    void end(const std::string& name, double messages, Figures& figures) const;
+
+private:
+    pid_t m_pid; // 0: unknown
+    double m_before = -1; // CPU microseconds at begin(), negative if unknown
+};
+
 // Whether something accepts on the local link of the daemon serving pipe.
 bool daemonAnswers(const std::string& pipe);
 

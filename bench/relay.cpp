@@ -6,6 +6,7 @@
 
 #include "oneway.h"
 #include "pipelined.h"
+#include "process.h"
 #include "roundtrip.h"
 
 #include <algorithm>
@@ -24,6 +25,7 @@ namespace UlmarCommsBench {
 const unsigned char kRelayEcho = 'E';
 const unsigned char kRelayEchoReply = 'e';
 const unsigned char kRelayOneWay = 'O';
+const unsigned char kRelayFlood = 'F';
 const unsigned char kRelayAck = 'a';
 const unsigned char kRelayDone = 'D';
 const unsigned char kRelayDoneReply = 'd';
@@ -160,6 +162,10 @@ bool serveRecord(int fd, std::vector<unsigned char>& record, OneWayTally& tally)
         putSequence(record.data(), kRelayAck, tally.received);
         return writeRecord(fd, record.data(), size);
     }
+    if (type == kRelayFlood) {
+        tally.count(getSequence(record.data()));
+        return true;
+    }
     if (type == kRelayDone) {
         putSequence(record.data(), kRelayDoneReply, tally.received);
         record[9] = tally.inOrder ? 1 : 0;
@@ -237,6 +243,8 @@ int runRelayServer(const Options& options)
     return 0;
 }
 
+// The measurements in order, each with the relay's CPU time per message
+// when the coordinator passed its pid.
 int runRelayClient(const Options& options)
 {
     RelayLink link;
@@ -247,9 +255,24 @@ int runRelayClient(const Options& options)
     link.out.assign(link.size, 'x');
     link.in.assign(link.size, 0);
     Figures figures;
-    if (!relayRoundTrips(link, options, figures) || !relayOneWay(link, options, figures) ||
-        !relayPipelined(link, options, figures))
-        return 1;
+    const double roundTrips = double(options.warmup) + options.requests;
+    const struct {
+        const char* name;
+        bool (*run)(RelayLink&, const Options&, Figures&);
+        double messages;
+    } steps[] = {
+        {"rtt", relayRoundTrips, 2 * roundTrips},
+        {"oneway", relayOneWay, options.messages + options.messages / double(ackEvery(options)) + 2},
+        {"oneway_unwindowed", relayOneWayUnwindowed, options.messages + 2.0},
+        {"pipelined", relayPipelined, 2.0 * options.requests},
+    };
+    CpuMeter relay(options.daemonPid);
+    for (const auto& step : steps) {
+        relay.begin();
+        if (!step.run(link, options, figures))
+            return 1;
+        relay.end(step.name, step.messages, figures);
+    }
     figures["frame_bytes"] = link.size;
     link.send(kRelayQuit, 0);
     ::close(link.fd);

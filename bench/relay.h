@@ -19,6 +19,7 @@ namespace UlmarCommsBench {
 extern const unsigned char kRelayEcho; // answered with kRelayEchoReply
 extern const unsigned char kRelayEchoReply; // the answer to kRelayEcho
 extern const unsigned char kRelayOneWay; // counted by the server
+extern const unsigned char kRelayFlood; // counted, never acknowledged
 extern const unsigned char kRelayAck; // one-way messages counted so far
 extern const unsigned char kRelayDone; // asks for the one-way summary
 extern const unsigned char kRelayDoneReply; // count, and in-order flag at byte 9
