@@ -43,9 +43,13 @@ std::string formatNumber(double value)
 
 void printResult(const Figures& figures)
 {
+    // Every digit: children report clock readings the coordinator subtracts.
     std::string line = "RESULT";
-    for (const auto& [key, value] : figures)
-        line += " " + key + "=" + formatNumber(value);
+    for (const auto& [key, value] : figures) {
+        char number[64];
+        std::snprintf(number, sizeof(number), "%.17g", value);
+        line += " " + key + "=" + number;
+    }
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
 }
@@ -66,6 +70,11 @@ bool parseResult(const std::string& output, Figures& figures)
 double microseconds(Clock::duration d)
 {
     return std::chrono::duration<double, std::micro>(d).count();
+}
+
+double clockSeconds(Clock::time_point when)
+{
+    return std::chrono::duration<double>(when.time_since_epoch()).count();
 }
 
 double secondsSince(Clock::time_point start)

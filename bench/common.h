@@ -22,7 +22,8 @@ typedef std::map<std::string, double> Figures;
 // A figure as every output writes it (printf "%.6g").
 std::string formatNumber(double value);
 
-// Prints "RESULT key=value key=value ..." on stdout and flushes it.
+// Prints "RESULT key=value key=value ..." on stdout, with every digit, and
+// flushes it.
 void printResult(const Figures& figures);
 
 // Reads the first RESULT line of a child's output into figures; false when
@@ -31,6 +32,10 @@ bool parseResult(const std::string& output, Figures& figures);
 
 // A duration in microseconds.
 double microseconds(Clock::duration d);
+
+// A reading of the clock in seconds. The clock is the system's monotonic
+// one, so readings of different processes on one machine compare.
+double clockSeconds(Clock::time_point when);
 
 // Seconds passed since start.
 double secondsSince(Clock::time_point start);

@@ -14,14 +14,19 @@
 // The measurements are identical on both roads: round trips
 // (roundtrip.cpp), one-way messages with and without a window (oneway.cpp)
 // and pipelined requests (pipelined.cpp), each with the CPU time of the
-// process in the middle. --soak-apps runs the memory test instead (soak.cpp).
+// process in the middle. On the bus only, when asked: a large routing table
+// (table.cpp), many application pairs at once (pairs.cpp) and event fan-out
+// (fanout.cpp). --soak-apps runs the memory test instead (soak.cpp).
 #include "bus.h"
 #include "common.h"
+#include "fanout.h"
 #include "options.h"
+#include "pairs.h"
 #include "process.h"
 #include "relay.h"
 #include "report.h"
 #include "soak.h"
+#include "table.h"
 
 #include <csignal>
 #include <cstdio>
@@ -75,6 +80,41 @@ bool runRelayTrio(Options options, unsigned frameBytes, Figures& figures)
     return true;
 }
 
+// The entries of the small table the large one is compared with.
+const unsigned kSmallTable = 10;
+
+// Runs the bus with entries extra pumps in the daemon's table; false when
+// the fillers or the bus failed.
+bool runBusWithTable(const Options& options, unsigned entries, Figures& figures)
+{
+    std::vector<Child> fillers;
+    const bool ok = startFillers(options, entries, fillers) && runBus(options, figures);
+    stopFillers(fillers);
+    return ok;
+}
+
+// The bus's run: with --table, once with the small table (its figures are
+// the run's) and once with the large one; then the many pairs and the
+// fan-out if asked for. False as soon as one fails.
+bool measureBus(const Options& options, Figures& bus)
+{
+    if (options.table == 0) {
+        if (!runBus(options, bus))
+            return false;
+    } else {
+        Options large = options;
+        large.tag = options.tag + "t";
+        Figures withLarge;
+        if (!runBusWithTable(options, kSmallTable, bus) || !runBusWithTable(large, options.table, withLarge))
+            return false;
+        const Figures withSmall = bus;
+        addTableFigures(kSmallTable, withSmall, options.table, withLarge, bus);
+    }
+    if (!options.pairsApps.empty() && !runPairsApps(options, bus))
+        return false;
+    return options.fanoutApps == 0 || runFanout(options, bus);
+}
+
 // Runs bus and (unless skipped) relay --runs times, each run with its own
 // tag; false as soon as one fails.
 bool measureRuns(const Options& options, std::vector<Figures>& busRuns, std::vector<Figures>& relayRuns)
@@ -83,7 +123,7 @@ bool measureRuns(const Options& options, std::vector<Figures>& busRuns, std::vec
         Options thisRun = options;
         thisRun.tag = options.tag + "r" + std::to_string(run);
         Figures bus;
-        if (!runBus(thisRun, bus))
+        if (!measureBus(thisRun, bus))
             return false;
         busRuns.push_back(bus);
         if (options.skipRelay)
@@ -96,13 +136,16 @@ bool measureRuns(const Options& options, std::vector<Figures>& busRuns, std::vec
     return true;
 }
 
-// Whether every bus run delivered every one-way message, in order.
-bool busDeliveredAll(const std::vector<Figures>& busRuns)
+// Whether every bus run delivered every one-way message and event, in order
+// (with a large table too).
+bool busDeliveredAll(const Options& options, const std::vector<Figures>& busRuns)
 {
+    const std::string large = "table_" + std::to_string(options.table);
     for (const Figures& run : busRuns) {
-        for (const char* prefix : {"oneway", "oneway_unwindowed"}) {
-            const std::string lost = std::string(prefix) + "_lost";
-            if (run.count(lost) != 0 && (run.at(lost) != 0 || run.at(std::string(prefix) + "_in_order") == 0))
+        for (const std::string& prefix :
+             {std::string("oneway"), std::string("oneway_unwindowed"), std::string("fanout"), large}) {
+            const std::string lost = prefix + "_lost";
+            if (run.count(lost) != 0 && (run.at(lost) != 0 || run.at(prefix + "_in_order") == 0))
                 return false;
         }
     }
@@ -133,8 +176,8 @@ int runCoordinator(Options options)
     else
         printText(options, bus, relay, haveRelay);
     // Lost or reordered messages are a failure of the run, whatever the speed.
-    if (!busDeliveredAll(busRuns)) {
-        std::fprintf(stderr, "ulmarcomms-bench: the bus lost or reordered one-way messages\n");
+    if (!busDeliveredAll(options, busRuns)) {
+        std::fprintf(stderr, "ulmarcomms-bench: the bus lost or reordered one-way messages or events\n");
         return 1;
     }
     return 0;
@@ -150,6 +193,10 @@ int runRole(const Options& options)
         {"relay-server", runRelayServer},
         {"relay-client", runRelayClient},
         {"soak-app", runSoakApp},
+        {"pair-client", runPairClient},
+        {"fanout-publisher", runFanoutPublisher},
+        {"fanout-listener", runFanoutListener},
+        {"filler", runFiller},
     };
     const auto role = roles.find(options.role);
     if (role != roles.end())

@@ -16,27 +16,44 @@ const char kUsage[] = "Usage: ulmarcomms-bench [options]\n"
                       "                      (default: start a private one)\n"
                       "  --daemon PATH       the ulmarcommsd to start (default: beside this\n"
                       "                      program, then ../tools/ulmarcommsd, then PATH)\n"
-                      "  --pairs N           application pairs per message (default 2, so 6 pairs)\n"
+                      "  --pairs N           application pairs per message (default 2, so 6 "
+                      "pairs)\n"
                       "  --value-size N      bytes of each application value (default 16)\n"
-                      "  --requests N        round trips measured, and pipelined requests (20000)\n"
+                      "  --requests N        round trips measured, and pipelined requests "
+                      "(20000)\n"
                       "  --warmup N          round trips before measuring (2000)\n"
                       "  --messages N        one-way messages (200000)\n"
                       "  --window N          pipelined requests outstanding (64)\n"
                       "  --runs N            repeat the measurements, report medians (1)\n"
-                      "  --daemon-pid PID    the daemon on --pipe, to report its CPU per message\n"
+                      "  --daemon-pid PID    the daemon on --pipe, to report its CPU per "
+                      "message\n"
                       "  --no-relay          skip the relay measurements\n"
+                      "  --pairs-apps N[,N]  also run N application pairs at once (e.g. "
+                      "1,10,100)\n"
+                      "  --table N           also measure with N extra pumps in the daemon's "
+                      "table,\n"
+                      "                      beside the run with 10 (e.g. 10000)\n"
+                      "  --fanout-apps N     also publish events to N listener applications "
+                      "(e.g. 100)\n"
+                      "  --fanout-listeners N    fan-out: listening pumps per application (10)\n"
+                      "  --fanout-events N   fan-out: events published (100)\n"
                       "  --json              print the figures as one JSON object\n"
-                      "  --soak-apps N       soak: N application processes instead of the figures\n"
+                      "  --soak-apps N       soak: N application processes instead of the "
+                      "figures\n"
                       "                      (scripts/soak runs 100)\n"
                       "  --soak-pumps N      soak: pumps per application (10)\n"
                       "  --soak-seconds N    soak: duration once all are reachable (60)\n"
                       "  --soak-rate N       soak: requests a second, all applications (1200)\n"
                       "  --soak-settle-ms N  soak: margin before and after each fault (1000)\n"
-                      "  --soak-daemon-every N   soak: restart the daemon every N s (20; 0 never)\n"
-                      "  --soak-sigkill-every N  soak: every Nth daemon stop is SIGKILL (2; 0 never)\n"
-                      "  --soak-kill-every N     soak: SIGKILL applications every N s (15; 0 never)\n"
+                      "  --soak-daemon-every N   soak: restart the daemon every N s (20; 0 "
+                      "never)\n"
+                      "  --soak-sigkill-every N  soak: every Nth daemon stop is SIGKILL (2; 0 "
+                      "never)\n"
+                      "  --soak-kill-every N     soak: SIGKILL applications every N s (15; 0 "
+                      "never)\n"
                       "  --soak-kill-count N     soak: applications killed each time (3)\n"
-                      "  --soak-stall-at N       soak: the stalled consumer appears at N s (5; 0 none)\n";
+                      "  --soak-stall-at N       soak: the stalled consumer appears at N s (5; 0 "
+                      "none)\n";
 
 namespace {
 
@@ -54,6 +71,23 @@ bool parseUnsigned(const char* text, unsigned& out)
     return true;
 }
 
+// Numbers above 0 separated by commas ("1,10,100"); false for anything else.
+bool parseList(const char* text, std::vector<unsigned>& out)
+{
+    out.clear();
+    std::string rest = text != nullptr ? text : "";
+    while (true) {
+        const size_t comma = rest.find(',');
+        unsigned number = 0;
+        if (!parseUnsigned(rest.substr(0, comma).c_str(), number) || number == 0)
+            return false;
+        out.push_back(number);
+        if (comma == std::string::npos)
+            return true;
+        rest = rest.substr(comma + 1);
+    }
+}
+
 // Refuses settings no run can use; true when all are usable.
 bool checkLimits(const Options& options, std::string& error)
 {
@@ -63,8 +97,12 @@ bool checkLimits(const Options& options, std::string& error)
     }
     if (options.requests == 0 || options.messages == 0 || options.window == 0 || options.runs == 0 ||
         options.soakPumps == 0 || options.soakRate == 0 || options.soakSeconds == 0) {
-        error =
-            "--requests, --messages, --window, --runs, --soak-pumps, --soak-rate and --soak-seconds must be above 0";
+        error = "--requests, --messages, --window, --runs, --soak-pumps, "
+                "--soak-rate and --soak-seconds must be above 0";
+        return false;
+    }
+    if (options.fanoutListeners == 0 || options.fanoutEvents < 2) {
+        error = "--fanout-listeners must be above 0 and --fanout-events at least 2";
         return false;
     }
     if (options.soakApps > 0 && options.soakKillCount >= options.soakApps && options.soakKillEvery > 0) {
@@ -88,6 +126,12 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
         {"--runs", &options.runs},
         {"--frame-bytes", &options.frameBytes},
         {"--daemon-pid", &options.daemonPid},
+        {"--table", &options.table},
+        {"--fanout-apps", &options.fanoutApps},
+        {"--fanout-listeners", &options.fanoutListeners},
+        {"--fanout-events", &options.fanoutEvents},
+        {"--fill-pumps", &options.fillPumps},
+        {"--app-index", &options.appIndex},
         {"--soak-apps", &options.soakApps},
         {"--soak-pumps", &options.soakPumps},
         {"--soak-seconds", &options.soakSeconds},
@@ -123,6 +167,12 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error)
                 return false;
             }
             ++i;
+        } else if (arg == "--pairs-apps") {
+            if (!parseList(value, options.pairsApps)) {
+                error = arg + " takes numbers above 0, separated by commas";
+                return false;
+            }
+            ++i;
         } else if (texts.count(arg) != 0) {
             if (value == nullptr) {
                 error = arg + " takes a value";
@@ -152,6 +202,11 @@ std::vector<std::string> childArguments(const Options& options, const std::strin
         {"--window", std::to_string(options.window)},
         {"--frame-bytes", std::to_string(options.frameBytes)},
         {"--daemon-pid", std::to_string(options.daemonPid)},
+        {"--fanout-apps", std::to_string(options.fanoutApps)},
+        {"--fanout-listeners", std::to_string(options.fanoutListeners)},
+        {"--fanout-events", std::to_string(options.fanoutEvents)},
+        {"--fill-pumps", std::to_string(options.fillPumps)},
+        {"--app-index", std::to_string(options.appIndex)},
         {"--soak-pumps", std::to_string(options.soakPumps)},
         {"--soak-seconds", std::to_string(options.soakSeconds)},
         {"--soak-apps", std::to_string(options.soakApps)},

@@ -24,6 +24,13 @@ struct Options {
     unsigned runs = 1; // repetitions; figures are medians
     unsigned frameBytes = 0; // relay message size (internal)
     unsigned daemonPid = 0; // the process in the middle, for its CPU time (0: unknown)
+    std::vector<unsigned> pairsApps; // many pairs: pair counts to run, in order (empty: none)
+    unsigned table = 0; // entries to compare with a 10-entry table (0: no comparison)
+    unsigned fanoutApps = 0; // fan-out: listener applications (0: no fan-out)
+    unsigned fanoutListeners = 10; // fan-out: listening pumps per application
+    unsigned fanoutEvents = 100; // fan-out: events published
+    unsigned fillPumps = 0; // pumps of one filler process (internal)
+    unsigned appIndex = 0; // this filler or listener application (internal)
     unsigned soakApps = 0; // soak: application processes (0: no soak)
     unsigned soakPumps = 10; // soak: pumps per application
     unsigned soakSeconds = 60; // soak: duration once every application is reachable

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -165,6 +166,60 @@ bool awaitLine(Child& child, const std::string& line, std::chrono::seconds limit
             return false;
     }
     return true;
+}
+
+void blockGoSignal()
+{
+    sigset_t go;
+    sigemptyset(&go);
+    sigaddset(&go, SIGUSR1);
+    ::pthread_sigmask(SIG_BLOCK, &go, nullptr);
+}
+
+bool awaitGo(std::chrono::seconds limit)
+{
+    sigset_t go;
+    sigemptyset(&go);
+    sigaddset(&go, SIGUSR1);
+    const timespec wait{static_cast<time_t>(limit.count()), 0};
+    while (true) {
+        const int taken = ::sigtimedwait(&go, nullptr, &wait);
+        if (taken == SIGUSR1)
+            return true;
+        if (taken < 0 && errno != EINTR)
+            return false;
+    }
+}
+
+void signalGo(const std::vector<Child>& group)
+{
+    for (const Child& child : group) {
+        if (child.pid > 0)
+            ::kill(child.pid, SIGUSR1);
+    }
+}
+
+bool awaitAll(std::vector<Child>& group, const std::string& line, std::chrono::seconds limit, const char* what)
+{
+    const Clock::time_point deadline = Clock::now() + limit;
+    for (Child& child : group) {
+        const auto left = std::chrono::duration_cast<std::chrono::seconds>(deadline - Clock::now());
+        if (child.pid < 0 || !awaitLine(child, line, std::max(left, std::chrono::seconds(1)))) {
+            std::fprintf(stderr, "ulmarcomms-bench: a %s did not get ready in time\n", what);
+            return false;
+        }
+    }
+    return true;
+}
+
+unsigned finishAll(std::vector<Child>& group, std::chrono::seconds limit)
+{
+    unsigned failed = 0;
+    for (Child& child : group) {
+        if (child.pid < 0 || finish(child, limit) != 0)
+            ++failed;
+    }
+    return failed;
 }
 
 socklen_t localLinkAddress(const std::string& pipe, sockaddr_un& address)

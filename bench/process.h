@@ -39,6 +39,25 @@ int finish(Child& child, std::chrono::seconds limit);
 // when the output ends first.
 bool awaitLine(Child& child, const std::string& line, std::chrono::seconds limit);
 
+// A group of children that start together: each prints READY when set up
+// and then waits for the go signal (SIGUSR1) before it measures. Blocking
+// the signal before the library starts keeps it blocked in the library's
+// threads too, so only the waiting thread takes it.
+void blockGoSignal();
+
+// Waits for the go signal; false when limit passed first.
+bool awaitGo(std::chrono::seconds limit);
+
+// Sends the go signal to every child of group.
+void signalGo(const std::vector<Child>& group);
+
+// Waits until every child of group printed line; false (with a message
+// naming what) when one did not within limit.
+bool awaitAll(std::vector<Child>& group, const std::string& line, std::chrono::seconds limit, const char* what);
+
+// Finishes every child of group (each within limit); the number that failed.
+unsigned finishAll(std::vector<Child>& group, std::chrono::seconds limit);
+
 // The path of this program, for running it again in another role.
 std::string selfPath();
 

@@ -40,6 +40,9 @@ const Compared kCompared[] = {
 // The delivery checks of the one-way senders, as table rows.
 const char* const kOneWayPrefixes[] = {"oneway", "oneway_unwindowed"};
 
+// The bus-only figures, by the start of their keys.
+const char* const kBusOnlyPrefixes[] = {"table_", "pairs_", "fanout_"};
+
 // The value of key, or NaN when the run has no such figure.
 double valueOf(const Figures& figures, const std::string& key)
 {
@@ -111,6 +114,12 @@ void printText(const Options& options, const Figures& bus, const Figures& relay,
         printDelivery(prefix, bus, relay, haveRelay);
     if (bus.count("oneway_unwindowed_refused") != 0)
         std::printf("%-40s %14.0f\n", "oneway_unwindowed_refused", bus.at("oneway_unwindowed_refused"));
+    for (const char* prefix : kBusOnlyPrefixes) {
+        for (const auto& [key, value] : bus) {
+            if (key.rfind(prefix, 0) == 0)
+                std::printf("%-40s %14.2f\n", key.c_str(), value);
+        }
+    }
     std::printf("ratios are bus/relay: for latencies and CPU lower is better, for rates higher is better;\n"
                 "pipelined_callback is compared with the relay's one pipelined sender; CPU is the daemon's,\n"
                 "and the relay process's on the relay side\n");
