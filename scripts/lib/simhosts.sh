@@ -119,7 +119,7 @@ sim_daemon() {
     >"$SIM_LOGS/$host.log" 2>&1 &
   SIM_DAEMON[$host]=$!
   SIM_PIPE[$host]="$SIM_PREFIX$host"
-  sim_await "daemon on $host" 20 grep -q "service running" "$SIM_LOGS/$host.log"
+  sim_await "daemon on $host" 20 grep -qs "service running" "$SIM_LOGS/$host.log"
 }
 
 # sim_await WHAT SECONDS COMMAND...: runs COMMAND every 20 ms until it
