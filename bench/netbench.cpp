@@ -9,7 +9,9 @@
 // daemons do. The bus road is client -> daemon A (local link) -> daemon B
 // (TCP across the veth) -> server (local link), four hops; the relay road is
 // client -> relay on host A (TCP on A's loopback) -> server on host B (TCP
-// across the veth), two hops. The measurements, figures and report are
+// across the veth), two hops, or with --relay-hops 3 client -> relay on A ->
+// relay on B (TCP across the veth) -> server (TCP on B's loopback), a
+// forwarding process on each host as the bus has. The measurements, figures and report are
 // ulmarcomms-bench's; only where the parts run and how they connect differ.
 #include "bus.h"
 #include "common.h"
@@ -48,7 +50,8 @@ struct NetOptions {
 
 const char kNetUsage[] = "Usage: ulmarcomms-netbench --client-netns NS --client-uts-pid PID --client-pipe NAME\n"
                          "         --server-netns NS --server-uts-pid PID --server-pipe NAME --server-host NAME\n"
-                         "         --client-address IPV4 [--relay-port N] [ulmarcomms-bench options]\n"
+                         "         --client-address IPV4 [--relay-port N] [--relay-hops 2|3]\n"
+                         "         [ulmarcomms-bench options]\n"
                          "  (scripts/netbench builds the hosts and passes these)\n";
 
 // Takes this program's own options out of argv; the rest is left for
@@ -56,6 +59,7 @@ const char kNetUsage[] = "Usage: ulmarcomms-netbench --client-netns NS --client-
 bool takeNetOptions(std::vector<char*>& argv, NetOptions& net, std::string& error)
 {
     std::string port = "34101";
+    std::string hops = "2";
     const std::map<std::string, std::string*> texts = {
         {"--client-netns", &net.client.netns},
         {"--client-uts-pid", &net.client.utsPid},
@@ -66,6 +70,7 @@ bool takeNetOptions(std::vector<char*>& argv, NetOptions& net, std::string& erro
         {"--server-host", &net.serverHost},
         {"--client-address", &net.relay.address},
         {"--relay-port", &port},
+        {"--relay-hops", &hops},
     };
     std::vector<char*> rest = {argv[0]};
     for (size_t i = 1; i < argv.size(); ++i) {
@@ -81,10 +86,15 @@ bool takeNetOptions(std::vector<char*>& argv, NetOptions& net, std::string& erro
         *found->second = argv[++i];
     }
     net.relay.port = static_cast<unsigned>(std::strtoul(port.c_str(), nullptr, 10));
-    if (net.relay.port == 0 || net.relay.port > 65534) {
-        error = "--relay-port takes a port below 65535";
+    if (net.relay.port == 0 || net.relay.port > 65533) {
+        error = "--relay-port takes a port below 65534";
         return false;
     }
+    if (hops != "2" && hops != "3") {
+        error = "--relay-hops takes 2 or 3";
+        return false;
+    }
+    net.relay.hops = hops == "2" ? 2 : 3;
     argv = rest;
     return true;
 }
@@ -92,8 +102,10 @@ bool takeNetOptions(std::vector<char*>& argv, NetOptions& net, std::string& erro
 // This program's own options, written back for a child.
 std::vector<std::string> netArguments(const NetOptions& net)
 {
-    return {"--server-host",   net.serverHost, "--client-address",
-            net.relay.address, "--relay-port", std::to_string(net.relay.port)};
+    return {"--server-host",    net.serverHost,
+            "--client-address", net.relay.address,
+            "--relay-port",     std::to_string(net.relay.port),
+            "--relay-hops",     std::to_string(net.relay.hops)};
 }
 
 // Starts this program in side's namespaces with role; killed should the
@@ -133,13 +145,28 @@ bool runBus(const Options& options, const NetOptions& net, Figures& figures)
     return true;
 }
 
-// Runs the relay and its client on host A and its server on host B once,
-// with records of frameBytes.
+// Starts a relay with role on side and waits until it listens; false
+// (with the relay ended) when it does not.
+bool startRelay(const Side& side, const Options& options, const NetOptions& net, const std::string& role, Child& relay)
+{
+    relay = spawnOn(side, options, net, role, true);
+    if (awaitLine(relay, "READY", std::chrono::seconds(10)))
+        return true;
+    finish(relay, std::chrono::seconds(1));
+    return false;
+}
+
+// Runs the relay (and with three hops the far relay) and the relay's
+// client on host A and its server on host B once, with records of
+// frameBytes.
 bool runRelayTrio(Options options, const NetOptions& net, unsigned frameBytes, Figures& figures)
 {
     options.frameBytes = frameBytes;
-    Child relay = spawnOn(net.client, options, net, "net-relay", true);
-    if (!awaitLine(relay, "READY", std::chrono::seconds(10))) {
+    Child relay;
+    Child far;
+    if (!startRelay(net.client, options, net, "net-relay", relay))
+        return false;
+    if (net.relay.hops == 3 && !startRelay(net.server, options, net, "net-far-relay", far)) {
         finish(relay, std::chrono::seconds(1));
         return false;
     }
@@ -147,6 +174,8 @@ bool runRelayTrio(Options options, const NetOptions& net, unsigned frameBytes, F
     Child client = spawnOn(net.client, options, net, "net-relay-client", true);
     const int clientStatus = finish(client, std::chrono::seconds(1800));
     finish(server, std::chrono::seconds(30));
+    if (far.pid > 0)
+        finish(far, std::chrono::seconds(30));
     finish(relay, std::chrono::seconds(30));
     if (clientStatus != 0 || !parseResult(client.collected, figures)) {
         std::fprintf(stderr, "ulmarcomms-netbench: the relay client failed (status %d)\n", clientStatus);
@@ -189,7 +218,8 @@ int runCoordinator(Options options, const NetOptions& net)
         printJson(options, medians(busRuns), haveRelay ? medians(relayRuns) : Figures(), haveRelay);
     } else {
         std::printf("between hosts: bus client@A -> daemon A -> TCP -> daemon B -> server@B; relay client@A -> "
-                    "TCP loopback -> relay@A -> TCP -> server@B\n");
+                    "TCP loopback -> relay@A -> TCP -> %s\n",
+                    net.relay.hops == 3 ? "relay@B -> TCP loopback -> server@B" : "server@B");
         printText(options, medians(busRuns), haveRelay ? medians(relayRuns) : Figures(), haveRelay);
     }
     if (!delivered)
@@ -206,6 +236,8 @@ int runRole(const Options& options, const NetOptions& net)
         return runRemoteBusClient(options, net.serverHost);
     if (options.role == "net-relay")
         return runTcpRelay(options, net.relay);
+    if (options.role == "net-far-relay")
+        return runTcpFarRelay(options, net.relay);
     if (options.role == "net-relay-server")
         return runTcpRelayServer(options, net.relay);
     if (options.role == "net-relay-client")

@@ -131,23 +131,19 @@ bool serve(RelayLink& link, OneWayTally& tally)
     return type != kRelayQuit;
 }
 
-} // namespace
-
-int runTcpRelay(const Options& options, const TcpRelayPlace& place)
+// Forwards between the side towards the client and the side towards the
+// server, one thread per direction, until both close; 0, or 1 when either
+// side could not be connected.
+int relayBetween(int client, int server, const Options& options)
 {
-    const int serverSide = listenOn(place.address, place.port);
-    const int clientSide = listenOn("127.0.0.1", place.port + 1);
-    if (serverSide < 0 || clientSide < 0) {
-        std::fprintf(stderr, "ulmarcomms-netbench: the relay could not listen on %s:%u\n", place.address.c_str(),
-                     place.port);
+    if (client < 0 || server < 0) {
+        std::fprintf(stderr, "ulmarcomms-netbench: a relay's side did not connect\n");
+        if (client >= 0)
+            ::close(client);
+        if (server >= 0)
+            ::close(server);
         return 1;
     }
-    std::printf("READY\n");
-    std::fflush(stdout);
-    const int server = acceptOne(serverSide);
-    const int client = acceptOne(clientSide);
-    if (server < 0 || client < 0)
-        return 1;
     std::thread up(forward, linkOver(client, options), linkOver(server, options));
     forward(linkOver(server, options), linkOver(client, options));
     up.join();
@@ -156,11 +152,51 @@ int runTcpRelay(const Options& options, const TcpRelayPlace& place)
     return 0;
 }
 
+// Where the server connects: the relay across, or the far relay beside it.
+int connectServer(const TcpRelayPlace& place)
+{
+    if (place.hops == 3)
+        return connectTo("127.0.0.1", place.port + 2, std::chrono::seconds(10));
+    return connectTo(place.address, place.port, std::chrono::seconds(10));
+}
+
+} // namespace
+
+int runTcpRelay(const Options& options, const TcpRelayPlace& place)
+{
+    const int farSide = listenOn(place.address, place.port);
+    const int clientSide = listenOn("127.0.0.1", place.port + 1);
+    if (farSide < 0 || clientSide < 0) {
+        std::fprintf(stderr, "ulmarcomms-netbench: the relay could not listen on %s:%u\n", place.address.c_str(),
+                     place.port);
+        return 1;
+    }
+    std::printf("READY\n");
+    std::fflush(stdout);
+    const int far = acceptOne(farSide);
+    return relayBetween(acceptOne(clientSide), far, options);
+}
+
+int runTcpFarRelay(const Options& options, const TcpRelayPlace& place)
+{
+    const int serverSide = listenOn("127.0.0.1", place.port + 2);
+    if (serverSide < 0) {
+        std::fprintf(stderr, "ulmarcomms-netbench: the far relay could not listen on port %u\n", place.port + 2);
+        return 1;
+    }
+    std::printf("READY\n");
+    std::fflush(stdout);
+    const int relay = connectTo(place.address, place.port, std::chrono::seconds(10));
+    return relayBetween(relay, acceptOne(serverSide), options);
+}
+
 int runTcpRelayServer(const Options& options, const TcpRelayPlace& place)
 {
-    const int fd = connectTo(place.address, place.port, std::chrono::seconds(10));
-    if (fd < 0)
+    const int fd = connectServer(place);
+    if (fd < 0) {
+        std::fprintf(stderr, "ulmarcomms-netbench: the relay server could not connect\n");
         return 1;
+    }
     RelayLink link = linkOver(fd, options);
     OneWayTally tally;
     tally.ackInterval = ackEvery(options);
