@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Simulated hosts for the benchmarks between hosts (sourced, bash). Each host
 # is a network namespace plus a UTS namespace named after the host, in which
 # an ulmarcommsd with network links runs; the hosts are joined either by one
@@ -61,7 +62,7 @@ sim_require_root() {
 # ULMARCOMMS_BUILD_DIR names a build.
 sim_build() {
   [ -z "${ULMARCOMMS_BUILD_DIR:-}" ] || return 0
-  cd "$SIM_ROOT"
+  cd "$SIM_ROOT" || exit 1
   [ -f build/default/build.ninja ] || cmake --preset default >/dev/null
   cmake --build --preset default -j2 --target ulmarcommsd ulmarcomms_cli "$@" >/dev/null
 }
