@@ -133,7 +133,10 @@ Child spawnOn(const Side& side, const Options& options, const NetOptions& net, c
 bool runBus(const Options& options, const NetOptions& net, Figures& figures)
 {
     Child server = spawnOn(net.server, options, net, "bus-server", true);
-    Child client = spawnOn(net.client, options, net, "net-bus-client", true);
+    // The CPU figures are those of the client's daemon, host A's.
+    Options clientOptions = options;
+    clientOptions.daemonPid = static_cast<unsigned>(std::strtoul(net.client.utsPid.c_str(), nullptr, 10));
+    Child client = spawnOn(net.client, clientOptions, net, "net-bus-client", true);
     const int clientStatus = finish(client, std::chrono::seconds(1800));
     const int serverStatus = finish(server, std::chrono::seconds(30));
     if (clientStatus != 0 || !parseResult(client.collected, figures)) {

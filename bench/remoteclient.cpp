@@ -4,6 +4,8 @@
 #include "remoteclient.h"
 
 #include "bus.h"
+#include "oneway.h"
+#include "process.h"
 
 #include <cstdio>
 #include <ulmarcomms.h>
@@ -12,57 +14,53 @@ namespace UlmarCommsBench {
 
 namespace {
 
-// The server pump's address on serverHost: bus-server names its pump
-// "ulmarbench<tag>/server".
-std::string remoteServer(const Options& options, const std::string& serverHost)
-{
-    return serverHost + "@ulmarbench" + options.tag + "/server";
-}
-
-// The measurements in order; the name of the one that failed, or null.
+// The measurements in order, as the local client runs them, each with the
+// client's daemon's CPU time per message when its pid is known; the name of
+// the one that failed, or null.
 const char* measureAll(BusClient& client, Figures& figures)
 {
+    const Options& options = client.options;
+    const double roundTrips = double(options.warmup) + options.requests;
+    const struct {
+        const char* name;
+        bool (BusClient::*run)(Figures&);
+        double messages;
+    } steps[] = {
+        {"rtt", &BusClient::roundTrips, 2 * roundTrips},
+        {"oneway", &BusClient::oneWay, options.messages + options.messages / double(ackEvery(options)) + 2},
+        {"oneway_unwindowed", &BusClient::oneWayUnwindowed, options.messages + 2.0},
+        {"pipelined", &BusClient::pipelined, 2.0 * options.requests},
+        {"pipelined_callback", &BusClient::pipelinedFromCallback, 2.0 * options.requests},
+    };
     if (!client.waitForServer())
         return "reaching the server across";
-    if (!client.roundTrips(figures))
-        return "the round trips";
-    if (!client.oneWay(figures))
-        return "the one-way run";
-    if (!client.pipelined(figures))
-        return "the pipelined run";
+    CpuMeter daemon(options.daemonPid);
+    for (const auto& step : steps) {
+        daemon.begin();
+        if (!(client.*step.run)(figures))
+            return step.name;
+        daemon.end(step.name, step.messages, figures);
+    }
     return nullptr;
-}
-
-// Tells the server to end, lets the request leave, and closes the pump.
-void closeClient(BusClient& client)
-{
-    client.phase = BusClient::Idle;
-    client.post(client.request(kMethodQuit));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    UlmarCommsDestroyMessagePump(client.pump);
 }
 
 } // namespace
 
 int runRemoteBusClient(const Options& options, const std::string& serverHost)
 {
-    if (!startLibrary(options.pipe))
-        return 1;
     BusClient client;
-    client.options = options;
-    client.target = remoteServer(options, serverHost);
-    for (unsigned i = 0; i < options.pairs; ++i)
-        client.values.push_back(std::string(options.valueSize, char('a' + i % 26)));
-    client.pump = UlmarCommsCreateMessagePump(("ulmarbench" + options.tag + "/client").c_str(), &client, nullptr,
-                                              &BusClient::onResponse, &BusClient::onError, nullptr);
+    if (!client.open(options))
+        return 1;
+    // The server pump keeps its local name; across, it is named with its host.
+    client.target = serverHost + "@" + serverName(options);
     Figures figures;
     const char* failed = client.pump == nullptr ? "creating the client pump" : measureAll(client, figures);
-    if (client.pump != nullptr)
-        closeClient(client);
-    UlmarCommsShutdown();
+    const unsigned errors = client.errors;
+    const int lastError = client.lastError;
+    client.close();
     if (failed != nullptr) {
-        std::fprintf(stderr, "ulmarcomms-netbench: %s did not complete (errors %u, last %d)\n", failed, client.errors,
-                     client.lastError);
+        std::fprintf(stderr, "ulmarcomms-netbench: %s did not complete (errors %u, last %d)\n", failed, errors,
+                     lastError);
         return 1;
     }
     printResult(figures);
