@@ -79,6 +79,15 @@ void watchForSilence(Socket* socket)
     setsockopt(handle, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof(probes));
 }
 
+// The frame handler already gathers every frame that is ready into one
+// write, so holding a short write back for an acknowledgement (Nagle) only
+// adds a round trip of delay to a request that is alone on the link.
+void sendAtOnce(Socket* socket)
+{
+    const int on = 1;
+    setsockopt(socket->getHandle(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+}
+
 } // namespace
 
 NetworkRouterInterface::NetworkRouterInterface(INetworkRouter* router, const SocketAddress& local,
@@ -375,6 +384,7 @@ NetworkRouterConnection* NetworkRouterInterface::connectTo(const SocketAddress& 
     }
     limitConnectTime(socket);
     watchForSilence(socket);
+    sendAtOnce(socket);
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, address);
     if (connection == nullptr) {
         Core::log(Core::LogError, "NetworkRouterInterface::connectTo() Failed to create Connection object.\n");
@@ -415,6 +425,7 @@ void NetworkRouterInterface::onClientConnect(Socket*, const SocketAddress& clien
         return;
     }
     watchForSilence(client);
+    sendAtOnce(client);
     NetworkRouterConnection* connection = new (std::nothrow) NetworkRouterConnection(this, clientAddress);
     if (connection == nullptr) {
         // The accepted socket is ours to dispose of.
