@@ -5,6 +5,9 @@
 //   A4, total size (u32 BE), count (u8), count x { key length (u8),
 //   value length (u32 BE), key bytes with NUL, value bytes with NUL }, 8B.
 // Peers are not trusted: fromBuffer bounds every record by the buffer.
+// fromBuffer copies the packet whole and points the pairs into the copy: one
+// copy instead of one per pair, and a canonical packet is then written out
+// again as it came (see messageitem.h).
 #include "messaging/messageitem.h"
 
 #include "core/bigendian.h"
@@ -50,7 +53,10 @@ MessageItem::MessageItem()
       // The pair arrays are read only below m_argumentCount: left unset.
       m_pFreeText(m_inlineText),
       m_freeTextBytes(s_inlineTextBytes),
-      m_pBlocks(nullptr)
+      m_pBlocks(nullptr),
+      m_blockBytes(0),
+      m_pPacket(nullptr),
+      m_packetLength(0)
 {
 }
 
@@ -74,6 +80,7 @@ bool MessageItem::reserveText(size_t length)
     TextBlock* block = static_cast<TextBlock*>(raw);
     block->next = m_pBlocks;
     m_pBlocks = block;
+    m_blockBytes += sizeof(TextBlock) + bytes;
     // The rest of the previous space is given up: texts are never split.
     m_pFreeText = reinterpret_cast<char*>(block + 1);
     m_freeTextBytes = bytes;
@@ -136,6 +143,9 @@ bool MessageItem::add(const char* key, const char* value)
 {
     if (key == nullptr || value == nullptr || m_argumentCount >= s_maxNumberArguments)
         return false;
+    // The pairs change: the received packet no longer describes them.
+    m_pPacket = nullptr;
+    m_packetLength = 0;
     const int index = m_argumentCount;
     const size_t keyLength = std::strlen(key) + 1;
     const char* source = value;
@@ -287,13 +297,7 @@ uint32_t MessageItem::memSize() const
 
 uint64_t MessageItem::heldBytes() const
 {
-    uint64_t texts = 0;
-    for (int i = 0; i < m_argumentCount; ++i)
-        texts += m_keyLengths[i] + 1u + m_valueLengths[i] + 1u;
-    uint64_t bytes = sizeof(MessageItem) + m_eventName.capacity();
-    if (texts > s_inlineTextBytes)
-        bytes += texts + sizeof(TextBlock);
-    return bytes;
+    return sizeof(MessageItem) + m_eventName.capacity() + m_blockBytes;
 }
 
 bool MessageItem::toBuffer(unsigned& size, unsigned char* buffer, unsigned capacity) const
@@ -301,6 +305,11 @@ bool MessageItem::toBuffer(unsigned& size, unsigned char* buffer, unsigned capac
     size = memSize();
     if (buffer == nullptr || size > capacity)
         return false;
+    if (m_pPacket != nullptr) {
+        // Canonical and unchanged: these are the bytes serialising would write.
+        std::memcpy(buffer, m_pPacket, m_packetLength);
+        return true;
+    }
     unsigned char* p = buffer;
     *p++ = DataPacket_MessageHead;
     writeU32(p, size);
@@ -331,36 +340,48 @@ bool MessageItem::fromBuffer(const unsigned char* buffer, unsigned length)
     const unsigned count = buffer[5];
     if (count < 1 || count > static_cast<unsigned>(s_maxNumberArguments) || m_argumentCount != 0)
         return false;
-    // The texts of a packet are fewer bytes than the packet: one reservation
-    // serves every pair.
-    if (!reserveText(length))
+    // One copy of the whole packet holds every text: keys and values are
+    // NUL-terminated in place, and the copy is what toBuffer writes back.
+    char* copy = storeBytes(reinterpret_cast<const char*>(buffer), length);
+    if (copy == nullptr)
         return false;
     size_t offset = 6;
     for (unsigned i = 0; i < count; ++i) {
-        if (length - offset < 5)
+        if (!parseRecord(copy, length, offset))
             return false;
-        const uint32_t keyLength = buffer[offset];
-        const uint32_t valueLength = readU32(buffer + offset + 1);
-        offset += 5;
-        if (keyLength == 0 || valueLength == 0 || keyLength > length - offset ||
-            valueLength > length - offset - keyLength)
-            return false;
-        const char* keyBytes = reinterpret_cast<const char*>(buffer + offset);
-        const char* valueBytes = keyBytes + keyLength;
-        if (keyBytes[keyLength - 1] != '\0' || valueBytes[valueLength - 1] != '\0')
-            return false;
-        // Key and value are adjacent in the packet and stay so here.
-        char* texts = storeBytes(keyBytes, keyLength + valueLength);
-        if (texts == nullptr)
-            return false;
-        m_keys[m_argumentCount] = texts;
-        m_keyLengths[m_argumentCount] = static_cast<uint8_t>(keyLength);
-        m_values[m_argumentCount] = texts + keyLength;
-        m_valueLengths[m_argumentCount] = valueLength;
-        ++m_argumentCount;
-        offset += keyLength + valueLength;
     }
-    return offset < length && buffer[offset] == DataPacket_MessageEnd;
+    const unsigned char* stored = reinterpret_cast<const unsigned char*>(copy);
+    if (offset >= length || stored[offset] != DataPacket_MessageEnd)
+        return false;
+    // Only a packet that serialising would write byte for byte is kept.
+    if (readU32(stored + 1) == length && offset + 1 == length) {
+        m_pPacket = stored;
+        m_packetLength = length;
+    }
+    return true;
+}
+
+bool MessageItem::parseRecord(char* packet, unsigned length, size_t& offset)
+{
+    if (length - offset < 5)
+        return false;
+    const unsigned char* record = reinterpret_cast<const unsigned char*>(packet + offset);
+    const uint32_t keyLength = record[0];
+    const uint32_t valueLength = readU32(record + 1);
+    offset += 5;
+    if (keyLength == 0 || valueLength == 0 || keyLength > length - offset || valueLength > length - offset - keyLength)
+        return false;
+    char* keyBytes = packet + offset;
+    char* valueBytes = keyBytes + keyLength;
+    if (keyBytes[keyLength - 1] != '\0' || valueBytes[valueLength - 1] != '\0')
+        return false;
+    m_keys[m_argumentCount] = keyBytes;
+    m_keyLengths[m_argumentCount] = static_cast<uint8_t>(keyLength);
+    m_values[m_argumentCount] = valueBytes;
+    m_valueLengths[m_argumentCount] = valueLength;
+    ++m_argumentCount;
+    offset += keyLength + valueLength;
+    return true;
 }
 
 } // namespace UlmarComms

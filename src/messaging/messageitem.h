@@ -9,6 +9,13 @@
 // worker still holds its reference: adding a reference is relaxed (only a
 // holder of one can add another), dropping one is acquire-release, so that
 // every holder's last use happens before the message is freed.
+// A message read from a packet keeps that packet verbatim (its pairs point
+// into it), as long as the packet is canonical: its size field equals its
+// length and its end marker is its last byte. Such a message serialises by
+// copying the packet, so a relay passes on exactly the bytes it received
+// without rebuilding them; any change to the pairs forgets the packet, and
+// the message is then serialised pair by pair. The packet's bytes are never
+// written once stored, so a frame may read them while the message is shared.
 // Ownership: every post takes its message, on success and on failure alike
 // (MessageRef below makes that visible in the signatures); a delivered
 // message is released after the callback unless the callback took a
@@ -113,6 +120,14 @@ public:
     uint64_t heldBytes() const;
     // Reads a packet into this (empty) message; false for a malformed packet.
     bool fromBuffer(const unsigned char* buffer, unsigned length);
+    // The canonical packet this message was read from and has not changed
+    // since, with its length; null when it is built, changed or was read
+    // from a packet that serialises differently.
+    const unsigned char* packet(unsigned& length) const
+    {
+        length = m_packetLength;
+        return m_pPacket;
+    }
 
     // Next message while queued in a router queue; null otherwise.
     MessageItem* m_pNext;
@@ -140,6 +155,9 @@ private:
     bool reserveText(size_t length);
     // Copies length bytes into the text storage; null when memory ran out.
     char* storeBytes(const char* text, size_t length);
+    // Takes the pair record at offset of a stored packet, moving offset past
+    // it; false when it overruns the packet or a text lacks its NUL.
+    bool parseRecord(char* packet, unsigned length, size_t& offset);
 
     uint8_t m_argumentCount;
     std::atomic<int32_t> m_count;
@@ -154,6 +172,11 @@ private:
     size_t m_freeTextBytes;
     // Overflow blocks, newest first.
     TextBlock* m_pBlocks;
+    // Bytes of the overflow blocks (what heldBytes counts beyond the object).
+    size_t m_blockBytes;
+    // The verbatim packet (see the file comment) and its length; null when none.
+    const unsigned char* m_pPacket;
+    uint32_t m_packetLength;
     alignas(8) char m_inlineText[s_inlineTextBytes];
 };
 

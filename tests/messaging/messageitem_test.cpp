@@ -411,6 +411,48 @@ TEST_F(MessageItemTest, PacketsAreByteExact)
     EXPECT_EQ(size, 17u);
 }
 
+// A canonical packet is kept and written back as it came, duplicate keys and
+// "localhost" included; anything that serialises differently, and any change
+// to the pairs, is written pair by pair.
+TEST_F(MessageItemTest, ACanonicalPacketIsKeptVerbatimUntilItsPairsChange)
+{
+    // "_q" becomes "_t" in the bytes: a target of "localhost" as a peer sends it.
+    Bytes canonical = serialise(*build({{"_q", "localhost/me"}, {"k", "1"}, {"k", "2"}, {"_t", "app@x"}}));
+    canonical[12] = 't';
+    Message parsed = create();
+    ASSERT_TRUE(parse(canonical, *parsed));
+    unsigned length = 0;
+    const unsigned char* packet = parsed->packet(length);
+    ASSERT_NE(packet, nullptr);
+    EXPECT_EQ(Bytes(packet, packet + length), canonical);
+    EXPECT_EQ(serialise(*parsed), canonical);
+    EXPECT_STREQ(parsed->value("k"), "1");
+    EXPECT_STREQ(parsed->value("_t"), "localhost/me") << "a received packet is taken as it is";
+
+    // A size field below the length, or bytes after the end marker: parsed,
+    // but written as serialising writes it.
+    Bytes trailing = canonical;
+    trailing.push_back(0x00);
+    Bytes smallSize = trailing;
+    putU32(smallSize, 1, static_cast<uint32_t>(canonical.size() - 1));
+    for (const Bytes& bytes : {trailing, smallSize}) {
+        Message other = create();
+        ASSERT_TRUE(parse(bytes, *other));
+        EXPECT_EQ(other->packet(length), nullptr);
+        EXPECT_EQ(serialise(*other), canonical);
+    }
+
+    ASSERT_TRUE(parsed->add("_t", "localhost/late"));
+    EXPECT_EQ(parsed->packet(length), nullptr) << "a change forgets the packet";
+    Bytes grown = serialise(*parsed);
+    EXPECT_EQ(grown.size(), canonical.size() + 5 + 3 + std::strlen("myhost/late") + 1);
+    Message back = create();
+    ASSERT_TRUE(parse(grown, *back));
+    EXPECT_STREQ(back->value(4), "myhost/late");
+    Message copy(MessageItem::createAndCopy(back.get()));
+    EXPECT_EQ(copy->packet(length), nullptr) << "a copy is built pair by pair";
+}
+
 // ------------------------------------------------------------- round trips
 
 namespace {
