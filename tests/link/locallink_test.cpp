@@ -25,6 +25,8 @@
 #include <sstream>
 #include <string>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 using MessagingTest::Endpoint;
 using MessagingTest::Received;
@@ -236,6 +238,109 @@ TEST_F(LocalLinkTest, PumpsAreAnnouncedAndMessagesFlowBothWaysOverUnixAndTcp)
         for (int i = 0; i < 50; ++i)
             ASSERT_EQ(first.pump.post(MessageRef(first.pump.createMessage(svc.address().c_str(), "tick"))), 0);
         ASSERT_TRUE(svc.waitForCount(51));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// What the service relays
+
+namespace {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+// The packet form, written here byte by byte: the test's own reading of
+// what a peer puts on the wire, independent of the library's writer.
+UlmarCommsTest::Bytes packetOf(const Pairs& pairs)
+{
+    UlmarCommsTest::Bytes bytes = {MessageItem::DataPacket_MessageHead,     0, 0, 0, 0,
+                                   static_cast<unsigned char>(pairs.size())};
+    auto putU32 = [&](size_t at, uint32_t value) {
+        for (int i = 0; i < 4; ++i)
+            bytes[at + i] = static_cast<unsigned char>(value >> (24 - 8 * i));
+    };
+    for (const auto& [key, value] : pairs) {
+        const size_t at = bytes.size();
+        bytes.resize(at + 5);
+        bytes[at] = static_cast<unsigned char>(key.size() + 1);
+        putU32(at + 1, static_cast<uint32_t>(value.size() + 1));
+        bytes.insert(bytes.end(), key.c_str(), key.c_str() + key.size() + 1);
+        bytes.insert(bytes.end(), value.c_str(), value.c_str() + value.size() + 1);
+    }
+    bytes.push_back(MessageItem::DataPacket_MessageEnd);
+    putU32(1, static_cast<uint32_t>(bytes.size()));
+    return bytes;
+}
+
+// The next message frame a raw peer reads (commands are skipped); its id
+// goes to id.
+bool readMessagePayload(RawPeer& peer, uint32_t& id, UlmarCommsTest::Bytes& payload)
+{
+    unsigned char type = DataFrame::FrameTypeNone;
+    do {
+        if (!peer.readFrame(type, id, payload))
+            return false;
+    } while (type != DataFrame::FrameTypeMessage);
+    return true;
+}
+
+} // namespace
+
+// Two plain peers on the service: what one writes for the other arrives as
+// the very bytes it wrote when its packet is canonical (duplicate keys, an
+// address that names "localhost", the largest packet a frame may carry), and
+// as the packet's canonical form when it is not; frame ids are the receiving
+// link's own.
+TEST_F(LocalLinkTest, ThePacketsOfRelayedMessagesArriveByteForByte)
+{
+    Service service(address);
+    const std::string host = UlmarComms::Core::instance()->getHostName();
+    const std::string rx = host + "@rx";
+    RawPeer sender(address);
+    RawPeer receiver(address);
+    ASSERT_TRUE(receiver.sendAll(wireOf(DataFrame(1, CommandMessage::AddMessagePump, rx.c_str()))));
+    ASSERT_TRUE(service.waitForEntries({rx}));
+
+    const Pairs head = {{"_t", rx}, {"_f", host + "@tx"}, {"_m", "relay"}};
+    auto with = [&](Pairs more) {
+        Pairs pairs = head;
+        pairs.insert(pairs.end(), more.begin(), more.end());
+        return pairs;
+    };
+    const UlmarCommsTest::Bytes ordinary = packetOf(with({{"_s", "1"}, {"payload", std::string(150, 'p')}}));
+    const UlmarCommsTest::Bytes duplicates =
+        packetOf(with({{"k", "first"}, {"k", "second"}, {"_m", "later"}, {"_t", rx}}));
+    const UlmarCommsTest::Bytes localhost = packetOf(with({{"_fx", "localhost/x"}, {"_s", "localhost"}}));
+    const size_t room = DataFrame::MaxDataSize - packetOf(with({{"big", ""}})).size();
+    const UlmarCommsTest::Bytes largest = packetOf(with({{"big", std::string(room, 'b')}}));
+    ASSERT_EQ(largest.size(), DataFrame::MaxDataSize);
+    // Not canonical: a byte after the end marker, counted by the size field
+    // or not, and a size field short of the packet. They leave rebuilt.
+    UlmarCommsTest::Bytes counted = ordinary;
+    counted.push_back(0x00);
+    UlmarCommsTest::Bytes uncounted = counted;
+    UlmarCommsTest::Bytes shortSize = ordinary;
+    auto setSize = [](UlmarCommsTest::Bytes& bytes, uint32_t size) {
+        for (int i = 0; i < 4; ++i)
+            bytes[1 + i] = static_cast<unsigned char>(size >> (24 - 8 * i));
+    };
+    setSize(counted, static_cast<uint32_t>(counted.size()));
+    setSize(shortSize, static_cast<uint32_t>(ordinary.size() - 1));
+    const std::vector<std::pair<UlmarCommsTest::Bytes, UlmarCommsTest::Bytes>> cases = {
+        {ordinary, ordinary}, {duplicates, duplicates}, {localhost, localhost}, {largest, largest},
+        {counted, ordinary},  {uncounted, ordinary},    {shortSize, ordinary}};
+    // One at a time: a link's queue holds one frame of any size, not two.
+    uint32_t sentId = 1000;
+    uint32_t lastId = 0;
+    for (const auto& [sent, expected] : cases) {
+        ASSERT_TRUE(
+            sender.sendAll(rawFrame(DataFrame::FrameTypeMessage, static_cast<uint32_t>(sent.size()), ++sentId, sent)));
+        uint32_t id = 0;
+        UlmarCommsTest::Bytes payload;
+        ASSERT_TRUE(readMessagePayload(receiver, id, payload));
+        EXPECT_TRUE(payload == expected) << "a packet of " << sent.size() << " bytes changed on the way";
+        EXPECT_GT(id, lastId) << "frame ids are the receiving link's own";
+        EXPECT_LT(id, 1000u);
+        lastId = id;
     }
 }
 
