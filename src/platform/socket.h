@@ -47,6 +47,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <sys/uio.h>
 #include <vector>
 
 namespace UlmarCommsSystem {
@@ -286,6 +287,9 @@ public:
     // caller posts send() for whatever is left, and a failure then ends the
     // connection on a worker exactly as it would have without this attempt.
     unsigned trySend(const unsigned char* buffer, unsigned size);
+    // trySend() of count pieces in one system call, in order: the bytes
+    // taken, which may end inside any piece.
+    unsigned trySendv(const iovec* parts, int count);
     // Posts one receive into buffer (stream sockets).
     virtual unsigned char recv(unsigned char* buffer, unsigned size);
     // Takes the pending stream read off the selector for a thread that will

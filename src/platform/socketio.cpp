@@ -190,7 +190,15 @@ unsigned char Socket::send(unsigned char* buffer, unsigned size)
 
 unsigned Socket::trySend(const unsigned char* buffer, unsigned size)
 {
-    if (buffer == nullptr || size == 0 || getType() != SOCK_STREAM)
+    if (buffer == nullptr || size == 0)
+        return 0;
+    iovec part{const_cast<unsigned char*>(buffer), size};
+    return trySendv(&part, 1);
+}
+
+unsigned Socket::trySendv(const iovec* parts, int count)
+{
+    if (parts == nullptr || count <= 0 || getType() != SOCK_STREAM)
         return 0;
     int handle = BadSocketValue;
     {
@@ -206,9 +214,12 @@ unsigned Socket::trySend(const unsigned char* buffer, unsigned size)
     message("Doing send() on a socket.\n");
     // Outside the lock, so a worker receiving on this socket meanwhile is
     // not kept waiting; a close() meanwhile leaves the descriptor to it.
-    const ssize_t count = ::send(handle, buffer, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    msghdr header{};
+    header.msg_iov = const_cast<iovec*>(parts);
+    header.msg_iovlen = static_cast<size_t>(count);
+    const ssize_t sent = ::sendmsg(handle, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
     m_platform->endTransfer();
-    return count > 0 ? static_cast<unsigned>(count) : 0;
+    return sent > 0 ? static_cast<unsigned>(sent) : 0;
 }
 
 unsigned char Socket::recvFrom(unsigned char* buffer, unsigned size)
