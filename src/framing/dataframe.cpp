@@ -214,6 +214,16 @@ bool DataFrame::writeOut(unsigned char* destination, unsigned max, unsigned& cou
     return true;
 }
 
+bool DataFrame::unsent(const unsigned char*& data, unsigned& count) const
+{
+    const uint64_t total = uint64_t(m_dataSize) + HeaderSize;
+    if (m_frameType == FrameTypeNone || m_inPayload || total > m_capacity || m_progress > total)
+        return false;
+    data = m_buffer + m_progress;
+    count = static_cast<unsigned>(total - m_progress);
+    return true;
+}
+
 bool DataFrame::doneWriteOut(unsigned count)
 {
     m_progress += count;

@@ -122,6 +122,9 @@ public:
     // Copies the next unsent piece, at most max bytes, to destination;
     // progress does not move until doneWriteOut.
     bool writeOut(unsigned char* destination, unsigned max, unsigned& count);
+    // The unsent rest of a built frame, in place (for a gathering write);
+    // false for a frame that is not built. Progress moves by doneWriteOut.
+    bool unsent(const unsigned char*& data, unsigned& count) const;
     // Records count bytes as sent; true once the whole frame is out.
     bool doneWriteOut(unsigned count);
 

@@ -16,7 +16,9 @@
 // frames are dispatched); the outbound lock guards the queues, the frame being
 // written and the socket pointer. Lock order: inbound before outbound.
 //
-// Batching. onRecved dispatches a received block inside a WriteBatch
+// Batching. Frames ready together leave in one gathering write from their
+// own buffers (what the connection leaves over is copied for the selector).
+// onRecved dispatches a received block inside a WriteBatch
 // (writebatch.h): message frames queued on that thread meanwhile, on this
 // handler or any other, are written once per handler when the block ends.
 //
@@ -74,6 +76,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <sys/uio.h>
 #include <vector>
 
 namespace UlmarComms {
@@ -93,6 +96,10 @@ public:
     // A receive buffer up to this size is kept for the next frame; a larger
     // one is freed once its frame is dispatched.
     static constexpr unsigned KeptInboundBytes = 4 * DataFrame::InitialBufferSize;
+    // Frames one gathering write carries at most.
+    static constexpr int MaxWriteParts = 64;
+    // Bytes one gathering write offers at most (a larger current frame goes alone).
+    static constexpr uint64_t MaxWriteBytes = 256u * 1024u;
     // What the frame being received may hold at most: the largest frame.
     static constexpr uint64_t MaxInboundBytes = uint64_t(Limits::FramePayloadBytes) + DataFrame::HeaderSize +
         sizeof(DataFrame) + 2 * DataFrame::AllocationOverhead;
@@ -222,6 +229,16 @@ private:
     // Takes the next frame from the queues as the current one; false when
     // none is waiting (outbound lock held).
     bool pickNextFrame();
+    // The frame that would be written after the current one and the first
+    // batched ones, as one at a time would pick it; null when none waits.
+    DataFrame* frameAfterBatch(size_t batched) const;
+    // Moves next (from frameAfterBatch(batched)) into the batch behind the
+    // current frame unless it is there already (outbound lock held).
+    void joinSend(DataFrame* next, size_t batched);
+    // Points parts at the unsent rest of the current frame and whole frames
+    // behind it (at most MaxWriteParts and MaxWriteBytes); the bytes
+    // gathered, 0 when the current frame cannot be written (outbound lock held).
+    unsigned gatherOutbound(iovec* parts, int& count);
     // Copies the unsent rest of the current frame and whole frames that fit
     // behind it into the outbound buffer; the bytes copied (outbound lock held).
     unsigned fillOutboundBuffer();
@@ -234,6 +251,9 @@ private:
     // Returns frames of the last send that the socket took nothing of to the
     // heads of their queues (outbound lock held).
     void requeueUntouched();
+    // Returns the frames batched behind the current one to the heads of
+    // their queues, in order (outbound lock held).
+    void requeueBatched();
     // A frame to build an outbound frame in: a spare one, else a new one
     // (outbound lock held).
     DataFrame* createOutbound();

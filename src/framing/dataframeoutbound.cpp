@@ -1,5 +1,8 @@
 // Frame handler, outbound: the queues, the one frame in flight and the
-// asynchronous send that writes it, resumed where the socket stopped. A
+// asynchronous send that writes it, resumed where the socket stopped. Frames
+// ready together leave in one gathering write straight from their buffers
+// when the connection takes them at once; only what it leaves over is
+// copied into the outbound buffer for the selector to write. A
 // message frame queued while a WriteBatch is open on the calling thread
 // waits in the queue until the batch ends (writebatch.h).
 //
@@ -12,8 +15,10 @@
 #include "messaging/messageitem.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <new>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 namespace UlmarComms {
 
@@ -196,6 +201,53 @@ bool DataFrameHandler::pickNextFrame()
     return true;
 }
 
+DataFrame* DataFrameHandler::frameAfterBatch(size_t batched) const
+{
+    if (batched < m_batched.size())
+        return m_batched[batched];
+    if (!m_commandQueue.empty())
+        return m_commandQueue.front();
+    if (!m_messageQueue.empty())
+        return m_messageQueue.front();
+    return nullptr;
+}
+
+void DataFrameHandler::joinSend(DataFrame* next, size_t batched)
+{
+    if (batched < m_batched.size())
+        return; // chosen already by an earlier attempt
+    if (!m_commandQueue.empty() && next == m_commandQueue.front()) {
+        Core::verbose("DataFrameHandler::sendOutbound() Sending Command.\n");
+        m_commandQueue.pop_front();
+    } else {
+        Core::verbose("DataFrameHandler::sendOutbound() Sending message.\n");
+        m_messageQueue.pop_front();
+    }
+    m_batched.push_back(next);
+}
+
+unsigned DataFrameHandler::gatherOutbound(iovec* parts, int& count)
+{
+    count = 0;
+    const unsigned char* data = nullptr;
+    unsigned size = 0;
+    if (!m_pOutboundCurrentFrame->unsent(data, size) || size == 0)
+        return 0;
+    parts[count++] = iovec{const_cast<unsigned char*>(data), size};
+    uint64_t total = size;
+    // The frames behind it, in place and in the order one at a time would
+    // write them; bounded so one call never pins a large share of memory.
+    for (size_t batched = 0; count < MaxWriteParts && total < MaxWriteBytes; ++batched) {
+        DataFrame* next = frameAfterBatch(batched);
+        if (next == nullptr || !next->unsent(data, size) || size > MaxWriteBytes - total)
+            break;
+        joinSend(next, batched);
+        parts[count++] = iovec{const_cast<unsigned char*>(data), size};
+        total += size;
+    }
+    return static_cast<unsigned>(std::min<uint64_t>(total, UINT32_MAX));
+}
+
 unsigned DataFrameHandler::fillOutboundBuffer()
 {
     unsigned count = 0;
@@ -206,32 +258,14 @@ unsigned DataFrameHandler::fillOutboundBuffer()
     // Whole frames that still fit follow in the same send, chosen by the
     // same rule and in the same order as one at a time: the bytes on the
     // wire do not change, only how many system calls carry them.
-    size_t batched = 0;
-    while (true) {
-        DataFrame* next = nullptr;
-        if (batched < m_batched.size()) {
-            next = m_batched[batched];
-        } else if (!m_commandQueue.empty()) {
-            next = m_commandQueue.front();
-        } else if (!m_messageQueue.empty()) {
-            next = m_messageQueue.front();
-        }
+    for (size_t batched = 0;; ++batched) {
+        DataFrame* next = frameAfterBatch(batched);
         if (next == nullptr || next->wireSize() > m_outboundSize - count)
             break;
         unsigned written = 0;
         if (!next->writeOut(m_pOutboundBuffer + count, m_outboundSize - count, written))
             break;
-        if (batched == m_batched.size()) {
-            if (!m_commandQueue.empty() && next == m_commandQueue.front()) {
-                Core::verbose("DataFrameHandler::sendOutbound() Sending Command.\n");
-                m_commandQueue.pop_front();
-            } else {
-                Core::verbose("DataFrameHandler::sendOutbound() Sending message.\n");
-                m_messageQueue.pop_front();
-            }
-            m_batched.push_back(next);
-        }
-        ++batched;
+        joinSend(next, batched);
         count += written;
     }
     return count;
@@ -247,25 +281,33 @@ void DataFrameHandler::doSendOutboundData()
     Socket* socket = m_pSocket.load();
     if (socket == nullptr || m_outboundHeld)
         return; // the frame waits for the next socket
-    unsigned count = 0;
+    // Written here and now when the connection takes the bytes, straight
+    // from the frames and all in one system call: no copy, and no worker
+    // has to be woken to do it.
     while (true) {
-        count = fillOutboundBuffer();
-        if (count == 0) {
-            Core::log(Core::LogError,
-                      "DataFrameHandler::doSendOutboundData() this=%p writeOut on current frame failed.\n",
-                      static_cast<void*>(this));
-            return;
-        }
-        // Written here and now when the connection takes the bytes: no
-        // worker has to be woken to do it. Whatever it does not take goes
-        // through the selector as before, from where the socket stopped.
-        const unsigned taken = socket->trySend(m_pOutboundBuffer, count);
+        iovec parts[MaxWriteParts];
+        int count = 0;
+        const unsigned ready = gatherOutbound(parts, count);
+        if (ready == 0)
+            break;
+        const unsigned taken = socket->trySendv(parts, count);
         if (taken == 0)
             break;
         Core::verbose("DataFrameHandler::doSendOutboundData() this=%p Sent Bytes=%d \n", static_cast<void*>(this),
                       taken);
-        if (!completeSent(socket, m_pOutboundBuffer, taken, count))
+        if (!completeSent(socket, m_pOutboundBuffer, taken, ready))
             return;
+    }
+    // What the connection does not take goes through the selector, from
+    // where the socket stopped, copied into the outbound buffer. The batch
+    // is chosen again for the buffer: a posted send's batch is exactly the
+    // frames it carries.
+    requeueBatched();
+    const unsigned count = fillOutboundBuffer();
+    if (count == 0) {
+        Core::log(Core::LogError, "DataFrameHandler::doSendOutboundData() this=%p writeOut on current frame failed.\n",
+                  static_cast<void*>(this));
+        return;
     }
     const unsigned char error = socket->send(m_pOutboundBuffer, count);
     if (error != Socket::NoSocketError) {
@@ -320,6 +362,15 @@ void DataFrameHandler::requeueUntouched()
             m_batched.push_front(m_pOutboundCurrentFrame);
             m_pOutboundCurrentFrame = nullptr;
         }
+    } catch (...) {
+        return; // still current, and the batch behind it still follows it
+    }
+    requeueBatched();
+}
+
+void DataFrameHandler::requeueBatched()
+{
+    try {
         while (!m_batched.empty()) {
             DataFrame* frame = m_batched.back();
             auto& queue = frame->frameType() == DataFrame::FrameTypeCommand ? m_commandQueue : m_messageQueue;

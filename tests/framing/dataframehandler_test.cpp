@@ -29,6 +29,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
 #include <utility>
 #include <vector>
 
@@ -458,6 +459,38 @@ TEST_F(FrameLinkTest, FramesWaitingTogetherLeaveInTheOrderOneAtATimeWouldGive)
     const Bytes expected = commands + messages;
     Bytes received;
     ASSERT_TRUE(peer.readExactly(expected.size(), received));
+    EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
+    EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
+}
+
+// A small send buffer and a peer that reads a little at a time while frames
+// keep coming: writes end inside frames and between them, and gathered
+// writes resume where the socket stopped. Every frame arrives, in order.
+TEST_F(FrameLinkTest, GatheredWritesLoseNothingAndKeepOrderUnderPartialWrites)
+{
+    auto server = unixServer();
+    RawPeer peer;
+    Recorder* accepted = linkRawPeer(*server, peer);
+    ASSERT_NE(accepted, nullptr);
+    const int small = 4096;
+    ASSERT_EQ(setsockopt(accepted->socket()->getHandle(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
+
+    Bytes expected;
+    Bytes received;
+    for (unsigned i = 0; i < 1500; ++i) {
+        const MessageRef message = makeMessage("m" + std::to_string(i), (i * 37) % 1500);
+        ASSERT_TRUE(accepted->addToOutbound(message.get()));
+        append(expected, messageFrame(i + 1, message.get()));
+        if (i % 10 == 9) {
+            Bytes piece;
+            const size_t want = std::min<size_t>(4000, expected.size() - received.size());
+            ASSERT_TRUE(peer.readExactly(want, piece));
+            append(received, piece);
+        }
+    }
+    Bytes rest;
+    ASSERT_TRUE(peer.readExactly(expected.size() - received.size(), rest));
+    append(received, rest);
     EXPECT_TRUE(received == expected) << "the bytes on the wire differ from the frames built";
     EXPECT_TRUE(waitUntil([&] { return accepted->queuedFrames() == 0; }, kDeadline));
 }
