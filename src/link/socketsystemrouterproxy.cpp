@@ -196,7 +196,7 @@ void SocketSystemRouterProxy::doHandleMessage(MessageItem* item)
                   static_cast<void*>(this));
 }
 
-int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)
+int SocketSystemRouterProxy::waitForInput(int wakeHandle)
 {
     UlmarCommsSystem::SocketWait wait;
     {
@@ -212,9 +212,9 @@ int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)
     if (wait.handle() < 0)
         return InputUnsupported;
     pollfd waits[2] = {{wait.handle(), POLLIN, 0}, {wakeHandle, POLLIN, 0}};
-    const int ready = ::poll(waits, 2, static_cast<int>(ms));
-    if (ready == 0)
-        return InputTaken;
+    // No time-out: input, the link's end (its release shuts it down) or a
+    // kick on wakeHandle is what the worker waits for.
+    ::poll(waits, 2, -1);
     if ((waits[1].revents & POLLIN) != 0) {
         uint64_t count = 0;
         ssize_t drained = ::read(wakeHandle, &count, sizeof(count));
@@ -231,14 +231,6 @@ int SocketSystemRouterProxy::waitForInput(unsigned ms, int wakeHandle)
     else
         link->returnRead(); // woken: the worker has work and the selector reads again
     return InputDone;
-}
-
-void SocketSystemRouterProxy::releaseInput()
-{
-    UlmarCommsSystem::SocketReaper::Section section;
-    UlmarCommsSystem::SocketHold hold = holdSocket();
-    if (Socket* link = hold.socket())
-        link->returnRead();
 }
 
 void SocketSystemRouterProxy::doHandleCommand(unsigned char code, const std::string& text)

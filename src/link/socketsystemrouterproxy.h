@@ -93,9 +93,7 @@ public:
     void doHandleMessage(MessageItem* item) override;
     // The idle router worker waits for the link itself and completes what
     // arrives on its own thread; see ISystemRouter.
-    int waitForInput(unsigned ms, int wakeHandle) override;
-    // Hands a read the worker left taken back to the selector.
-    void releaseInput() override;
+    int waitForInput(int wakeHandle) override;
     // Uses socket for the link.
     void setSocket(Socket* socket) override;
 

@@ -1,5 +1,11 @@
 // The router, its queue and its worker.
 //
+// Every hand-over to the worker and back (kicks, stopping, a remove waiting
+// for a delivery) either sets state the waiter checks under its condition's
+// own mutex, or writes the eventfd that ends its wait for the link's input,
+// so no wake-up can be lost and every wait is without a time-out: an idle
+// process's router does not wake at all.
+//
 // Delivery runs on the router's one worker thread; the table lock is never
 // held while a pump's handler or the system router is called (only the pump's
 // own innermost lock may be taken under it, to read its interface names), so
@@ -27,8 +33,6 @@ namespace {
 // The table's first capacity; it then doubles, so that adding N pumps copies
 // O(N) entries in all (a fixed step would copy O(N^2)).
 const unsigned kTableGrowth = 10;
-// The longest an idle worker sleeps; a kick normally ends the wait at once.
-const unsigned kWorkerWaitMs = 5;
 
 // What remove() waits on: the worker has left the pump.
 struct DeliveryWait {
@@ -95,8 +99,7 @@ MessageRouterWorker::MessageRouterWorker(MessageRouter* router)
       m_inInputWait(false),
       m_usingSystemRouter(false),
       m_releaseWaiters(0),
-      m_releases(0),
-      m_inputTaken(false)
+      m_releases(0)
 {
 }
 
@@ -198,24 +201,11 @@ bool MessageRouterWorker::waitForInput()
     }
     enterSystemRouter();
     ISystemRouter* systemRouter = m_pRouter->systemRouter();
-    const int done = systemRouter != nullptr ? systemRouter->waitForInput(kWorkerWaitMs, m_wakeHandle)
-                                             : ISystemRouter::InputUnsupported;
+    const int done =
+        systemRouter != nullptr ? systemRouter->waitForInput(m_wakeHandle) : ISystemRouter::InputUnsupported;
     leaveSystemRouter();
     m_inInputWait = false;
-    if (done == ISystemRouter::InputUnsupported)
-        return false;
-    m_inputTaken = done == ISystemRouter::InputTaken;
-    return true;
-}
-
-void MessageRouterWorker::releaseInput()
-{
-    m_inputTaken = false;
-    enterSystemRouter();
-    ISystemRouter* systemRouter = m_pRouter->systemRouter();
-    if (systemRouter != nullptr)
-        systemRouter->releaseInput();
-    leaveSystemRouter();
+    return done != ISystemRouter::InputUnsupported;
 }
 
 bool MessageRouterWorker::hasPendingWork(void* worker)
@@ -246,17 +236,12 @@ unsigned MessageRouterWorker::run()
             if (waitForInput())
                 continue;
             pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
-            m_condition.timedWaitUnless(kWorkerWaitMs, &MessageRouterWorker::hasPendingWork, this);
+            m_condition.waitUnless(&MessageRouterWorker::hasPendingWork, this);
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
             continue;
         }
-        // Busy from here: the link's usual readers take over again.
-        if (m_inputTaken)
-            releaseInput();
         deliver(std::move(message));
     }
-    if (m_inputTaken)
-        releaseInput();
     m_pRouter->m_workerThread = std::thread::id();
     return 1;
 }
@@ -308,12 +293,6 @@ MessageRouter::~MessageRouter()
         worker->stopSoon();
         worker->kill();
         worker->waitToFinish();
-        // Killed idle, it may have left the link's read taken: the link's
-        // usual readers get it back (the system router outlives its routers).
-        if (worker->leftInputTaken()) {
-            if (ISystemRouter* systemRouter = m_pSystemRouter.load())
-                systemRouter->releaseInput();
-        }
         delete worker;
     }
     if (s_pMaster == this)
@@ -471,7 +450,9 @@ bool MessageRouter::remove(MessagePump* pump)
         }
     }
     if (!found) {
-        Core::log(Core::LogWarning, "MessageRouter::remove( %s ) Failed to remove message pump from routing table.\n",
+        Core::log(Core::LogWarning,
+                  "MessageRouter::remove( %s ) Failed to remove message pump from "
+                  "routing table.\n",
                   pump->address());
         return false;
     }
@@ -506,9 +487,11 @@ void MessageRouter::waitForDeliveryToEnd(MessagePump* pump)
     if (onWorkerThread())
         return;
     DeliveryWait wait{&m_pDelivering, pump};
+    // Counted before the check under the condition's mutex, so the worker
+    // clearing the pump after the check sees us and broadcasts.
     ++m_removeWaiters;
     while (!deliveryLeftPump(&wait))
-        m_deliveryDone.timedWaitUnless(kWorkerWaitMs, &deliveryLeftPump, &wait);
+        m_deliveryDone.waitUnless(&deliveryLeftPump, &wait);
     --m_removeWaiters;
 }
 
@@ -613,8 +596,10 @@ bool MessageRouter::passToSystemRouter(MessageRef message)
                       static_cast<void*>(this));
         return true;
     }
-    Core::log(Core::LogWarning, "MessageRouter::post( %p ) this=%p Failed to pass on message to system router\n", shown,
-              static_cast<void*>(this));
+    Core::log(Core::LogWarning,
+              "MessageRouter::post( %p ) this=%p Failed to pass on message to "
+              "system router\n",
+              shown, static_cast<void*>(this));
     return false;
 }
 
@@ -646,14 +631,23 @@ bool MessageRouter::processMessage(MessageRef message)
     }
     if (pump == nullptr) {
         Core::log(Core::LogWarning,
-                  "MessageRouter::processMessage( %p ) this=%p Unable to find message pump to route message to.\n",
+                  "MessageRouter::processMessage( %p ) this=%p Unable to find "
+                  "message pump to route message to.\n",
                   shown, static_cast<void*>(this));
         return false;
     }
+    // Ended however the handler leaves (an exception, a cancellation): a
+    // remove() waiting for this pump has no time-out to notice it otherwise.
+    struct DeliveryEnd {
+        MessageRouter* router;
+        ~DeliveryEnd()
+        {
+            router->m_pDelivering = nullptr;
+            if (router->m_removeWaiters.load() > 0)
+                router->m_deliveryDone.broadcastLocked();
+        }
+    } ending{this};
     pump->handleMessage(std::move(message));
-    m_pDelivering = nullptr;
-    if (m_removeWaiters.load() > 0)
-        m_deliveryDone.broadcastLocked();
     return true;
 }
 

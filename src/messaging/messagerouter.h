@@ -57,18 +57,15 @@ public:
     // What waitForInput did.
     enum InputWait {
         InputUnsupported = -1, // no input to wait for: the worker waits on its condition
-        InputDone = 0, // input completed here, or woken: nothing left taken
-        InputTaken = 1 // timed out; the link's read stays taken until releaseInput
+        InputDone = 0 // input completed here, or woken: nothing left taken
     };
     // Lets an idle router worker wait for the link's input itself, so that a
     // message arriving for this process is read and delivered on the worker
-    // without first waking it from another thread. Waits at most ms for
-    // input, or for wakeHandle (an eventfd, drained here) to be signalled;
-    // input is completed on the calling thread. The default has no input.
-    virtual int waitForInput(unsigned, int) { return InputUnsupported; }
-    // Hands a read left taken by waitForInput back to the link's usual
-    // readers, before the worker gets busy.
-    virtual void releaseInput() {}
+    // without first waking it from another thread. Waits, with no time-out,
+    // for input, for the link to end, or for wakeHandle (an eventfd, drained
+    // here) to be signalled; input is completed on the calling thread. The
+    // default has no input.
+    virtual int waitForInput(int) { return InputUnsupported; }
 };
 
 // A process router as the system router sees it.
@@ -141,15 +138,11 @@ public:
     // Returns once the worker no longer uses the system router it read
     // before the caller replaced it (woken by the worker, not polled).
     void waitUntilSystemRouterReleased();
-    // Whether the worker ended with a link read taken (after it was joined).
-    bool leftInputTaken() const { return m_inputTaken; }
     ~MessageRouterWorker() override;
 
 private:
     // Waits idle for the system router's input; false when it has none.
     bool waitForInput();
-    // Gives back a link read left taken by the last input wait.
-    void releaseInput();
     // Ends an input wait at once.
     void wakeInputWait();
     // Marks the start of a call into the system router.
@@ -185,8 +178,6 @@ private:
     uint64_t m_releases;
     // Signalled after m_releases changes.
     std::condition_variable m_released;
-    // The last input wait timed out with the link's read taken (worker only).
-    bool m_inputTaken;
 };
 
 // One entry of a router's table: a pump and its parsed address.

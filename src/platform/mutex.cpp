@@ -151,6 +151,17 @@ bool ConditionValue::timedWait(unsigned ms)
 
 bool ConditionValue::timedWaitUnless(unsigned ms, bool (*ready)(void* context), void* context)
 {
+    const struct timespec deadline = normalisedDeadlineAfter(ms);
+    return waitUnlessBefore(&deadline, ready, context);
+}
+
+bool ConditionValue::waitUnless(bool (*ready)(void* context), void* context)
+{
+    return waitUnlessBefore(nullptr, ready, context);
+}
+
+bool ConditionValue::waitUnlessBefore(const struct timespec* deadline, bool (*ready)(void* context), void* context)
+{
     if (!m_valid)
         return false;
     if (pthread_mutex_lock(&m_mutex) != 0)
@@ -158,8 +169,8 @@ bool ConditionValue::timedWaitUnless(unsigned ms, bool (*ready)(void* context), 
     UnlockOnExit unlock(&m_mutex);
     if (ready != nullptr && ready(context))
         return true;
-    const struct timespec deadline = normalisedDeadlineAfter(ms);
-    const int waited = pthread_cond_timedwait(&m_cond, &m_mutex, &deadline);
+    const int waited = deadline != nullptr ? pthread_cond_timedwait(&m_cond, &m_mutex, deadline)
+                                           : pthread_cond_wait(&m_cond, &m_mutex);
     return waited == 0 || waited == ETIMEDOUT;
 }
 

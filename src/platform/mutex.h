@@ -75,6 +75,9 @@ public:
     // wait. Its deadline is carried into the seconds, so it really waits at
     // any moment. Cancellation inside the wait leaves the mutex released.
     bool timedWaitUnless(unsigned ms, bool (*ready)(void* context), void* context);
+    // timedWaitUnless without a time-out: returns once ready(context) holds
+    // under the condition's mutex or a broadcastLocked() wakes the wait.
+    bool waitUnless(bool (*ready)(void* context), void* context);
     // broadcast() once the condition's mutex has been taken and released
     // (the waker's half of timedWaitUnless).
     bool broadcastLocked();
@@ -82,6 +85,9 @@ public:
     bool isValid() const { return m_valid; }
 
 private:
+    // The predicate wait of both: until deadline, or untimed when it is null.
+    bool waitUnlessBefore(const struct timespec* deadline, bool (*ready)(void* context), void* context);
+
     pthread_mutex_t m_mutex;
     pthread_mutexattr_t m_attr;
     pthread_cond_t m_cond;

@@ -396,8 +396,9 @@ unsigned SystemRouter::run()
         }
         if (!message) {
             // The queue is checked again under the condition's own mutex, so
-            // a post between the pop above and this wait is not slept through.
-            m_wakeUp.timedWaitUnless(5, &SystemRouter::hasQueuedMessages, this);
+            // a post between the pop above and this wait is not slept through
+            // and the wait needs no time-out: an idle router sleeps.
+            m_wakeUp.waitUnless(&SystemRouter::hasQueuedMessages, this);
             continue;
         }
         Core::message("SystemRouter::Run()\n");

@@ -193,6 +193,36 @@ TEST(ConditionValuePredicate, ReadyBeforeWaitingReturnsWithoutWaiting)
     EXPECT_TRUE(condition.timedWaitUnless(0, nullptr, nullptr));
 }
 
+TEST(ConditionValuePredicate, AnUntimedWaitEndsOnTheOneBroadcastThatFollowsTheChange)
+{
+    // The routers' idle waits have no time-out: a single broadcastLocked
+    // after the state changed must end the wait wherever the waiter is.
+    ConditionValue condition;
+    std::atomic<bool> ready{true};
+    EXPECT_TRUE(condition.waitUnless(&readFlag, &ready));
+    for (int round = 0; round < 200; ++round) {
+        ready = false;
+        std::atomic<bool> done{false};
+        std::thread waiter([&] {
+            while (!ready.load())
+                condition.waitUnless(&readFlag, &ready);
+            done = true;
+        });
+        ready = true;
+        condition.broadcastLocked();
+        const bool ended = waitUntil([&] { return done.load(); });
+        EXPECT_TRUE(ended) << "round " << round;
+        // A lost wake-up is reported above; more broadcasts let the thread go.
+        waitUntil([&] {
+            condition.broadcastLocked();
+            return done.load();
+        });
+        waiter.join();
+        if (!ended)
+            return;
+    }
+}
+
 TEST(ConditionValuePredicate, BroadcastLockedWaitsWhileTheWaiterChecks)
 {
     // While the predicate runs the waiter holds the condition's mutex, so a
