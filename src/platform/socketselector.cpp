@@ -129,7 +129,8 @@ void SocketSelector::stop()
         if (write(m_wakeHandle, &one, sizeof(one)) < 0)
             Socket::log(Core::LogError, "SocketSelector::Stop() Unable to wake the workers errno=%d\n", errno);
     }
-    // Without the wake-up the workers still leave within one wait time-out.
+    // Workers without timers wait for this wake-up; the write fails only on
+    // a full counter, which wakes them just the same.
     for (SocketSelectorWorker* worker : m_workers) {
         worker->waitToFinish();
         delete worker;
@@ -173,9 +174,14 @@ void SocketSelectorWorker::stop()
 unsigned SocketSelectorWorker::run()
 {
     const int maxEvents = m_pSelector->getMaxEvents();
-    const int timeout = m_pSelector->getTimeout() == 0 ? 100 : m_pSelector->getTimeout();
     SocketTimeout* timers = SocketTimeout::instance();
     const bool captured = timers->capture();
+    // Only the worker that runs the timers (and the periodic chores below)
+    // wakes on its own; the others sleep until an event, a reap kick or the
+    // stop wake-up, when both of those eventfds exist.
+    int timeout = m_pSelector->getTimeout() == 0 ? 100 : m_pSelector->getTimeout();
+    if (!captured && m_pSelector->wakesWorkers())
+        timeout = -1;
     if (captured)
         Socket::message("SocketSelectorWorker() this=%p Get to capture the timer object.\n", static_cast<void*>(this));
     else
@@ -232,8 +238,9 @@ void SocketSelectorWorker::loop(int maxEvents, int timeout, bool timers)
             SocketTimeout::instance()->handle();
         // Between turns this worker is in no section, so it may destroy.
         SocketReaper::reap();
-        // Workers wake at least every half second (the wait time-out), so a log text
-        // that went quiet after a burst is still summarised.
+        // The timer worker wakes at least every half second (the wait
+        // time-out), so a log text that went quiet after a burst is still
+        // summarised.
         Core::flushLogSummaries();
         Socket::flushLogSummaries();
         // Memory a cleared backlog freed goes back to the system.

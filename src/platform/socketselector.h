@@ -108,6 +108,9 @@ public:
     int getMaxEvents() const { return m_maxEvents; }
     // The wait time-out in milliseconds (500).
     int getTimeout() const { return m_timeout; }
+    // Whether stop() and the reaper can wake every idle worker, so that the
+    // workers without timers may wait without a time-out.
+    bool wakesWorkers() const { return m_wakeHandle >= 0 && m_reapHandle >= 0; }
     // Workers whose thread started.
     unsigned workerCount() const { return static_cast<unsigned>(m_workers.size()); }
 
