@@ -1,5 +1,5 @@
-// The indexed routing table; see routingtable.h for why the two indexes
-// give the same best entry as a scan of the whole table.
+// The indexed routing table; see core/pathindex.h for why its index gives
+// the same best entry as a scan of the whole table.
 #include "service/routingtable.h"
 
 namespace UlmarCommsService {
@@ -8,25 +8,6 @@ using UlmarComms::Address;
 using UlmarComms::IMessageRouter;
 
 namespace {
-
-// ASCII lower case, as the case-insensitive comparison of names folds it.
-char folded(char c)
-{
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-// The folded key of the first count names.
-std::string keyOf(const std::vector<std::string>& parts, size_t count)
-{
-    std::string key;
-    for (size_t i = 0; i < count; ++i) {
-        if (i != 0)
-            key += '/';
-        for (char c : parts[i])
-            key += folded(c);
-    }
-    return key;
-}
 
 RoutingEntry* first(const RoutingTable::Ordered& entries)
 {
@@ -50,108 +31,32 @@ RoutingTable::~RoutingTable()
     clear();
 }
 
-bool RoutingTable::Bucket::hasOtherOwner(unsigned uid) const
-{
-    if (owners.size() > 1)
-        return true;
-    return owners.size() == 1 && owners.begin()->first != uid;
-}
-
-RoutingEntry* RoutingTable::Bucket::firstNotOwnedBy(unsigned uid) const
-{
-    if (!hasOtherOwner(uid))
-        return nullptr;
-    for (const auto& [sequence, entry] : entries) {
-        if (entry->owner != uid)
-            return entry;
-    }
-    return nullptr;
-}
-
-std::vector<std::string> RoutingTable::prefixKeys(const std::vector<std::string>& parts)
-{
-    std::vector<std::string> keys;
-    keys.reserve(parts.size());
-    std::string key;
-    for (size_t i = 0; i < parts.size(); ++i) {
-        if (i != 0)
-            key += '/';
-        for (char c : parts[i])
-            key += folded(c);
-        keys.push_back(key);
-    }
-    return keys;
-}
-
-void RoutingTable::insert(Index& index, const std::string& key, RoutingEntry* entry)
-{
-    Bucket& bucket = index[key];
-    // New entries have the highest number, so the hint makes this constant.
-    bucket.entries.emplace_hint(bucket.entries.end(), entry->sequence, entry);
-    ++bucket.owners[entry->owner];
-}
-
-void RoutingTable::drop(Index& index, const std::string& key, const RoutingEntry* entry)
-{
-    auto found = index.find(key);
-    if (found == index.end())
-        return;
-    Bucket& bucket = found->second;
-    bucket.entries.erase(entry->sequence);
-    auto owner = bucket.owners.find(entry->owner);
-    if (owner != bucket.owners.end() && --owner->second == 0)
-        bucket.owners.erase(owner);
-    if (bucket.entries.empty())
-        index.erase(found);
-}
-
-const RoutingTable::Bucket* RoutingTable::bucket(const Index& index, const std::string& key)
-{
-    auto found = index.find(key);
-    return found == index.end() ? nullptr : &found->second;
-}
-
 void RoutingTable::index(RoutingEntry* entry)
 {
-    const std::vector<std::string> keys = prefixKeys(entry->address.parts());
-    for (const std::string& key : keys)
-        insert(m_under, key, entry);
-    insert(m_exact, keys.empty() ? std::string() : keys.back(), entry);
+    m_paths.insert(entry->address.parts(), entry->sequence, entry, entry->owner);
 }
 
 void RoutingTable::unindex(const RoutingEntry* entry)
 {
-    const std::vector<std::string> keys = prefixKeys(entry->address.parts());
-    for (const std::string& key : keys)
-        drop(m_under, key, entry);
-    drop(m_exact, keys.empty() ? std::string() : keys.back(), entry);
+    m_paths.erase(entry->address.parts(), entry->sequence, entry->owner);
 }
 
 RoutingEntry* RoutingTable::best(const Address& address) const
 {
-    const std::vector<std::string>& parts = address.parts();
-    if (parts.empty())
+    if (address.parts().empty())
         return first(m_ordered);
-    const std::vector<std::string> keys = prefixKeys(parts);
-    if (const Bucket* under = bucket(m_under, keys.back()))
-        return first(under->entries);
-    // Shorter entries, longest first; the entries without names last.
-    for (size_t names = parts.size() - 1; names > 0; --names) {
-        if (const Bucket* exact = bucket(m_exact, keys[names - 1]))
-            return first(exact->entries);
-    }
-    const Bucket* unnamed = bucket(m_exact, std::string());
-    return unnamed != nullptr ? first(unnamed->entries) : nullptr;
+    return m_paths.best(address.parts());
 }
 
 RoutingEntry* RoutingTable::firstEqual(const Address& address) const
 {
-    const Bucket* exact = bucket(m_exact, keyOf(address.parts(), address.parts().size()));
+    const std::vector<std::string> keys = UlmarComms::foldedPrefixKeys(address.parts());
+    const Paths::Bucket* exact = m_paths.exact(keys.empty() ? std::string() : keys.back());
     if (exact == nullptr)
         return nullptr;
-    for (const auto& [sequence, entry] : exact->entries) {
-        if (entry->address == address)
-            return entry;
+    for (const auto& [sequence, tagged] : exact->entries) {
+        if (tagged.first->address == address)
+            return tagged.first;
     }
     return nullptr;
 }
@@ -167,13 +72,15 @@ RoutingEntry* RoutingTable::firstMatchNotOwnedBy(const Address& address, unsigne
         }
         return nullptr;
     }
-    const std::vector<std::string> keys = prefixKeys(parts);
-    if (const Bucket* under = bucket(m_under, keys.back()))
-        found = under->firstNotOwnedBy(uid);
+    // Entries that begin with the whole query, and entries whose whole path
+    // is a shorter run of it (or empty): the earliest not owned by uid.
+    const std::vector<std::string> keys = UlmarComms::foldedPrefixKeys(parts);
+    if (const Paths::Bucket* under = m_paths.under(keys.back()))
+        found = under->firstNotTagged(uid);
     for (size_t names = 0; names < parts.size(); ++names) {
-        const Bucket* exact = bucket(m_exact, names == 0 ? std::string() : keys[names - 1]);
+        const Paths::Bucket* exact = m_paths.exact(names == 0 ? std::string() : keys[names - 1]);
         if (exact != nullptr)
-            found = earlier(found, exact->firstNotOwnedBy(uid));
+            found = earlier(found, exact->firstNotTagged(uid));
     }
     return found;
 }
@@ -248,8 +155,7 @@ void RoutingTable::clear()
     for (const auto& [sequence, entry] : m_ordered)
         delete entry;
     m_ordered.clear();
-    m_under.clear();
-    m_exact.clear();
+    m_paths.clear();
     m_byRouter.clear();
 }
 

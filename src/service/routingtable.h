@@ -3,24 +3,15 @@
 //
 // The table order (order of first registration) decides ties, so every entry
 // carries a sequence number and the table is a map ordered by it. Beside it,
-// two indexes by case-folded path (names lower-cased in ASCII, joined by "/";
-// names never hold "/"): "under" lists, for every leading run of names of
-// every entry, the entries that begin with it; "exact" lists the entries
-// whose whole path it is. Each list is ordered by sequence number and counts
-// its entries per owner.
-//
-// Why this is enough for the best match: an entry matches a query of k names
-// with score k exactly when it begins with those k names, and with a score
-// s < k exactly when its whole path is the query's first s names. So the best
-// entry is the first of "under" for the whole query, else the first of
-// "exact" for the longest shorter run, down to the entries without names
-// (score 0). A query without names matches every entry with score 0: the
-// first of the table.
+// a path index (core/pathindex.h) keyed by sequence number and tagged with
+// each entry's owner finds the best entry, and the first one another user
+// owns, without walking the table.
 //
 // Not thread-safe: the system router holds its table lock around every call.
 #pragma once
 
 #include "core/address.h"
+#include "core/pathindex.h"
 
 #include <cstdint>
 #include <map>
@@ -83,29 +74,14 @@ public:
     void clear();
 
 private:
-    // Entries of one index key, in table order, and how many each user owns.
-    struct Bucket {
-        Ordered entries;
-        std::unordered_map<unsigned, size_t> owners;
-        // Whether an entry is owned by another user than uid.
-        bool hasOtherOwner(unsigned uid) const;
-        // The first entry owned by another user than uid, or null.
-        RoutingEntry* firstNotOwnedBy(unsigned uid) const;
-    };
-    using Index = std::unordered_map<std::string, Bucket>;
-
-    // The folded keys of the leading runs of parts: keys[i] holds i+1 names.
-    static std::vector<std::string> prefixKeys(const std::vector<std::string>& parts);
-    static void insert(Index& index, const std::string& key, RoutingEntry* entry);
-    static void drop(Index& index, const std::string& key, const RoutingEntry* entry);
-    static const Bucket* bucket(const Index& index, const std::string& key);
-    // Adds entry to, or takes it from, both indexes.
+    // Adds entry to, or takes it from, the path index.
     void index(RoutingEntry* entry);
     void unindex(const RoutingEntry* entry);
 
+    using Paths = UlmarComms::PathIndex<RoutingEntry>;
+
     Ordered m_ordered;
-    Index m_under;
-    Index m_exact;
+    Paths m_paths;
     std::unordered_map<UlmarComms::IMessageRouter*, std::unordered_set<RoutingEntry*>> m_byRouter;
     uint64_t m_nextSequence = 0;
 };
