@@ -18,7 +18,6 @@
 #include "messaging/commandmessage.h"
 #include "messaging/messagepump.h"
 
-#include <cstring>
 #include <cxxabi.h>
 #include <new>
 #include <pthread.h>
@@ -29,10 +28,6 @@
 namespace UlmarComms {
 
 namespace {
-
-// The table's first capacity; it then doubles, so that adding N pumps copies
-// O(N) entries in all (a fixed step would copy O(N^2)).
-const unsigned kTableGrowth = 10;
 
 // What remove() waits on: the worker has left the pump.
 struct DeliveryWait {
@@ -265,14 +260,7 @@ void MessageRouterWorker::deliver(MessageRef message)
 MessageRouter* MessageRouter::s_pMaster = nullptr;
 
 MessageRouter::MessageRouter()
-    : m_pSystemRouter(nullptr),
-      m_pWorker(nullptr),
-      m_workerThread(),
-      m_entries(new MessageRouterEntry*[kTableGrowth]()),
-      m_count(0),
-      m_capacity(kTableGrowth),
-      m_pDelivering(nullptr),
-      m_removeWaiters(0)
+    : m_pSystemRouter(nullptr), m_pWorker(nullptr), m_workerThread(), m_pDelivering(nullptr), m_removeWaiters(0)
 {
 }
 
@@ -297,10 +285,7 @@ MessageRouter::~MessageRouter()
     }
     if (s_pMaster == this)
         s_pMaster = nullptr;
-    for (unsigned i = 0; i < m_count; ++i)
-        delete m_entries[i];
-    delete[] m_entries;
-    // m_queue's destructor releases the messages still queued.
+    // m_table frees its entries, m_queue's destructor releases the messages still queued.
 }
 
 bool MessageRouter::setSystemRouter(ISystemRouter* systemRouter)
@@ -403,19 +388,8 @@ bool MessageRouter::add(MessagePump* pump)
         UlmarCommsSystem::MutexLocker announcing(m_announceLock);
         {
             UlmarCommsSystem::MutexLocker table(m_tableLock);
-            if (m_count == m_capacity) {
-                const unsigned capacity = m_capacity * 2;
-                MessageRouterEntry** grown = new (std::nothrow) MessageRouterEntry*[capacity]();
-                if (grown == nullptr)
-                    return false;
-                std::memcpy(grown, m_entries, sizeof(MessageRouterEntry*) * m_count);
-                delete[] m_entries;
-                m_entries = grown;
-                m_capacity = capacity;
-            }
-            m_entries[m_count] = new MessageRouterEntry{Address(pump->address()), pump};
-            m_slots.emplace(pump, m_count); // a pump added twice keeps its first slot
-            ++m_count;
+            if (!m_table.add(pump, Address(pump->address())))
+                return false;
         }
         announce(CommandMessage::AddMessagePump, pump->address());
         if (!pump->interfaceNames().empty())
@@ -435,44 +409,15 @@ bool MessageRouter::remove(MessagePump* pump)
         UlmarCommsSystem::MutexLocker announcing(m_announceLock);
         announce(CommandMessage::RemoveMessagePump, pump->address());
         UlmarCommsSystem::MutexLocker table(m_tableLock);
-        const unsigned slot = slotOf(pump);
-        if (slot < m_count) {
-            // The table's order is not kept: the last entry takes the slot.
-            MessageRouterEntry* removed = m_entries[slot];
-            MessageRouterEntry* moved = m_entries[m_count - 1];
-            m_entries[slot] = moved;
-            m_entries[--m_count] = nullptr;
-            auto it = moved != removed ? m_slots.find(moved->pump) : m_slots.end();
-            if (it != m_slots.end() && it->second == m_count)
-                it->second = slot;
-            delete removed;
-            found = true;
-        }
+        found = m_table.remove(pump);
     }
     if (!found) {
-        Core::log(Core::LogWarning,
-                  "MessageRouter::remove( %s ) Failed to remove message pump from "
-                  "routing table.\n",
+        Core::log(Core::LogWarning, "MessageRouter::remove( %s ) Failed to remove message pump from routing table.\n",
                   pump->address());
         return false;
     }
     waitForDeliveryToEnd(pump);
     return true;
-}
-
-unsigned MessageRouter::slotOf(const MessagePump* pump)
-{
-    auto it = m_slots.find(pump);
-    if (it != m_slots.end()) {
-        const unsigned slot = it->second;
-        m_slots.erase(it);
-        return slot;
-    }
-    // A second entry of a pump added twice has no index of its own.
-    for (unsigned i = 0; i < m_count; ++i)
-        if (m_entries[i]->pump == pump)
-            return i;
-    return m_count;
 }
 
 bool MessageRouter::onWorkerThread() const
@@ -513,22 +458,6 @@ bool MessageRouter::changeInterfaceNames(MessagePump* pump, const char* names)
     }
 }
 
-MessagePump* MessageRouter::findLocked(const Address& target)
-{
-    MessagePump* best = nullptr;
-    int bestScore = -1;
-    for (unsigned i = 0; i < m_count; ++i) {
-        int score = 0;
-        // Only a strictly higher score replaces the kept entry: ties go to
-        // the earlier one.
-        if (m_entries[i]->address.match(target, score) && score > bestScore) {
-            bestScore = score;
-            best = m_entries[i]->pump;
-        }
-    }
-    return best;
-}
-
 MessagePump* MessageRouter::findTargetMessagePump(const char* to)
 {
     try {
@@ -539,7 +468,7 @@ MessagePump* MessageRouter::findTargetMessagePump(const char* to)
             return nullptr;
         }
         UlmarCommsSystem::MutexLocker table(m_tableLock);
-        return findLocked(target);
+        return m_table.best(target);
     } catch (...) {
         return nullptr;
     }
@@ -548,20 +477,17 @@ MessagePump* MessageRouter::findTargetMessagePump(const char* to)
 unsigned MessageRouter::numberOfPumps()
 {
     UlmarCommsSystem::MutexLocker table(m_tableLock);
-    return m_count;
+    return m_table.size();
 }
 
 void MessageRouter::releasePumps()
 {
     UlmarCommsSystem::MutexLocker table(m_tableLock);
-    for (unsigned i = 0; i < m_count; ++i) {
-        if (m_entries[i]->pump->m_pRouter == this)
-            m_entries[i]->pump->m_pRouter = nullptr;
-        delete m_entries[i];
-        m_entries[i] = nullptr;
+    for (unsigned i = 0; i < m_table.size(); ++i) {
+        if (m_table.at(i)->m_pRouter == this)
+            m_table.at(i)->m_pRouter = nullptr;
     }
-    m_count = 0;
-    m_slots.clear();
+    m_table.clear();
 }
 
 bool MessageRouter::post(MessageRef message)
@@ -596,10 +522,8 @@ bool MessageRouter::passToSystemRouter(MessageRef message)
                       static_cast<void*>(this));
         return true;
     }
-    Core::log(Core::LogWarning,
-              "MessageRouter::post( %p ) this=%p Failed to pass on message to "
-              "system router\n",
-              shown, static_cast<void*>(this));
+    Core::log(Core::LogWarning, "MessageRouter::post( %p ) this=%p Failed to pass on message to system router\n", shown,
+              static_cast<void*>(this));
     return false;
 }
 
@@ -631,8 +555,7 @@ bool MessageRouter::processMessage(MessageRef message)
     }
     if (pump == nullptr) {
         Core::log(Core::LogWarning,
-                  "MessageRouter::processMessage( %p ) this=%p Unable to find "
-                  "message pump to route message to.\n",
+                  "MessageRouter::processMessage( %p ) this=%p Unable to find message pump to route message to.\n",
                   shown, static_cast<void*>(this));
         return false;
     }
@@ -666,8 +589,8 @@ bool MessageRouter::sendRoutingTableToSystemRouter()
         {
             UlmarCommsSystem::MutexLocker table(m_tableLock);
             // The first pump added is deliberately not re-announced.
-            for (unsigned i = 1; i < m_count; ++i) {
-                MessagePump* pump = m_entries[i]->pump;
+            for (unsigned i = 1; i < m_table.size(); ++i) {
+                MessagePump* pump = m_table.at(i);
                 const bool hasInterfaces = !pump->interfaceNames().empty();
                 pumps.emplace_back(pump->address(), hasInterfaces ? interfaceText(pump) : std::string());
             }

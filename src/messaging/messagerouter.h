@@ -10,6 +10,7 @@
 #include "core/address.h"
 #include "core/byteaccount.h"
 #include "messaging/messageitem.h"
+#include "messaging/pumptable.h"
 #include "platform/mutex.h"
 #include "platform/thread.h"
 
@@ -20,7 +21,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 
 namespace UlmarComms {
@@ -180,14 +180,6 @@ private:
     std::condition_variable m_released;
 };
 
-// One entry of a router's table: a pump and its parsed address.
-struct MessageRouterEntry {
-    // The pump's address as parsed when it joined.
-    Address address;
-    // The pump (not owned).
-    MessagePump* pump;
-};
-
 // The per-process router: table of pumps, queue and worker.
 //
 // Threads: application threads call add, remove, changeInterfaceNames and
@@ -265,8 +257,6 @@ private:
     MessageRef nextMessage();
     // Hands a message with no local pump to the system router.
     bool passToSystemRouter(MessageRef message);
-    // Best entry for target; caller holds the table lock.
-    MessagePump* findLocked(const Address& target);
     // The text of an interface announcement: address ":" interface list.
     static std::string interfaceText(MessagePump* pump);
     // Sends one command when a system router is set.
@@ -277,9 +267,6 @@ private:
     void waitForWorkerToLeaveSystemRouter();
     // Whether the calling thread is this router's worker.
     bool onWorkerThread() const;
-    // Takes pump's slot out of the index; m_count when it has none (table
-    // lock held).
-    unsigned slotOf(const MessagePump* pump);
 
     std::atomic<ISystemRouter*> m_pSystemRouter;
     // Guarded by the queue lock; posts test it where they push.
@@ -288,12 +275,8 @@ private:
     // (always on the worker) must not wait for the worker, nor need a kick.
     std::atomic<std::thread::id> m_workerThread;
     UlmarCommsSystem::Mutex m_tableLock;
-    MessageRouterEntry** m_entries;
-    unsigned m_count;
-    unsigned m_capacity;
-    // Each pump's slot in m_entries, so that removing one costs the same
-    // however many there are; guarded by the table lock.
-    std::unordered_map<const MessagePump*, unsigned> m_slots;
+    // The pumps; guarded by the table lock.
+    PumpTable m_table;
     UlmarCommsSystem::Mutex m_queueLock;
     MessageQueue m_queue;
     // Serialises announcements so the system router hears them in table
