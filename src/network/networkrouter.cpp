@@ -470,6 +470,25 @@ bool NetworkRouter::post(const std::string& host, MessageRef item)
     });
 }
 
+// The host's link, if it is up, under the router lock alone: the same lock
+// post takes to find it, so a link found here is as alive as one found there.
+INetworkRouter::LinkedPost NetworkRouter::postIfLinked(const std::string& host, MessageRef& item)
+{
+    if (!item)
+        return LinkedPost::NotLinked;
+    MutexLocker locker(m_lock);
+    NetworkRouterRoutingTableEntry* entry = getConnectionByHost(host);
+    if (entry == nullptr || entry->m_pConnection == nullptr)
+        return LinkedPost::NotLinked;
+    // The frame holds a copy: item is released on return, queued or not.
+    MessageRef taken(std::move(item));
+    if (entry->m_pConnection->addToOutbound(taken.get()))
+        return LinkedPost::Posted;
+    Core::log(Core::LogError, "NetworkRouter::post( %p ) Failed to queue the message for host '%s'\n",
+              static_cast<void*>(taken.get()), host.c_str());
+    return LinkedPost::Refused;
+}
+
 bool NetworkRouter::post(const std::string& host, unsigned char code, const char* text)
 {
     return withConnection(host, [&](NetworkRouterConnection* connection) {

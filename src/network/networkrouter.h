@@ -9,9 +9,11 @@
 // opened lazily, by the first post for a host, and are owned by the interface
 // they run on; the table only points at them.
 //
-// Threads. post comes from the system router's thread, the queries from the
-// service's router worker, start and stop from the thread that starts and
-// stops the service; infoAboutHost from the discovery socket's receive
+// Threads. post comes from the system router's thread, postIfLinked from
+// whichever thread routes a message for a host (selector workers, the
+// service's router worker, the system router's thread), the queries from
+// the service's router worker, start and stop from the thread that starts
+// and stops the service; infoAboutHost from the discovery socket's receive
 // callback and routingTableNewConnection / removeConnection from connection
 // callbacks, all on selector worker threads. One recursive lock guards the
 // host names and the routing table while they are read or changed; nothing
@@ -95,6 +97,16 @@ public:
     virtual void removeConnection(NetworkRouterConnection*) {}
     // The system router that takes what arrives from other hosts, or null.
     virtual ISystemRouter* getSystemRouter() { return nullptr; }
+    // What postIfLinked did.
+    enum class LinkedPost {
+        NotLinked, // no live link to the host yet: the message is still the caller's
+        Posted, // a copy was queued on the link; the message was released
+        Refused, // the link did not take the copy (logged); the message was released
+    };
+    // Queues a copy of a message on the host's live link, if it has one,
+    // without opening a link or taking the connect lock, so any thread may
+    // call it.
+    virtual LinkedPost postIfLinked(const std::string&, MessageRef&) { return LinkedPost::NotLinked; }
 };
 
 class NetworkRouter : public INetworkRouter {
@@ -118,6 +130,7 @@ public:
     NetworkRouter& operator=(const NetworkRouter&) = delete;
 
     bool post(const std::string& host, MessageRef item) override;
+    LinkedPost postIfLinked(const std::string& host, MessageRef& item) override;
     bool post(const std::string& host, unsigned char code, const char* text) override;
     bool getHostsSupportingInterfaces(const char* from, const char* sender, const char* interfaces,
                                       const char* match) override;

@@ -10,7 +10,9 @@
 // which posts back here under its own lock.
 // Messages that cannot be delivered at once are queued for the router's own
 // thread ("system router" thread), which makes the full routing decision and
-// answers undeliverable requests with error 400.
+// answers undeliverable requests with error 400. A message for another host
+// whose link is up skips the queue when nothing waits in it (see
+// passToLinkedHost).
 //
 // Who owns which name. Every entry remembers the user of the router that
 // added it: the peer of a link, or this service's own user for a router in
@@ -146,6 +148,9 @@ private:
     // A message that would go back over the link it came from: a request
     // is answered with error 400, anything else dropped.
     void refuseCirculating(UlmarComms::MessageRef message, const char* to, unsigned uid);
+    // Passes a message for another host straight to its live link when no
+    // queued message could be overtaken; false leaves it to the queue.
+    bool passToLinkedHost(UlmarComms::MessageRef& message, const char* to);
     // Charges a message about to be queued to the account its link names;
     // false (logged) when a bound refuses it, and the message is dropped.
     bool chargeHeld(UlmarComms::IMessageRouter* link, const UlmarComms::MessageRef& message, const char* to,
@@ -158,6 +163,9 @@ private:
     UlmarComms::MessageQueue m_queue;
     // What each queued message costs its sender's account, in queue order.
     std::deque<UlmarComms::ByteCharge> m_queueCharges;
+    // The thread has taken a message off the queue and may still be routing
+    // it (queue lock): messages for other hosts then queue behind it.
+    bool m_routingQueued = false;
     UlmarComms::SystemRouterMessagePump* m_pSystemRouterMessagePump;
     std::vector<UlmarComms::IRealSystemRouterLinkServer*> m_linkServers;
     // Attached by the service start-up while queries may already be asked.
