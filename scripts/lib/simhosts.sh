@@ -25,7 +25,7 @@ SIM_CLI_BIN="$SIM_BUILD_DIR/tools/ulmarcomms"
 SIM_NETBENCH_BIN="$SIM_BUILD_DIR/bench/ulmarcomms-netbench"
 
 sim_cleanup() {
-  local host pid
+  local status=$? host pid
   for pid in "${SIM_CHILDREN[@]}"; do
     kill -TERM "$pid" 2>/dev/null || true
   done
@@ -39,7 +39,12 @@ sim_cleanup() {
   for ns in "${SIM_NETNS[@]}"; do
     ip netns del "$ns" 2>/dev/null || true
   done
-  rm -rf "$SIM_LOGS"
+  # A failed run keeps the daemons' logs: they say why a link ended.
+  if [ "$status" -eq 0 ]; then
+    rm -rf "$SIM_LOGS"
+  else
+    echo "$(basename "$0"): the daemons' logs are kept in $SIM_LOGS" >&2
+  fi
 }
 trap sim_cleanup EXIT
 trap 'exit 130' INT TERM
