@@ -28,4 +28,15 @@ std::vector<std::string> foldedPrefixKeys(const std::vector<std::string>& parts)
     return keys;
 }
 
+void foldKey(const std::vector<std::string>& parts, std::string& key)
+{
+    key.clear();
+    for (size_t i = 0; i < parts.size(); ++i) {
+        if (i != 0)
+            key += '/';
+        for (char c : parts[i])
+            key += folded(c);
+    }
+}
+
 } // namespace UlmarComms

@@ -33,6 +33,8 @@ namespace UlmarComms {
 
 // The folded keys of the leading runs of parts: keys[i] holds i+1 names.
 std::vector<std::string> foldedPrefixKeys(const std::vector<std::string>& parts);
+// The folded key of all of parts, written into key (its old text is lost).
+void foldKey(const std::vector<std::string>& parts, std::string& key);
 
 template <typename Entry> class PathIndex {
 public:
@@ -107,15 +109,22 @@ template <typename Entry> Entry* PathIndex<Entry>::best(const std::vector<std::s
 {
     if (parts.empty())
         return nullptr;
-    const std::vector<std::string> keys = foldedPrefixKeys(parts);
-    if (const Bucket* all = under(keys.back()))
+    // Every message is looked up, so the key lives in one buffer per thread
+    // and a lookup allocates nothing once the buffer has held the longest
+    // path. Names never hold "/", so cutting the key at its last "/" leaves
+    // the key of one name fewer.
+    thread_local std::string key;
+    foldKey(parts, key);
+    if (const Bucket* all = under(key))
         return all->first();
     // Shorter entries, longest first; the entries without names last.
     for (size_t names = parts.size() - 1; names > 0; --names) {
-        if (const Bucket* whole = exact(keys[names - 1]))
+        key.resize(key.rfind('/'));
+        if (const Bucket* whole = exact(key))
             return whole->first();
     }
-    const Bucket* unnamed = exact(std::string());
+    key.clear();
+    const Bucket* unnamed = exact(key);
     return unnamed != nullptr ? unnamed->first() : nullptr;
 }
 
